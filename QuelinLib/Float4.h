@@ -1,0 +1,111 @@
+#pragma once
+// Four-lane float for hot paths: SSE on x86-64, plain arrays elsewhere.
+#include <cmath>
+#include <cstdint>
+#if defined(__SSE4_1__) || defined(__x86_64__) || defined(_M_X64)
+#include <immintrin.h>
+#define QUELIN_FLOAT4_SSE 1
+#endif
+
+namespace Quelin {
+
+#if QUELIN_FLOAT4_SSE
+struct Int4;
+
+/// Four floats in one SSE register. Comparisons give lane masks (all bits set
+/// or clear) that `select` consumes; no lane branches.
+struct Float4 {
+    __m128 v;
+    Float4() : v(_mm_setzero_ps()) {}
+    Float4(__m128 x) : v(x) {}
+    Float4(float s) : v(_mm_set1_ps(s)) {}
+    Float4(float a, float b, float c, float d) : v(_mm_setr_ps(a, b, c, d)) {}
+    static Float4 load(float const* p) { return _mm_loadu_ps(p); }
+    void store(float* p) const { _mm_storeu_ps(p, v); }
+    float operator[](int i) const { alignas(16) float t[4]; _mm_store_ps(t, v); return t[i]; }
+    float x() const { return _mm_cvtss_f32(v); }
+
+    friend Float4 operator+(Float4 a, Float4 b) { return _mm_add_ps(a.v, b.v); }
+    friend Float4 operator-(Float4 a, Float4 b) { return _mm_sub_ps(a.v, b.v); }
+    friend Float4 operator*(Float4 a, Float4 b) { return _mm_mul_ps(a.v, b.v); }
+    friend Float4 operator/(Float4 a, Float4 b) { return _mm_div_ps(a.v, b.v); }
+    friend Float4 operator-(Float4 a) { return _mm_xor_ps(a.v, _mm_set1_ps(-0.f)); }
+    Float4& operator+=(Float4 b) { v = _mm_add_ps(v, b.v); return *this; }
+    Float4& operator*=(Float4 b) { v = _mm_mul_ps(v, b.v); return *this; }
+    friend Float4 operator<(Float4 a, Float4 b) { return _mm_cmplt_ps(a.v, b.v); }
+    friend Float4 operator<=(Float4 a, Float4 b) { return _mm_cmple_ps(a.v, b.v); }
+    friend Float4 operator>(Float4 a, Float4 b) { return _mm_cmpgt_ps(a.v, b.v); }
+    friend Float4 operator>=(Float4 a, Float4 b) { return _mm_cmpge_ps(a.v, b.v); }
+    friend Float4 operator&(Float4 a, Float4 b) { return _mm_and_ps(a.v, b.v); }
+    friend Float4 operator|(Float4 a, Float4 b) { return _mm_or_ps(a.v, b.v); }
+    /// Bit mask of the lanes whose sign bit is set (comparison results).
+    int mask() const { return _mm_movemask_ps(v); }
+};
+
+inline Float4 min(Float4 a, Float4 b) { return _mm_min_ps(a.v, b.v); }
+inline Float4 max(Float4 a, Float4 b) { return _mm_max_ps(a.v, b.v); }
+inline Float4 abs(Float4 a) { return _mm_andnot_ps(_mm_set1_ps(-0.f), a.v); }
+inline Float4 sqrt(Float4 a) { return _mm_sqrt_ps(a.v); }
+/// mask ? a : b, lane by lane.
+inline Float4 select(Float4 mask, Float4 a, Float4 b) {
+    return _mm_or_ps(_mm_and_ps(mask.v, a.v), _mm_andnot_ps(mask.v, b.v));
+}
+inline Float4 floor(Float4 a) {
+#if defined(__SSE4_1__)
+    return _mm_floor_ps(a.v);
+#else
+    // Truncate, then step down where truncation rounded up (negative non-integers).
+    __m128 const t = _mm_cvtepi32_ps(_mm_cvttps_epi32(a.v));
+    return _mm_sub_ps(t, _mm_and_ps(_mm_cmpgt_ps(t, a.v), _mm_set1_ps(1.f)));
+#endif
+}
+inline Float4 madd(Float4 a, Float4 b, Float4 c) { return a * b + c; }
+inline float horizontalSum(Float4 a) {
+    __m128 s = _mm_add_ps(a.v, _mm_movehl_ps(a.v, a.v));
+    s = _mm_add_ss(s, _mm_shuffle_ps(s, s, 1));
+    return _mm_cvtss_f32(s);
+}
+
+/// Four 32-bit integers.
+struct Int4 {
+    __m128i v;
+    Int4() : v(_mm_setzero_si128()) {}
+    Int4(__m128i x) : v(x) {}
+    Int4(int s) : v(_mm_set1_epi32(s)) {}
+    Int4(int a, int b, int c, int d) : v(_mm_setr_epi32(a, b, c, d)) {}
+    int operator[](int i) const { alignas(16) int t[4]; _mm_store_si128(reinterpret_cast<__m128i*>(t), v); return t[i]; }
+    friend Int4 operator+(Int4 a, Int4 b) { return _mm_add_epi32(a.v, b.v); }
+    friend Int4 operator-(Int4 a, Int4 b) { return _mm_sub_epi32(a.v, b.v); }
+    friend Int4 operator&(Int4 a, Int4 b) { return _mm_and_si128(a.v, b.v); }
+    friend Int4 operator|(Int4 a, Int4 b) { return _mm_or_si128(a.v, b.v); }
+    friend Int4 operator^(Int4 a, Int4 b) { return _mm_xor_si128(a.v, b.v); }
+    friend Int4 operator==(Int4 a, Int4 b) { return _mm_cmpeq_epi32(a.v, b.v); }
+    Int4 shiftLeft(int n) const { return _mm_slli_epi32(v, n); }
+    Int4 shiftRight(int n) const { return _mm_srai_epi32(v, n); }
+};
+inline Int4 toInt4Truncate(Float4 a) { return _mm_cvttps_epi32(a.v); }
+inline Float4 toFloat4(Int4 a) { return _mm_cvtepi32_ps(a.v); }
+inline Float4 asFloat4(Int4 a) { return _mm_castsi128_ps(a.v); }
+inline Int4 asInt4(Float4 a) { return _mm_castps_si128(a.v); }
+
+#else
+// Portable fallback with the same interface.
+struct Float4 {
+    float l[4];
+    Float4() : l{0, 0, 0, 0} {}
+    Float4(float s) : l{s, s, s, s} {}
+    Float4(float a, float b, float c, float d) : l{a, b, c, d} {}
+    static Float4 load(float const* p) { return {p[0], p[1], p[2], p[3]}; }
+    void store(float* p) const { for (int i = 0; i < 4; ++i) p[i] = l[i]; }
+    float operator[](int i) const { return l[i]; }
+    float x() const { return l[0]; }
+#define QF4_OP(op) friend Float4 operator op(Float4 a, Float4 b) { return {a.l[0] op b.l[0], a.l[1] op b.l[1], a.l[2] op b.l[2], a.l[3] op b.l[3]}; }
+    QF4_OP(+) QF4_OP(-) QF4_OP(*) QF4_OP(/)
+#undef QF4_OP
+    friend Float4 operator-(Float4 a) { return {-a.l[0], -a.l[1], -a.l[2], -a.l[3]}; }
+    Float4& operator+=(Float4 b) { return *this = *this + b; }
+    Float4& operator*=(Float4 b) { return *this = *this * b; }
+};
+#endif
+
+} // namespace Quelin
