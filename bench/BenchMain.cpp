@@ -1,0 +1,67 @@
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <vector>
+
+#include "BenchRatios.h"
+#include "Ferrim/Ferrim.h"
+
+namespace FerrimBench {
+namespace {
+struct Ratio {
+    std::string name, target;
+    std::function<std::optional<double>(Results const&)> compute;
+};
+std::vector<Ratio>& ratios() {
+    static std::vector<Ratio> r;
+    return r;
+}
+
+/// Console output as usual, plus the time per item of every run for the ratios.
+class CollectingReporter : public benchmark::ConsoleReporter {
+public:
+    explicit CollectingReporter(Results& results) : mResults(results) {}
+    void ReportRuns(std::vector<Run> const& runs) override {
+        ConsoleReporter::ReportRuns(runs);
+        for (auto const& run : runs) {
+            if (run.error_occurred || run.run_type != Run::RT_Iteration) continue;
+            double const seconds = run.GetAdjustedRealTime() * benchmark::GetTimeUnitMultiplier(run.time_unit);
+            double perItem = seconds;
+            if (auto it = run.counters.find("items_per_second"); it != run.counters.end() && it->second.value > 0)
+                perItem = 1.0 / it->second.value;
+            mResults.record(run.benchmark_name(), perItem);
+        }
+    }
+
+private:
+    Results& mResults;
+};
+} // namespace
+
+std::optional<double> Results::secondsPerItem(std::string const& name) const {
+    auto it = mSeconds.find(name);
+    if (it == mSeconds.end()) return std::nullopt;
+    return it->second;
+}
+
+bool addRatio(std::string name, std::string target, std::function<std::optional<double>(Results const&)> compute) {
+    ratios().push_back({std::move(name), std::move(target), std::move(compute)});
+    return true;
+}
+
+} // namespace FerrimBench
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    Quelin::Ferrim::startup();
+    FerrimBench::Results results;
+    FerrimBench::CollectingReporter reporter(results);
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    for (auto const& r : FerrimBench::ratios()) {
+        if (auto v = r.compute(results)) std::printf("ratio %s %.4g (target %s)\n", r.name.c_str(), *v, r.target.c_str());
+    }
+    benchmark::Shutdown();
+    Quelin::Ferrim::shutdown();
+    return 0;
+}

@@ -1,0 +1,37 @@
+#pragma once
+// Sub-commands of the `ferrim` program, each in its own source.
+#include <CLI/CLI.hpp>
+#include <functional>
+
+#include "QuelinLib/Base.h"
+
+namespace FerrimTool {
+
+/// Thrown by a command to end the program with one error line and exit code 1.
+struct CommandError {
+    Quelin::String message;
+};
+
+/// A sub-command adds its options to `app` and returns what runs it.
+void addTypesCommand(CLI::App& app);
+void addRenderCommand(CLI::App& app);
+/// `ferrim tonemap` and `ferrim unmap`.
+void addColorCommands(CLI::App& app);
+
+/// A one-line progress bar on standard error; quiet when not a terminal and CI is set.
+class ProgressBar {
+public:
+    explicit ProgressBar(Quelin::String label);
+    ~ProgressBar();
+    /// Thread-safe; `fraction` in [0, 1].
+    void update(double fraction);
+    void finish();
+
+private:
+    Quelin::String mLabel;
+    Quelin::Mutex mMutex;
+    int mShown = -1;
+    bool mFinished = false;
+};
+
+} // namespace FerrimTool
