@@ -1,11 +1,27 @@
 #include "QuelinLib/Json.h"
 
+#include <charconv>
+#include <cmath>
+#include <cstdlib>
+
 namespace Quelin {
 
 using nlohmann::json;
 
 namespace {
-json floats(std::initializer_list<float> v) { return json(std::vector<float>(v)); }
+/// The shortest decimal that reads back as the same float, so files show
+/// 1.1 rather than 1.100000023841858 and still round-trip exactly.
+json floatJson(float v) {
+    if (!std::isfinite(v)) return json(double(v));
+    char buf[32];
+    auto const r = std::to_chars(buf, buf + sizeof buf, v);
+    return json(std::strtod(String(buf, r.ptr).c_str(), nullptr));
+}
+json floats(std::initializer_list<float> v) {
+    json a = json::array();
+    for (float x : v) a.push_back(floatJson(x));
+    return a;
+}
 
 Expected<std::vector<float>> readFloats(json const& j, std::size_t n, String const& what) {
     if (!j.is_array() || j.size() != n) return makeError(what + " expects an array of " + std::to_string(n) + " numbers");
@@ -22,7 +38,7 @@ json toJson(PropertyValue const& value, TypeDefinition const& type) {
     switch (type.getValueType()) {
     case ValueType::Bool: return std::get<bool>(value);
     case ValueType::Int: return std::get<int>(value);
-    case ValueType::Float: return std::get<float>(value);
+    case ValueType::Float: return floatJson(std::get<float>(value));
     case ValueType::Color: {
         auto const& c = std::get<Rgb>(value);
         return floats({c.r, c.g, c.b});
@@ -39,7 +55,7 @@ json toJson(PropertyValue const& value, TypeDefinition const& type) {
         auto const& t = std::get<AffineTm>(value);
         json a = json::array();
         for (auto const& row : t.m)
-            for (float x : row) a.push_back(x);
+            for (float x : row) a.push_back(floatJson(x));
         return a;
     }
     case ValueType::String:

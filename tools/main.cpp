@@ -1,1 +1,38 @@
-int main() { return 0; }
+// The `ferrim` program: previews of map graphs, tone mapping of HDR images,
+// colour unmapping and the registered data types.
+#include <cstdio>
+
+#include "Commands.h"
+#include "Ferrim/Ferrim.h"
+
+int main(int argc, char** argv) {
+    CLI::App app{"ferrim: previews of shading maps, colour mapping of images and the library's data types.\n"
+                 "Without a command it renders the embedded demo scene."};
+    app.require_subcommand(0, 1);
+    FerrimTool::addTypesCommand(app);
+    FerrimTool::addRenderCommand(app);
+    FerrimTool::addColorCommands(app);
+
+    Quelin::Ferrim::startup();
+    int code = 0;
+    try {
+        if (argc <= 1) {
+            // The main job: render the demo scene with default options.
+            char const* args[] = {argv[0], "render"};
+            app.parse(2, const_cast<char**>(args));
+        } else {
+            app.parse(argc, argv);
+        }
+    } catch (CLI::ParseError const& e) {
+        code = app.exit(e);
+        if (code != 0) code = 1;
+    } catch (FerrimTool::CommandError const& e) {
+        std::fprintf(stderr, "ferrim: error: %s\n", e.message.c_str());
+        code = 1;
+    } catch (std::exception const& e) {
+        std::fprintf(stderr, "ferrim: error: %s\n", e.what());
+        code = 1;
+    }
+    Quelin::Ferrim::shutdown();
+    return code;
+}

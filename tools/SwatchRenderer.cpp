@@ -1,0 +1,209 @@
+#include "SwatchRenderer.h"
+
+#include <atomic>
+#include <cmath>
+#include <tbb/parallel_for.h>
+
+#include "Ferrim/UvMapper.h"
+
+using namespace Quelin;
+
+namespace FerrimTool {
+
+namespace {
+
+/// A shading point on a swatch: what a renderer would know at a hit.
+struct SwatchPoint {
+    Pos uvw;
+    Dir dUvw;
+    Pos position;   ///< world = object space here
+    Dir normal{0, 0, 1};
+    Dir dpdu{1, 0, 0}, dpdv{0, 1, 0};
+    Dir view{0, 0, -1};
+    float footprint = 0;
+    Pixel pixel, imageSize;
+};
+
+class SwatchShadeContext final : public NullShadeContext {
+public:
+    explicit SwatchShadeContext(SwatchPoint const& p) : mP(p) {}
+    Matrix33 getBumpBase(int) const override { return Matrix33::fromColumns(mP.dpdu, mP.dpdv, mP.normal); }
+    Pos getUvw(int, std::uint32_t) const override { return mP.uvw; }
+    Dir getDUvw(int) const override { return mP.dUvw; }
+    Dir getDpDu(int) const override { return mP.dpdu; }
+    Dir getDpDv(int) const override { return mP.dpdv; }
+    PrecisePos getPosition() const override { return {mP.position.x, mP.position.y, mP.position.z}; }
+    Pos getObjectPosition() const override { return mP.position; }
+    Dir getNormal() const override { return mP.normal; }
+    Dir getGeometricNormal() const override { return mP.normal; }
+    Dir getObjectNormal() const override { return mP.normal; }
+    Dir getViewDirection() const override { return mP.view; }
+    float getPositionFootprint() const override { return mP.footprint; }
+    AffineTm getObjectToWorld() const override { return AffineTm::identity(); }
+    AffineTm getWorldToCamera() const override { return AffineTm::identity(); }
+    bool isBackFace() const override { return false; }
+    int getFaceIndex() const override { return 0; }
+    RayKind getRayKind() const override { return RayKind::Camera; }
+    ShadedKind getShadedKind() const override { return ShadedKind::Surface; }
+    int getRayDepth() const override { return 0; }
+    bool wantsFilteredLookup() const override { return true; }
+    float getTime() const override { return 0.f; }
+    Pixel getPixel() const override { return mP.pixel; }
+    Pixel getImageSize() const override { return mP.imageSize; }
+    BoundingBox<Pos> getObjectBbox() const override {
+        BoundingBox<Pos> b;
+        b.include(Pos(-1, -1, -1));
+        b.include(Pos(1, 1, 1));
+        return b;
+    }
+    BoundingBox<Pos> getSceneBbox() const override { return getObjectBbox(); }
+    Vector2 generateRandom2() const override {
+        // Hash of the pixel: repeatable renders.
+        std::uint32_t h = std::uint32_t(mP.pixel.x) * 0x9E3779B1u ^ std::uint32_t(mP.pixel.y) * 0x85EBCA77u;
+        h ^= h >> 15;
+        h *= 0x2C1B3C6Du;
+        h ^= h >> 12;
+        return {float(h & 0xFFFF) / 65536.f, float(h >> 16) / 65536.f};
+    }
+    Rgb colorUnMap(Rgb const& color, Flags<ColorMappingExclude>) const override { return color; }
+
+private:
+    SwatchPoint const& mP;
+};
+
+/// What one swatch evaluates: a map's evaluator or a slot's.
+struct SwatchEvaluator {
+    SharedPtr<IMapEvaluator> map;
+    Optional<MaterialMapSlot::Evaluator> slot;
+
+    RgbAlpha color(IShadeContext const& c) const {
+        if (map) return map->evalColor(c, nullptr);
+        return RgbAlpha(slot->evalColor(c, nullptr), 1.f);
+    }
+    Dir bump(IShadeContext const& c) const { return map ? map->evalBump(c, nullptr) : Dir(); }
+};
+
+// A key light from the upper left and a little fill, so spheres read as 3-D.
+Dir const LIGHT = normalize(Dir(-0.5f, 0.6f, 0.8f));
+float shade(Dir const& n) { return 0.15f + 0.85f * std::max(0.f, dot(n, LIGHT)); }
+
+/// Fills the point for cell coordinates (x, y) in [0, 1] (y down); false on background.
+bool makePoint(Swatch const& s, float x, float y, float pixelSize, SwatchPoint& p) {
+    if (s.shape == SwatchShape::Plane) {
+        float const u = x * s.tiling, v = (1.f - y) * s.tiling;
+        p.uvw = Pos(u, v, 0);
+        p.position = Pos(u, v, 0);
+        p.normal = Dir(0, 0, 1);
+        p.dpdu = Dir(1, 0, 0);
+        p.dpdv = Dir(0, 1, 0);
+        p.dUvw = Dir(pixelSize * s.tiling, pixelSize * s.tiling, 0);
+        p.footprint = pixelSize * s.tiling;
+        return true;
+    }
+    // Orthographic unit sphere filling 90% of the cell.
+    float const r = 0.45f;
+    float const sx = (x - 0.5f) / r, sy = (0.5f - y) / r;
+    float const d2 = sx * sx + sy * sy;
+    if (d2 > 1.f) return false;
+    float const sz = std::sqrt(1.f - d2);
+    p.normal = Dir(sx, sy, sz);
+    p.position = Pos(sx, sy, sz);
+    // Longitude/latitude UVs: u runs twice as fast so texels stay square.
+    float const lon = std::atan2(sx, sz), lat = std::asin(clamp(sy, -1.f, 1.f));
+    float const cu = 2.f * s.tiling, cv = s.tiling;
+    p.uvw = Pos((lon / TWO_PI + 0.5f) * cu, (lat / PI + 0.5f) * cv, 0);
+    float const cl = std::cos(lat);
+    // dP/du and dP/dv of that parametrisation.
+    p.dpdu = Dir(cl * std::cos(lon), 0, -cl * std::sin(lon)) * (TWO_PI / cu);
+    p.dpdv = Dir(-std::sin(lat) * std::sin(lon), cl, -std::sin(lat) * std::cos(lon)) * (PI / cv);
+    float const worldPixel = pixelSize / r;
+    float const lu = std::max(length(p.dpdu), 1e-4f), lv = std::max(length(p.dpdv), 1e-4f);
+    // Grazing angles stretch the footprint; cap it so the poles stay sane.
+    float const stretch = 1.f / std::max(sz, 0.05f);
+    p.dUvw = Dir(std::min(worldPixel * stretch / lu, 1.f), std::min(worldPixel * stretch / lv, 1.f), 0);
+    p.footprint = worldPixel * stretch;
+    return true;
+}
+
+} // namespace
+
+std::pair<int, int> gridOf(Scene const& scene) {
+    int const n = int(scene.swatches.size());
+    int cols = scene.columns > 0 ? scene.columns : int(std::ceil(std::sqrt(double(n))));
+    cols = std::max(1, std::min(cols, n));
+    int const rows = (n + cols - 1) / cols;
+    return {cols, rows};
+}
+
+LinearImage renderScene(Scene const& scene, int width, int height, std::function<void(double)> const& progress) {
+    LinearImage image;
+    image.width = width;
+    image.height = height;
+    image.rgba.assign(std::size_t(width) * std::size_t(height) * 4, 0.f);
+
+    // Evaluators are built once, before any pixel.
+    Stack<SwatchEvaluator> evaluators;
+    for (auto const& s : scene.swatches) {
+        SwatchEvaluator e;
+        if (s.map) e.map = s.map->getEvaluatorImpl().evaluator;
+        else e.slot.emplace(*s.slot);
+        evaluators.push_back(std::move(e));
+    }
+
+    auto const [cols, rows] = gridOf(scene);
+    int const cellW = std::max(1, width / cols), cellH = std::max(1, height / rows);
+    int const side = std::max(1, int(std::lround(std::sqrt(double(scene.samples)))));
+    std::atomic<int> rowsDone{0};
+
+    tbb::parallel_for(tbb::blocked_range<int>(0, height, 4), [&](tbb::blocked_range<int> const& range) {
+        SwatchPoint p;
+        p.imageSize = Pixel(width, height);
+        for (int y = range.begin(); y != range.end(); ++y) {
+            int const row = y / cellH;
+            for (int x = 0; x < width; ++x) {
+                int const col = x / cellW;
+                int const index = row * cols + col;
+                float* out = &image.rgba[(std::size_t(y) * std::size_t(width) + std::size_t(x)) * 4];
+                Rgb sum;
+                if (col >= cols || row >= rows || index >= int(scene.swatches.size())) {
+                    out[0] = scene.background.r, out[1] = scene.background.g, out[2] = scene.background.b, out[3] = 1.f;
+                    continue;
+                }
+                Swatch const& s = scene.swatches[std::size_t(index)];
+                SwatchEvaluator const& e = evaluators[std::size_t(index)];
+                p.pixel = Pixel(x, y);
+                float const pixelSize = 1.f / float(std::min(cellW, cellH));
+                for (int sy = 0; sy < side; ++sy) {
+                    for (int sx = 0; sx < side; ++sx) {
+                        // Stratified samples at the strata centres.
+                        float const fx = (float(x - col * cellW) + (float(sx) + 0.5f) / float(side)) / float(cellW);
+                        float const fy = (float(y - row * cellH) + (float(sy) + 0.5f) / float(side)) / float(cellH);
+                        if (!makePoint(s, fx, fy, pixelSize, p)) {
+                            sum += scene.background;
+                            continue;
+                        }
+                        SwatchShadeContext const context(p);
+                        Rgb c;
+                        if (s.bump) {
+                            Dir const n = normalize(p.normal + e.bump(context));
+                            c = Rgb(0.7f) * shade(n);
+                        } else {
+                            RgbAlpha const v = e.color(context);
+                            float const lit = s.shape == SwatchShape::Sphere ? shade(p.normal) : 1.f;
+                            float const a = clamp(v.alpha, 0.f, 1.f);
+                            c = v.rgb() * lit * a + scene.background * (1.f - a);
+                        }
+                        sum += c;
+                    }
+                }
+                Rgb const avg = sum / float(side * side);
+                out[0] = avg.r, out[1] = avg.g, out[2] = avg.b, out[3] = 1.f;
+            }
+            int const done = ++rowsDone;
+            if (progress && (done % 16 == 0 || done == height)) progress(double(done) / double(height));
+        }
+    });
+    return image;
+}
+
+} // namespace FerrimTool
