@@ -13,12 +13,63 @@ public:
     virtual void visit(StringView key, int& value) = 0;
     virtual void visit(StringView key, Variant<Rgb, float>& value) = 0;
     virtual void visit(StringView key, EntityHolder<IMap>& value) = 0;
+    /// An enumeration stored as its int value; forms that can show labels
+    /// (JSON) use the labels of `type`.
+    virtual void visitEnum(StringView key, int& value, TypeDefinition const& type) {
+        (void)type;
+        visit(key, value);
+    }
+};
+
+/// Writes the visited fields as members of a JSON object (colours as arrays,
+/// enumerations by label, maps inline with their class, an empty map as null).
+class FERRIM_EXPORT JsonWriteVisitor : public SerializationVisitor {
+public:
+    explicit JsonWriteVisitor(nlohmann::json& target) : mTarget(target) {}
+    void visit(StringView key, Rgb& value) override;
+    void visit(StringView key, float& value) override;
+    void visit(StringView key, bool& value) override;
+    void visit(StringView key, int& value) override;
+    void visit(StringView key, Variant<Rgb, float>& value) override;
+    void visit(StringView key, EntityHolder<IMap>& value) override;
+    void visitEnum(StringView key, int& value, TypeDefinition const& type) override;
+
+private:
+    nlohmann::json& mTarget;
+};
+
+/// Reads the visited fields from a JSON object. Missing keys keep their
+/// values; the first wrong value is kept as an error naming its key. After
+/// the visit, `finish` also refuses keys that no field claimed.
+class FERRIM_EXPORT JsonReadVisitor : public SerializationVisitor {
+public:
+    explicit JsonReadVisitor(nlohmann::json const& source) : mSource(source) {}
+    void visit(StringView key, Rgb& value) override;
+    void visit(StringView key, float& value) override;
+    void visit(StringView key, bool& value) override;
+    void visit(StringView key, int& value) override;
+    void visit(StringView key, Variant<Rgb, float>& value) override;
+    void visit(StringView key, EntityHolder<IMap>& value) override;
+    void visitEnum(StringView key, int& value, TypeDefinition const& type) override;
+    Expected<void> finish() const;
+
+private:
+    nlohmann::json const* find(StringView key);
+    void fail(StringView key, String const& problem);
+    nlohmann::json const& mSource;
+    Stack<String> mVisited;
+    Optional<String> mError;
 };
 
 /// The renderer's working colour spaces.
 enum class ColorSpace : int { LinearSrgb = 0, AcesCg = 1, Aces2065 = 2, Rec2020 = 3, DisplayP3 = 4 };
 
-/// Conversions from linear sRGB/Rec.709 primaries (D65) into a working space.
+/// Conversions between linear Rec.709 (D65) and a working space. Spaces with
+/// another white (the ACES ones) are reached through a Bradford adaptation,
+/// so Rec.709 white (1, 1, 1) stays (1, 1, 1). Material slots convert their
+/// colours with `fromRec709` twice: once clamped below at 0 (radiance-like
+/// use) and once clamped to [0, 1] (reflectance-like use); `toRec709` is its
+/// inverse, for showing working colours.
 struct FERRIM_EXPORT ColorSpaceTransform {
     ColorSpace space;
     char const* name;
@@ -68,6 +119,9 @@ struct FERRIM_EXPORT ColorOrMap {
 };
 
 FERRIM_EXPORT void defineSerialization(SerializationVisitor& visitor, ColorOrMap& value);
+FERRIM_EXPORT nlohmann::json toJson(ColorOrMap const& value);
+/// Reads the keys present in `json`; on error `value` is unchanged.
+FERRIM_EXPORT Expected<void> fromJson(nlohmann::json const& json, ColorOrMap& value);
 
 /// A material parameter: a base value blended with an optional map.
 class FERRIM_EXPORT MaterialMapSlot {
@@ -94,8 +148,13 @@ public:
     static SharedPtr<TypeDefinition const> const& interpolationType();
     /// Reads a slot from its record; the record's "colorIsNumber" flag picks the variant.
     static MaterialMapSlot fromData(GenericDataObject const& data);
+    /// Throws `Exception` for values the record refuses (negative multipliers).
     GenericDataObject toData() const;
 
+    /// Channels of the base colour (a number widened to three equal channels),
+    /// map identity, switch, tint and mode compare exactly; the two multipliers
+    /// differ only when one is less or greater than the other, so a NaN there
+    /// equals anything.
     bool operator==(MaterialMapSlot const& o) const;
     bool operator!=(MaterialMapSlot const& o) const { return !(*this == o); }
 
@@ -106,7 +165,7 @@ public:
         Rgb evalColor(IShadeContext const& context, MapCache* cache) const;
         /// The same in the working colour space, clamped below at 0.
         Rgb evalWorkingColor(IShadeContext const& context, MapCache* cache) const;
-        /// The same in the second space of the table, clamped to [0, 1].
+        /// The same in the working colour space, clamped to [0, 1].
         Rgb evalClampedColor(IShadeContext const& context, MapCache* cache) const;
         float evalMono(IShadeContext const& context, MapCache* cache) const;
         float evalClampedMono(IShadeContext const& context, MapCache* cache) const;
@@ -130,6 +189,9 @@ public:
 
 FERRIM_EXPORT bool isValid(MaterialMapSlot const& slot);
 FERRIM_EXPORT void defineSerialization(SerializationVisitor& visitor, MaterialMapSlot& slot);
+FERRIM_EXPORT nlohmann::json toJson(MaterialMapSlot const& slot);
+/// Reads the keys present in `json`; on error `slot` is unchanged.
+FERRIM_EXPORT Expected<void> fromJson(nlohmann::json const& json, MaterialMapSlot& slot);
 
 /// The renderer's record of excluded scene nodes.
 struct ExcludedNodes {

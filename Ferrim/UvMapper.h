@@ -4,23 +4,44 @@
 //
 // Placement (compute3dsMaxStdUvGenTransform): rows are combined by
 // left-multiplication, in this order: translate by -offset; permute rows by
-// the plane selection; translate by -c (c = 0.5 unless real-world scale or
-// forced origin, then 0); rotate about X, then Y, then Z (the row form
+// the plane selection (1: rows y, z, x; 2: rows z, x, y); translate by -c
+// (c = 0.5 unless real-world scale or forced origin, then 0); rotate about X,
+// then Y, then Z (the row form
 //   X: r1' = cos r1 - sin r2, r2' = sin r1 + cos r2
 //   Y: r2' = cos r2 - sin r0, r0' = sin r2 + cos r0
-//   Z: r0' = cos r0 - sin r1, r1' = sin r0 + cos r1);
-// scale each row (translation too when "isOffsetScaled"); translate by +c;
-// finally, with mirroring, double the U and V rows whose wrap is Mirror.
+//   Z: r0' = cos r0 - sin r1, r1' = sin r0 + cos r1,
+// so the linear part is S Rz Ry Rx P); scale each row (translation too when
+// "isOffsetScaled"); translate by +c; finally, with mirroring, double the U
+// and V rows whose wrap is Mirror. The update inverts these steps with the
+// flags and wrap modes as they stand: it undoes the mirror and the pivot,
+// takes the row lengths as the tiling (the U tiling negative for a mirrored
+// linear part), tries the three plane selections and keeps the one whose
+// rotation turns least (the current one on ties), reads the X-Y-Z Euler
+// angles and solves the offset. It accepts the result only when it rebuilds
+// the given transform; shears and the like are refused.
 //
 // Mapping modes: 0 reads the channel's UVW from the shade context; 1 uses the
 // object-space position, 2 the world-space position; 3 projects on screen
 // (or, for environment rays, the view direction through the spherical
-// mapping). The placement transform is applied to the point in every mode.
+// mapping, turned by "enviroTransform" when "rotateEnviro" is set). Particle
+// and hair points always read the channel. The placement transform is
+// applied to the point in every mode.
+//
+// Footprint (computeDUvw): the source footprint (the channel's dUVW; the ray
+// footprint on all three axes for the position modes, carried into object
+// space for mode 1; one pixel of the image for screen projection) times the
+// absolute values of the placement's linear part.
 //
 // Wrap, per axis of the placed point (u or v): NoTiling keeps the coordinate
-// and flags the point outside when it leaves [0, 1]; Repeat takes frac(x);
-// Mirror folds the doubled coordinate back, frac of x/2 reflected so tiles
-// alternate; Clamp clamps to [0, 1].
+// and flags the point outside when it leaves [0, 1]; Repeat takes frac(x) in
+// [0, 1) (1 and 0 both give 0); Mirror is the period-2 triangle wave
+// t = x - 2 floor(x / 2), t <= 1 ? t : 2 - t, so tiles alternate (1 gives 1,
+// 2 gives 0); Clamp clamps to [0, 1]. A NaN or infinite coordinate wraps to 0
+// in the tiling modes, so lookups stay inside the texture.
+//
+// Bump frames: a Matrix33 whose columns are dP/du, dP/dv and the normal. It
+// maps a UV-space gradient (du, dv, 0) to the world perturbation
+// du * dP/du + dv * dP/dv.
 #include "Ferrim/IMap.h"
 
 namespace Quelin {
@@ -80,17 +101,26 @@ public:
     Dir computeDUvw(IShadeContext const& context) const;
     /// Applies the wrap modes of U and V to a placed point.
     WrappedUvw wrap(Pos const& uvw) const;
-    /// The frame that turns a UV-space gradient into a shading-space perturbation.
+    /// The frame that turns a gradient over the placed (u, v) into a world
+    /// perturbation: the context's frame for the channel with its tangents
+    /// combined by the placement's 2x2 block (chain rule), or, in the position
+    /// modes, the world gradients of the placed u and v.
     Matrix33 computeBumpBase(IShadeContext const& context) const;
 
+    /// UVW change per unit of world distance over a triangle: for each UVW axis
+    /// the length of that coordinate's gradient in the triangle's plane (zero
+    /// for a degenerate triangle). Multiply by a world footprint to get dUVW.
     static Dir computeTriangleDUvw(StaticArray<Pos, 3> const& positions, StaticArray<Pos, 3> const& uvws);
-    /// Columns: tangent along u, tangent along v, normal (orthonormalised when
-    /// `normalize` is set). Degenerate UVs fall back to an arbitrary frame
-    /// around the normal.
+    /// Columns: dP/du and dP/dv solved from the triangle's edges and UV
+    /// differences, and the normal. With `normalize` the frame is made
+    /// orthonormal (tangent projected off the normal, bitangent = normal x
+    /// tangent, flipped to follow dP/dv). Degenerate UVs fall back to an
+    /// orthonormal frame around the normal.
     static Matrix33 bumpBase(Dir const& normal, StaticArray<Pos, 3> const& positions, StaticArray<Pos, 3> const& uvws,
                              bool normalize);
-    /// The same frame built from the projected position gradients
-    /// (least squares), stable for sliver triangles.
+    /// The same frame built the other way round: the world gradients of u and
+    /// v over the triangle, then dP/d(u, v) as their pseudo-inverse
+    /// G (G^T G)^-1. Equal to `bumpBase` for a regular triangle.
     static Matrix33 generalizedBumpBase(Dir const& normal, StaticArray<Pos, 3> const& positions,
                                         StaticArray<Pos, 3> const& uvws, bool normalize);
     /// Frame from a normal and the two position derivatives dP/du and dP/dv.
@@ -98,6 +128,13 @@ public:
     /// Screen UV in [0, 1]^2 for camera rays (scaled about the centre by
     /// `scale`), spherical UV of the view direction for environment rays.
     static Vector2 computeScreenEnviroUv(IShadeContext const& context, float scale);
+    /// The point a mapping mode reads before placement (Particle and Hair
+    /// points always read the channel). An unknown mode is an internal error.
+    static Pos computeUnplacedUvw(IShadeContext const& context, UvMappingMode mode, UvMapping const& mapping);
+    /// Coordinates in [0, 1]^2 on the cube face of `axis` (0 x, 1 y, 2 z) that
+    /// `d` hits: the two other components in cyclic order, divided by the
+    /// dominant one. Any other axis is an internal error.
+    static Vector2 cubeFaceUv(Dir const& d, int axis);
     /// Spherical mapping of a unit direction rotated by `rotation` radians.
     static Pos sphericalMapping(Dir const& direction, float rotation);
     /// Axis of the largest absolute component; ties go to the later axis.

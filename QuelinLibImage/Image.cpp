@@ -1,1 +1,307 @@
-// Replaced by the image module.
+#include "QuelinLibImage/Image.h"
+#include <OpenImageIO/imageio.h>
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+
+namespace Quelin {
+
+// ------------------------------------------------------------ pixel formats
+
+namespace {
+struct FormatInfo {
+    char const* name;
+    int channels;
+    ChannelType type;
+    int bytes;
+    bool alpha;
+};
+
+// clang-format off
+constexpr FormatInfo FORMATS[PIXEL_FORMAT_COUNT] = {
+    {"Mono8",          1, ChannelType::UInt8,          1,  false},
+    {"Mono16",         1, ChannelType::UInt16,         2,  false},
+    {"MonoFloat",      1, ChannelType::Float,          4,  false},
+    {"MonoAlpha8",     2, ChannelType::UInt8,          2,  true},
+    {"MonoAlpha16",    2, ChannelType::UInt16,         4,  true},
+    {"MonoAlphaFloat", 2, ChannelType::Float,          8,  true},
+    {"Rgb8",           3, ChannelType::UInt8,          3,  false},
+    {"Rgb16",          3, ChannelType::UInt16,         6,  false},
+    {"RgbFloat",       3, ChannelType::Float,          12, false},
+    {"Rgba8",          4, ChannelType::UInt8,          4,  true},
+    {"Rgba16",         4, ChannelType::UInt16,         8,  true},
+    {"RgbaFloat",      4, ChannelType::Float,          16, true},
+    {"Rgbe",           3, ChannelType::SharedExponent, 4,  false},
+    {"MonoWithExp",    1, ChannelType::SharedExponent, 2,  false},
+};
+// clang-format on
+
+FormatInfo const& info(PixelFormat format) {
+    auto const index = std::size_t(format);
+    if (index >= std::size(FORMATS))
+        Detail::throwStopException("QuelinLibImage/Image", __LINE__);
+    return FORMATS[index];
+}
+
+float channelToFloat(std::byte const* p, ChannelType type) {
+    switch (type) {
+    case ChannelType::UInt8:
+        return float(std::uint8_t(*p)) * (1.f / 255.f);
+    case ChannelType::UInt16: {
+        std::uint16_t v;
+        std::memcpy(&v, p, 2);
+        return float(v) * (1.f / 65535.f);
+    }
+    default: {
+        float v;
+        std::memcpy(&v, p, 4);
+        return v;
+    }
+    }
+}
+
+void floatToChannel(float value, std::byte* p, ChannelType type) {
+    // Integer channels: clamp to [0, 1], round to nearest; NaN stores 0.
+    float const unit = value > 0.f ? std::min(value, 1.f) : 0.f;
+    switch (type) {
+    case ChannelType::UInt8:
+        *p = std::byte(std::uint8_t(unit * 255.f + 0.5f));
+        break;
+    case ChannelType::UInt16: {
+        auto const v = std::uint16_t(unit * 65535.f + 0.5f);
+        std::memcpy(p, &v, 2);
+        break;
+    }
+    default:
+        std::memcpy(p, &value, 4);
+        break;
+    }
+}
+} // namespace
+
+int getChannelCount(PixelFormat format) { return info(format).channels; }
+ChannelType getChannelType(PixelFormat format) { return info(format).type; }
+int getPixelBytes(PixelFormat format) { return info(format).bytes; }
+bool hasAlpha(PixelFormat format) { return info(format).alpha; }
+char const* getPixelFormatName(PixelFormat format) { return info(format).name; }
+
+// ------------------------------------------------------------ image
+
+Image::Image(Descriptor const& descriptor) : mDescriptor(descriptor) {
+    if (descriptor.resolution.x < 0 || descriptor.resolution.y < 0) {
+        throw Exception("Invalid image resolution " + std::to_string(descriptor.resolution.x) + " x " +
+                        std::to_string(descriptor.resolution.y));
+    }
+    (void)info(descriptor.format);
+    allocatePixels();
+}
+
+Image Image::clone() const {
+    Image copy;
+    copy.mDescriptor = mDescriptor;
+    copy.mPixels = mPixels;
+    return copy;
+}
+
+void Image::releasePixels() { Stack<std::byte>().swap(mPixels); }
+
+void Image::allocatePixels() {
+    if (mPixels.empty())
+        mPixels.assign(std::size_t(mDescriptor.getByteSize()), std::byte{0});
+}
+
+RgbAlpha Image::getRgbAlpha(int x, int y) const {
+    PixelFormat const format = getFormat();
+    checkFormat(format);
+    std::byte const* const p =
+        mPixels.data() + std::int64_t(y) * getRowBytes() + std::int64_t(x) * getPixelBytes(format);
+    if (format == PixelFormat::Rgbe) {
+        PixelRgbe e;
+        std::memcpy(&e, p, sizeof e);
+        return RgbAlpha(e.toRgb(), 1.f);
+    }
+    if (format == PixelFormat::MonoWithExp) {
+        PixelMonoWithExp e;
+        std::memcpy(&e, p, sizeof e);
+        float const v = e.toFloat();
+        return {v, v, v, 1.f};
+    }
+    FormatInfo const& f = info(format);
+    int const step = f.bytes / f.channels;
+    float c[4] = {0.f, 0.f, 0.f, 1.f};
+    for (int i = 0; i < f.channels; ++i)
+        c[i] = channelToFloat(p + i * step, f.type);
+    switch (f.channels) {
+    case 1:
+        return {c[0], c[0], c[0], 1.f};
+    case 2:
+        return {c[0], c[0], c[0], c[1]};
+    default:
+        return {c[0], c[1], c[2], c[3]};
+    }
+}
+
+void Image::setRgbAlpha(int x, int y, RgbAlpha const& value) {
+    PixelFormat const format = getFormat();
+    checkFormat(format);
+    std::byte* const p = mPixels.data() + std::int64_t(y) * getRowBytes() + std::int64_t(x) * getPixelBytes(format);
+    float const mono = channelMean(value.r, value.g, value.b);
+    if (format == PixelFormat::Rgbe) {
+        auto const e = PixelRgbe::fromRgb(value.rgb());
+        std::memcpy(p, &e, sizeof e);
+        return;
+    }
+    if (format == PixelFormat::MonoWithExp) {
+        auto const e = PixelMonoWithExp::fromFloat(mono);
+        std::memcpy(p, &e, sizeof e);
+        return;
+    }
+    FormatInfo const& f = info(format);
+    int const step = f.bytes / f.channels;
+    float c[4];
+    switch (f.channels) {
+    case 1:
+        c[0] = mono;
+        break;
+    case 2:
+        c[0] = mono;
+        c[1] = value.alpha;
+        break;
+    default:
+        c[0] = value.r;
+        c[1] = value.g;
+        c[2] = value.b;
+        c[3] = value.alpha;
+        break;
+    }
+    for (int i = 0; i < f.channels; ++i)
+        floatToChannel(c[i], p + i * step, f.type);
+}
+
+Image Image::convertedTo(PixelFormat format) const {
+    if (format == getFormat())
+        return clone();
+    Image result(Descriptor(getResolution(), format));
+    for (int y = 0; y < getHeight(); ++y)
+        for (int x = 0; x < getWidth(); ++x)
+            result.setRgbAlpha(x, y, getRgbAlpha(x, y));
+    return result;
+}
+
+// ------------------------------------------------------------ writing
+
+namespace {
+String lowerExtension(Io::Path const& path) {
+    String ext = Io::pathToUtf8(path.extension());
+    std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char c) { return char(std::tolower(c)); });
+    return ext;
+}
+
+FileChannelType autoChannelType(ChannelType source, String const& ext) {
+    if (ext == ".exr")
+        return source == ChannelType::Float || source == ChannelType::SharedExponent ? FileChannelType::Float
+                                                                                     : FileChannelType::Half;
+    if (source == ChannelType::UInt8)
+        return FileChannelType::UInt8;
+    if (source == ChannelType::UInt16 || ext == ".png")
+        return FileChannelType::UInt16;
+    return FileChannelType::Float;
+}
+
+OIIO::TypeDesc toTypeDesc(FileChannelType type) {
+    switch (type) {
+    case FileChannelType::UInt8:
+        return OIIO::TypeDesc::UINT8;
+    case FileChannelType::UInt16:
+        return OIIO::TypeDesc::UINT16;
+    case FileChannelType::Half:
+        return OIIO::TypeDesc::HALF;
+    default:
+        return OIIO::TypeDesc::FLOAT;
+    }
+}
+
+OIIO::TypeDesc toTypeDesc(ChannelType type) {
+    switch (type) {
+    case ChannelType::UInt8:
+        return OIIO::TypeDesc::UINT8;
+    case ChannelType::UInt16:
+        return OIIO::TypeDesc::UINT16;
+    default:
+        return OIIO::TypeDesc::FLOAT;
+    }
+}
+} // namespace
+
+Expected<void> writeImage(Image const& image, Io::Path const& path, ImageWriteOptions const& options) {
+    String const name = Io::pathToUtf8(path);
+    auto const fail = [&](String const& why) { return makeError("Could not write image \"" + name + "\": " + why); };
+    if (image.isEmpty())
+        return fail("the image is empty");
+    if (!image.hasPixels())
+        return fail("the image's pixels are not in memory");
+
+    String const ext = lowerExtension(path);
+    ChannelType const sourceType = getChannelType(image.getFormat());
+    FileChannelType const fileType =
+        options.channelType == FileChannelType::Auto ? autoChannelType(sourceType, ext) : options.channelType;
+    bool const integerType = fileType == FileChannelType::UInt8 || fileType == FileChannelType::UInt16;
+    if (ext == ".png" && !integerType)
+        return fail("PNG stores 8- or 16-bit channels only");
+    if (ext == ".exr" && integerType)
+        return fail("EXR stores half or float channels only");
+
+    // Shared-exponent pixels have no file counterpart: write them as float.
+    Image converted;
+    Image const* source = &image;
+    if (image.getFormat() == PixelFormat::Rgbe)
+        source = &(converted = image.convertedTo(PixelFormat::RgbFloat));
+    if (image.getFormat() == PixelFormat::MonoWithExp)
+        source = &(converted = image.convertedTo(PixelFormat::MonoFloat));
+
+    auto out = OIIO::ImageOutput::create(name);
+    if (!out) {
+        String const why = OIIO::geterror();
+        return fail(why.empty() ? String("unknown file type") : why);
+    }
+
+    int const channels = getChannelCount(source->getFormat());
+    OIIO::ImageSpec spec(source->getWidth(), source->getHeight(), channels, toTypeDesc(fileType));
+    switch (channels) {
+    case 1:
+        spec.channelnames = {"Y"};
+        spec.alpha_channel = -1;
+        break;
+    case 2:
+        spec.channelnames = {"Y", "A"};
+        spec.alpha_channel = 1;
+        break;
+    case 3:
+        spec.channelnames = {"R", "G", "B"};
+        spec.alpha_channel = -1;
+        break;
+    default:
+        spec.channelnames = {"R", "G", "B", "A"};
+        spec.alpha_channel = 3;
+        break;
+    }
+    // Our pixels carry straight alpha: formats that store it straight (PNG)
+    // must not divide it out once more.
+    spec.attribute("oiio:UnassociatedAlpha", 1);
+    if (!options.compression.empty())
+        spec.attribute("compression", options.compression);
+
+    if (!out->open(name, spec))
+        return fail(out->geterror());
+    OIIO::TypeDesc const memoryType = toTypeDesc(getChannelType(source->getFormat()));
+    if (!out->write_image(memoryType, source->getData())) {
+        String const why = out->geterror();
+        out->close();
+        return fail(why);
+    }
+    if (!out->close())
+        return fail(out->geterror());
+    return {};
+}
+
+} // namespace Quelin

@@ -14,15 +14,15 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct Run {
+struct ToolRun {
     int code;
     std::string out, err;
 };
 
-Run runTool(std::string const& args) {
+ToolRun runTool(std::string const& args) {
     fs::path const errFile = fs::temp_directory_path() / ("ferrim_tool_err_" + std::to_string(::getpid()));
     std::string const cmd = std::string(FERRIM_TOOL_PATH) + " " + args + " 2>" + errFile.string();
-    Run r{};
+    ToolRun r{};
     FILE* p = popen(cmd.c_str(), "r");
     std::array<char, 4096> buf{};
     while (std::size_t n = fread(buf.data(), 1, buf.size(), p)) r.out.append(buf.data(), n);
@@ -74,7 +74,7 @@ TEST_F(FerrimTool, ErrorsAreOneLineAndExitOne) {
                           Case{"render " + key.string(), "\"colour\""},
                           Case{"render --size 12by3", "--size"},
                           Case{"types Zatho.Nothing", "Zatho.Nothing"}}) {
-        Run const r = runTool(c.args);
+        ToolRun const r = runTool(c.args);
         EXPECT_EQ(r.code, 1) << c.args;
         EXPECT_NE(r.err.find(c.needle), std::string::npos) << c.args << " -> " << r.err;
         EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
@@ -83,20 +83,20 @@ TEST_F(FerrimTool, ErrorsAreOneLineAndExitOne) {
 
 TEST_F(FerrimTool, RendersDemoAndSceneFiles) {
     fs::path const out = mDir / "demo.png";
-    Run const demo = runTool("render -o " + out.string() + " --size 96x64 --samples 1");
+    ToolRun const demo = runTool("render -o " + out.string() + " --size 96x64 --samples 1");
     ASSERT_EQ(demo.code, 0) << demo.err;
     EXPECT_NE(demo.out.find(out.string()), std::string::npos);
     EXPECT_EQ(pngSize(out), std::make_pair(96u, 64u));
 
     fs::path const scene = write("one.json", R"({"@class": "Zatho.ConstantColorMap", "color": [1, 0, 0]})");
     fs::path const out2 = mDir / "one.png";
-    Run const one = runTool("render " + scene.string() + " -o " + out2.string());
+    ToolRun const one = runTool("render " + scene.string() + " -o " + out2.string());
     ASSERT_EQ(one.code, 0) << one.err;
     EXPECT_EQ(pngSize(out2), std::make_pair(256u, 256u));
 }
 
 TEST_F(FerrimTool, TypesAsJsonDescribeProperties) {
-    Run const r = runTool("types Zatho.ConstantColorMap --json");
+    ToolRun const r = runTool("types Zatho.ConstantColorMap --json");
     ASSERT_EQ(r.code, 0) << r.err;
     auto const j = nlohmann::json::parse(r.out);
     EXPECT_EQ(j["name"], "Zatho.ConstantColorMap");

@@ -1,0 +1,53 @@
+#include "Ferrim/colorMappingOperators/ReinhardOperator.h"
+
+#include <cmath>
+
+namespace Quelin {
+
+SharedPtr<DataObjectDefinition const> const& ReinhardOperator::Data::definition() {
+    static auto const def = [] {
+        ShadingDataObjectBuilder b;
+        addCommonOperatorProperties(b);
+        b.addFloat("highlightCompression", 1.f, "Highlight Compression",
+                   "Compresses highlights in the image to reduce / remove burned - out areas. Increasing the value "
+                   "removes burned-out areas, decreasing it amplifies highlights.")
+            .addValidator(makeSharedPtr<ClampValueToRangeValidator<float>>(0.01f, 999.f));
+        return b.build("Zatho.ReinhardOperator");
+    }();
+    return def;
+}
+
+ReinhardOperator::ReinhardOperator()
+    : LaneColorMappingOperator(Data::definition(), OperatorColorEncoding::Linear, OperatorColorEncoding::Linear,
+                               OperatorGroup::HighlightControl) {}
+
+SharedPtr<Entity> ReinhardOperator::createNewInstance() const { return makeSharedPtr<ReinhardOperator>(); }
+
+void ReinhardOperator::prepareForApplicationImpl(ColorMappingContext const& context) {
+    mActive = isActive(context);
+    setNeutral(!mActive);
+    float const h = mActive ? get<float>("highlightCompression") : 1.f;
+    // Changes within the tolerance keep the curve (and so the image) stable.
+    if (mPrepared && std::abs(mHighlight - h) <= 0.0001f) return;
+    mHighlight = h;
+    mK = 1.f / (h * h);
+    mPrepared = true;
+}
+
+Rgb ReinhardOperator::unmapImpl(Rgb const& color, Flags<ColorMappingExclude> exclude) const {
+    if (exclude.has(ColorMappingExclude::Reinhard) || !mActive) return color;
+    // Positive root of k x^2 + (1 - c) x - c = 0. Where 1 - c > 0 the textbook
+    // form (sqrt(D) - (1 - c)) / 2k cancels badly for small c; the equivalent
+    // 2c / (sqrt(D) + (1 - c)) does not.
+    Float4 const c = toFloat4(color);
+    Float4 const b = Float4(1.f) - c;
+    Float4 const k = Float4(mK);
+    Float4 const root = sqrt(max(Float4(4.f) * k * c + b * b, Float4(0.f)));
+    Float4 const large = (root - b) / (Float4(2.f) * k);
+    Float4 const small = Float4(2.f) * c / (root + b);
+    return toRgb(select(b > Float4(0.f), small, large));
+}
+
+FERRIM_REGISTER_COLOR_OPERATOR(ReinhardOperator, "Reinhard Highlight Compression");
+
+} // namespace Quelin

@@ -1,0 +1,66 @@
+#pragma once
+// Gradient noise (improved Perlin noise with a 12-gradient lookup) blending
+// two colour-or-map inputs, as a single octave or as a fractal sum.
+#include "Ferrim/IMap.h"
+#include "Ferrim/MaterialMapSlot.h"
+#include "Ferrim/UvMapper.h"
+#include "Ferrim/maps/ProceduralSupport.h"
+
+namespace Quelin {
+
+class FERRIM_EXPORT NoiseMap : public IMap {
+public:
+    enum class Type : int { REGULAR = 0, FRACTAL = 1 };
+
+    /// "uvMapper", "color1", "color2", "type", "size", "levels", "minThreshold", "maxThreshold".
+    struct Data {
+        static SharedPtr<DataObjectDefinition const> const& definition();
+        static SharedPtr<TypeDefinition const> const& typeType();
+    };
+
+    NoiseMap();
+    SharedPtr<Entity> createNewInstance() const override;
+    Optional<int> getOwnUvChannel() const override;
+    OptimizedResult getEvaluatorImpl() const override;
+
+    /// Gradient noise at a point, in about [-1, 1]; 0 at every integer lattice
+    /// point, period 256 on each axis.
+    static float noise(Pos const& p);
+    /// Ken Perlin's reference permutation, stored twice (512 entries).
+    static StaticArray<std::uint32_t, 512> const& permutationTable();
+};
+
+class FERRIM_EXPORT NoiseMapEvaluator : public IMapEvaluator {
+public:
+    /// `levels` is the effective octave count (1 for a regular noise).
+    NoiseMapEvaluator(SharedPtr<UvMapper const> uvMapper, ColorOrMap::Evaluator color1, ColorOrMap::Evaluator color2,
+                      float size, float levels, float minThreshold, float maxThreshold);
+
+    RgbAlpha evalColor(IShadeContext const& context, MapCache* cache) const override;
+    MonoAlpha evalMono(IShadeContext const& context, MapCache* cache) const override;
+    Dir evalBump(IShadeContext const& context, MapCache* cache) const override;
+
+    /// The fractal sum mapped to about [0, 1] at a UVW point (before the threshold ramp).
+    float noiseValue(Pos const& uvw) const;
+    /// The blend weight of color2 for a noise value.
+    float blendWeight(float value) const;
+
+    static constexpr float BUMP_STRENGTH = 15.f;
+
+private:
+    MapsDetail::UvwSource mUvw;
+    ColorOrMap::Evaluator mColor1;
+    ColorOrMap::Evaluator mColor2;
+    float mSize;
+    float mLevels;
+    float mMinThreshold;
+    float mMaxThreshold;
+    float mRampDenominator;  ///< max(|max - min|, 1e-6)
+    float mRampReciprocal;
+    bool mRampIsPowerOfTwo;
+    bool mConstantInputs;
+    float mLevelFraction;    ///< levels - floor(levels): weight of the partial octave
+    float mBumpStrength = BUMP_STRENGTH;
+};
+
+} // namespace Quelin

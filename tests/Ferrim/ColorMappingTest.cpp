@@ -1,0 +1,140 @@
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "Ferrim/ColorMapping.h"
+#include "Ferrim/Ferrim.h"
+#include "Ferrim/colorMappingOperators/Lut.h"
+#include "QuelinLib/Json.h"
+
+using namespace Quelin;
+
+namespace {
+
+class ColorMappingTest : public ::testing::Test {
+protected:
+    void SetUp() override { Ferrim::startup(); }
+    void TearDown() override { Ferrim::shutdown(); }
+
+    static GenericDataObject record(StringView type) {
+        return GenericDataObject(ColorMappingOperatorFactory::getInstance().findDescriptor(type)->definition);
+    }
+};
+
+Stack<Rgb> frame(int count, float hi) {
+    std::mt19937 rng(3);
+    std::uniform_real_distribution<float> u(0.f, hi);
+    Stack<Rgb> f(static_cast<std::size_t>(count));
+    for (Rgb& p : f) p = Rgb(u(rng), u(rng), u(rng));
+    return f;
+}
+
+} // namespace
+
+TEST_F(ColorMappingTest, LinearPipelineGetsOneConversionForDisplay) {
+    auto const pipeline = createDefaultPipeline();
+    ColorMapping mapping(pipeline);
+    EXPECT_EQ(mapping.getLinearChain(), pipeline);
+    auto const display = mapping.getDisplayChain();
+    EXPECT_EQ(display->getClassName(), "Zatho.LinearToSrgbOperator");
+    EXPECT_EQ(display->getPredecessor(), pipeline);
+    EXPECT_EQ(mapping.getAppliedChain(), display);
+}
+
+TEST_F(ColorMappingTest, SrgbEndingPipelineIsDecodedThenEncodedAgain) {
+    auto const pipeline = createPipeline({record("Zatho.CurvesOperator")});
+    ColorMapping mapping(pipeline);
+    EXPECT_EQ(mapping.getLinearChain()->getClassName(), "Zatho.SrgbToLinearOperator");
+    EXPECT_EQ(mapping.getLinearChain()->getPredecessor(), pipeline);
+    EXPECT_EQ(mapping.getDisplayChain()->getClassName(), "Zatho.LinearToSrgbOperator");
+    EXPECT_EQ(mapping.getDisplayChain()->getPredecessor(), mapping.getLinearChain());
+    // Changing the record's pipeline rebuilds the chains.
+    auto const other = createDefaultPipeline();
+    mapping.setPipeline(other);
+    EXPECT_EQ(mapping.getLinearChain(), other);
+}
+
+TEST_F(ColorMappingTest, ParallelFrameEqualsSingleThreadAndPerPixel) {
+    ColorMapping mapping;
+    int const width = 1000, height = 37;  // several tiles, a ragged last one
+    Stack<Rgb> const source = frame(width * height, 4.f);
+    Stack<Rgb> parallel = source, single = source;
+    mapping.mapFrameBuffer(std::span<Rgb>(parallel), width, height, 0);
+    mapping.mapFrameBuffer(std::span<Rgb>(single), width, height, 1);
+    for (std::size_t i = 0; i < source.size(); ++i) {
+        ASSERT_EQ(parallel[i], single[i]) << i;
+        Rgb const one = mapping.map(source[i], Pixel(int(i % width), int(i / width)));
+        ASSERT_NEAR(parallel[i].r, one.r, 1e-6f) << i;
+        ASSERT_NEAR(parallel[i].b, one.b, 1e-6f) << i;
+    }
+    // Long rows are split within the row; alpha passes through.
+    int const wide = 20000;
+    Stack<RgbAlpha> withAlpha(wide);
+    for (int i = 0; i < wide; ++i) withAlpha[std::size_t(i)] = RgbAlpha(source[std::size_t(i)], float(i) / wide);
+    mapping.mapFrameBuffer(std::span<RgbAlpha>(withAlpha), wide, 1, 0);
+    for (int i = 0; i < wide; i += 997) {
+        EXPECT_EQ(withAlpha[std::size_t(i)].alpha, float(i) / wide);
+        EXPECT_NEAR(withAlpha[std::size_t(i)].g, mapping.map(source[std::size_t(i)], Pixel(i, 0)).g, 1e-6f);
+    }
+    Stack<Rgb> tooSmall(10);
+    EXPECT_THROW(mapping.mapFrameBuffer(std::span<Rgb>(tooSmall), 10, 2), Exception);
+}
+
+TEST_F(ColorMappingTest, UnmapUndoesTheDisplayChainAndHonoursExclusions) {
+    ColorMapping mapping;
+    for (Rgb const& c : frame(200, 0.9f)) {
+        Rgb const displayed = mapping.map(c);
+        Rgb const back = mapping.unmap(displayed);
+        EXPECT_NEAR(back.r, c.r, 2e-3f * std::max(1.f, c.r));
+        EXPECT_NEAR(back.g, c.g, 2e-3f * std::max(1.f, c.g));
+    }
+    Rgb const d(0.4f, 0.5f, 0.6f);
+    EXPECT_EQ(mapping.unmap(d, Flags<ColorMappingExclude>::fromBits(COLOR_MAPPING_EXCLUDE_ALL)), d);
+    // The shade-context helper forwards colorUnMap and nothing else.
+    NullShadeContext parent;
+    ColorUnmappingShadeContext context(parent, mapping);
+    EXPECT_EQ(context.colorUnMap(d, {}), mapping.unmap(d));
+    EXPECT_EQ(context.getImageSize(), parent.getImageSize());
+    // Disabled: nothing happens in either direction.
+    mapping.set("enabled", false);
+    EXPECT_EQ(mapping.map(d), d);
+    EXPECT_EQ(mapping.unmap(d), d);
+}
+
+TEST_F(ColorMappingTest, RenderHelperMapsRgbaThroughTheDisplayChain) {
+    auto const pipeline = createDefaultPipeline();
+    ColorMapping mapping(pipeline);
+    Stack<Rgb> const source = frame(64, 2.f);
+    Stack<float> rgba;
+    for (Rgb const& c : source) rgba.insert(rgba.end(), {c.r, c.g, c.b, 0.5f});
+    mapLinearImageToDisplay(pipeline, rgba, 8, 8);
+    for (std::size_t i = 0; i < source.size(); ++i) {
+        Rgb const expected = mapping.map(source[i], Pixel(int(i % 8), int(i / 8)));
+        EXPECT_NEAR(rgba[4 * i], expected.r, 1e-6f);
+        EXPECT_NEAR(rgba[4 * i + 2], expected.b, 1e-6f);
+        EXPECT_EQ(rgba[4 * i + 3], 0.5f);
+    }
+}
+
+TEST_F(ColorMappingTest, SettingsRecordOffersMenuDefaultsAndPipeline) {
+    EXPECT_EQ(ColorMappingOperatorFactory::getInstance().getAllDescriptors().size(), 18u);
+    auto const menu = nlohmann::json::parse(ColorMappingWithObservers::getAddOperatorMenu());
+    ASSERT_EQ(menu.size(), 4u);
+    EXPECT_EQ(menu[0]["group"], "Basic");
+    EXPECT_EQ(menu[3]["group"], "Final Look");
+    std::size_t items = 0;
+    for (auto const& g : menu) items += g["items"].size();
+    EXPECT_EQ(items, 15u);  // Identity and the two conversions are not offered
+
+    auto lutItem = ColorMappingWithObservers::makeDefaultItem("Zatho.LutOperator");
+    ASSERT_TRUE(lutItem);
+    auto op = lutItem->get<EntityHolder<IColorMappingOperator>>("operator");
+    EXPECT_EQ(op->get<String>("path"), getDefaultLut());
+    EXPECT_FALSE(ColorMappingWithObservers::makeDefaultItem("Zatho.Nope"));
+
+    ColorMappingWithObservers settings;
+    auto const pipeline = createDefaultPipeline();
+    settings.setPipeline(pipeline);
+    EXPECT_EQ(settings.get<ListPropertyValue>("toneMapping").size(), 6u);
+    EXPECT_TRUE(arePipelinesSame(settings.getPipeline(), pipeline));
+}

@@ -1,0 +1,392 @@
+#include <gtest/gtest.h>
+
+#include "Ferrim/Ferrim.h"
+#include "Ferrim/MaterialMapSlot.h"
+#include "Ferrim/ShadingDataObjectBuilder.h"
+#include "QuelinLib/Json.h"
+
+using namespace Quelin;
+using Interpolation = MaterialMapSlot::Interpolation;
+
+namespace {
+
+// The point's map value travels in the context: colour in the UVW, alpha in the time.
+struct ValueContext : NullShadeContext {
+    RgbAlpha value;
+    explicit ValueContext(RgbAlpha v) : value(v) {}
+    Pos getUvw(int, std::uint32_t = 0) const override { return Pos(value.r, value.g, value.b); }
+    float getTime() const override { return value.alpha; }
+};
+
+// A map that is not constant: it answers what the context carries.
+class VaryingMap : public IMap {
+public:
+    struct Data {
+        static SharedPtr<DataObjectDefinition const> const& definition() {
+            static SharedPtr<DataObjectDefinition const> const sDef = ShadingDataObjectBuilder().build("Zatho.TestVaryingMap");
+            return sDef;
+        }
+    };
+    VaryingMap() : IMap(Data::definition()) {}
+    SharedPtr<Entity> createNewInstance() const override { return makeSharedPtr<VaryingMap>(); }
+    OptimizedResult getEvaluatorImpl() const override {
+        struct Eval : IMapEvaluator {
+            RgbAlpha evalColor(IShadeContext const& c, MapCache*) const override {
+                Pos const p = c.getUvw(0);
+                return RgbAlpha(p.x, p.y, p.z, c.getTime());
+            }
+            MonoAlpha evalMono(IShadeContext const& c, MapCache* cache) const override {
+                RgbAlpha const v = evalColor(c, cache);
+                return MonoAlpha(channelMean(v.r, v.g, v.b), v.alpha);
+            }
+            Dir evalBump(IShadeContext const&, MapCache*) const override { return Dir(); }
+        };
+        OptimizedResult r;
+        r.evaluator = makeSharedPtr<Eval>();
+        return r;
+    }
+};
+
+MaterialMapSlot makeSlot(Interpolation mode, float base, EntityHolder<IMap> map, float k) {
+    return MaterialMapSlot(Rgb(base), map, true, Rgb(1, 1, 1), 1.f, mode, k);
+}
+
+struct BlendCase {
+    char const* name;
+    Interpolation mode;
+    float base, map, alpha, k;
+    float plain;    // evalColor and evalMono
+    float working;  // clamped below at 0
+    float clamped;  // clamped to [0, 1]
+};
+
+class SlotBlendTest : public ::testing::TestWithParam<BlendCase> {};
+
+TEST_P(SlotBlendTest, ConstantAndVaryingMapsBlendAlike) {
+    BlendCase const c = GetParam();
+    ValueContext const ctx(RgbAlpha(Rgb(c.map), c.alpha));
+    auto constant = EntityHolder<IMap>(makeSharedPtr<ConstantColorMap>(Rgb(c.map), c.alpha));
+    auto varying = EntityHolder<IMap>(makeSharedPtr<VaryingMap>());
+    for (auto const& map : {constant, varying}) {
+        MaterialMapSlot::Evaluator const e(makeSlot(c.mode, c.base, map, c.k));
+        EXPECT_EQ(e.hasMap(), map == varying);
+        Rgb const plain = e.evalColor(ctx, nullptr);
+        EXPECT_NEAR(plain.r, c.plain, 1e-6f);
+        EXPECT_EQ(plain.r, plain.b);
+        EXPECT_NEAR(e.evalWorkingColor(ctx, nullptr).g, c.working, 1e-6f);
+        EXPECT_NEAR(e.evalClampedColor(ctx, nullptr).b, c.clamped, 1e-6f);
+        EXPECT_NEAR(e.evalMono(ctx, nullptr), c.plain, 1e-6f);
+        EXPECT_NEAR(e.evalClampedMono(ctx, nullptr), c.clamped, 1e-6f);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Modes, SlotBlendTest,
+    ::testing::Values(BlendCase{"OverrideIgnoresAlpha", Interpolation::Override, 0.2f, 0.5f, 0.5f, 1.f, 0.5f, 0.5f, 0.5f},
+                      BlendCase{"MixHalfAlpha", Interpolation::Mix, 0.2f, 0.6f, 0.5f, 1.f, 0.4f, 0.4f, 0.4f},
+                      BlendCase{"MixFullGivesMap", Interpolation::Mix, 0.2f, 0.6f, 1.f, 1.f, 0.6f, 0.6f, 0.6f},
+                      BlendCase{"MixZeroAmountGivesBase", Interpolation::Mix, 0.2f, 0.6f, 1.f, 0.f, 0.2f, 0.2f, 0.2f},
+                      BlendCase{"AddScaled", Interpolation::Add, 0.2f, 0.5f, 0.5f, 2.f, 0.7f, 0.7f, 0.7f},
+                      BlendCase{"AddOverflowClamps", Interpolation::Add, 0.8f, 0.6f, 1.f, 1.f, 1.4f, 1.4f, 1.f},
+                      BlendCase{"SubtractMapMinusBase", Interpolation::Subtract, 0.2f, 0.5f, 1.f, 1.f, 0.3f, 0.3f, 0.3f},
+                      BlendCase{"SubtractNegativeClamps", Interpolation::Subtract, 0.5f, 0.2f, 1.f, 1.f, -0.3f, 0.f, 0.f}),
+    [](auto const& info) { return String(info.param.name); });
+
+TEST(MaterialMapSlotTest, TintAndIntensityApplyToTheirSides) {
+    auto map = EntityHolder<IMap>(makeSharedPtr<ConstantColorMap>(Rgb(0.5f, 0.5f, 0.5f), 1.f));
+    MaterialMapSlot slot(Rgb(0.1f, 0.2f, 0.3f), map, true, Rgb(1.f, 0.5f, 0.f), 2.f, Interpolation::Add, 1.f);
+    MaterialMapSlot::Evaluator const e(slot);
+    Rgb const c = e.evalColor(NullShadeContext(), nullptr);
+    EXPECT_NEAR(c.r, 0.5f + 0.2f, 1e-6f);
+    EXPECT_NEAR(c.g, 0.25f + 0.4f, 1e-6f);
+    EXPECT_NEAR(c.b, 0.f + 0.6f, 1e-6f);
+    // Mono: tint mean times map mono, plus the mean of the intensified base.
+    EXPECT_NEAR(e.evalMono(NullShadeContext(), nullptr), 0.5f * 0.5f + 0.4f, 1e-6f);
+}
+
+TEST(MaterialMapSlotTest, SwitchedOffMapIsIgnored) {
+    auto map = EntityHolder<IMap>(makeSharedPtr<VaryingMap>());
+    MaterialMapSlot slot = makeSlot(Interpolation::Override, 0.3f, map, 1.f);
+    slot.mapOn = false;
+    MaterialMapSlot::Evaluator const e(slot);
+    EXPECT_FALSE(e.hasMap());
+    EXPECT_EQ(e.evalColor(ValueContext(RgbAlpha(0.9f, 0.9f, 0.9f, 1.f)), nullptr), Rgb(0.3f));
+    MaterialMapSlot const none = makeSlot(Interpolation::Override, 0.3f, {}, 1.f);
+    EXPECT_FALSE(MaterialMapSlot::Evaluator(none).hasMap());
+    EXPECT_EQ(MaterialMapSlot::Evaluator(none).evalColor(NullShadeContext(), nullptr), Rgb(0.3f));
+}
+
+TEST(MaterialMapSlotTest, NumberBaseFillsAllChannels) {
+    MaterialMapSlot slot;
+    slot.color = 0.25f;
+    slot.intensityMultiplier = 2.f;
+    EXPECT_EQ(slot.getBaseColor(), Rgb(0.25f));
+    EXPECT_EQ(MaterialMapSlot::Evaluator(slot).evalColor(NullShadeContext(), nullptr), Rgb(0.5f));
+}
+
+TEST(MaterialMapSlotTest, UnknownModeStops) {
+    MaterialMapSlot slot = makeSlot(Interpolation(9), 0.3f, {}, 1.f);
+    try {
+        MaterialMapSlot::Evaluator e(slot);
+        ADD_FAILURE() << "no stop";
+    } catch (StopException const& e) {
+        EXPECT_EQ(e.getSourceFile(), "MaterialMapSlot");
+        EXPECT_EQ(e.getLine(), 215);
+    }
+}
+
+TEST(MaterialMapSlotTest, WorkingColourUsesTheCurrentSpace) {
+    ColorSpaceTransform const* const saved = ColorSpaceTransform::sCurrent;
+    EXPECT_EQ(saved->space, ColorSpace::LinearSrgb);
+    ColorSpaceTransform::sCurrent = &ColorSpaceTransform::COLOR_SPACES[int(ColorSpace::AcesCg)];
+    MaterialMapSlot slot;
+    slot.color = Rgb(1, 0, 0);
+    MaterialMapSlot::Evaluator const e(slot);
+    ColorSpaceTransform::sCurrent = saved;
+    Rgb const w = e.evalWorkingColor(NullShadeContext(), nullptr);
+    EXPECT_NEAR(w.r, 0.6131f, 1e-4f);
+    EXPECT_NEAR(w.g, 0.0702f, 1e-4f);
+    EXPECT_NEAR(w.b, 0.0206f, 1e-4f);
+    EXPECT_EQ(e.evalColor(NullShadeContext(), nullptr), Rgb(1, 0, 0));
+}
+
+struct ValidityCase {
+    char const* name;
+    Function<void(MaterialMapSlot&)> edit;
+    bool valid;
+};
+
+class SlotValidityTest : public ::testing::TestWithParam<ValidityCase> {};
+
+TEST_P(SlotValidityTest, Judges) {
+    MaterialMapSlot slot;
+    GetParam().edit(slot);
+    EXPECT_EQ(isValid(slot), GetParam().valid);
+}
+
+float const NaN = std::numeric_limits<float>::quiet_NaN();
+float const INF = std::numeric_limits<float>::infinity();
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, SlotValidityTest,
+    ::testing::Values(ValidityCase{"Default", [](MaterialMapSlot&) {}, true},
+                      ValidityCase{"NanColor", [](MaterialMapSlot& s) { s.color = Rgb(0, NaN, 0); }, false},
+                      ValidityCase{"InfiniteNumber", [](MaterialMapSlot& s) { s.color = INF; }, false},
+                      ValidityCase{"InfiniteTint", [](MaterialMapSlot& s) { s.mapTint.b = -INF; }, false},
+                      ValidityCase{"NegativeIntensity", [](MaterialMapSlot& s) { s.intensityMultiplier = -0.5f; }, false},
+                      ValidityCase{"NanIntensity", [](MaterialMapSlot& s) { s.intensityMultiplier = NaN; }, false},
+                      ValidityCase{"NegativeAmount", [](MaterialMapSlot& s) { s.alphaBlendMultiplier = -0.1f; }, false},
+                      ValidityCase{"InfiniteAmount", [](MaterialMapSlot& s) { s.alphaBlendMultiplier = INF; }, false},
+                      ValidityCase{"MixAboveOne",
+                                   [](MaterialMapSlot& s) {
+                                       s.interpolationMode = Interpolation::Mix;
+                                       s.alphaBlendMultiplier = 1.5f;
+                                   },
+                                   false},
+                      ValidityCase{"AddAboveOne",
+                                   [](MaterialMapSlot& s) {
+                                       s.interpolationMode = Interpolation::Add;
+                                       s.alphaBlendMultiplier = 1.5f;
+                                   },
+                                   true},
+                      ValidityCase{"LargeIntensity", [](MaterialMapSlot& s) { s.intensityMultiplier = 1e6f; }, true}),
+    [](auto const& info) { return String(info.param.name); });
+
+TEST(MaterialMapSlotTest, EqualityToleratesNanOnlyInTheMultipliers) {
+    auto map = EntityHolder<IMap>(makeSharedPtr<ConstantColorMap>());
+    MaterialMapSlot const a(Rgb(0.5f), map, true, Rgb(1, 1, 1), 1.f, Interpolation::Mix, 0.5f);
+    MaterialMapSlot b = a;
+    EXPECT_TRUE(a == b);
+    b.intensityMultiplier = NaN;
+    b.alphaBlendMultiplier = NaN;
+    EXPECT_TRUE(a == b);
+    EXPECT_TRUE(b == a);
+    b = a;
+    b.color = 0.5f;  // a number compares by its widened channels
+    EXPECT_TRUE(a == b);
+    b.color = Rgb(0.5f, NaN, 0.5f);
+    EXPECT_TRUE(b != b);
+    b = a;
+    b.map = EntityHolder<IMap>(makeSharedPtr<ConstantColorMap>());  // same content, other entity
+    EXPECT_TRUE(a != b);
+    b = a;
+    b.mapTint.g = 0.9f;
+    EXPECT_TRUE(a != b);
+    b = a;
+    b.interpolationMode = Interpolation::Add;
+    EXPECT_TRUE(a != b);
+    b = a;
+    b.intensityMultiplier = 1.5f;
+    EXPECT_TRUE(a != b);
+    b = a;
+    b.mapOn = false;
+    EXPECT_TRUE(a != b);
+}
+
+TEST(ColorOrMapTest, EvaluatorFoldsConstantsAndKeepsVaryingMaps) {
+    ColorOrMap value{Rgb(0.3f, 0.6f, 0.9f), {}, true};
+    ColorOrMap::Evaluator const plain(value);
+    EXPECT_TRUE(plain.isConstant());
+    EXPECT_EQ(plain.getColor(), RgbAlpha(0.3f, 0.6f, 0.9f, 1.f));
+    EXPECT_EQ(plain.getMono().value, (0.3f * 0.33333334f + 0.6f * 0.33333334f) + 0.9f * 0.33333334f);
+
+    value.map = EntityHolder<IMap>(makeSharedPtr<ConstantColorMap>(Rgb(0.1f, 0.2f, 0.4f), 0.5f));
+    ColorOrMap::Evaluator const folded(value);
+    EXPECT_TRUE(folded.isConstant());
+    EXPECT_EQ(folded.getColor(), RgbAlpha(0.1f, 0.2f, 0.4f, 0.5f));
+    EXPECT_EQ(folded.getMono().alpha, 0.5f);
+
+    value.mapOn = false;
+    EXPECT_EQ(ColorOrMap::Evaluator(value).getColor(), RgbAlpha(0.3f, 0.6f, 0.9f, 1.f));
+
+    value.map = EntityHolder<IMap>(makeSharedPtr<VaryingMap>());
+    value.mapOn = true;
+    ColorOrMap::Evaluator const varying(value);
+    EXPECT_FALSE(varying.isConstant());
+    EXPECT_EQ(varying.evalColor(ValueContext(RgbAlpha(0.7f, 0.1f, 0.2f, 0.3f)), nullptr), RgbAlpha(0.7f, 0.1f, 0.2f, 0.3f));
+}
+
+TEST(ColorOrMapTest, RecordRoundTrip) {
+    ColorOrMap value{Rgb(0.3f, 0.6f, 0.9f), EntityHolder<IMap>(makeSharedPtr<VaryingMap>()), false};
+    GenericDataObject const data = value.toData();
+    EXPECT_EQ(data.getName(), "Zatho.ColorOrMap");
+    EXPECT_TRUE(ColorOrMap::fromData(data) == value);
+}
+
+TEST(MaterialMapSlotTest, RecordRoundTripKeepsTheNumberForm) {
+    MaterialMapSlot slot(0.75f, EntityHolder<IMap>(makeSharedPtr<VaryingMap>()), false, Rgb(0.5f, 1, 1), 3.f,
+                         Interpolation::Subtract, 0.25f);
+    MaterialMapSlot const back = MaterialMapSlot::fromData(slot.toData());
+    EXPECT_TRUE(back == slot);
+    EXPECT_TRUE(std::holds_alternative<float>(back.color));
+}
+
+TEST(ColorSpaceTest, TablesAreConsistentAndMatchPublishedValues) {
+    for (std::size_t i = 0; i < ColorSpaceTransform::COLOR_SPACES.size(); ++i) {
+        ColorSpaceTransform const& s = ColorSpaceTransform::COLOR_SPACES[i];
+        EXPECT_EQ(int(s.space), int(i));
+        // Bradford-adapted: reflectance white stays white.
+        Rgb const white = s.fromRec709 * Rgb(1, 1, 1);
+        EXPECT_NEAR(white.r, 1.f, 1e-5f) << s.name;
+        EXPECT_NEAR(white.g, 1.f, 1e-5f) << s.name;
+        EXPECT_NEAR(white.b, 1.f, 1e-5f) << s.name;
+        Matrix33 const round = s.toRec709 * s.fromRec709;
+        for (int r = 0; r < 3; ++r)
+            for (int c = 0; c < 3; ++c) EXPECT_NEAR(round.m[r][c], r == c ? 1.f : 0.f, 1e-5f) << s.name;
+    }
+    // Widely quoted rows: Rec.709 to ACEScg, to ACES2065-1 and to Rec.2020 (BT.2087).
+    Matrix33 const& ap1 = ColorSpaceTransform::COLOR_SPACES[int(ColorSpace::AcesCg)].fromRec709;
+    EXPECT_NEAR(ap1.m[0][0], 0.6131f, 1e-4f);
+    EXPECT_NEAR(ap1.m[0][1], 0.3395f, 1e-4f);
+    EXPECT_NEAR(ap1.m[0][2], 0.0474f, 1e-4f);
+    Matrix33 const& ap0 = ColorSpaceTransform::COLOR_SPACES[int(ColorSpace::Aces2065)].fromRec709;
+    EXPECT_NEAR(ap0.m[0][0], 0.4397f, 1e-4f);
+    EXPECT_NEAR(ap0.m[1][1], 0.8134f, 1e-4f);
+    Matrix33 const& bt2020 = ColorSpaceTransform::COLOR_SPACES[int(ColorSpace::Rec2020)].fromRec709;
+    EXPECT_NEAR(bt2020.m[0][0], 0.6274f, 1e-4f);
+    EXPECT_NEAR(bt2020.m[2][2], 0.8956f, 1e-4f);
+    Matrix33 const& p3 = ColorSpaceTransform::COLOR_SPACES[int(ColorSpace::DisplayP3)].fromRec709;
+    EXPECT_NEAR(p3.m[0][0], 0.8225f, 1e-4f);
+    EXPECT_EQ(p3.m[0][2], 0.f);
+}
+
+struct Scope : IEntityHandleScope {
+    Stack<Entity const*> live;
+    bool contains(Entity const& e) const override { return std::find(live.begin(), live.end(), &e) != live.end(); }
+};
+
+TEST(IncludeExcludeSetTest, ConvertsFiltersAndApplies) {
+    auto a = makeSharedPtr<ConstantColorMap>(), b = makeSharedPtr<ConstantColorMap>(), c = makeSharedPtr<ConstantColorMap>();
+    ExcludedNodes nodes{{EntityHolder<Entity>(a), EntityHolder<Entity>(), EntityHolder<Entity>(b)}, false};
+    IncludeExcludeSet set = IncludeExcludeSet::fromExcludedNodes(nodes);
+    EXPECT_EQ(set.getNodes().size(), 2u);  // the empty handle is dropped
+    EXPECT_FALSE(set.applies(*a));
+    EXPECT_TRUE(set.applies(*c));
+
+    Scope scope;
+    scope.live = {b.get(), c.get()};
+    set.removeInvalidNodes(scope);
+    ASSERT_EQ(set.getNodes().size(), 1u);
+    EXPECT_EQ(set.getNodes()[0].get(), b.get());
+
+    ExcludedNodes const back = set.toExcludedNodes();
+    EXPECT_FALSE(back.isInclude);
+    ASSERT_EQ(back.nodes.size(), 1u);
+
+    IncludeExcludeSet const include = IncludeExcludeSet::fromExcludedNodes({{EntityHolder<Entity>(a)}, true});
+    EXPECT_TRUE(include.applies(*a));
+    EXPECT_FALSE(include.applies(*b));
+    EXPECT_TRUE(include.toExcludedNodes().isInclude);
+}
+
+// JSON needs the entity classes registered.
+class SlotJsonTest : public ::testing::Test {
+protected:
+    void SetUp() override { Ferrim::startup(); }
+    void TearDown() override { Ferrim::shutdown(); }
+};
+
+TEST_F(SlotJsonTest, RoundTripThroughText) {
+    MaterialMapSlot slot(0.5f, EntityHolder<IMap>(makeSharedPtr<ConstantColorMap>(Rgb(0.1f, 0.2f, 0.3f), 0.4f)), false,
+                         Rgb(1.f, 0.5f, 0.25f), 2.f, Interpolation::Subtract, 0.75f);
+    nlohmann::json const j = toJson(slot);
+    EXPECT_EQ(j.at("interpolationMode"), "Subtract");
+    EXPECT_TRUE(j.at("color").is_number());
+    auto parsed = parseJson(j.dump());
+    ASSERT_TRUE(parsed);
+
+    MaterialMapSlot back;
+    ASSERT_TRUE(fromJson(*parsed, back));
+    EXPECT_TRUE(std::holds_alternative<float>(back.color));
+    EXPECT_EQ(back.getBaseColor(), Rgb(0.5f));
+    EXPECT_FALSE(back.mapOn);
+    EXPECT_EQ(back.mapTint, slot.mapTint);
+    EXPECT_EQ(back.intensityMultiplier, 2.f);
+    EXPECT_EQ(back.interpolationMode, Interpolation::Subtract);
+    EXPECT_EQ(back.alphaBlendMultiplier, 0.75f);
+    ASSERT_TRUE(back.map);
+    EXPECT_EQ(back.map->getClassName(), "Zatho.ConstantColorMap");
+    EXPECT_EQ(back.map->getEvaluator().constantColor, RgbAlpha(0.1f, 0.2f, 0.3f, 0.4f));
+    EXPECT_EQ(toJson(back), j);
+
+    ColorOrMap value{Rgb(0.2f, 0.3f, 0.4f), {}, false};
+    ColorOrMap valueBack;
+    ASSERT_TRUE(fromJson(toJson(value), valueBack));
+    EXPECT_TRUE(valueBack == value);
+}
+
+TEST_F(SlotJsonTest, ErrorsNameTheKeyAndChangeNothing) {
+    MaterialMapSlot const original(Rgb(0.1f, 0.2f, 0.3f), {}, true, Rgb(1, 1, 1), 1.f, Interpolation::Mix, 0.5f);
+    struct Bad {
+        char const* text;
+        char const* key;
+    };
+    for (Bad const bad : {Bad{R"({"mapTint": "red"})", "mapTint"},
+                          Bad{R"({"color": [1, 2]})", "color"},
+                          Bad{R"({"mapOn": 1})", "mapOn"},
+                          Bad{R"({"interpolationMode": "Blend"})", "interpolationMode"},
+                          Bad{R"({"interpolationMode": 7})", "interpolationMode"},
+                          Bad{R"({"map": {"@class": "Zatho.NoSuchMap"}})", "map"},
+                          Bad{R"({"intensityMultiplier": 2, "colour": [1, 1, 1]})", "colour"}}) {
+        MaterialMapSlot slot = original;
+        auto const r = fromJson(nlohmann::json::parse(bad.text), slot);
+        ASSERT_FALSE(r) << bad.text;
+        EXPECT_NE(r.error().find(bad.key), String::npos) << r.error();
+        EXPECT_TRUE(slot == original) << bad.text;
+        EXPECT_EQ(slot.getBaseColor(), original.getBaseColor());
+    }
+    MaterialMapSlot slot = original;
+    EXPECT_FALSE(fromJson(nlohmann::json::array({1, 2}), slot));
+    // Present keys are read, absent ones keep their values.
+    ASSERT_TRUE(fromJson(nlohmann::json::parse(R"({"interpolationMode": 2, "color": [0.5, 0.5, 0.5]})"), slot));
+    EXPECT_EQ(slot.interpolationMode, Interpolation::Add);
+    EXPECT_EQ(slot.getBaseColor(), Rgb(0.5f));
+    EXPECT_EQ(slot.alphaBlendMultiplier, 0.5f);
+}
+
+TEST_F(SlotJsonTest, RecordTypesAreRegistered) {
+    EXPECT_TRUE(DataObjects::TypeDatabase::findType("Zatho.ColorOrMap"));
+    EXPECT_TRUE(DataObjects::TypeDatabase::findType("Zatho.MaterialMapSlot"));
+}
+
+} // namespace

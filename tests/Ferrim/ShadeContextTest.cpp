@@ -1,0 +1,228 @@
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <thread>
+
+#include "Ferrim/IShadeContext.h"
+#include "Ferrim/UvMapper.h"
+
+using namespace Quelin;
+
+namespace {
+
+std::uint32_t bits(float v) { return std::bit_cast<std::uint32_t>(v); }
+
+// Answers every operation with a value of its own, derived from the arguments
+// where there are any, and records the arguments it was given.
+class RecordingContext : public IShadeContext {
+public:
+    mutable int lastChannel = -100;
+    mutable std::uint32_t lastFlags = 0;
+    mutable Optional<PrecisePos> lastPoint;
+    mutable UnprojectPoint lastMode = UnprojectPoint::Pixels;
+    mutable Rgb lastColor;
+    mutable Flags<ColorMappingExclude> lastExclude;
+    String name = "brushed steel";
+
+    Matrix33 getBumpBase(int c) const override { return record(c), Matrix33(1, 2, 3, 4, 5, 6, 7, 8, float(c)); }
+    Pos getUvw(int c, std::uint32_t flags = 0) const override {
+        record(c);
+        lastFlags = flags;
+        return Pos(0.1f, 0.2f, float(c));
+    }
+    Dir getDUvw(int c) const override { return record(c), Dir(0.01f, 0.02f, float(c)); }
+    Dir getDpDu(int c) const override { return record(c), Dir(1.5f, 0, float(c)); }
+    Dir getDpDv(int c) const override { return record(c), Dir(0, 2.5f, float(c)); }
+    PrecisePos getPosition() const override { return PrecisePos(1e6, -2.0, 3.5); }
+    Pos getObjectPosition() const override { return Pos(4, 5, 6); }
+    Dir getNormal() const override { return Dir(0, 0, 1); }
+    Dir getGeometricNormal() const override { return Dir(0, 1, 0); }
+    Dir getObjectNormal() const override { return Dir(1, 0, 0); }
+    Dir getViewDirection() const override { return Dir(0, -1, 0); }
+    float getPositionFootprint() const override { return 0.125f; }
+    AffineTm getObjectToWorld() const override {
+        AffineTm t;
+        t.m[0][3] = 7;
+        return t;
+    }
+    AffineTm getWorldToCamera() const override {
+        AffineTm t;
+        t.m[1][3] = -9;
+        return t;
+    }
+    bool isBackFace() const override { return true; }
+    int getFaceIndex() const override { return 42; }
+    RayKind getRayKind() const override { return RayKind::Refraction; }
+    ShadedKind getShadedKind() const override { return ShadedKind::Volume; }
+    int getRayDepth() const override { return 3; }
+    bool wantsFilteredLookup() const override { return true; }
+    float getTime() const override { return 0.75f; }
+    Pixel getPixel() const override { return Pixel(640, 360); }
+    Vector2 unprojectPoint(Optional<PrecisePos> const& point, UnprojectPoint mode) const override {
+        lastPoint = point;
+        lastMode = mode;
+        return mode == UnprojectPoint::Normalized ? Vector2(0.25f, 0.5f) : Vector2(320, 240);
+    }
+    BoundingBox<Pos> getObjectBbox() const override { return {Pos(-1, -1, -1), Pos(1, 1, 1)}; }
+    Vector2 generateRandom2() const override { return Vector2(0.3f, 0.7f); }
+    Pixel getImageSize() const override { return Pixel(1920, 1080); }
+    BoundingBox<Pos> getSceneBbox() const override { return {Pos(-10, -10, -10), Pos(10, 10, 10)}; }
+    int getObjectId() const override { return 17; }
+    int getInstanceId() const override { return 23; }
+    Rgb getVertexColor(int channel) const override { return Rgb(0.5f, float(channel), 0.25f); }
+    Rgb colorUnMap(Rgb const& color, Flags<ColorMappingExclude> exclude) const override {
+        lastColor = color;
+        lastExclude = exclude;
+        return color * 2.f;
+    }
+    String const& getMaterialName() const override { return name; }
+
+private:
+    void record(int c) const { lastChannel = c; }
+};
+
+void expectSameAnswers(IShadeContext const& wrapper, RecordingContext const& parent, bool uvwOverridden) {
+    if (!uvwOverridden) {
+        EXPECT_EQ(wrapper.getUvw(5, 0x1), parent.getUvw(5, 0x1));
+        EXPECT_EQ(wrapper.getDUvw(6), parent.getDUvw(6));
+        EXPECT_EQ(wrapper.getBumpBase(2), parent.getBumpBase(2));
+        EXPECT_EQ(wrapper.getDpDu(3), parent.getDpDu(3));
+        EXPECT_EQ(wrapper.getDpDv(4), parent.getDpDv(4));
+    }
+    EXPECT_EQ(wrapper.getPosition(), parent.getPosition());
+    EXPECT_EQ(wrapper.getObjectPosition(), parent.getObjectPosition());
+    EXPECT_EQ(wrapper.getNormal(), parent.getNormal());
+    EXPECT_EQ(wrapper.getGeometricNormal(), parent.getGeometricNormal());
+    EXPECT_EQ(wrapper.getObjectNormal(), parent.getObjectNormal());
+    EXPECT_EQ(wrapper.getViewDirection(), parent.getViewDirection());
+    EXPECT_EQ(wrapper.getPositionFootprint(), parent.getPositionFootprint());
+    EXPECT_EQ(wrapper.getObjectToWorld(), parent.getObjectToWorld());
+    EXPECT_EQ(wrapper.getWorldToCamera(), parent.getWorldToCamera());
+    EXPECT_EQ(wrapper.isBackFace(), parent.isBackFace());
+    EXPECT_EQ(wrapper.getFaceIndex(), parent.getFaceIndex());
+    EXPECT_EQ(wrapper.getRayKind(), parent.getRayKind());
+    EXPECT_EQ(wrapper.getShadedKind(), parent.getShadedKind());
+    EXPECT_EQ(wrapper.getRayDepth(), parent.getRayDepth());
+    EXPECT_EQ(wrapper.wantsFilteredLookup(), parent.wantsFilteredLookup());
+    EXPECT_EQ(wrapper.getTime(), parent.getTime());
+    EXPECT_EQ(wrapper.getPixel(), parent.getPixel());
+    EXPECT_EQ(wrapper.getObjectBbox(), parent.getObjectBbox());
+    EXPECT_EQ(wrapper.generateRandom2(), parent.generateRandom2());
+    EXPECT_EQ(wrapper.getImageSize(), parent.getImageSize());
+    EXPECT_EQ(wrapper.getSceneBbox(), parent.getSceneBbox());
+    EXPECT_EQ(wrapper.getObjectId(), parent.getObjectId());
+    EXPECT_EQ(wrapper.getInstanceId(), parent.getInstanceId());
+    EXPECT_EQ(wrapper.getVertexColor(2), parent.getVertexColor(2));
+    EXPECT_EQ(&wrapper.getMaterialName(), &parent.getMaterialName());
+}
+
+TEST(OverridableShadeContextTest, EveryOperationForwardsUnchanged) {
+    RecordingContext parent;
+    OverridableShadeContext wrapper(parent);
+    expectSameAnswers(wrapper, parent, false);
+
+    // The arguments reach the parent unchanged.
+    EXPECT_EQ(wrapper.getUvw(11, 0x1), Pos(0.1f, 0.2f, 11.f));
+    EXPECT_EQ(parent.lastChannel, 11);
+    EXPECT_EQ(parent.lastFlags, 0x1u);
+    EXPECT_EQ(wrapper.unprojectPoint(PrecisePos(1, 2, 3), IShadeContext::UnprojectPoint::Normalized), Vector2(0.25f, 0.5f));
+    EXPECT_EQ(parent.lastPoint, PrecisePos(1, 2, 3));
+    EXPECT_EQ(parent.lastMode, IShadeContext::UnprojectPoint::Normalized);
+    EXPECT_EQ(wrapper.unprojectPoint(std::nullopt, IShadeContext::UnprojectPoint::Pixels), Vector2(320, 240));
+    EXPECT_FALSE(parent.lastPoint.has_value());
+    Flags<ColorMappingExclude> exclude;
+    exclude.set(ColorMappingExclude::WhiteBalance).set(ColorMappingExclude::Lut);
+    EXPECT_EQ(wrapper.colorUnMap(Rgb(0.1f, 0.2f, 0.3f), exclude), Rgb(0.2f, 0.4f, 0.6f));
+    EXPECT_EQ(parent.lastColor, Rgb(0.1f, 0.2f, 0.3f));
+    EXPECT_TRUE(parent.lastExclude == exclude);
+}
+
+TEST(OverridableShadeContextTest, WrappersNestAndStillForward) {
+    RecordingContext parent;
+    BlurringShadeContext blur(parent, 3.f);
+    OverridableShadeContext outer(blur);
+    expectSameAnswers(outer, parent, true);
+    EXPECT_EQ(outer.getUvw(1), parent.getUvw(1));
+}
+
+TEST(BlurringShadeContextTest, WidensOnlyTheFootprint) {
+    struct FootprintContext : RecordingContext {
+        Dir getDUvw(int) const override { return Dir(0.01f, 0.02f, 0.f); }
+    } parent;
+    BlurringShadeContext blur(parent, 2.f);
+    Dir const d = blur.getDUvw(1);
+    EXPECT_FLOAT_EQ(d.x, 0.02f);
+    EXPECT_FLOAT_EQ(d.y, 0.04f);
+    EXPECT_EQ(d.z, 0.f);
+    expectSameAnswers(blur, parent, true);
+    EXPECT_EQ(blur.getUvw(4, 0), parent.getUvw(4, 0));
+    EXPECT_EQ(blur.getBumpBase(4), parent.getBumpBase(4));
+}
+
+TEST(OverridableUvwShadeContextTest, EveryChannelAnswersTheStoredCoordinates) {
+    RecordingContext parent;
+    OverridableUvwShadeContext ctx(parent, Pos(0.3f, 0.4f, 0.5f), Dir(0.001f, 0.002f, 0.f));
+    for (int channel : {0, 1, 7}) {
+        EXPECT_EQ(ctx.getUvw(channel), Pos(0.3f, 0.4f, 0.5f));
+        EXPECT_EQ(ctx.getDUvw(channel), Dir(0.001f, 0.002f, 0.f));
+    }
+    expectSameAnswers(ctx, parent, true);
+}
+
+TEST(OverridableUvwShadeContextTest, FlagClearKeepsTheParentsFrame) {
+    RecordingContext parent;
+    OverridableUvwShadeContext ctx(parent, Pos(), Dir(), Dir(9, 9, 9), Dir(8, 8, 8), false);
+    EXPECT_EQ(ctx.getBumpBase(3), parent.getBumpBase(3));
+    EXPECT_EQ(parent.lastChannel, 3);
+    EXPECT_EQ(ctx.getDpDu(2), parent.getDpDu(2));
+    EXPECT_EQ(ctx.getDpDv(2), parent.getDpDv(2));
+}
+
+TEST(OverridableUvwShadeContextTest, FlagSetBuildsTheFrameFromTheStoredTangents) {
+    RecordingContext parent;
+    Dir const dpdu(2, 0, 0), dpdv(0.5f, 3, 0);
+    OverridableUvwShadeContext ctx(parent, Pos(), Dir(), dpdu, dpdv, true);
+    Matrix33 const frame = ctx.getBumpBase(1);
+    EXPECT_EQ(frame.column(0), dpdu);
+    EXPECT_EQ(frame.column(1), dpdv);
+    EXPECT_EQ(frame.column(2), parent.getNormal());
+    EXPECT_EQ(ctx.getDpDu(1), dpdu);
+    EXPECT_EQ(ctx.getDpDv(1), dpdv);
+    // The frame carries a UV gradient into the tangent plane.
+    EXPECT_EQ(frame * Dir(1, 2, 0), dpdu + dpdv * 2.f);
+}
+
+TEST(NullShadeContextTest, AnswersTheUnsetMarkers) {
+    NullShadeContext ctx;
+    EXPECT_EQ(ctx.getImageSize(), Pixel(std::numeric_limits<std::int32_t>::min(), std::numeric_limits<std::int32_t>::min()));
+    EXPECT_EQ(ctx.getPixel(), Pixel::unknown());
+    for (BoundingBox<Pos> const& box : {ctx.getObjectBbox(), ctx.getSceneBbox()}) {
+        for (int axis = 0; axis < 3; ++axis) {
+            EXPECT_EQ(box.min[axis], std::numeric_limits<float>::infinity());
+            EXPECT_EQ(box.max[axis], -std::numeric_limits<float>::infinity());
+        }
+        EXPECT_TRUE(box.isEmpty());
+    }
+    Rgb const unmapped = ctx.colorUnMap(Rgb(0.5f, 0.5f, 0.5f), {});
+    EXPECT_EQ(bits(unmapped.r), 0xFFFFFFFFu);
+    EXPECT_EQ(bits(unmapped.g), 0xFFFFFFFFu);
+    EXPECT_EQ(bits(unmapped.b), 0xFFFFFFFFu);
+    for (Vector2 v : {ctx.generateRandom2(), ctx.unprojectPoint(PrecisePos(), IShadeContext::UnprojectPoint::Pixels)}) {
+        EXPECT_EQ(bits(v.x), UNSET_FLOAT_BITS);
+        EXPECT_EQ(bits(v.y), UNSET_FLOAT_BITS);
+    }
+    EXPECT_TRUE(isUnsetFloat(ctx.getUvw(1).x));
+    EXPECT_TRUE(isUnsetFloat(ctx.getPositionFootprint()));
+}
+
+TEST(NullShadeContextTest, MaterialNameIsOneSharedEmptyString) {
+    NullShadeContext a, b;
+    String const* fromThread = nullptr;
+    std::thread t([&] { fromThread = &NullShadeContext().getMaterialName(); });
+    t.join();
+    EXPECT_TRUE(a.getMaterialName().empty());
+    EXPECT_EQ(&a.getMaterialName(), &b.getMaterialName());
+    EXPECT_EQ(&a.getMaterialName(), fromThread);
+}
+
+} // namespace

@@ -1,0 +1,476 @@
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "Ferrim/UvMapper.h"
+#include "QuelinLib/Json.h"
+
+using namespace Quelin;
+
+namespace {
+
+constexpr float HALF_PI = 1.57079633f;
+
+// A shading point with settable answers; channel c reads uvw + (c, 0, 0) so
+// that the channel in use is visible in the result.
+struct PointContext : NullShadeContext {
+    Pos uvw{0.25f, 0.5f, 0.f};
+    Dir dUvw{0.01f, 0.02f, 0.f};
+    PrecisePos world{10, 20, 30};
+    Pos object{1, 2, 3};
+    Dir view{0, 0, 1};
+    Dir normal{0, 0, 1};
+    ShadedKind kind = ShadedKind::Surface;
+    float footprint = 0.5f;
+    Pos getUvw(int c, std::uint32_t = 0) const override { return uvw + Pos(float(c), 0, 0); }
+    Dir getDUvw(int) const override { return dUvw; }
+    PrecisePos getPosition() const override { return world; }
+    Pos getObjectPosition() const override { return object; }
+    Dir getViewDirection() const override { return view; }
+    Dir getNormal() const override { return normal; }
+    ShadedKind getShadedKind() const override { return kind; }
+    float getPositionFootprint() const override { return footprint; }
+    Matrix33 getBumpBase(int) const override { return Matrix33::fromColumns(Dir(1, 0, 0), Dir(0, 1, 0), normal); }
+    Vector2 unprojectPoint(Optional<PrecisePos> const&, UnprojectPoint) const override { return Vector2(0.75f, 0.25f); }
+};
+
+void expectNear(Pos const& a, Pos const& b, float tol = 1e-5f) {
+    EXPECT_NEAR(a.x, b.x, tol);
+    EXPECT_NEAR(a.y, b.y, tol);
+    EXPECT_NEAR(a.z, b.z, tol);
+}
+
+void expectTmNear(AffineTm const& a, AffineTm const& b, float tol) {
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 4; ++j) EXPECT_NEAR(a.m[i][j], b.m[i][j], tol) << "element " << i << "," << j;
+}
+
+template <typename F> void expectStop(F&& f, int line) {
+    try {
+        f();
+        ADD_FAILURE() << "no stop";
+    } catch (StopException const& e) {
+        EXPECT_EQ(e.getSourceFile(), "UvMapper");
+        EXPECT_EQ(e.getLine(), line);
+    }
+}
+
+// ---------------------------------------------------------------- placement
+
+TEST(UvMappingTest, DefaultsGiveTheIdentity) {
+    UvMapper::UvMapping m;
+    EXPECT_EQ(m.compute3dsMaxStdUvGenTransform(false), AffineTm::identity());
+    EXPECT_EQ(m.compute3dsMaxStdUvGenTransform(true), AffineTm::identity());
+    UvMapper mapper;
+    EXPECT_EQ(mapper.getTransform(), AffineTm::identity());
+    EXPECT_EQ(mapper.getChannel(), 1);
+    EXPECT_EQ(mapper.getMapping().scale, Pos(1, 1, 1));
+}
+
+TEST(UvMappingTest, MirrorDoublesOnlyTheMirroredRow) {
+    UvMapper::UvMapping m;
+    m.offset = Pos(0.1f, 0.2f, 0.f);
+    m.rotation = Pos(0.f, 0.f, 0.4f);
+    m.scale = Pos(2.f, 3.f, 1.f);
+    for (int axis : {0, 1}) {
+        m.wrapU = axis == 0 ? WrapMode::Mirror : WrapMode::Repeat;
+        m.wrapV = axis == 1 ? WrapMode::Mirror : WrapMode::Clamp;
+        AffineTm const plain = m.compute3dsMaxStdUvGenTransform(false);
+        AffineTm const mirrored = m.compute3dsMaxStdUvGenTransform(true);
+        for (int row = 0; row < 3; ++row)
+            for (int j = 0; j < 4; ++j)
+                EXPECT_EQ(mirrored.m[row][j], row == axis ? 2.f * plain.m[row][j] : plain.m[row][j]);
+    }
+}
+
+TEST(UvMappingTest, RotationTurnsAboutTheTileCentreUnlessOriginIsForced) {
+    UvMapper::UvMapping m;
+    m.rotation = Pos(0.f, 0.f, HALF_PI);
+    AffineTm const centred = m.compute3dsMaxStdUvGenTransform(false);
+    expectNear(centred.transformPoint(Pos(0.5f, 0.5f, 0.5f)), Pos(0.5f, 0.5f, 0.5f));
+    // Z turns the (u, v) plane: u' = -v, v' = u about the centre.
+    expectNear(centred.transformPoint(Pos(1.f, 0.5f, 0.5f)), Pos(0.5f, 1.f, 0.5f));
+
+    for (int flag = 0; flag < 2; ++flag) {
+        UvMapper::UvMapping o = m;
+        (flag == 0 ? o.forceRotationAroundOrigin : o.useRealWorldScale) = true;
+        AffineTm const tm = o.compute3dsMaxStdUvGenTransform(false);
+        expectNear(tm.transformPoint(Pos(0, 0, 0)), Pos(0, 0, 0));
+        expectNear(tm.transformPoint(Pos(1, 0, 0)), Pos(0, 1, 0));
+    }
+}
+
+TEST(UvMappingTest, OffsetIsScaledOnlyWhenAskedFor) {
+    UvMapper::UvMapping m;
+    m.offset = Pos(0.25f, 0.f, 0.f);
+    m.scale = Pos(2.f, 3.f, 1.f);
+    AffineTm const unscaled = m.compute3dsMaxStdUvGenTransform(false);
+    EXPECT_FLOAT_EQ(unscaled.m[0][0], 2.f);
+    EXPECT_FLOAT_EQ(unscaled.m[1][1], 3.f);
+    EXPECT_FLOAT_EQ(unscaled.m[0][3], -0.25f);
+    EXPECT_FLOAT_EQ(unscaled.m[1][3], 0.f);
+    m.isOffsetScaled = true;
+    AffineTm const scaled = m.compute3dsMaxStdUvGenTransform(false);
+    // Tiling then works about the tile centre: 2 (u - 0.25 - 0.5) + 0.5.
+    EXPECT_FLOAT_EQ(scaled.m[0][3], -1.f);
+    EXPECT_FLOAT_EQ(scaled.m[1][3], -1.f);
+    EXPECT_FLOAT_EQ(scaled.m[0][0], 2.f);
+}
+
+TEST(UvMappingTest, PlaneSelectionPermutesTheAxes) {
+    UvMapper::UvMapping m;
+    m.uvPlaneSelection = 1;
+    expectNear(m.compute3dsMaxStdUvGenTransform(false).transformPoint(Pos(1, 2, 3)), Pos(2, 3, 1));
+    m.uvPlaneSelection = 2;
+    expectNear(m.compute3dsMaxStdUvGenTransform(false).transformPoint(Pos(1, 2, 3)), Pos(3, 1, 2));
+}
+
+class UvMappingRoundTripTest : public ::testing::TestWithParam<unsigned> {};
+
+TEST_P(UvMappingRoundTripTest, UpdateInvertsTheTransform) {
+    std::mt19937 rng(GetParam());
+    std::uniform_real_distribution<float> offset(-2.f, 2.f), angle(-0.3f, 0.3f), scale(0.2f, 4.f);
+    std::uniform_int_distribution<int> coin(0, 1), plane(0, 2), wrap(0, 3);
+    for (int trial = 0; trial < 100; ++trial) {
+        UvMapper::UvMapping truth;
+        truth.wrapU = WrapMode(wrap(rng));
+        truth.wrapV = WrapMode(wrap(rng));
+        truth.offset = Pos(offset(rng), offset(rng), offset(rng));
+        truth.rotation = Pos(angle(rng), angle(rng), angle(rng));
+        truth.scale = Pos(scale(rng), scale(rng), scale(rng));
+        truth.isOffsetScaled = coin(rng);
+        truth.useRealWorldScale = coin(rng);
+        truth.forceRotationAroundOrigin = coin(rng);
+        truth.uvPlaneSelection = plane(rng);
+        bool const withMirror = coin(rng);
+        AffineTm const tm = truth.compute3dsMaxStdUvGenTransform(withMirror);
+
+        UvMapper::UvMapping m;  // same flags, placement forgotten
+        m.wrapU = truth.wrapU;
+        m.wrapV = truth.wrapV;
+        m.isOffsetScaled = truth.isOffsetScaled;
+        m.useRealWorldScale = truth.useRealWorldScale;
+        m.forceRotationAroundOrigin = truth.forceRotationAroundOrigin;
+        m.uvPlaneSelection = (truth.uvPlaneSelection + 1) % 3;
+        ASSERT_TRUE(m.updateFrom3dsMaxStdUvGenTransform(tm, withMirror)) << "trial " << trial;
+        EXPECT_EQ(m.uvPlaneSelection, truth.uvPlaneSelection);
+        expectNear(m.offset, truth.offset, 2e-4f);
+        expectNear(m.rotation, truth.rotation, 2e-4f);
+        expectNear(m.scale, truth.scale, 2e-4f);
+        expectTmNear(m.compute3dsMaxStdUvGenTransform(withMirror), tm, 1e-4f);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, UvMappingRoundTripTest, ::testing::Values(1u, 77u, 4242u));
+
+TEST(UvMappingTest, UpdateRebuildsMirroredAndLargeRotations) {
+    UvMapper::UvMapping truth;
+    truth.scale = Pos(-2.f, 1.5f, 1.f);
+    truth.rotation = Pos(1.2f, -0.7f, 2.5f);
+    truth.offset = Pos(0.3f, -0.4f, 0.1f);
+    AffineTm const tm = truth.compute3dsMaxStdUvGenTransform(true);
+    UvMapper::UvMapping m;
+    ASSERT_TRUE(m.updateFrom3dsMaxStdUvGenTransform(tm, true));
+    expectTmNear(m.compute3dsMaxStdUvGenTransform(true), tm, 1e-4f);
+}
+
+TEST(UvMappingTest, UpdateRefusesOtherTransformsAndChangesNothing) {
+    UvMapper::UvMapping m;
+    m.offset = Pos(0.5f, 0.25f, 0.f);
+    m.scale = Pos(2, 2, 2);
+    m.uvPlaneSelection = 2;
+    UvMapper::UvMapping const before = m;
+    AffineTm shear;
+    shear.m[0][1] = 0.5f;
+    AffineTm flat;  // a collapsed axis has no tiling to recover
+    flat.m[2][2] = 0.f;
+    AffineTm nan;
+    nan.m[1][3] = std::numeric_limits<float>::quiet_NaN();
+    for (AffineTm const& tm : {shear, flat, nan}) {
+        EXPECT_FALSE(m.updateFrom3dsMaxStdUvGenTransform(tm, false));
+        EXPECT_EQ(m.offset, before.offset);
+        EXPECT_EQ(m.rotation, before.rotation);
+        EXPECT_EQ(m.scale, before.scale);
+        EXPECT_EQ(m.uvPlaneSelection, before.uvPlaneSelection);
+    }
+}
+
+TEST(UvMappingTest, UpdatePrefersThePlaneNeedingNoRotation) {
+    UvMapper::UvMapping truth;
+    truth.uvPlaneSelection = 1;
+    truth.scale = Pos(2, 3, 4);
+    UvMapper::UvMapping m;
+    ASSERT_TRUE(m.updateFrom3dsMaxStdUvGenTransform(truth.compute3dsMaxStdUvGenTransform(false), false));
+    EXPECT_EQ(m.uvPlaneSelection, 1);
+    expectNear(m.rotation, Pos(0, 0, 0));
+    expectNear(m.scale, Pos(2, 3, 4));
+}
+
+TEST(UvMappingTest, OutOfRangePlaneSelectionStops) {
+    UvMapper::UvMapping m;
+    m.uvPlaneSelection = 3;
+    expectStop([&] { m.compute3dsMaxStdUvGenTransform(false); }, 576);
+    m.uvPlaneSelection = -1;
+    expectStop([&] { m.compute3dsMaxStdUvGenTransform(true); }, 576);
+}
+
+// ---------------------------------------------------------------- wrapping
+
+struct WrapCase {
+    WrapMode mode;
+    float x;
+    float expected;
+    bool inside;
+};
+
+class WrapCoordinateTest : public ::testing::TestWithParam<WrapCase> {};
+
+TEST_P(WrapCoordinateTest, WrapsAtTheEdges) {
+    WrapCase const c = GetParam();
+    bool inside = true;
+    float const r = wrapCoordinate(c.x, c.mode, inside);
+    EXPECT_EQ(r, c.expected) << "x = " << c.x;
+    EXPECT_EQ(inside, c.inside);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Edges, WrapCoordinateTest,
+    ::testing::Values(WrapCase{WrapMode::NoTiling, 0.f, 0.f, true}, WrapCase{WrapMode::NoTiling, 1.f, 1.f, true},
+                      WrapCase{WrapMode::NoTiling, -0.25f, -0.25f, false}, WrapCase{WrapMode::NoTiling, 1.5f, 1.5f, false},
+                      WrapCase{WrapMode::Repeat, 0.f, 0.f, true}, WrapCase{WrapMode::Repeat, 1.f, 0.f, true},
+                      WrapCase{WrapMode::Repeat, 2.25f, 0.25f, true}, WrapCase{WrapMode::Repeat, -0.25f, 0.75f, true},
+                      WrapCase{WrapMode::Repeat, -1.f, 0.f, true}, WrapCase{WrapMode::Repeat, -1e-9f, 0.99999994f, true},
+                      WrapCase{WrapMode::Mirror, 0.f, 0.f, true}, WrapCase{WrapMode::Mirror, 1.f, 1.f, true},
+                      WrapCase{WrapMode::Mirror, 2.f, 0.f, true}, WrapCase{WrapMode::Mirror, 1.25f, 0.75f, true},
+                      WrapCase{WrapMode::Mirror, -0.25f, 0.25f, true}, WrapCase{WrapMode::Mirror, -1.f, 1.f, true},
+                      WrapCase{WrapMode::Mirror, 3.5f, 0.5f, true}, WrapCase{WrapMode::Clamp, 0.f, 0.f, true},
+                      WrapCase{WrapMode::Clamp, 1.f, 1.f, true}, WrapCase{WrapMode::Clamp, -0.5f, 0.f, true},
+                      WrapCase{WrapMode::Clamp, 7.f, 1.f, true},
+                      WrapCase{WrapMode::Repeat, std::numeric_limits<float>::quiet_NaN(), 0.f, true},
+                      WrapCase{WrapMode::Repeat, std::numeric_limits<float>::infinity(), 0.f, true},
+                      WrapCase{WrapMode::Mirror, -std::numeric_limits<float>::infinity(), 0.f, true},
+                      WrapCase{WrapMode::Clamp, std::numeric_limits<float>::quiet_NaN(), 0.f, true}));
+
+TEST(UvMapperTest, WrapUsesEachAxisModeAndKeepsW) {
+    UvMapper mapper;
+    mapper.set("wrapU", WrapMode::NoTiling);
+    mapper.set("wrapV", WrapMode::Mirror);
+    WrappedUvw const inside = mapper.wrap(Pos(0.5f, 1.5f, 7.f));
+    EXPECT_TRUE(inside.inside);
+    EXPECT_EQ(inside.uvw, Pos(0.5f, 0.5f, 7.f));
+    WrappedUvw const outside = mapper.wrap(Pos(1.5f, 0.25f, -3.f));
+    EXPECT_FALSE(outside.inside);
+    EXPECT_EQ(outside.uvw, Pos(1.5f, 0.25f, -3.f));
+}
+
+// ---------------------------------------------------------------- mapping
+
+TEST(UvMapperTest, ChannelModeReadsTheChannelAndPlacesIt) {
+    UvMapper mapper;
+    mapper.set("uvwMapChannel", 2);
+    mapper.set("offset", Pos(0.25f, 0.f, 0.f));
+    PointContext ctx;
+    // Channel 2 reads (2.25, 0.5, 0); the offset moves it back by 0.25.
+    expectNear(mapper.computeUvw(ctx), Pos(2.f, 0.5f, 0.f));
+}
+
+TEST(UvMapperTest, PositionModesReadThePosition) {
+    UvMapper mapper;
+    PointContext ctx;
+    mapper.set("mappingMode", UvMappingMode::WorldXyz);
+    EXPECT_EQ(mapper.computeUvw(ctx), Pos(10, 20, 30));
+    mapper.set("mappingMode", UvMappingMode::ObjectXyz);
+    EXPECT_EQ(mapper.computeUvw(ctx), Pos(1, 2, 3));
+    // Hair and particles carry their own coordinates.
+    ctx.kind = ShadedKind::Hair;
+    EXPECT_EQ(mapper.computeUvw(ctx), Pos(1.25f, 0.5f, 0.f));
+}
+
+TEST(UvMapperTest, ScreenModeProjectsCameraAndEnvironmentPoints) {
+    UvMapper mapper;
+    mapper.set("mappingMode", UvMappingMode::ScreenEnviro);
+    PointContext ctx;
+    EXPECT_EQ(mapper.computeUvw(ctx), Pos(0.75f, 0.25f, 0.f));
+    ctx.kind = ShadedKind::Environment;
+    ctx.view = Dir(0, 1, 0);
+    expectNear(mapper.computeUvw(ctx), Pos(0.25f, 0.5f, 0.f));
+    // A turned environment: +y seen through a quarter turn about z reads -x.
+    AffineTm turn;
+    turn.m[0][0] = 0, turn.m[0][1] = -1, turn.m[1][0] = 1, turn.m[1][1] = 0;
+    mapper.set("enviroTransform", turn);
+    mapper.set("rotateEnviro", true);
+    expectNear(mapper.computeUvw(ctx), Pos(0.5f, 0.5f, 0.f));
+}
+
+TEST(UvMapperTest, UnknownModeStops) {
+    PointContext ctx;
+    expectStop([&] { UvMapper::computeUnplacedUvw(ctx, UvMappingMode(7), UvMapper::UvMapping()); }, 455);
+}
+
+TEST(UvMapperTest, FootprintFollowsTheAbsoluteLinearPart) {
+    UvMapper mapper;
+    PointContext ctx;
+    mapper.set("scale", Pos(2, 3, 1));
+    Dir d = mapper.computeDUvw(ctx);
+    EXPECT_FLOAT_EQ(d.x, 0.02f);
+    EXPECT_FLOAT_EQ(d.y, 0.06f);
+    mapper.set("rotation", Pos(0, 0, HALF_PI));
+    d = mapper.computeDUvw(ctx);
+    EXPECT_NEAR(d.x, 0.04f, 1e-6f);
+    EXPECT_NEAR(d.y, 0.03f, 1e-6f);
+    mapper.set("mappingMode", UvMappingMode::WorldXyz);
+    mapper.set("rotation", Pos(0, 0, 0));
+    d = mapper.computeDUvw(ctx);
+    EXPECT_FLOAT_EQ(d.x, 1.f);
+    EXPECT_FLOAT_EQ(d.y, 1.5f);
+    EXPECT_FLOAT_EQ(d.z, 0.5f);
+}
+
+TEST(UvMapperTest, EditsReachTheTransformButNotSnapshots) {
+    UvMapper mapper;
+    mapper.set("scale", Pos(4, 4, 4));
+    SharedPtr<UvMapper const> frozen = mapper.snapshot();
+    EXPECT_EQ(frozen->getTransform(), mapper.getTransform());
+    mapper.set("offset", Pos(1, 0, 0));
+    EXPECT_FLOAT_EQ(mapper.getTransform().m[0][3], -1.f);
+    EXPECT_EQ(frozen->getTransform().m[0][3], 0.f);
+    EXPECT_EQ(frozen->getTransform().m[0][0], 4.f);
+}
+
+TEST(UvMapperTest, LoadingARecordRefreshesThePlacement) {
+    UvMapper mapper;
+    nlohmann::json const saved = mapper.saveInternalData();
+    EXPECT_EQ(saved.at("wrapU"), "Repeat");
+    EXPECT_EQ(saved.at("mappingMode"), "UvChannel");
+    ASSERT_TRUE(mapper.loadInternalData(nlohmann::json::parse(
+        R"({"scale": [2, 3, 1], "wrapU": "Mirror", "mappingMode": "WorldXyz", "uvwMapChannel": 4})")));
+    EXPECT_EQ(mapper.getTransform().m[0][0], 4.f);  // tiling 2, mirrored
+    EXPECT_EQ(mapper.getTransform().m[1][1], 3.f);
+    EXPECT_EQ(mapper.getMappingMode(), UvMappingMode::WorldXyz);
+    EXPECT_EQ(mapper.getChannel(), 4);
+    // A refused record changes nothing.
+    EXPECT_FALSE(mapper.loadInternalData(nlohmann::json::parse(R"({"uvwMapChannel": -1})")));
+    EXPECT_FALSE(mapper.loadInternalData(nlohmann::json::parse(R"({"uvPlaneSelection": 3})")));
+    EXPECT_EQ(mapper.getChannel(), 4);
+    EXPECT_EQ(mapper.getMapping().uvPlaneSelection, 0);
+}
+
+// --------------------------------------------------------------- frames
+
+TEST(UvMapperTest, BumpBaseSolvesTheTangents) {
+    StaticArray<Pos, 3> const positions{Pos(0, 0, 0), Pos(2, 0, 0), Pos(0, 3, 0)};
+    StaticArray<Pos, 3> const uvws{Pos(0, 0, 0), Pos(1, 0, 0), Pos(0, 1, 0)};
+    Dir const n(0, 0, 1);
+    Matrix33 const raw = UvMapper::bumpBase(n, positions, uvws, false);
+    EXPECT_EQ(raw.column(0), Dir(2, 0, 0));
+    EXPECT_EQ(raw.column(1), Dir(0, 3, 0));
+    EXPECT_EQ(raw.column(2), n);
+    Matrix33 const unit = UvMapper::bumpBase(n, positions, uvws, true);
+    EXPECT_EQ(unit.column(0), Dir(1, 0, 0));
+    EXPECT_EQ(unit.column(1), Dir(0, 1, 0));
+    // V running the other way flips the bitangent with it.
+    StaticArray<Pos, 3> const flipped{Pos(0, 1, 0), Pos(1, 1, 0), Pos(0, 0, 0)};
+    EXPECT_EQ(UvMapper::bumpBase(n, positions, flipped, true).column(1), Dir(0, -1, 0));
+}
+
+TEST(UvMapperTest, GeneralizedBumpBaseAgreesOnRegularTriangles) {
+    std::mt19937 rng(9);
+    std::uniform_real_distribution<float> u(-1.f, 1.f);
+    for (int trial = 0; trial < 50; ++trial) {
+        StaticArray<Pos, 3> p, t;
+        for (int i = 0; i < 3; ++i) {
+            p[i] = Pos(u(rng), u(rng), u(rng));
+            t[i] = Pos(u(rng), u(rng), 0.f);
+        }
+        Dir const n = normalize(cross(Dir(p[1] - p[0]), Dir(p[2] - p[0])));
+        float const uvArea = (t[1].x - t[0].x) * (t[2].y - t[0].y) - (t[2].x - t[0].x) * (t[1].y - t[0].y);
+        if (std::abs(uvArea) < 0.05f || length(cross(Dir(p[1] - p[0]), Dir(p[2] - p[0]))) < 0.05f) continue;
+        for (bool unit : {false, true}) {
+            Matrix33 const a = UvMapper::bumpBase(n, p, t, unit), b = UvMapper::generalizedBumpBase(n, p, t, unit);
+            for (int i = 0; i < 3; ++i)
+                for (int j = 0; j < 3; ++j) EXPECT_NEAR(a.m[i][j], b.m[i][j], 2e-3f * (1.f + std::abs(a.m[i][j])));
+        }
+    }
+}
+
+TEST(UvMapperTest, DegenerateUvsGiveAFrameAroundTheNormal) {
+    StaticArray<Pos, 3> const positions{Pos(0, 0, 0), Pos(1, 0, 0), Pos(0, 1, 0)};
+    StaticArray<Pos, 3> const same{Pos(0.5f, 0.5f, 0), Pos(0.5f, 0.5f, 0), Pos(0.5f, 0.5f, 0)};
+    Dir const n = normalize(Dir(1, 2, 3));
+    for (Matrix33 const& f : {UvMapper::bumpBase(n, positions, same, false), UvMapper::generalizedBumpBase(n, positions, same, true)}) {
+        EXPECT_NEAR(dot(f.column(0), n), 0.f, 1e-6f);
+        EXPECT_NEAR(dot(f.column(1), n), 0.f, 1e-6f);
+        EXPECT_NEAR(dot(f.column(0), f.column(1)), 0.f, 1e-6f);
+        EXPECT_NEAR(length(f.column(0)), 1.f, 1e-6f);
+        EXPECT_NEAR(dot(f.column(2), n), 1.f, 1e-6f);
+    }
+}
+
+TEST(UvMapperTest, TriangleFootprintIsTheUvwChangePerWorldUnit) {
+    StaticArray<Pos, 3> const positions{Pos(0, 0, 0), Pos(2, 0, 0), Pos(0, 4, 0)};
+    StaticArray<Pos, 3> const uvws{Pos(0, 0, 0), Pos(1, 0, 0), Pos(0, 1, 0)};
+    Dir const d = UvMapper::computeTriangleDUvw(positions, uvws);
+    EXPECT_FLOAT_EQ(d.x, 0.5f);
+    EXPECT_FLOAT_EQ(d.y, 0.25f);
+    EXPECT_EQ(d.z, 0.f);
+    StaticArray<Pos, 3> const line{Pos(0, 0, 0), Pos(1, 0, 0), Pos(2, 0, 0)};
+    EXPECT_EQ(UvMapper::computeTriangleDUvw(line, uvws), Dir());
+}
+
+TEST(UvMapperTest, BumpBaseFollowsThePlacement) {
+    UvMapper mapper;
+    mapper.set("scale", Pos(2, 3, 1));
+    PointContext ctx;
+    Matrix33 const f = mapper.computeBumpBase(ctx);
+    // A unit gradient over the placed u is twice as steep over the channel's u.
+    EXPECT_EQ(f.column(0), Dir(2, 0, 0));
+    EXPECT_EQ(f.column(1), Dir(0, 3, 0));
+    EXPECT_EQ(f.column(2), ctx.normal);
+    mapper.set("mappingMode", UvMappingMode::WorldXyz);
+    mapper.set("uvPlaneSelection", 1);
+    Matrix33 const w = mapper.computeBumpBase(ctx);
+    // Plane YZ: placed u grows along world y, placed v along world z.
+    EXPECT_EQ(w.column(0), Dir(0, 2, 0));
+    EXPECT_EQ(w.column(1), Dir(0, 0, 3));
+}
+
+// ------------------------------------------------------------ projections
+
+TEST(SphericalMappingTest, PolesAndAxes) {
+    expectNear(UvMapper::sphericalMapping(Dir(0, 0, 1), 0.f), Pos(0.f, 1.f, 0.f));
+    EXPECT_FLOAT_EQ(UvMapper::sphericalMapping(Dir(0, 0, -1), 0.f).y, 0.f);
+    expectNear(UvMapper::sphericalMapping(Dir(1, 0, 0), 0.f), Pos(0.f, 0.5f, 0.f));
+    expectNear(UvMapper::sphericalMapping(Dir(0, 1, 0), 0.f), Pos(0.25f, 0.5f, 0.f));
+    expectNear(UvMapper::sphericalMapping(Dir(0, -1, 0), 0.f), Pos(0.75f, 0.5f, 0.f));
+    // A slightly overlong z is clamped rather than giving NaN.
+    EXPECT_FLOAT_EQ(UvMapper::sphericalMapping(Dir(0, 0, 1.0000001f), 0.f).y, 1.f);
+}
+
+TEST(SphericalMappingTest, RotationWrapsIntoOneTurn) {
+    expectNear(UvMapper::sphericalMapping(Dir(1, 0, 0), HALF_PI), Pos(0.25f, 0.5f, 0.f));
+    expectNear(UvMapper::sphericalMapping(Dir(1, 0, 0), -HALF_PI), Pos(0.75f, 0.5f, 0.f));
+    expectNear(UvMapper::sphericalMapping(Dir(0, -1, 0), 2.f * HALF_PI), Pos(0.25f, 0.5f, 0.f));
+    for (float r : {-100.f, -7.f, 0.3f, 13.f, 1000.f}) {
+        float const u = UvMapper::sphericalMapping(normalize(Dir(0.3f, -0.8f, 0.1f)), r).x;
+        EXPECT_GE(u, 0.f);
+        EXPECT_LE(u, 1.f);
+    }
+}
+
+TEST(DominantAxisTest, TiesGoToTheLaterAxis) {
+    EXPECT_EQ(UvMapper::dominantAxis(Dir(-3, 1, 2)), 0);
+    EXPECT_EQ(UvMapper::dominantAxis(Dir(1, -4, 2)), 1);
+    EXPECT_EQ(UvMapper::dominantAxis(Dir(1, 1, 0)), 1);
+    EXPECT_EQ(UvMapper::dominantAxis(Dir(1, 0, -1)), 2);
+    EXPECT_EQ(UvMapper::dominantAxis(Dir(2, -2, 2)), 2);
+    EXPECT_EQ(UvMapper::dominantAxis(Dir(0, 0, 0)), 2);
+}
+
+TEST(DominantAxisTest, CubeFaceCoordinatesAndStop) {
+    Vector2 const uv = UvMapper::cubeFaceUv(Dir(-2, 1, -1), UvMapper::dominantAxis(Dir(-2, 1, -1)));
+    EXPECT_FLOAT_EQ(uv.x, 0.75f);
+    EXPECT_FLOAT_EQ(uv.y, 0.25f);
+    expectStop([] { UvMapper::cubeFaceUv(Dir(1, 0, 0), 3); }, 208);
+}
+
+} // namespace

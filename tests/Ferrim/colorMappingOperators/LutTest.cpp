@@ -1,0 +1,292 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <random>
+
+#include "Ferrim/colorMappingOperators/Lut.h"
+
+#if FERRIM_HAVE_OCIO
+#include <OpenColorIO/OpenColorIO.h>
+#endif
+
+using namespace Quelin;
+
+namespace {
+
+String testFile(char const* name) { return String(FERRIM_TESTDATA_DIR) + "/lut/" + name; }
+
+Stack<Rgb> probeColors() {
+    Stack<Rgb> colors = {Rgb(0.f), Rgb(1.f), Rgb(0.5f), Rgb(0.1f, 0.7f, 0.3f), Rgb(0.95f, 0.97f, 0.99f),
+                         Rgb(-0.5f, 1.5f, 0.2f), Rgb(0.3f, 0.2f, 0.9f), Rgb(0.99f, 0.2f, 0.5f), Rgb(2.5f, -1.f, 1.2f)};
+    std::mt19937 rng(7);
+    std::uniform_real_distribution<float> u(-0.1f, 1.1f);
+    for (int i = 0; i < 200; ++i) colors.push_back(Rgb(u(rng), u(rng), u(rng)));
+    return colors;
+}
+
+#if FERRIM_HAVE_OCIO
+namespace OCIO = OCIO_NAMESPACE;
+/// The independent reference: a raw-config file transform.
+Stack<Rgb> applyOcio(String const& path, LutInterpolation interpolation, Stack<Rgb> const& colors) {
+    auto config = OCIO::Config::CreateRaw();
+    auto transform = OCIO::FileTransform::Create();
+    transform->setSrc(path.c_str());
+    transform->setInterpolation(interpolation == LutInterpolation::Tetrahedral ? OCIO::INTERP_TETRAHEDRAL
+                                                                               : OCIO::INTERP_LINEAR);
+    auto cpu = config->getProcessor(transform)->getDefaultCPUProcessor();
+    Stack<Rgb> out;
+    for (Rgb c : colors) {
+        float p[3] = {c.r, c.g, c.b};
+        cpu->applyRGB(p);
+        out.push_back(Rgb(p[0], p[1], p[2]));
+    }
+    return out;
+}
+#endif
+
+void expectNear(Rgb const& a, Rgb const& b, float tolerance, Rgb const& input) {
+    EXPECT_NEAR(a.r, b.r, tolerance) << "input " << input.r << " " << input.g << " " << input.b;
+    EXPECT_NEAR(a.g, b.g, tolerance) << "input " << input.r << " " << input.g << " " << input.b;
+    EXPECT_NEAR(a.b, b.b, tolerance) << "input " << input.r << " " << input.g << " " << input.b;
+}
+
+class LutFiles : public ::testing::Test {
+protected:
+    void SetUp() override {
+        mDir = std::filesystem::temp_directory_path() /
+               ("ferrim_lut_test_" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) + "_" +
+                ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        std::filesystem::create_directories(mDir);
+    }
+    void TearDown() override { std::filesystem::remove_all(mDir); }
+    String write(char const* name, String const& text) {
+        auto const path = (mDir / name).string();
+        std::ofstream(path, std::ios::binary) << text;
+        return path;
+    }
+    std::filesystem::path mDir;
+};
+
+} // namespace
+
+TEST(LutReaders, Cube1DWithPerChannelDomain) {
+    auto lut = readCubeLut(testFile("iridas_1d.cube"));
+    ASSERT_TRUE(lut) << lut.error();
+    ASSERT_TRUE(lut->lut1d);
+    EXPECT_FALSE(lut->lut3d);
+    EXPECT_EQ(lut->lut1d->size, 5);
+    EXPECT_EQ(lut->lut1d->domainMin, Rgb(-2.f, 1.f, 0.f));
+    EXPECT_EQ(lut->lut1d->domainMax, Rgb(2.f, 2.f, 1.f));
+    // Red over [-2, 2]: 0.5 lies half-way between entries 2 (0.4) and 3 (0.8).
+    EXPECT_NEAR(lut->apply(Rgb(0.5f), LutInterpolation::Trilinear).r, 0.6f, 1e-6f);
+    // Green below its domain [1, 2] takes the first entry.
+    EXPECT_FLOAT_EQ(lut->apply(Rgb(0.5f), LutInterpolation::Trilinear).g, -2.f);
+}
+
+TEST(LutReaders, Cube3DTitleAndDomain) {
+    auto lut = readCubeLut(testFile("iridas_3d.cube"));
+    ASSERT_TRUE(lut) << lut.error();
+    EXPECT_EQ(lut->title, "A test 3D-LUT.");
+    ASSERT_TRUE(lut->lut3d);
+    EXPECT_EQ(lut->lut3d->size, 2);
+    EXPECT_EQ(lut->lut3d->domainMin, Rgb(0.f, 1.f, 0.f));
+    // Red fastest: the second entry of the file is (r=1, g=0, b=0).
+    EXPECT_EQ(lut->lut3d->entry(1, 0, 0), Rgb(2.f, 0.f, 0.f));
+    EXPECT_EQ(lut->lut3d->entry(0, 0, 1), Rgb(0.f, 0.f, 2.f));
+}
+
+TEST(LutReaders, Discreet3dlInfersDepthsAndOrder) {
+    auto lut = read3dlLut(testFile("discreet-3d-lut.3dl"));
+    ASSERT_TRUE(lut) << lut.error();
+    ASSERT_TRUE(lut->lut3d);
+    EXPECT_EQ(lut->lut3d->size, 17);
+    // Largest value 4095: 12-bit output. First line is black, second (blue fastest) is b = 1.
+    EXPECT_NEAR(lut->lut3d->entry(0, 0, 0).r, 17.f / 4095.f, 1e-7f);
+    EXPECT_NEAR(lut->lut3d->entry(0, 0, 1).b, 68.f / 4095.f, 1e-7f);
+    // The "0 64 ... 960 1023" mesh is the even lattice, so no shaper.
+    EXPECT_FALSE(lut->lut1d);
+}
+
+TEST(LutReaders, TruncatedFileNamesFileAndLine) {
+    String const path = testFile("error_truncated_file.3dl");
+    auto lut = read3dlLut(path);
+    ASSERT_FALSE(lut);
+    EXPECT_NE(lut.error().find(path + ":375:"), String::npos) << lut.error();
+    EXPECT_NE(lut.error().find("4913"), String::npos) << lut.error();
+    EXPECT_NE(lut.error().find("369"), String::npos) << lut.error();
+}
+
+TEST(LutReaders, MissingFileAndUnknownExtension) {
+    auto missing = readLutFile("/nonexistent/look.cube");
+    ASSERT_FALSE(missing);
+    EXPECT_NE(missing.error().find("/nonexistent/look.cube"), String::npos);
+    auto unknown = readLutFile(testFile("LICENSE"));
+    ASSERT_FALSE(unknown);
+    EXPECT_NE(unknown.error().find("LICENSE"), String::npos);
+}
+
+#if FERRIM_HAVE_OCIO
+struct OcioCase {
+    char const* file;
+    LutInterpolation interpolation;
+};
+class LutMatchesOcio : public ::testing::TestWithParam<OcioCase> {};
+
+TEST_P(LutMatchesOcio, SameResultsOnSameInputs) {
+    String const path = testFile(GetParam().file);
+    auto lut = readLutFile(path);
+    ASSERT_TRUE(lut) << lut.error();
+    auto const colors = probeColors();
+    auto const reference = applyOcio(path, GetParam().interpolation, colors);
+    for (std::size_t i = 0; i < colors.size(); ++i)
+        expectNear(lut->apply(colors[i], GetParam().interpolation), reference[i], 1e-5f, colors[i]);
+}
+
+INSTANTIATE_TEST_SUITE_P(SharedFiles, LutMatchesOcio,
+                         ::testing::Values(OcioCase{"iridas_1d.cube", LutInterpolation::Trilinear},
+                                           OcioCase{"iridas_3d.cube", LutInterpolation::Trilinear},
+                                           OcioCase{"iridas_3d.cube", LutInterpolation::Tetrahedral},
+                                           OcioCase{"discreet-3d-lut.3dl", LutInterpolation::Trilinear},
+                                           OcioCase{"discreet-3d-lut.3dl", LutInterpolation::Tetrahedral}));
+
+TEST(LutDefault, MatchesOcioOnTheWrittenFile) {
+    String const path = getDefaultLut();
+    auto const colors = probeColors();
+    for (auto interpolation : {LutInterpolation::Trilinear, LutInterpolation::Tetrahedral}) {
+        auto const reference = applyOcio(path, interpolation, colors);
+        for (std::size_t i = 0; i < colors.size(); ++i)
+            expectNear(getDefaultLutData().apply(colors[i], interpolation), reference[i], 1e-5f, colors[i]);
+    }
+}
+#endif
+
+TEST(LutDefault, FileRoundTripsAndLookIsGentle) {
+    auto lut = readCubeLut(getDefaultLut());
+    ASSERT_TRUE(lut) << lut.error();
+    ASSERT_TRUE(lut->lut3d);
+    EXPECT_EQ(lut->lut3d->size, 33);
+    Lut const& data = getDefaultLutData();
+    for (Rgb c : probeColors())
+        expectNear(lut->apply(c, LutInterpolation::Tetrahedral), data.apply(c, LutInterpolation::Tetrahedral), 1e-6f, c);
+    expectNear(data.apply(Rgb(0.f), LutInterpolation::Tetrahedral), Rgb(0.f), 1e-6f, Rgb(0.f));
+    expectNear(data.apply(Rgb(1.f), LutInterpolation::Tetrahedral), Rgb(1.f), 1e-6f, Rgb(1.f));
+    // Greys stay in order and close to themselves.
+    float previous = -1.f;
+    for (int i = 0; i <= 64; ++i) {
+        float const x = float(i) / 64.f;
+        Rgb const y = data.apply(Rgb(x), LutInterpolation::Tetrahedral);
+        EXPECT_GT(y.mean(), previous);
+        EXPECT_NEAR(y.mean(), x, 0.08f);
+        previous = y.mean();
+    }
+}
+
+TEST(LutInterpolation, IdentityLatticeIsExactAndTetrahedralKeepsGreys) {
+    Lut3D identity;
+    identity.resize(9);
+    for (int b = 0; b < 9; ++b)
+        for (int g = 0; g < 9; ++g)
+            for (int r = 0; r < 9; ++r) identity.setEntry(r, g, b, Rgb(r / 8.f, g / 8.f, b / 8.f));
+    identity.prepare();
+    for (Rgb c : probeColors()) {
+        Rgb const clamped(clamp(c.r, 0.f, 1.f), clamp(c.g, 0.f, 1.f), clamp(c.b, 0.f, 1.f));
+        expectNear(identity.applyTetrahedral(c), clamped, 1e-6f, c);
+        expectNear(identity.applyTrilinear(c), clamped, 1e-6f, c);
+    }
+    // A lattice that tints off-diagonal points: tetrahedral interpolation of a
+    // grey only uses the diagonal corners, trilinear does not.
+    Lut3D tinted = identity;
+    tinted.setEntry(1, 0, 0, Rgb(1.f, 0.f, 0.f));
+    tinted.prepare();
+    Rgb const grey(0.06f);
+    Rgb const t = tinted.applyTetrahedral(grey);
+    EXPECT_FLOAT_EQ(t.r, t.g);
+    EXPECT_FLOAT_EQ(t.g, t.b);
+    EXPECT_NE(tinted.applyTrilinear(grey).r, tinted.applyTrilinear(grey).g);
+    // Rows give the same results as single colours; NaN lands on the lattice start.
+    Stack<float> row = {0.2f, 0.4f, 0.6f, std::nanf(""), 0.5f, 0.5f};
+    tinted.applyTetrahedral(row.data(), 2);
+    expectNear(Rgb(row[0], row[1], row[2]), tinted.applyTetrahedral(Rgb(0.2f, 0.4f, 0.6f)), 0.f, Rgb(0.2f, 0.4f, 0.6f));
+    EXPECT_FLOAT_EQ(row[3], 0.f);
+}
+
+TEST_F(LutFiles, CrLfAndCommentsReadLikeLf) {
+    String const lf = "# a comment\nTITLE \"crlf\"\nLUT_3D_SIZE 2\n\n0 0 0\n1 0 0\n0 1 0\n1 1 0\n0 0 1\n1 0 1\n0 1 1\n1 1 1\n";
+    String crlf;
+    for (char c : lf) crlf += c == '\n' ? String("\r\n") : String(1, c);
+    auto a = readCubeLut(write("lf.cube", lf));
+    auto b = readCubeLut(write("crlf.cube", crlf));
+    ASSERT_TRUE(a) << a.error();
+    ASSERT_TRUE(b) << b.error();
+    EXPECT_EQ(b->title, "crlf");
+    EXPECT_EQ(a->lut3d->values, b->lut3d->values);
+}
+
+struct MalformedCase {
+    char const* name;
+    char const* extension;
+    char const* text;
+    int line;
+    char const* problem;
+};
+class LutMalformed : public LutFiles, public ::testing::WithParamInterface<MalformedCase> {};
+
+TEST_P(LutMalformed, RefusedNamingFileLineAndProblem) {
+    auto const& c = GetParam();
+    String const path = write((String("bad") + c.extension).c_str(), c.text);
+    auto lut = readLutFile(path);
+    ASSERT_FALSE(lut) << c.name;
+    String const expected = path + ":" + std::to_string(c.line) + ":";
+    EXPECT_EQ(lut.error().rfind(expected, 0), 0u) << lut.error();
+    EXPECT_NE(lut.error().find(c.problem), String::npos) << lut.error();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Files, LutMalformed,
+    ::testing::Values(
+        MalformedCase{"BadSize", ".cube", "LUT_3D_SIZE two\n0 0 0\n", 1, "LUT_3D_SIZE"},
+        MalformedCase{"SizeOne", ".cube", "# c\nLUT_1D_SIZE 1\n0 0 0\n", 2, "from 2 to"},
+        MalformedCase{"WrongCount", ".cube", "LUT_1D_SIZE 2\n0 0 0\n1 1\n", 3, "expected 3 values, found 2"},
+        MalformedCase{"NotANumber", ".cube", "LUT_1D_SIZE 2\r\n0 0 0\r\n1 x 1\r\n", 3, "\"x\" is not a number"},
+        MalformedCase{"DataBeforeSize", ".cube", "0 0 0\nLUT_1D_SIZE 2\n", 1, "before"},
+        MalformedCase{"TooMany", ".cube", "LUT_1D_SIZE 2\n0 0 0\n1 1 1\n2 2 2\n", 4, "more entries"},
+        MalformedCase{"TooFew", ".cube", "LUT_3D_SIZE 2\n0 0 0\n1 1 1\n\n", 3, "expected 8 entries, found 2"},
+        MalformedCase{"EmptyDomain", ".cube", "DOMAIN_MIN 0 0 0\nDOMAIN_MAX 1 0 1\nLUT_1D_SIZE 2\n0 0 0\n1 1 1\n", 1, "domain"},
+        MalformedCase{"ShortDomain", ".cube", "DOMAIN_MAX 1 1\n", 1, "needs 3 values"},
+        MalformedCase{"KeywordAfterData", ".cube", "LUT_1D_SIZE 2\n0 0 0\nTITLE \"x\"\n1 1 1\n", 3, "after the table"},
+        MalformedCase{"NoSize", ".cube", "TITLE \"nothing\"\n", 1, "no LUT_1D_SIZE"},
+        MalformedCase{"FractionIn3dl", ".3dl", "0 512 1023\n0 0 0\n0.5 0 0\n", 3, "\"0.5\" is not an integer"},
+        MalformedCase{"NotACube3dl", ".3dl", "0 0 0\n1 1 1\n2 2 2\n", 3, "do not make a cube"},
+        MalformedCase{"WrongCount3dl", ".3dl", "0 0 0\n0 0\n", 2, "expected 3 values"},
+        MalformedCase{"TooDeep3dl", ".3dl", "0 0 0\n0 0 0\n0 0 0\n0 0 0\n0 0 0\n0 0 0\n0 0 0\n0 0 70000\n", 8, "16-bit"}),
+    [](auto const& info) { return String(info.param.name); });
+
+TEST_F(LutFiles, UnevenMeshBecomesShaper) {
+    // Lattice planes at uneven input codes, each holding its own input value:
+    // the whole table is the identity only if the mesh is honoured.
+    long const mesh[5] = {0, 100, 200, 300, 1023};
+    String text = "0 100 200 300 1023\n";
+    for (int r = 0; r < 5; ++r)
+        for (int g = 0; g < 5; ++g)
+            for (int b = 0; b < 5; ++b)
+                text += std::to_string(mesh[r] * 4) + " " + std::to_string(mesh[g] * 4) + " " + std::to_string(mesh[b] * 4) + "\n";
+    auto lut = read3dlLut(write("uneven.3dl", text));
+    ASSERT_TRUE(lut) << lut.error();
+    ASSERT_TRUE(lut->lut1d);
+    for (float x : {0.05f, 0.15f, 0.25f, 0.5f, 0.9f}) {
+        Rgb const y = lut->apply(Rgb(x, 0.5f * x, 1.f - x), LutInterpolation::Trilinear);
+        EXPECT_NEAR(y.r, x, 1e-3f);
+        EXPECT_NEAR(y.g, 0.5f * x, 1e-3f);
+        EXPECT_NEAR(y.b, 1.f - x, 1e-3f);
+    }
+}
+
+TEST(LutFormat, CubeTextRoundTrips) {
+    Lut const& source = getDefaultLutData();
+    auto back = parseCubeLut(formatCubeLut(source), "memory");
+    ASSERT_TRUE(back) << back.error();
+    ASSERT_EQ(back->lut3d->values.size(), source.lut3d->values.size());
+    for (std::size_t i = 0; i < source.lut3d->values.size(); ++i)
+        EXPECT_FLOAT_EQ(back->lut3d->values[i], source.lut3d->values[i]);
+}

@@ -1,0 +1,175 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "Ferrim/Ferrim.h"
+#include "Ferrim/colorMappingOperators/ColorMappingPipeline.h"
+#include "Ferrim/colorMappingOperators/ObsoleteOperator.h"
+
+using namespace Quelin;
+
+namespace {
+
+class PipelineTest : public ::testing::Test {
+protected:
+    void SetUp() override { Ferrim::startup(); }
+    void TearDown() override { Ferrim::shutdown(); }
+
+    static GenericDataObject record(StringView type) {
+        auto const* d = ColorMappingOperatorFactory::getInstance().findDescriptor(type);
+        EXPECT_NE(d, nullptr) << type;
+        GenericDataObject data(d->definition);
+        data.set("id", UnaryColorMappingOperator::generateId());
+        return data;
+    }
+    static Stack<String> typesOf(EntityHolder<const IColorMappingOperator> pipeline) {
+        Stack<String> names;
+        for (auto const& op : getPipelineOperators(pipeline)) names.push_back(op->getClassName());
+        return names;
+    }
+    static EntityHolder<IColorMappingOperator> exposureCurvesContrast() {
+        auto exposure = record("Zatho.SimpleExposureOperator");
+        exposure.set("simpleExposure", 1.5f);
+        return createPipeline({exposure, record("Zatho.CurvesOperator"), record("Zatho.ContrastOperator")});
+    }
+};
+
+Stack<String> const DEFAULT_TYPES = {"Zatho.SimpleExposureOperator", "Zatho.WhiteBalanceOperator",
+                                     "Zatho.GreenMagentaTintOperator", "Zatho.ContrastOperator",
+                                     "Zatho.SaturationOperator", "Zatho.AcesOtOperator"};
+
+} // namespace
+
+TEST_F(PipelineTest, CreateInsertsConversionsOnlyBetweenOperators) {
+    EXPECT_FALSE(createPipeline({}));
+    EXPECT_EQ(typesOf(createPipeline({record("Zatho.CurvesOperator")})), Stack<String>{"Zatho.CurvesOperator"});
+    auto const chain = exposureCurvesContrast();
+    EXPECT_EQ(typesOf(chain), (Stack<String>{"Zatho.SimpleExposureOperator", "Zatho.LinearToSrgbOperator", "Zatho.CurvesOperator",
+                                             "Zatho.SrgbToLinearOperator", "Zatho.ContrastOperator"}));
+    EXPECT_EQ(chain->getOutputEncoding(), OperatorColorEncoding::Linear);
+    // Records of unknown types are left out.
+    ShadingDataObjectBuilder b;
+    GenericDataObject stranger(b.build("Zatho.NotAnOperator"));
+    EXPECT_EQ(typesOf(createPipeline({stranger, record("Zatho.TintOperator")})), Stack<String>{"Zatho.TintOperator"});
+}
+
+TEST_F(PipelineTest, FlatteningDropsOrKeepsConversionsAndRebuildsTheSameChain) {
+    auto const chain = exposureCurvesContrast();
+    auto const visible = convertPipelineToDataObjects(chain, HiddenItemsTreatment::Skip);
+    auto const all = convertPipelineToDataObjects(chain, HiddenItemsTreatment::Keep);
+    ASSERT_EQ(visible.size(), 3u);
+    EXPECT_EQ(all.size(), 5u);
+    for (auto const& r : all) EXPECT_FALSE(r.get<EntityHolder<Entity>>("predecessor"));
+    EXPECT_FLOAT_EQ(visible[0].get<float>("simpleExposure"), 1.5f);
+    auto const rebuilt = createPipeline(visible);
+    EXPECT_EQ(typesOf(rebuilt), typesOf(chain));
+    EXPECT_TRUE(arePipelinesSame(rebuilt, chain));
+    EXPECT_EQ(typesOf(createDefaultPipeline()), DEFAULT_TYPES);
+}
+
+TEST_F(PipelineTest, DeepCopySharesNothingAndEqualsTheSource) {
+    auto const source = createDefaultPipeline();
+    auto const copy = createPipelineDeepCopy(source);
+    auto const a = getPipelineOperators(source), b = getPipelineOperators(copy);
+    ASSERT_EQ(a.size(), b.size());
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        EXPECT_NE(a[i].get(), b[i].get());
+        EXPECT_EQ(a[i]->get<int>("id"), b[i]->get<int>("id"));
+    }
+    EXPECT_TRUE(arePipelinesSame(source, copy));
+    b[0]->set("simpleExposure", 2.f);
+    EXPECT_FLOAT_EQ(a[0]->get<float>("simpleExposure"), 0.f);
+    EXPECT_FALSE(arePipelinesSame(source, copy));
+    // Types must match too, not only values.
+    EXPECT_FALSE(areOperatorsDataSame({record("Zatho.TintOperator")}, {record("Zatho.IdentityOperator")}));
+}
+
+TEST_F(PipelineTest, UniqueIds) {
+    auto const chain = createDefaultPipeline();
+    EXPECT_TRUE(hasUniqueIds(chain));
+    auto ops = getPipelineOperators(chain);
+    ops[3]->set("id", ops[1]->get<int>("id"));
+    EXPECT_FALSE(hasUniqueIds(chain));
+}
+
+TEST_F(PipelineTest, UpdateWritesValuesOnlyIntoTheSameShape) {
+    auto const chain = exposureCurvesContrast();
+    auto data = convertPipelineToDataObjects(chain, HiddenItemsTreatment::Skip);
+    data[2].set("contrast", 1.4f);
+    ASSERT_TRUE(updatePipelineWithData(chain, data));
+    auto ops = getPipelineOperators(chain);
+    EXPECT_FLOAT_EQ(ops.back()->get<float>("contrast"), 1.4f);
+    EXPECT_EQ(typesOf(chain).size(), 5u);  // links untouched
+    data.pop_back();
+    data[0].set("simpleExposure", -3.f);
+    EXPECT_FALSE(updatePipelineWithData(chain, data));
+    EXPECT_FLOAT_EQ(ops.front()->get<float>("simpleExposure"), 1.5f);
+}
+
+TEST_F(PipelineTest, JsonRoundTrip) {
+    auto const chain = exposureCurvesContrast();
+    String const text = serializePipeline(chain);
+    EXPECT_NE(text.find(Ferrim::MIME_COLOR_MAPPING), String::npos);
+    auto loaded = deserializePipeline(text);
+    ASSERT_TRUE(loaded) << loaded.error();
+    EXPECT_TRUE(loaded->warning.empty());
+    EXPECT_EQ(typesOf(loaded->pipeline), typesOf(chain));
+    EXPECT_TRUE(arePipelinesSame(loaded->pipeline, chain));
+}
+
+class PipelineCorrupted : public PipelineTest, public ::testing::WithParamInterface<char const*> {};
+
+TEST_P(PipelineCorrupted, RefusedWithTheLoaderMessage) {
+    auto loaded = deserializePipeline(GetParam());
+    ASSERT_FALSE(loaded);
+    EXPECT_EQ(loaded.error().rfind(String(PIPELINE_CORRUPTED_MESSAGE), 0), 0u) << loaded.error();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Texts, PipelineCorrupted,
+    ::testing::Values("not json at all", "[1, 2]", "{\"operators\": []}",
+                      "{\"mimeType\": \"application/vnd.zatho.ostrel.color-mapping\", \"operators\": {}}",
+                      "{\"mimeType\": \"application/vnd.zatho.ostrel.color-mapping\", \"operators\": [{\"@class\": \"Zatho.Nope\"}]}",
+                      "{\"mimeType\": \"application/vnd.zatho.ostrel.color-mapping\", \"operators\": [{\"@class\": "
+                      "\"Zatho.ContrastOperator\", \"contrast\": \"high\"}]}",
+                      "{\"mimeType\": \"application/vnd.zatho.ostrel.color-mapping\", \"operators\": [{\"enabled\": true}]}",
+                      "{\"mimeType\": \"application/vnd.zatho.ostrel.color-mapping\", \"version\": 7, \"operators\": []}"));
+
+TEST_F(PipelineTest, LegacyOperatorsAreRemovedWithTheWarning) {
+    String const text = R"({"mimeType": "application/vnd.zatho.ostrel.color-mapping", "version": 1, "operators": [
+        {"@class": "Zatho.AcesRrtOperator"},
+        {"@class": "Zatho.SimpleExposureOperator", "simpleExposure": 1.0},
+        {"@class": "Zatho.AcesOtOperator2"},
+        {"@class": "Zatho.TintOperator"}]})";
+    auto loaded = deserializePipeline(text);
+    ASSERT_TRUE(loaded) << loaded.error();
+    EXPECT_EQ(loaded->warning,
+              "The loaded tone mapping settings contained the following legacy operators:\n"
+              "Zatho.AcesRrtOperator\nZatho.AcesOtOperator2\n"
+              "They were removed and the tone mapping settings are now correct.");
+    EXPECT_EQ(typesOf(loaded->pipeline), (Stack<String>{"Zatho.SimpleExposureOperator", "Zatho.TintOperator"}));
+    // The chain now maps without reaching a legacy operator.
+    loaded->pipeline->prepareForApplication(ColorMappingContext());
+    EXPECT_NEAR(loaded->pipeline->map(Rgb(1.f), {}).r, 2.f, 1e-5f);
+    EXPECT_TRUE(removeObsoleteOperatorsFromPipeline(loaded->pipeline).empty());
+}
+
+TEST_F(PipelineTest, PresetFilesRoundTripAndErrorsNameTheFile) {
+    auto const dir = std::filesystem::temp_directory_path() / "ferrim_pipeline_test";
+    std::filesystem::create_directories(dir);
+    String const path = (dir / "look.ctm").string();
+    auto const chain = createDefaultPipeline();
+    ASSERT_TRUE(savePipelinePreset(path, chain));
+    auto loaded = loadPipelinePreset(path);
+    ASSERT_TRUE(loaded) << loaded.error();
+    EXPECT_TRUE(arePipelinesSame(loaded->pipeline, chain));
+    std::ofstream(dir / "broken.ctm") << "{\"mimeType\": 3";
+    auto broken = loadPipelinePreset((dir / "broken.ctm").string());
+    ASSERT_FALSE(broken);
+    EXPECT_NE(broken.error().find("broken.ctm: The color-mapping pipeline data is corrupted."), String::npos) << broken.error();
+    auto missing = loadPipelinePreset((dir / "missing.ctm").string());
+    ASSERT_FALSE(missing);
+    EXPECT_NE(missing.error().find("missing.ctm"), String::npos);
+    std::filesystem::remove_all(dir);
+}

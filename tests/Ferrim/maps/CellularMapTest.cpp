@@ -1,0 +1,175 @@
+#include "Ferrim/maps/CellularMap.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <random>
+
+#include "Ferrim/maps/NoiseMap.h"
+#include "MapsTestSupport.h"
+
+namespace Quelin {
+namespace {
+
+using namespace MapsTest;
+
+constexpr float INF = std::numeric_limits<float>::infinity();
+
+std::uint32_t step(std::uint32_t s) { return s * 1664525u + 1013904223u; }
+
+/// The feature points of a cell, straight from the seeding rule.
+Stack<Pos> referencePoints(int kx, int ky, int kz) {
+    float const seedF = (541.f * float(kx) + 79.f * float(ky)) + 31.f * float(kz);
+    std::uint32_t s = step(std::uint32_t(std::int32_t(seedF)));
+    auto const& T = CellularEvaluator::pointCountTable();
+    float const u = float(s) * 0x1p-32f;
+    int n = 9;
+    for (int i = 0; i < 8; ++i)
+        if (u < T[std::size_t(i)]) {
+            n = i + 1;
+            break;
+        }
+    Stack<Pos> points;
+    for (int i = 0; i < n; ++i) {
+        std::uint32_t const s1 = step(s), s2 = step(s1), s3 = step(s2);
+        points.push_back(Pos(float(kx) + float(s1) * 0x1p-32f, float(ky) + float(s2) * 0x1p-32f,
+                             float(kz) + float(s3) * 0x1p-32f));
+        s = s3;
+    }
+    return points;
+}
+
+/// Sorted squared distances to every point of the 5 x 5 x 5 cells around p.
+Stack<float> bruteForceDistances(Pos const& p) {
+    Stack<float> d;
+    int const cx = int(std::floor(p.x)), cy = int(std::floor(p.y)), cz = int(std::floor(p.z));
+    for (int i = -2; i <= 2; ++i)
+        for (int j = -2; j <= 2; ++j)
+            for (int k = -2; k <= 2; ++k)
+                for (Pos const& q : referencePoints(cx + i, cy + j, cz + k)) {
+                    float const dx = p.x - q.x, dy = p.y - q.y, dz = p.z - q.z;
+                    d.push_back(dx * dx + dy * dy + dz * dz);
+                }
+    std::sort(d.begin(), d.end());
+    return d;
+}
+
+CellularEvaluator makeEvaluator(CellularMap::CellShape shape, float size = 1.f) {
+    return CellularEvaluator(shape, constantInput(Rgb(1, 1, 1)), constantInput(Rgb(0.5f, 0.25f, 0.5f)),
+                             constantInput(Rgb(0, 0, 0)), identityMapper(), size);
+}
+
+TEST(CellularTables, PointCountsArePoissonProbabilitiesNotAccumulated) {
+    auto const& T = CellularEvaluator::pointCountTable();
+    double factorial = 1.0;
+    for (int k = 0; k < 8; ++k) {
+        factorial *= k + 1;
+        double const poisson = std::exp(-3.0) * std::pow(3.0, k + 1) / factorial;
+        EXPECT_NEAR(T[std::size_t(k)], poisson, 1e-6 * poisson + 1e-7) << k;
+    }
+    // First entry that u stays below; none for u >= 0.2241, so nine points.
+    auto stateFor = [](double u) { return std::uint32_t(u * 4294967296.0); };
+    EXPECT_EQ(CellularEvaluator::pointCount(stateFor(0.10)), 1);
+    EXPECT_EQ(CellularEvaluator::pointCount(stateFor(0.20)), 2);
+    EXPECT_EQ(CellularEvaluator::pointCount(stateFor(0.23)), 9);
+    EXPECT_EQ(CellularEvaluator::pointCount(stateFor(0.99)), 9);
+}
+
+TEST(CellularDistances, NearestSlotIsTheTrueNearestPoint) {
+    std::mt19937 rng(3);
+    std::uniform_real_distribution<float> d(-40.f, 40.f);
+    int notShifted = 0;
+    for (int i = 0; i < 300; ++i) {
+        Pos const p(d(rng), d(rng), d(rng));
+        auto const slots = CellularEvaluator::distanceSlots(p);
+        auto const all = bruteForceDistances(p);
+        ASSERT_EQ(slots[0], all[0]) << p.x << " " << p.y << " " << p.z;
+        // Slots ascend, and no slot is below the true k-th nearest distance.
+        for (int k = 1; k < 4; ++k) {
+            EXPECT_LE(slots[std::size_t(k - 1)], slots[std::size_t(k)]);
+            EXPECT_GE(slots[std::size_t(k)], all[std::size_t(k)]);
+        }
+        // Overwritten slots do not move down, so F2 is often not the true second distance.
+        if (slots[1] != all[1]) ++notShifted;
+    }
+    EXPECT_GT(notShifted, 0);
+}
+
+TEST(CellularDistances, FeaturePointGivesZeroAndLowColor) {
+    FixedShadeContext ctx;
+    for (auto const& cell : {std::array<int, 3>{0, 0, 0}, std::array<int, 3>{-3, 2, 5}, std::array<int, 3>{17, -9, -1}}) {
+        Pos const point = referencePoints(cell[0], cell[1], cell[2]).front();
+        auto const circular = makeEvaluator(CellularMap::CellShape::CIRCULAR, 2.f);
+        Pos const uvw(point.x * 2.f, point.y * 2.f, point.z * 2.f);
+        EXPECT_EQ(circular.cellValue(uvw), 0.f);
+        ctx.uvw = uvw;
+        EXPECT_EQ(circular.evalColor(ctx, nullptr), RgbAlpha(0, 0, 0, 1));
+    }
+}
+
+TEST(CellularBlend, HalfTakesUpperBranchAndUpperBranchIsNotClamped) {
+    FixedShadeContext ctx;
+    auto const e = makeEvaluator(CellularMap::CellShape::CIRCULAR);
+    RgbAlpha const mid(0.5f, 0.25f, 0.5f, 1.f);
+    EXPECT_EQ(e.colorForValue(0.5f, ctx, nullptr), mid);
+    EXPECT_EQ(e.colorForValue(0.25f, ctx, nullptr), RgbAlpha(0.25f, 0.125f, 0.25f, 1.f));
+    EXPECT_EQ(e.colorForValue(1.f, ctx, nullptr), RgbAlpha(1, 1, 1, 1));
+    // 1.5: t = 2, so 2 high - mid.
+    EXPECT_EQ(e.colorForValue(1.5f, ctx, nullptr), RgbAlpha(1.5f, 1.75f, 1.5f, 1.f));
+    // Negative values take the upper branch too: t = -1.5.
+    EXPECT_EQ(e.colorForValue(-0.25f, ctx, nullptr), RgbAlpha(2.5f * 0.5f - 1.5f, 2.5f * 0.25f - 1.5f, 2.5f * 0.5f - 1.5f, 1.f));
+    EXPECT_FLOAT_EQ(e.monoForValue(1.5f, ctx, nullptr).value, 2.f - Rgb(0.5f, 0.25f, 0.5f).mean());
+}
+
+TEST(CellularBlend, ChipsWithUnfilledSecondSlotIsInfiniteAndUnclamped) {
+    FixedShadeContext ctx;
+    auto const chips = makeEvaluator(CellularMap::CellShape::CHIPS);
+    float const v = chips.valueFromSlots({0.04f, INF, INF, INF});
+    EXPECT_EQ(v, INF);
+    RgbAlpha const c = chips.colorForValue(v, ctx, nullptr);
+    EXPECT_FALSE(std::isfinite(c.r));
+    // The same slots under CIRCULAR leave the unused infinite slots out.
+    EXPECT_FLOAT_EQ(makeEvaluator(CellularMap::CellShape::CIRCULAR).valueFromSlots({0.04f, INF, INF, INF}), 0.2f);
+    EXPECT_FLOAT_EQ(chips.valueFromSlots({0.04f, 0.09f, 0.5f, INF}), 0.1f);
+}
+
+TEST(CellularEvaluatorTest, UnknownShapeStops) {
+    try {
+        makeEvaluator(static_cast<CellularMap::CellShape>(2));
+        FAIL() << "no stop";
+    } catch (StopException const& e) {
+        EXPECT_EQ(e.getSourceFile(), "maps/CellularMap");
+        EXPECT_EQ(e.getLine(), 261);
+    }
+}
+
+class CellularMapTest : public LibraryFixture {};
+
+TEST_F(CellularMapTest, MapBuildsEvaluatorFromRecord) {
+    CellularMap map;
+    EXPECT_EQ(map.get<CellularMap::CellShape>("shape"), CellularMap::CellShape::CIRCULAR);
+    EXPECT_FLOAT_EQ(map.get<float>("size"), 0.3f);
+    EXPECT_FALSE(map.setValue("size", 0.f).has_value());
+    map.set("size", 0.5f);
+    map.set("shape", CellularMap::CellShape::CHIPS);
+    auto r = map.getEvaluatorImpl();
+    FixedShadeContext ctx(0.3f, 1.7f, -0.2f);
+    auto const slots = CellularEvaluator::distanceSlots(Pos(0.6f, 3.4f, -0.4f));
+    float const v = std::sqrt(slots[1]) - std::sqrt(slots[0]);
+    float const expected = v < 0.5f ? 2.f * v * 0.5f : 0.5f + (2.f * (v - 0.5f)) * 0.5f;
+    EXPECT_NEAR(r.evaluator->evalMono(ctx, nullptr).value, expected, 1e-5f);
+}
+
+TEST_F(CellularMapTest, JsonRoundTrip) {
+    CellularMap map;
+    map.set("shape", CellularMap::CellShape::CHIPS);
+    map.set("size", 0.75f);
+    setInputMap(map, "highColor", makeSharedPtr<NoiseMap>());
+    expectJsonRoundTrip(map);
+    auto const j = entityToJson(map);
+    EXPECT_EQ(j["shape"], "CHIPS");
+    EXPECT_EQ(j["highColor"]["map"]["@class"], "Zatho.NoiseMap");
+}
+
+} // namespace
+} // namespace Quelin

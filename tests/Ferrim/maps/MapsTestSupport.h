@@ -1,0 +1,102 @@
+#pragma once
+// A fixed shading point and small helper maps for the procedural map tests.
+#include <gtest/gtest.h>
+
+#include <atomic>
+
+#include "Ferrim/Ferrim.h"
+#include "Ferrim/IMap.h"
+#include "Ferrim/MaterialMapSlot.h"
+#include "Ferrim/ShadingDataObjectBuilder.h"
+#include "Ferrim/UvMapper.h"
+#include "QuelinLib/Json.h"
+
+namespace Quelin::MapsTest {
+
+/// Answers a fixed UVW, footprint, normal and bump base on every channel.
+class FixedShadeContext : public NullShadeContext {
+public:
+    Pos uvw{0, 0, 0};
+    Dir dUvw{0, 0, 0};
+    Dir normal{0, 0, 1};
+    Matrix33 bumpBase = Matrix33::fromColumns(Dir(1, 0, 0), Dir(0, 1, 0), Dir(0, 0, 1));
+
+    FixedShadeContext() = default;
+    explicit FixedShadeContext(Pos const& p) : uvw(p) {}
+    FixedShadeContext(float u, float v, float w = 0.f) : uvw(u, v, w) {}
+
+    Pos getUvw(int, std::uint32_t = 0) const override { return uvw; }
+    Dir getDUvw(int) const override { return dUvw; }
+    Dir getNormal() const override { return normal; }
+    Matrix33 getBumpBase(int) const override { return bumpBase; }
+};
+
+/// An identity mapper reading the context's UVW as it is.
+inline SharedPtr<UvMapper const> identityMapper() { return makeSharedPtr<UvMapper>(); }
+
+/// A map that returns a fixed colour and counts how often it is evaluated.
+class CountingMap : public IMap {
+public:
+    struct Data {
+        static SharedPtr<DataObjectDefinition const> const& definition() {
+            static SharedPtr<DataObjectDefinition const> const d = ShadingDataObjectBuilder().build("Zatho.TestCountingMap");
+            return d;
+        }
+    };
+    class Evaluator : public IMapEvaluator {
+    public:
+        Evaluator(RgbAlpha c, std::atomic<int>& calls) : mColor(c), mCalls(calls) {}
+        RgbAlpha evalColor(IShadeContext const&, MapCache*) const override { ++mCalls; return mColor; }
+        MonoAlpha evalMono(IShadeContext const&, MapCache*) const override {
+            ++mCalls;
+            return {mColor.rgb().mean(), mColor.alpha};
+        }
+        Dir evalBump(IShadeContext const&, MapCache*) const override { ++mCalls; return Dir(1, 2, 3); }
+
+    private:
+        RgbAlpha mColor;
+        std::atomic<int>& mCalls;
+    };
+
+    explicit CountingMap(RgbAlpha c) : IMap(Data::definition()), mColor(c) {}
+    SharedPtr<Entity> createNewInstance() const override { return makeSharedPtr<CountingMap>(mColor); }
+    OptimizedResult getEvaluatorImpl() const override {
+        OptimizedResult r;
+        r.evaluator = makeSharedPtr<Evaluator>(mColor, calls);
+        return r;
+    }
+    mutable std::atomic<int> calls{0};
+
+private:
+    RgbAlpha mColor;
+};
+
+inline ColorOrMap::Evaluator constantInput(Rgb const& c) { return ColorOrMap::Evaluator(ColorOrMap{c, {}, true}); }
+inline ColorOrMap::Evaluator mapInput(SharedPtr<IMap> const& map) {
+    return ColorOrMap::Evaluator(ColorOrMap{Rgb(0, 0, 0), EntityHolder<IMap>(map), true});
+}
+
+/// Sets a colour-or-map property of an entity to a map.
+inline void setInputMap(Entity& entity, StringView property, SharedPtr<IMap> const& map) {
+    GenericDataObject value = entity.get<GenericDataObject>(property);
+    value.set("map", EntityHolder<Entity>(map));
+    entity.set(property, std::move(value));
+}
+
+/// Starts the library for tests that create or load entities.
+class LibraryFixture : public ::testing::Test {
+protected:
+    void SetUp() override { Quelin::Ferrim::startup(); }
+    void TearDown() override { Quelin::Ferrim::shutdown(); }
+};
+
+/// JSON written, read back and written again gives the same text and an equal record.
+inline void expectJsonRoundTrip(Entity const& entity) {
+    nlohmann::json const first = entityToJson(entity);
+    auto loaded = entityFromJson(nlohmann::json::parse(first.dump()));
+    ASSERT_TRUE(loaded.has_value()) << loaded.error();
+    EXPECT_EQ((*loaded)->getClassName(), entity.getClassName());
+    EXPECT_EQ(entityToJson(**loaded).dump(), first.dump());
+}
+
+} // namespace Quelin::MapsTest

@@ -1,0 +1,104 @@
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cmath>
+
+#include "QuelinLib/ColorMath.h"
+
+using namespace Quelin;
+
+namespace {
+
+class PowApproxTest : public testing::TestWithParam<float> {};
+
+// Bases from the tiny to the very bright, against the exponents the operators
+// use (gamma and its inverse, the tint weights, their reciprocals).
+TEST_P(PowApproxTest, StaysWithinDocumentedRelativeErrorOfPow) {
+    float const e = GetParam();
+    double worst = 0;
+    for (double x = 1e-6; x < 1e5; x *= 1.0137) {
+        float const xf = float(x);
+        Float4 const r = powApprox(Float4(xf, xf * 1.5f, xf * 0.75f, xf * 1.25f), e);
+        for (int lane = 0; lane < 4; ++lane) {
+            float const base = lane == 0 ? xf : (lane == 1 ? xf * 1.5f : (lane == 2 ? xf * 0.75f : xf * 1.25f));
+            double const expected = std::pow(double(base), double(e));
+            if (expected < FLT_MIN || expected > 1e37) continue;
+            worst = std::max(worst, std::abs(r[lane] - expected) / expected);
+        }
+    }
+    EXPECT_LT(worst, 1e-5) << "exponent " << e;
+}
+
+INSTANTIATE_TEST_SUITE_P(OperatorExponents, PowApproxTest,
+                         testing::Values(0.2f, 1.f / 2.4f, 1.f / 2.2f, 0.70710677f, 1.f, 1.4142135f, 2.2f, 2.4f, 5.f));
+
+TEST(PowApprox, NonPositiveAndDenormalBasesGiveZero) {
+    Float4 const r = powApprox(Float4(0.f, -1.f, 1e-40f, -0.f), Float4(0.4545f));
+    for (int lane = 0; lane < 4; ++lane) EXPECT_EQ(r[lane], 0.f) << lane;
+    EXPECT_EQ(powApprox(0.f, 2.2f), 0.f);
+}
+
+TEST(PowApprox, ScalarMatchesLanesAndExactPowersOfTwo) {
+    EXPECT_EQ(powApprox(3.7f, 1.3f), powApprox(Float4(3.7f), Float4(1.3f))[0]);
+    EXPECT_NEAR(powApprox(4.f, 0.5f), 2.f, 2e-6f);
+    EXPECT_NEAR(powApprox(2.f, 10.f), 1024.f, 1024.f * 2e-6f);
+}
+
+TEST(Exp2Log2Approx, SaturateInsteadOfOverflowing) {
+    EXPECT_TRUE(std::isfinite(exp2Approx(Float4(500.f))[0]));
+    EXPECT_GT(exp2Approx(Float4(500.f))[0], 1e38f);
+    EXPECT_LT(exp2Approx(Float4(-500.f))[0], 1e-37f);
+    EXPECT_NEAR(log2Approx(Float4(1024.f))[0], 10.f, 1e-6f);
+}
+
+struct LocusPoint {
+    double kelvin;
+    float x, y;  // CIE 1931 Planckian locus (tabulated)
+};
+
+TEST(PlanckianLocus, FollowsTabulatedChromaticities) {
+    LocusPoint const points[] = {{2000, 0.5267f, 0.4133f}, {3000, 0.4369f, 0.4041f}, {4000, 0.3805f, 0.3768f},
+                                 {5000, 0.3451f, 0.3516f}, {6500, 0.3135f, 0.3237f}, {10000, 0.2807f, 0.2884f}};
+    for (auto const& p : points) {
+        Vector2 const c = planckianChromaticity(p.kelvin);
+        EXPECT_NEAR(c.x, p.x, 0.003f) << p.kelvin;
+        EXPECT_NEAR(c.y, p.y, 0.003f) << p.kelvin;
+    }
+}
+
+TEST(PlanckianLocus, RgbHasUnitLuminanceAndWarmsWithLowTemperature) {
+    for (double k : {2000.0, 6500.0, 30000.0}) {
+        Rgb const c = planckianRgb(k);
+        EXPECT_NEAR(0.2126f * c.r + 0.7152f * c.g + 0.0722f * c.b, 1.f, 1e-3f) << k;
+    }
+    EXPECT_GT(planckianRgb(3000).r, planckianRgb(3000).b);
+    EXPECT_LT(planckianRgb(15000).r, planckianRgb(15000).b);
+}
+
+TEST(ColorAdaptation, NeutralAtTheReference) {
+    EXPECT_EQ(colorAdaptation(6500.f, 6500.f), Rgb(1.f, 1.f, 1.f));
+    EXPECT_EQ(colorAdaptation(6500.f), Rgb(1.f, 1.f, 1.f));
+}
+
+TEST(ColorAdaptation, TurnsTheIlluminantIntoTheReferenceWhite) {
+    for (float k : {2000.f, 3200.f, 5000.f, 9000.f, 40000.f}) {
+        Rgb const w = colorAdaptation(k, 6500.f);
+        Rgb const adapted = w * planckianRgb(k);
+        Rgb const reference = planckianRgb(6500);
+        for (int ch = 0; ch < 3; ++ch) EXPECT_NEAR(adapted[ch], reference[ch], 1e-4f * reference[ch] + 1e-6f) << k;
+    }
+}
+
+TEST(ColorAdaptation, CoolsWarmLightAndWarmsCoolLight) {
+    Rgb const warm = colorAdaptation(3000.f);
+    EXPECT_LT(warm.r, warm.g);
+    EXPECT_LT(warm.g, warm.b);
+    Rgb const cool = colorAdaptation(12000.f);
+    EXPECT_GT(cool.r, cool.g);
+    EXPECT_GT(cool.g, cool.b);
+    // Adapting there and back is the identity.
+    Rgb const back = colorAdaptation(3000.f, 8000.f) * colorAdaptation(8000.f, 3000.f);
+    for (int ch = 0; ch < 3; ++ch) EXPECT_NEAR(back[ch], 1.f, 1e-5f);
+}
+
+} // namespace

@@ -1,0 +1,99 @@
+#include "QuelinLib/Half.h"
+#include <cmath>
+#include <gtest/gtest.h>
+#include <limits>
+#include <random>
+
+using namespace Quelin;
+
+namespace {
+bool isHalfNan(std::uint16_t h) { return (h & 0x7C00u) == 0x7C00u && (h & 0x3FFu) != 0; }
+} // namespace
+
+TEST(HalfTest, EveryHalfSurvivesTheRoundTrip) {
+    for (std::uint32_t bits = 0; bits <= 0xFFFFu; ++bits) {
+        auto const h = std::uint16_t(bits);
+        float const f = halfToFloat(h);
+        std::uint16_t const back = floatToHalf(f);
+        if (isHalfNan(h)) {
+            ASSERT_TRUE(std::isnan(f)) << std::hex << bits;
+            ASSERT_TRUE(isHalfNan(back)) << std::hex << bits;
+            ASSERT_EQ(back & 0x8000u, h & 0x8000u);
+        } else {
+            ASSERT_EQ(back, h) << std::hex << bits;
+        }
+    }
+}
+
+struct HalfCase {
+    float value;
+    std::uint16_t bits;
+};
+
+class HalfReferenceTest : public testing::TestWithParam<HalfCase> {};
+
+TEST_P(HalfReferenceTest, ConvertsToTheNearestEvenHalf) {
+    EXPECT_EQ(floatToHalf(GetParam().value), GetParam().bits) << GetParam().value;
+}
+
+INSTANTIATE_TEST_SUITE_P(Values, HalfReferenceTest,
+                         testing::Values(HalfCase{1.f, 0x3C00}, HalfCase{-2.f, 0xC000}, HalfCase{-0.f, 0x8000},
+                                         HalfCase{0.5f, 0x3800}, HalfCase{65504.f, 0x7BFF}, // largest finite
+                                         HalfCase{65519.99f, 0x7BFF}, // just below the tie to infinity
+                                         HalfCase{65520.f, 0x7C00},   // ties to even: infinity
+                                         HalfCase{1e10f, 0x7C00}, HalfCase{-1e10f, 0xFC00},
+                                         HalfCase{std::ldexp(1.f, -14), 0x0400},  // smallest normal
+                                         HalfCase{std::ldexp(1.f, -24), 0x0001},  // smallest subnormal
+                                         HalfCase{std::ldexp(1.f, -25), 0x0000},  // tie between 0 and 2^-24: even is 0
+                                         HalfCase{std::ldexp(1.5f, -25), 0x0001}, // above the tie
+                                         HalfCase{std::ldexp(3.f, -25), 0x0002},  // 1.5 units ties to 2
+                                         HalfCase{std::ldexp(1.f, -26), 0x0000},
+                                         HalfCase{1.f + std::ldexp(1.f, -11), 0x3C00},     // tie, stays even
+                                         HalfCase{1.f + 3 * std::ldexp(1.f, -11), 0x3C02}, // tie, rounds up to even
+                                         // subnormal rounding carries into the normals
+                                         HalfCase{std::ldexp(1023.5f, -24), 0x0400},
+                                         HalfCase{std::numeric_limits<float>::infinity(), 0x7C00},
+                                         HalfCase{-std::numeric_limits<float>::infinity(), 0xFC00}));
+
+TEST(HalfTest, NanStaysNan) {
+    float const nan = std::numeric_limits<float>::quiet_NaN();
+    EXPECT_TRUE(isHalfNan(floatToHalf(nan)));
+    EXPECT_TRUE(isHalfNan(floatToHalf(-nan)));
+    // A payload only in the low float bits must not collapse into infinity.
+    EXPECT_TRUE(isHalfNan(floatToHalf(std::bit_cast<float>(0x7F800001u))));
+    EXPECT_TRUE(std::isnan(halfToFloat(0x7E00)));
+    EXPECT_TRUE(std::isinf(halfToFloat(0xFC00)) && halfToFloat(0xFC00) < 0.f);
+}
+
+TEST(HalfTest, RandomFloatsPickTheNearestHalf) {
+    std::mt19937 random(1234);
+    std::uniform_int_distribution<int> exponent(-26, 15);
+    std::uniform_real_distribution<float> mantissa(1.f, 2.f);
+    for (int i = 0; i < 100000; ++i) {
+        float const f = std::ldexp(mantissa(random), exponent(random)) * (i % 2 ? -1.f : 1.f);
+        std::uint16_t const h = floatToHalf(f);
+        double const error = std::abs(double(halfToFloat(h)) - double(f));
+        // Neighbouring halves (by magnitude) are no closer.
+        for (int step : {-1, 1}) {
+            int const neighbour = int(h & 0x7FFF) + step;
+            if (neighbour < 0 || neighbour > 0x7BFF)
+                continue;
+            double const other = std::abs(double(halfToFloat(std::uint16_t((h & 0x8000) | neighbour))) - double(f));
+            ASSERT_LE(error, other) << f;
+        }
+    }
+}
+
+TEST(HalfTest, StoredHalfConvertsBothWays) {
+    Half const h(0.333333f);
+    EXPECT_EQ(h.bits, 0x3555);
+    EXPECT_FLOAT_EQ(float(h), halfToFloat(0x3555));
+    float buffer[3] = {1.f, -0.25f, 1e-5f};
+    std::uint16_t halves[3];
+    floatToHalf(buffer, halves, 3);
+    float back[3];
+    halfToFloat(halves, back, 3);
+    EXPECT_EQ(back[0], 1.f);
+    EXPECT_EQ(back[1], -0.25f);
+    EXPECT_NEAR(back[2], 1e-5f, std::ldexp(1.f, -25));
+}

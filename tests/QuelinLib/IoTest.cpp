@@ -1,0 +1,267 @@
+#include "QuelinLib/Io.h"
+#include <cstdlib>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <random>
+
+using namespace Quelin;
+namespace fs = std::filesystem;
+
+namespace {
+
+void setEnvironment(char const* name, char const* value) {
+#if defined(_WIN32)
+    _putenv_s(name, value ? value : "");
+#else
+    if (value)
+        setenv(name, value, 1);
+    else
+        unsetenv(name);
+#endif
+}
+
+class IoTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        auto made = Io::createRandomNamedFile(Io::StandardPaths::temporary(), "quelin_io_test_");
+        ASSERT_TRUE(made) << made.error();
+        // The random file reserves a unique name; the folder sits beside it.
+        mReserved = *made;
+        mFolder = mReserved;
+        mFolder += ".d";
+        ASSERT_TRUE(Io::createDirs(mFolder));
+    }
+    void TearDown() override {
+        std::error_code ec;
+        fs::remove_all(mFolder, ec);
+        fs::remove(mReserved, ec);
+    }
+
+    Io::Path writeBytes(String const& name, Stack<std::uint8_t> const& bytes) {
+        Io::Path const path = mFolder / name;
+        std::ofstream(path, std::ios::binary)
+            .write(reinterpret_cast<char const*>(bytes.data()), std::streamsize(bytes.size()));
+        return path;
+    }
+
+    /// A folder nobody can write in, even root: it would have to live under a regular file.
+    Io::Path unwritableFolder() {
+        Io::Path const blocker = writeBytes("blocker", {1, 2, 3});
+        return blocker / "sub";
+    }
+
+    static void expectNames(Expected<void> const& result, Io::Path const& path) {
+        ASSERT_FALSE(result);
+        EXPECT_NE(result.error().find(Io::pathToUtf8(path)), String::npos) << result.error();
+    }
+
+    Io::Path mReserved;
+    Io::Path mFolder;
+};
+
+} // namespace
+
+TEST_F(IoTest, BinaryValuesRoundTripLittleEndian) {
+    Io::Path const path = mFolder / "values.bin";
+    {
+        auto out = Io::FileOutputStream::open(path);
+        ASSERT_TRUE(out) << out.error();
+        Io::BinaryOutputStream binary(**out);
+        ASSERT_TRUE(binary.write(std::uint32_t(0x11223344)));
+        ASSERT_TRUE(binary.write(std::int16_t(-2)));
+        ASSERT_TRUE(binary.write(1.5f));
+        ASSERT_TRUE(binary.write(-0.125));
+        ASSERT_TRUE(binary.writeHalf(0.5f));
+        ASSERT_TRUE(binary.write(std::int64_t(-1234567890123)));
+        EXPECT_EQ((*out)->tell(), 4 + 2 + 4 + 8 + 2 + 8);
+        ASSERT_TRUE((*out)->close());
+    }
+    std::ifstream raw(path, std::ios::binary);
+    std::uint8_t head[4];
+    raw.read(reinterpret_cast<char*>(head), 4);
+    EXPECT_EQ(head[0], 0x44);
+    EXPECT_EQ(head[3], 0x11);
+
+    auto in = Io::FileInputStream::open(path);
+    ASSERT_TRUE(in) << in.error();
+    EXPECT_EQ(*(*in)->getSize(), 28);
+    Io::BinaryInputStream binary(**in);
+    EXPECT_EQ(*binary.read<std::uint32_t>(), 0x11223344u);
+    EXPECT_EQ(*binary.read<std::int16_t>(), -2);
+    EXPECT_EQ(*binary.read<float>(), 1.5f);
+    EXPECT_EQ(*binary.read<double>(), -0.125);
+    EXPECT_EQ(*binary.readHalf(), 0.5f);
+    EXPECT_EQ(*binary.read<std::int64_t>(), -1234567890123);
+    EXPECT_FALSE(binary.read<std::uint8_t>()) << "read past the end";
+}
+
+TEST_F(IoTest, RelativeSeeksMoveFromTheCurrentPosition) {
+    Stack<std::uint8_t> bytes(256);
+    for (int i = 0; i < 256; ++i)
+        bytes[i] = std::uint8_t(i);
+    auto in = Io::FileInputStream::open(writeBytes("ramp.bin", bytes));
+    ASSERT_TRUE(in);
+    auto& stream = **in;
+    std::uint8_t b = 0;
+    ASSERT_TRUE(stream.skip(100));
+    ASSERT_TRUE(stream.read(&b, 1));
+    EXPECT_EQ(b, 100);
+    ASSERT_TRUE(stream.skip(-51));
+    ASSERT_TRUE(stream.read(&b, 1));
+    EXPECT_EQ(b, 50);
+    ASSERT_TRUE(stream.seek(-1, Io::SeekOrigin::End));
+    ASSERT_TRUE(stream.read(&b, 1));
+    EXPECT_EQ(b, 255);
+    EXPECT_EQ(stream.tell(), 256);
+    // Beyond either end is refused and leaves the position alone.
+    EXPECT_FALSE(stream.skip(1));
+    EXPECT_FALSE(stream.seek(-1, Io::SeekOrigin::Begin));
+    EXPECT_EQ(stream.tell(), 256);
+}
+
+TEST_F(IoTest, ShortReadIsAnErrorNamingTheFileAndTheStreamStaysUsable) {
+    Io::Path const path = writeBytes("truncated.dat", {1, 2, 3, 4, 5, 6});
+    auto in = Io::FileInputStream::open(path);
+    ASSERT_TRUE(in);
+    Io::BinaryInputStream binary(**in);
+    ASSERT_TRUE(binary.skip(2));
+    auto const value = binary.read<double>();
+    ASSERT_FALSE(value);
+    EXPECT_NE(value.error().find(Io::pathToUtf8(path)), String::npos) << value.error();
+    EXPECT_NE(value.error().find("offset 2"), String::npos) << value.error();
+    ASSERT_TRUE(binary.getStream().seek(0, Io::SeekOrigin::Begin));
+    auto const word = binary.read<std::uint16_t>();
+    ASSERT_TRUE(word) << word.error();
+    EXPECT_EQ(*word, 0x0201);
+}
+
+TEST_F(IoTest, HalvesReadIntoFloats) {
+    Stack<std::uint8_t> bytes = {0x00, 0x3C, 0x00, 0xC0, 0x00, 0x7C, 0x01, 0x00};
+    auto in = Io::FileInputStream::open(writeBytes("halves.bin", bytes));
+    ASSERT_TRUE(in);
+    float values[4];
+    ASSERT_TRUE(Io::BinaryInputStream(**in).readHalves(values, 4));
+    EXPECT_EQ(values[0], 1.f);
+    EXPECT_EQ(values[1], -2.f);
+    EXPECT_TRUE(std::isinf(values[2]));
+    EXPECT_EQ(values[3], std::ldexp(1.f, -24));
+}
+
+TEST_F(IoTest, MemoryStreamReadsAndRefusesShortReads) {
+    std::uint8_t const data[] = {0x78, 0x56, 0x34, 0x12, 0xFF};
+    Io::MemoryInputStream stream(data, sizeof data, "texture bytes");
+    Io::BinaryInputStream binary(stream);
+    EXPECT_EQ(*binary.read<std::uint32_t>(), 0x12345678u);
+    auto const more = binary.read<std::uint32_t>();
+    ASSERT_FALSE(more);
+    EXPECT_NE(more.error().find("texture bytes"), String::npos);
+    ASSERT_TRUE(stream.seek(0, Io::SeekOrigin::Begin));
+    auto const all = stream.readAll();
+    ASSERT_TRUE(all);
+    EXPECT_EQ(all->size(), 5u);
+}
+
+TEST_F(IoTest, MissingFileErrorsNameIt) {
+    Io::Path const missing = mFolder / "missing.png";
+    auto in = Io::FileInputStream::open(missing);
+    ASSERT_FALSE(in);
+    EXPECT_NE(in.error().find(Io::pathToUtf8(missing)), String::npos) << in.error();
+    EXPECT_FALSE(Io::fileExists(missing));
+    expectNames(Io::removeFile(missing), missing);
+    auto const id = Io::FileId::fromPath(missing);
+    ASSERT_FALSE(id);
+    EXPECT_NE(id.error().find("missing.png"), String::npos);
+    EXPECT_FALSE(Io::TimeStamp::fromPath(missing));
+}
+
+TEST_F(IoTest, UnwritableFolderIsRefusedByName) {
+    Io::Path const folder = unwritableFolder();
+    expectNames(Io::createDirs(folder), folder);
+    auto const made = Io::createRandomNamedFile(folder);
+    ASSERT_FALSE(made);
+    EXPECT_NE(made.error().find(Io::pathToUtf8(folder)), String::npos) << made.error();
+    auto out = Io::FileOutputStream::open(folder / "level0");
+    ASSERT_FALSE(out);
+    EXPECT_NE(out.error().find(Io::pathToUtf8(folder / "level0")), String::npos) << out.error();
+    // A regular file where a folder is asked for is not a folder.
+    expectNames(Io::createDirs(mFolder / "blocker"), mFolder / "blocker");
+}
+
+TEST_F(IoTest, RandomNamedFilesAreNewAndRemovable) {
+    ASSERT_TRUE(Io::createDirs(mFolder / "a" / "b"));
+    ASSERT_TRUE(Io::createDirs(mFolder / "a" / "b")) << "an existing folder is fine";
+    auto const first = Io::createRandomNamedFile(mFolder / "a" / "b", "Ostrel_", ".tmp");
+    auto const second = Io::createRandomNamedFile(mFolder / "a" / "b", "Ostrel_", ".tmp");
+    ASSERT_TRUE(first && second);
+    EXPECT_NE(*first, *second);
+    EXPECT_TRUE(Io::fileExists(*first));
+    EXPECT_EQ(first->parent_path(), mFolder / "a" / "b");
+    EXPECT_TRUE(first->filename().string().starts_with("Ostrel_"));
+    EXPECT_EQ(first->extension(), ".tmp");
+    EXPECT_EQ(*Io::getFileSize(*first), 0);
+    ASSERT_TRUE(Io::removeFile(*first));
+    EXPECT_FALSE(Io::fileExists(*first));
+    EXPECT_TRUE(Io::fileExists(*second));
+}
+
+TEST_F(IoTest, FileIdentityFollowsTheFileNotThePath) {
+    Io::Path const a = writeBytes("a.png", {1});
+    Io::Path const b = writeBytes("b.png", {1});
+    ASSERT_TRUE(Io::createDirs(mFolder / "sub"));
+    auto const idA = Io::FileId::fromPath(a);
+    auto const idAOtherPath = Io::FileId::fromPath(mFolder / "sub" / ".." / "a.png");
+    auto const idB = Io::FileId::fromPath(b);
+    ASSERT_TRUE(idA && idAOtherPath && idB);
+    EXPECT_EQ(*idA, *idAOtherPath);
+    EXPECT_EQ(idA->getHash(), idAOtherPath->getHash());
+    EXPECT_NE(*idA, *idB);
+    EXPECT_NE(idA->getHash(), idB->getHash());
+#if !defined(_WIN32)
+    std::error_code ec;
+    fs::create_hard_link(a, mFolder / "link.png", ec);
+    if (!ec) {
+        EXPECT_EQ(*Io::FileId::fromPath(mFolder / "link.png"), *idA);
+    }
+#endif
+}
+
+TEST_F(IoTest, TimeStampChangesWithTheFile) {
+    Io::Path const path = writeBytes("t.png", {1, 2});
+    auto const before = Io::TimeStamp::fromPath(path);
+    ASSERT_TRUE(before);
+    EXPECT_EQ(*before, *Io::TimeStamp::fromPath(path));
+    fs::last_write_time(path, fs::last_write_time(path) + std::chrono::seconds(5));
+    auto const after = Io::TimeStamp::fromPath(path);
+    ASSERT_TRUE(after);
+    EXPECT_GT(*after, *before);
+}
+
+TEST_F(IoTest, DiskSpaceOfAFolder) {
+    auto const space = Io::getDiskSpace(mFolder);
+    ASSERT_TRUE(space) << space.error();
+    EXPECT_GT(space->total, 0);
+    EXPECT_GE(space->total, space->free);
+    EXPECT_GE(space->free, space->available);
+    EXPECT_FALSE(Io::getDiskSpace(mFolder / "nowhere"));
+}
+
+TEST_F(IoTest, StandardPaths) {
+    EXPECT_TRUE(Io::folderExists(Io::StandardPaths::temporary()));
+    Io::Path const exe = Io::StandardPaths::getExecutableFilePath();
+    EXPECT_TRUE(Io::fileExists(exe)) << exe;
+    EXPECT_TRUE(exe.is_absolute()) << exe;
+
+    char const* const saved = std::getenv("FERRIM_SKY_DATA_DIR");
+    String const savedValue = saved ? saved : "";
+    setEnvironment("FERRIM_SKY_DATA_DIR", Io::pathToUtf8(mFolder).c_str());
+    EXPECT_EQ(Io::StandardPaths::prgSkyModelData(), mFolder);
+    setEnvironment("FERRIM_SKY_DATA_DIR", nullptr);
+    EXPECT_EQ(Io::StandardPaths::prgSkyModelData(), exe.parent_path());
+    if (saved)
+        setEnvironment("FERRIM_SKY_DATA_DIR", savedValue.c_str());
+}
+
+TEST(IoPathTest, Utf8RoundTrip) {
+    String const text = "textures/\xC3\xA9t\xC3\xA9/\xE6\x97\xA5.exr";
+    EXPECT_EQ(Io::pathToUtf8(Io::pathFromUtf8(text)), text);
+}

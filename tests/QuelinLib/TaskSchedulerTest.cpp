@@ -1,0 +1,236 @@
+#include "QuelinLib/TaskScheduler.h"
+#include "QuelinLib/DebugLogger.h"
+#include "QuelinLib/Lib.h"
+#include "QuelinLib/Thread.h"
+#include <atomic>
+#include <gtest/gtest.h>
+#include <stdexcept>
+
+using namespace Quelin;
+
+// ------------------------------------------------------------ parallel loops
+
+class TaskSchedulerTest : public testing::Test {
+  protected:
+    TaskScheduler mScheduler{"Test.WorkerThread", 2};
+};
+
+TEST_F(TaskSchedulerTest, CoversEveryIndexOnce) {
+    constexpr std::int64_t N = 10007;
+    Stack<std::atomic<int>> hits(N);
+    std::atomic<int> tooBig{0};
+    EXPECT_TRUE(mScheduler.parallelFor(0, N, 16, [&](std::int64_t b, std::int64_t e) {
+        if (e - b > 16)
+            ++tooBig;
+        for (std::int64_t i = b; i < e; ++i)
+            ++hits[i];
+    }));
+    EXPECT_EQ(tooBig, 0) << "ranges bigger than the grain were not split";
+    for (std::int64_t i = 0; i < N; ++i)
+        ASSERT_EQ(hits[i], 1) << i;
+}
+
+TEST_F(TaskSchedulerTest, RangeWithinGrainRunsAsOneCall) {
+    std::atomic<int> calls{0};
+    std::int64_t seenBegin = -1, seenEnd = -1;
+    mScheduler.parallelFor(5, 25, 100, [&](std::int64_t b, std::int64_t e) {
+        ++calls;
+        seenBegin = b;
+        seenEnd = e;
+    });
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(seenBegin, 5);
+    EXPECT_EQ(seenEnd, 25);
+    mScheduler.parallelFor(3, 3, 1, [&](std::int64_t, std::int64_t) { ++calls; });
+    EXPECT_EQ(calls, 1) << "an empty range calls nothing";
+}
+
+TEST_F(TaskSchedulerTest, ProgressCountsAndReportsTheEnd) {
+    std::atomic<std::int64_t> lastDone{0}, lastTotal{0};
+    std::atomic<int> calls{0};
+    TaskProgress progress([&](std::int64_t done, std::int64_t total) {
+        ++calls;
+        lastDone = done;
+        lastTotal = total;
+    });
+    ASSERT_TRUE(mScheduler.parallelFor(
+        0, 1000, 10, [](std::int64_t, std::int64_t) {}, &progress));
+    ASSERT_TRUE(mScheduler.parallelFor(
+        0, 500, 10, [](std::int64_t, std::int64_t) {}, &progress));
+    EXPECT_EQ(progress.getDone(), 1500);
+    EXPECT_EQ(progress.getTotal(), 1500);
+    EXPECT_FLOAT_EQ(progress.getFraction(), 1.f);
+    EXPECT_GT(calls, 2);
+    EXPECT_EQ(lastTotal, 1500);
+    EXPECT_LE(lastDone, lastTotal);
+}
+
+TEST_F(TaskSchedulerTest, CancelStopsTheLoop) {
+    TaskProgress progress;
+    std::atomic<std::int64_t> processed{0};
+    bool const finished = mScheduler.parallelFor(
+        0, 100000, 1,
+        [&](std::int64_t b, std::int64_t e) {
+            processed += e - b;
+            if (processed > 100)
+                progress.cancel();
+        },
+        &progress);
+    EXPECT_FALSE(finished);
+    EXPECT_TRUE(progress.isCancelled());
+    EXPECT_LT(processed, 100000);
+    // A cancelled progress refuses further loops at once.
+    std::atomic<int> calls{0};
+    EXPECT_FALSE(mScheduler.parallelFor(
+        0, 100, 1, [&](std::int64_t, std::int64_t) { ++calls; }, &progress));
+    EXPECT_EQ(calls, 0);
+}
+
+TEST_F(TaskSchedulerTest, BodyExceptionReachesTheCaller) {
+    EXPECT_THROW(mScheduler.parallelFor(0, 1000, 1,
+                                        [](std::int64_t b, std::int64_t) {
+                                            if (b == 500)
+                                                throw std::runtime_error("bad level");
+                                        }),
+                 std::runtime_error);
+    // The scheduler is still fine afterwards.
+    std::atomic<std::int64_t> sum{0};
+    mScheduler.parallelFor(0, 100, 1, [&](std::int64_t b, std::int64_t e) {
+        for (auto i = b; i < e; ++i)
+            sum += i;
+    });
+    EXPECT_EQ(sum, 4950);
+}
+
+TEST_F(TaskSchedulerTest, NestedLoopsRunOnTheSameScheduler) {
+    std::atomic<int> wrongScheduler{0};
+    std::atomic<std::int64_t> count{0};
+    mScheduler.parallelFor(0, 8, 1, [&](std::int64_t, std::int64_t) {
+        if (&TaskScheduler::getDefault() != &mScheduler)
+            ++wrongScheduler;
+        parallelFor(0, 100, 4, [&](std::int64_t b, std::int64_t e) {
+            if (&TaskScheduler::getDefault() != &mScheduler)
+                ++wrongScheduler;
+            count += e - b;
+        });
+    });
+    EXPECT_EQ(wrongScheduler, 0);
+    EXPECT_EQ(count, 800);
+}
+
+TEST_F(TaskSchedulerTest, ThreadDefaultIsPerThread) {
+    EXPECT_EQ(mScheduler.getThreadCount(), 2);
+    TaskScheduler* seenInside = nullptr;
+    Thread worker([&] {
+        TaskScheduler::setThreadDefault(&mScheduler);
+        seenInside = &TaskScheduler::getDefault();
+        TaskScheduler::setThreadDefault(nullptr);
+    });
+    worker.join();
+    EXPECT_EQ(seenInside, &mScheduler);
+    EXPECT_NE(&TaskScheduler::getDefault(), &mScheduler);
+}
+
+TEST(TaskProgressTest, ConcurrentUpdatesAddUp) {
+    TaskProgress progress;
+    progress.addTotal(4000);
+    Stack<Thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&] {
+            for (int i = 0; i < 1000; ++i)
+                progress.addDone();
+        });
+    for (auto& t : threads)
+        t.join();
+    EXPECT_EQ(progress.getDone(), 4000);
+    EXPECT_FLOAT_EQ(progress.getFraction(), 1.f);
+    EXPECT_FLOAT_EQ(TaskProgress().getFraction(), 0.f);
+}
+
+// ------------------------------------------------------------ threads, logger, lifecycle
+
+TEST(ThreadNameTest, LongNamesAreCutToFifteenBytes) {
+    String seen;
+    Thread([&] {
+        setThreadName("Ostrel.ImageTextureCache.Loader");
+        seen = getThreadName();
+    }).join();
+#if defined(__linux__)
+    EXPECT_EQ(seen, "Ostrel.ImageTex");
+    // A two-byte character straddling the limit is dropped whole.
+    Thread([&] {
+        setThreadName("abcdefghijklmn\xC3\xA9xyz");
+        seen = getThreadName();
+    }).join();
+    EXPECT_EQ(seen, "abcdefghijklmn");
+#endif
+}
+
+class DebugLoggerTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        DebugLogger::setSink([this](StringView category, StringView line) {
+            std::lock_guard lock(mMutex);
+            mLines.emplace_back(String(category) + "|" + String(line));
+        });
+    }
+    void TearDown() override {
+        DebugLogger::disableAll();
+        DebugLogger::setSink({});
+    }
+    Mutex mMutex;
+    Stack<String> mLines;
+};
+
+TEST_F(DebugLoggerTest, OnlyEnabledCategoriesWrite) {
+    DebugLogger::enable("texture");
+    DebugLogger texture("texture", "Quelin::ImageTexture::ImageTexture", "TextureMap/ImageTexture");
+    DebugLogger settings("settings");
+    EXPECT_TRUE(texture.isEnabled());
+    EXPECT_FALSE(settings.isEnabled());
+    texture("Loading", "wood.png", 3);
+    settings("Exception:", "ignored");
+    ASSERT_EQ(mLines.size(), 1u);
+    EXPECT_EQ(mLines[0],
+              "texture|[texture] Quelin::ImageTexture::ImageTexture (TextureMap/ImageTexture): Loading wood.png 3");
+
+    DebugLogger::enable("texture", false);
+    EXPECT_FALSE(DebugLogger("texture").isEnabled());
+    DebugLogger::enable("*");
+    EXPECT_TRUE(DebugLogger("anything").isEnabled());
+}
+
+TEST_F(DebugLoggerTest, ConcurrentLinesStayWhole) {
+    DebugLogger::enable("mip");
+    Stack<Thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([t] {
+            DebugLogger log("mip");
+            for (int i = 0; i < 200; ++i)
+                log("thread", t, "line", i);
+        });
+    for (auto& t : threads)
+        t.join();
+    ASSERT_EQ(mLines.size(), 800u);
+    for (auto const& line : mLines)
+        ASSERT_TRUE(line.starts_with("mip|[mip] thread ")) << line;
+}
+
+TEST(LibTest, StartupIsCountedAndLastShutdownRunsFunctions) {
+    // The shutdown functions below capture locals: only run from a stopped library.
+    if (Lib::getStartCount() != 0)
+        GTEST_SKIP() << "the library is started elsewhere";
+    Lib::startup();
+    Lib::startup();
+    Stack<int> order;
+    Lib::addShutdownFunction([&] { order.push_back(1); });
+    Lib::addShutdownFunction([&] { order.push_back(2); });
+    Lib::shutdown();
+    EXPECT_TRUE(Lib::isStarted());
+    EXPECT_TRUE(order.empty());
+    Lib::shutdown();
+    EXPECT_FALSE(Lib::isStarted());
+    EXPECT_EQ(order, (Stack<int>{2, 1}));
+    Lib::shutdown(); // unmatched: ignored
+    EXPECT_EQ(Lib::getStartCount(), 0);
+}

@@ -1,0 +1,270 @@
+#include "QuelinLibImage/Image.h"
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <map>
+
+using namespace Quelin;
+namespace fs = std::filesystem;
+
+namespace {
+
+Stack<std::uint8_t> readFile(Io::Path const& path) {
+    std::ifstream in(path, std::ios::binary);
+    return Stack<std::uint8_t>(std::istreambuf_iterator<char>(in), {});
+}
+
+std::uint32_t bigEndian32(std::uint8_t const* p) {
+    return (std::uint32_t(p[0]) << 24) | (p[1] << 16) | (p[2] << 8) | p[3];
+}
+
+template <typename T> T littleEndian(Stack<std::uint8_t> const& bytes, std::size_t at) {
+    T value;
+    std::memcpy(&value, bytes.data() + at, sizeof(T));
+    return value;
+}
+
+/// The parts of an EXR header the tests look at.
+struct ExrHeader {
+    std::map<String, int> channelTypes; // 0 uint, 1 half, 2 float
+    int width = 0, height = 0;
+    int compression = -1;
+    std::size_t end = 0; // first byte after the header
+};
+
+ExrHeader parseExrHeader(Stack<std::uint8_t> const& bytes) {
+    ExrHeader header;
+    if (bytes.size() < 8 || littleEndian<std::uint32_t>(bytes, 0) != 20000630u)
+        return header;
+    std::size_t at = 8;
+    auto readString = [&] {
+        String s(reinterpret_cast<char const*>(bytes.data() + at));
+        at += s.size() + 1;
+        return s;
+    };
+    while (at < bytes.size()) {
+        String const name = readString();
+        if (name.empty())
+            break;
+        String const type = readString();
+        auto const size = std::size_t(littleEndian<std::int32_t>(bytes, at));
+        at += 4;
+        std::size_t const valueStart = at;
+        if (name == "channels") {
+            while (bytes[at] != 0) {
+                String const channel = readString();
+                header.channelTypes[channel] = littleEndian<std::int32_t>(bytes, at);
+                at += 16;
+            }
+        } else if (name == "dataWindow") {
+            header.width = littleEndian<std::int32_t>(bytes, at + 8) - littleEndian<std::int32_t>(bytes, at) + 1;
+            header.height = littleEndian<std::int32_t>(bytes, at + 12) - littleEndian<std::int32_t>(bytes, at + 4) + 1;
+        } else if (name == "compression") {
+            header.compression = bytes[at];
+        }
+        at = valueStart + size;
+    }
+    header.end = at;
+    return header;
+}
+
+class ImageFileTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        auto made = Io::createRandomNamedFile(Io::StandardPaths::temporary(), "quelin_image_test_");
+        ASSERT_TRUE(made) << made.error();
+        mReserved = *made;
+        mFolder = mReserved;
+        mFolder += ".d";
+        ASSERT_TRUE(Io::createDirs(mFolder));
+    }
+    void TearDown() override {
+        std::error_code ec;
+        fs::remove_all(mFolder, ec);
+        fs::remove(mReserved, ec);
+    }
+
+    /// A gradient with some alpha, filled through the generic setter.
+    static Image makeImage(PixelFormat format, int w = 5, int h = 3) {
+        Image image(Image::Descriptor(Pixel(w, h), format));
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x)
+                image.setRgbAlpha(x, y, RgbAlpha(x * 0.2f, y * 0.4f, 0.5f, 1.f - x * 0.1f));
+        return image;
+    }
+
+    Io::Path mReserved;
+    Io::Path mFolder;
+};
+
+} // namespace
+
+// ------------------------------------------------------------ formats and access
+
+class PixelFormatTest : public testing::TestWithParam<int> {};
+
+TEST_P(PixelFormatTest, GenericAccessRoundTripsWithinTheChannelPrecision) {
+    auto const format = PixelFormat(GetParam());
+    Image image(Image::Descriptor(Pixel(7, 4), format));
+    EXPECT_EQ(image.getRowBytes(), 7 * getPixelBytes(format));
+    EXPECT_EQ(image.getByteSize(), 28 * getPixelBytes(format));
+    EXPECT_EQ(image.getMemoryUsage(), image.getByteSize());
+    EXPECT_EQ(image.getRgbAlpha(6, 3), RgbAlpha(0.f, 0.f, 0.f, hasAlpha(format) ? 0.f : 1.f)) << "starts at zero";
+
+    float tolerance = 0.f;
+    switch (getChannelType(format)) {
+    case ChannelType::UInt8:
+        tolerance = 0.501f / 255.f;
+        break;
+    case ChannelType::UInt16:
+        tolerance = 0.501f / 65535.f;
+        break;
+    case ChannelType::SharedExponent:
+        tolerance = 1.f / 128.f;
+        break;
+    case ChannelType::Float:
+        break;
+    }
+    RgbAlpha const value(0.8f, 0.3f, 0.1f, 0.6f);
+    image.setRgbAlpha(6, 3, value);
+    image.setRgbAlpha(5, 3, RgbAlpha(2.f, -1.f, 0.f, 1.f)); // neighbour: must not bleed
+    RgbAlpha const back = image.getRgbAlpha(6, 3);
+    bool const mono = getChannelCount(format) == 1 || getChannelCount(format) == 2;
+    Rgb const expected = mono ? Rgb(channelMean(0.8f, 0.3f, 0.1f)) : value.rgb();
+    EXPECT_NEAR(back.r, expected.r, tolerance);
+    EXPECT_NEAR(back.g, expected.g, tolerance);
+    EXPECT_NEAR(back.b, expected.b, tolerance);
+    EXPECT_NEAR(back.alpha, hasAlpha(format) ? 0.6f : 1.f, tolerance);
+}
+
+INSTANTIATE_TEST_SUITE_P(AllFormats, PixelFormatTest, testing::Range(0, PIXEL_FORMAT_COUNT),
+                         [](auto const& info) { return String(getPixelFormatName(PixelFormat(info.param))); });
+
+TEST(ImageTest, TypedAccessSharesThePixels) {
+    Image image(Image::Descriptor(Pixel(4, 2), PixelFormat::Rgba16));
+    image.getPixel<PixelRgba16>(3, 1) = {65535, 0, 32768, 65535};
+    EXPECT_EQ(image.getRgbAlpha(3, 1), RgbAlpha(1.f, 0.f, 32768.f / 65535.f, 1.f));
+    image.setRgbAlpha(1, 0, RgbAlpha(0.f, 1.f, 0.f, 0.f));
+    EXPECT_EQ(image.getRow<PixelRgba16>(0)[1], (PixelRgba16{0, 65535, 0, 0}));
+    EXPECT_EQ(image.getPixels<PixelRgba16>().size(), 8u);
+    EXPECT_THROW(image.getRow<PixelRgba8>(0), StopException);
+    EXPECT_THROW(image.getPixels<PixelRgbaF>(), StopException);
+}
+
+TEST(ImageTest, ReleasedPixelsComeBackZeroedAndClonesAreDeep) {
+    Image image(Image::Descriptor(Pixel(16, 16), PixelFormat::RgbFloat));
+    image.getPixel<PixelRgbF>(2, 2) = {1.f, 2.f, 3.f};
+    Image const copy = image.clone();
+    image.releasePixels();
+    EXPECT_FALSE(image.hasPixels());
+    EXPECT_EQ(image.getMemoryUsage(), 0);
+    EXPECT_EQ(image.getResolution(), Pixel(16, 16));
+    EXPECT_THROW(image.getRow<PixelRgbF>(0), StopException);
+    image.allocatePixels();
+    EXPECT_EQ(image.getMemoryUsage(), 16 * 16 * 12);
+    EXPECT_EQ(image.getPixel<PixelRgbF>(2, 2), (PixelRgbF{0.f, 0.f, 0.f}));
+    EXPECT_EQ(copy.getPixel<PixelRgbF>(2, 2), (PixelRgbF{1.f, 2.f, 3.f}));
+    EXPECT_THROW(Image(Image::Descriptor(Pixel(-1, 4), PixelFormat::Mono8)), Exception);
+}
+
+TEST(PixelRgbeTest, SharedExponentKeepsRelativePrecision) {
+    for (Rgb const c :
+         {Rgb(1.f, 0.5f, 0.25f), Rgb(1000.f, 3.f, 0.01f), Rgb(1e-20f, 2e-20f, 0.f), Rgb(0.9999f, 0.9999f, 0.9999f)}) {
+        Rgb const back = PixelRgbe::fromRgb(c).toRgb();
+        float const largest = std::max(c.r, std::max(c.g, c.b));
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_LE(back[i], c[i]) << "truncates";
+            EXPECT_NEAR(back[i], c[i], largest / 128.f) << i;
+        }
+    }
+    EXPECT_EQ(PixelRgbe::fromRgb(Rgb(1.f, 1.f, 1.f)), (PixelRgbe{128, 128, 128, 129}));
+    EXPECT_EQ(PixelRgbe::fromRgb(Rgb(0.f)).toRgb(), Rgb(0.f));
+    EXPECT_EQ(PixelRgbe::fromRgb(Rgb(-1.f, std::nanf(""), -3.f)).toRgb(), Rgb(0.f));
+    Rgb const huge = PixelRgbe::fromRgb(Rgb(INFINITY, 1.f, 1.f)).toRgb();
+    EXPECT_TRUE(std::isfinite(huge.r) && huge.r > 1e37f);
+    EXPECT_NEAR(PixelMonoWithExp::fromFloat(37.f).toFloat(), 37.f, 37.f / 128.f);
+    EXPECT_EQ(PixelMonoWithExp::fromFloat(-2.f).toFloat(), 0.f);
+}
+
+// ------------------------------------------------------------ writing
+
+struct PngCase {
+    PixelFormat format;
+    FileChannelType request;
+    int bitDepth;
+    int colourType; // PNG: 0 grey, 2 RGB, 4 grey+alpha, 6 RGBA
+};
+
+class PngWriteTest : public ImageFileTest, public testing::WithParamInterface<PngCase> {};
+
+TEST_P(PngWriteTest, WritesTheDepthAndChannels) {
+    Io::Path const path = mFolder / "out.png";
+    auto const written = writeImage(makeImage(GetParam().format), path, {GetParam().request, ""});
+    ASSERT_TRUE(written) << written.error();
+    auto const bytes = readFile(path);
+    ASSERT_GT(bytes.size(), 33u);
+    EXPECT_EQ(std::memcmp(bytes.data(), "\x89PNG", 4), 0);
+    EXPECT_EQ(std::memcmp(bytes.data() + 12, "IHDR", 4), 0);
+    EXPECT_EQ(bigEndian32(bytes.data() + 16), 5u);
+    EXPECT_EQ(bigEndian32(bytes.data() + 20), 3u);
+    EXPECT_EQ(bytes[24], GetParam().bitDepth);
+    EXPECT_EQ(bytes[25], GetParam().colourType);
+}
+
+INSTANTIATE_TEST_SUITE_P(Formats, PngWriteTest,
+                         testing::Values(PngCase{PixelFormat::Mono8, FileChannelType::Auto, 8, 0},
+                                         PngCase{PixelFormat::MonoAlpha16, FileChannelType::Auto, 16, 4},
+                                         PngCase{PixelFormat::Rgb8, FileChannelType::Auto, 8, 2},
+                                         PngCase{PixelFormat::Rgba16, FileChannelType::UInt8, 8, 6},
+                                         PngCase{PixelFormat::RgbaFloat, FileChannelType::Auto, 16, 6},
+                                         PngCase{PixelFormat::Rgbe, FileChannelType::Auto, 16, 2}));
+
+TEST_F(ImageFileTest, ExrKeepsFloatPixels) {
+    Image const image = makeImage(PixelFormat::RgbFloat, 4, 2);
+    Io::Path const path = mFolder / "out.exr";
+    auto const written = writeImage(image, path, {FileChannelType::Auto, "none"});
+    ASSERT_TRUE(written) << written.error();
+    auto const bytes = readFile(path);
+    ExrHeader const header = parseExrHeader(bytes);
+    EXPECT_EQ(header.width, 4);
+    EXPECT_EQ(header.height, 2);
+    ASSERT_EQ(header.compression, 0);
+    EXPECT_EQ(header.channelTypes, (std::map<String, int>{{"B", 2}, {"G", 2}, {"R", 2}}));
+
+    // Uncompressed scan lines: an offset table, then per line its y, its size
+    // and the channels one after another in name order.
+    auto const secondLine = std::size_t(littleEndian<std::uint64_t>(bytes, header.end + 8));
+    ASSERT_LT(secondLine + 8 + 3 * 4 * 4, bytes.size() + 1);
+    EXPECT_EQ(littleEndian<std::int32_t>(bytes, secondLine), 1);
+    std::size_t const data = secondLine + 8;
+    for (int x = 0; x < 4; ++x) {
+        Rgb const expected = image.getRgbAlpha(x, 1).rgb();
+        EXPECT_EQ(littleEndian<float>(bytes, data + 4 * (8 + x)), expected.r) << x;
+        EXPECT_EQ(littleEndian<float>(bytes, data + 4 * (4 + x)), expected.g) << x;
+        EXPECT_EQ(littleEndian<float>(bytes, data + 4 * x), expected.b) << x;
+    }
+}
+
+TEST_F(ImageFileTest, ExrOfIntegerPixelsIsHalf) {
+    Io::Path const path = mFolder / "out.exr";
+    ASSERT_TRUE(writeImage(makeImage(PixelFormat::MonoAlpha8), path));
+    EXPECT_EQ(parseExrHeader(readFile(path)).channelTypes, (std::map<String, int>{{"A", 1}, {"Y", 1}}));
+    ASSERT_TRUE(writeImage(makeImage(PixelFormat::Rgba16), path, {FileChannelType::Float, ""}));
+    EXPECT_EQ(parseExrHeader(readFile(path)).channelTypes.at("A"), 2);
+}
+
+TEST_F(ImageFileTest, RefusalsNameThePath) {
+    Image const image = makeImage(PixelFormat::Rgb8);
+    std::ofstream(mFolder / "blocker") << "x";
+    for (Io::Path const& path :
+         {mFolder / "blocker" / "out.png", mFolder / "blocker" / "out.exr", mFolder / "out.xyz"}) {
+        auto const written = writeImage(image, path);
+        ASSERT_FALSE(written) << path;
+        EXPECT_NE(written.error().find(Io::pathToUtf8(path)), String::npos) << written.error();
+    }
+    EXPECT_FALSE(writeImage(image, mFolder / "half.png", {FileChannelType::Half, ""}));
+    EXPECT_FALSE(writeImage(image, mFolder / "bytes.exr", {FileChannelType::UInt8, ""}));
+    EXPECT_FALSE(writeImage(Image(), mFolder / "empty.png"));
+    EXPECT_FALSE(Io::fileExists(mFolder / "half.png"));
+}
