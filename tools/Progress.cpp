@@ -36,7 +36,9 @@ void ProgressBar::finish() {
     std::lock_guard lock(mMutex);
     if (mFinished) return;
     mFinished = true;
-    if (showProgress() && mShown >= 0)
+    if (showProgress() && mShown >= 100)
+        std::fprintf(stderr, "\n");
+    else if (showProgress() && mShown >= 0)
         std::fprintf(stderr, "\r%s [##############################] 100%%\n", mLabel.c_str());
     else
         std::fprintf(stderr, "%s: done\n", mLabel.c_str());
