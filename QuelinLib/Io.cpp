@@ -6,19 +6,7 @@
 #include <random>
 #include <system_error>
 
-#if defined(_WIN32)
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
-#include <windows.h>
-#else
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-#endif
+#include "QuelinLib/PlatformHeaders.h"
 
 namespace Quelin::Io {
 

@@ -1,17 +1,7 @@
 #include "QuelinLib/Thread.h"
 #include <algorithm>
 
-#if defined(_WIN32)
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
-#include <windows.h>
-#else
-#include <pthread.h>
-#endif
+#include "QuelinLib/PlatformHeaders.h"
 
 namespace Quelin {
 

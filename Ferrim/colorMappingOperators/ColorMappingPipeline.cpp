@@ -204,7 +204,8 @@ String serializePipeline(EntityHolder<const IColorMappingOperator> pipeline) {
     for (auto const& record : convertPipelineToDataObjects(pipeline, HiddenItemsTreatment::Skip)) {
         nlohmann::json j = nlohmann::json::object();
         j[String(JSON_CLASS_KEY)] = record.getName();
-        for (auto const& [key, value] : toJson(record).items())
+        nlohmann::json const values = toJson(record);  // items() must not outlive its object
+        for (auto const& [key, value] : values.items())
             if (key != "predecessor") j[key] = value;
         ops.push_back(std::move(j));
     }

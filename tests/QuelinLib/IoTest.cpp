@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <random>
 
+#include "TestSupport/TempFolderTest.h"
+
 using namespace Quelin;
 namespace fs = std::filesystem;
 
@@ -20,22 +22,8 @@ void setEnvironment(char const* name, char const* value) {
 #endif
 }
 
-class IoTest : public testing::Test {
+class IoTest : public Quelin::Testing::TempFolderTest {
   protected:
-    void SetUp() override {
-        auto made = Io::createRandomNamedFile(Io::StandardPaths::temporary(), "quelin_io_test_");
-        ASSERT_TRUE(made) << made.error();
-        // The random file reserves a unique name; the folder sits beside it.
-        mReserved = *made;
-        mFolder = mReserved;
-        mFolder += ".d";
-        ASSERT_TRUE(Io::createDirs(mFolder));
-    }
-    void TearDown() override {
-        std::error_code ec;
-        fs::remove_all(mFolder, ec);
-        fs::remove(mReserved, ec);
-    }
 
     Io::Path writeBytes(String const& name, Stack<std::uint8_t> const& bytes) {
         Io::Path const path = mFolder / name;
@@ -55,8 +43,6 @@ class IoTest : public testing::Test {
         EXPECT_NE(result.error().find(Io::pathToUtf8(path)), String::npos) << result.error();
     }
 
-    Io::Path mReserved;
-    Io::Path mFolder;
 };
 
 } // namespace

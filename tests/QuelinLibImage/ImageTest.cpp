@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <map>
 
+#include "TestSupport/TempFolderTest.h"
+
 using namespace Quelin;
 namespace fs = std::filesystem;
 
@@ -69,21 +71,8 @@ ExrHeader parseExrHeader(Stack<std::uint8_t> const& bytes) {
     return header;
 }
 
-class ImageFileTest : public testing::Test {
+class ImageFileTest : public Quelin::Testing::TempFolderTest {
   protected:
-    void SetUp() override {
-        auto made = Io::createRandomNamedFile(Io::StandardPaths::temporary(), "quelin_image_test_");
-        ASSERT_TRUE(made) << made.error();
-        mReserved = *made;
-        mFolder = mReserved;
-        mFolder += ".d";
-        ASSERT_TRUE(Io::createDirs(mFolder));
-    }
-    void TearDown() override {
-        std::error_code ec;
-        fs::remove_all(mFolder, ec);
-        fs::remove(mReserved, ec);
-    }
 
     /// A gradient with some alpha, filled through the generic setter.
     static Image makeImage(PixelFormat format, int w = 5, int h = 3) {
@@ -94,8 +83,6 @@ class ImageFileTest : public testing::Test {
         return image;
     }
 
-    Io::Path mReserved;
-    Io::Path mFolder;
 };
 
 } // namespace

@@ -416,8 +416,12 @@ TEST_P(EveryOperatorTest, OperatorsOffInTheContextAreTheIdentityBothWays) {
 
 TEST_P(EveryOperatorTest, UnmapUndoesMap) {
     auto const& param = GetParam();
-    if (!param.invertible) GTEST_SKIP() << "not invertible";
     auto op = preparedOperator();
+    if (!param.invertible) {
+        // Position-dependent operators cannot be undone without the pixel: unmap leaves colours alone.
+        for (Rgb c : probes(param.maxInput)) EXPECT_EQ(op->unmap(op->map(c, {3, 5}), NO_EXCLUDE), op->map(c, {3, 5}));
+        return;
+    }
     int checked = 0;
     for (Rgb c : probes(param.maxInput)) {
         Rgb const mapped = op->map(c, {3, 5});
