@@ -1,0 +1,21 @@
+# OpenColorIO is a peer for tests and benchmarks only. Debian's package ships
+# no usable CMake config, so fall back to the library and header directly.
+# Defines the interface target ferrim_ocio when found.
+if(NOT TARGET ferrim_ocio)
+  find_package(OpenColorIO CONFIG QUIET)
+  if(OpenColorIO_FOUND AND TARGET OpenColorIO::OpenColorIO)
+    add_library(ferrim_ocio INTERFACE)
+    target_link_libraries(ferrim_ocio INTERFACE OpenColorIO::OpenColorIO)
+  else()
+    find_library(FERRIM_OCIO_LIBRARY OpenColorIO)
+    find_path(FERRIM_OCIO_INCLUDE_DIR OpenColorIO/OpenColorIO.h)
+    if(FERRIM_OCIO_LIBRARY AND FERRIM_OCIO_INCLUDE_DIR)
+      add_library(ferrim_ocio INTERFACE)
+      target_link_libraries(ferrim_ocio INTERFACE ${FERRIM_OCIO_LIBRARY})
+      target_include_directories(ferrim_ocio INTERFACE ${FERRIM_OCIO_INCLUDE_DIR})
+    endif()
+  endif()
+  if(TARGET ferrim_ocio)
+    target_compile_definitions(ferrim_ocio INTERFACE FERRIM_HAVE_OCIO=1)
+  endif()
+endif()
