@@ -6,61 +6,6 @@
 
 namespace Quelin {
 
-#if QUELIN_FLOAT4_SSE
-
-Float4 log2Approx(Float4 x) {
-    Int4 const bits = asInt4(x);
-    Float4 exponent = toFloat4((bits.shiftRight(23) & Int4(0xFF)) - Int4(127));
-    Float4 m = asFloat4((bits & Int4(0x007FFFFF)) | Int4(0x3F800000));  // [1, 2)
-    // Centre the mantissa on 1 ([0.707, 1.414)) so the series converges fast.
-    Float4 const high = m > Float4(1.41421356f);
-    m = select(high, m * Float4(0.5f), m);
-    exponent = exponent + (high & Float4(1.f));
-    // log2 m = 2/ln2 * atanh(t), t = (m - 1) / (m + 1), |t| <= 0.1716.
-    Float4 const t = (m - Float4(1.f)) / (m + Float4(1.f));
-    Float4 const t2 = t * t;
-    float const c1 = 2.8853900817779268f;  // 2 / ln 2
-    Float4 p = Float4(c1 / 7.f);
-    p = p * t2 + Float4(c1 / 5.f);
-    p = p * t2 + Float4(c1 / 3.f);
-    p = p * t2 + Float4(c1);
-    return exponent + p * t;
-}
-
-Float4 exp2Approx(Float4 y) {
-    y = min(max(y, Float4(-126.f)), Float4(127.4f));
-    Float4 const n = floor(y + Float4(0.5f));
-    Float4 const u = (y - n) * Float4(0.69314718f);  // |u| <= ln2 / 2
-    // e^u, Taylor to degree 6.
-    Float4 p = Float4(1.f / 720.f);
-    p = p * u + Float4(1.f / 120.f);
-    p = p * u + Float4(1.f / 24.f);
-    p = p * u + Float4(1.f / 6.f);
-    p = p * u + Float4(0.5f);
-    p = p * u + Float4(1.f);
-    p = p * u + Float4(1.f);
-    Float4 const scale = asFloat4((toInt4Truncate(n) + Int4(127)).shiftLeft(23));
-    return p * scale;
-}
-
-Float4 powApprox(Float4 x, Float4 e) {
-    Float4 const valid = x > Float4(FLT_MIN);
-    Float4 const r = exp2Approx(e * log2Approx(max(x, Float4(FLT_MIN))));
-    return r & valid;
-}
-
-float powApprox(float x, float e) { return powApprox(Float4(x), Float4(e)).x(); }
-
-#else
-
-Float4 log2Approx(Float4 x) { return {std::log2(x[0]), std::log2(x[1]), std::log2(x[2]), std::log2(x[3])}; }
-Float4 exp2Approx(Float4 y) { return {std::exp2(y[0]), std::exp2(y[1]), std::exp2(y[2]), std::exp2(y[3])}; }
-float powApprox(float x, float e) { return x > FLT_MIN ? std::pow(x, e) : 0.f; }
-Float4 powApprox(Float4 x, Float4 e) {
-    return {powApprox(x[0], e[0]), powApprox(x[1], e[1]), powApprox(x[2], e[2]), powApprox(x[3], e[3])};
-}
-
-#endif
 
 namespace {
 

@@ -229,7 +229,18 @@ protected:
     void mapImpl(std::span<Rgb> pixels, Pixel, Pixel extent) const override {
         if (isNeutral()) return;
         Derived const& d = self();
-        for (Rgb& p : pixels.first(bucketSize(pixels.size(), extent))) p = toRgb(d.mapLanes(toFloat4(p)));
+        std::span<Rgb> const bucket = pixels.first(bucketSize(pixels.size(), extent));
+        if constexpr (requires { Derived::CHANNEL_INDEPENDENT; }) {
+            // Packed RGB is a run of floats: four channels per lane group, no lane wasted.
+            static_assert(sizeof(Rgb) == 3 * sizeof(float));
+            float* f = reinterpret_cast<float*>(bucket.data());
+            std::size_t const count = bucket.size() * 3;
+            std::size_t i = 0;
+            for (; i + 4 <= count; i += 4) d.mapLanes(Float4::load(f + i)).store(f + i);
+            for (; i < count; ++i) f[i] = d.mapLanes(Float4(f[i])).x();
+        } else {
+            for (Rgb& p : bucket) p = toRgb(d.mapLanes(toFloat4(p)));
+        }
     }
     void mapImpl(std::span<RgbAlpha> pixels, Pixel, Pixel extent) const override {
         if (isNeutral()) return;

@@ -209,6 +209,8 @@ public:
     };
     LinearToSrgbOperator();
     SharedPtr<Entity> createNewInstance() const override;
+    /// Each channel is encoded on its own, so buckets map as flat float runs.
+    static constexpr bool CHANNEL_INDEPENDENT = true;
     Float4 mapLanes(Float4 c) const;
 
 protected:
@@ -227,6 +229,8 @@ public:
     };
     SrgbToLinearOperator();
     SharedPtr<Entity> createNewInstance() const override;
+    /// Each channel is encoded on its own, so buckets map as flat float runs.
+    static constexpr bool CHANNEL_INDEPENDENT = true;
     Float4 mapLanes(Float4 c) const;
 
 protected:
