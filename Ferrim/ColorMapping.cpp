@@ -150,26 +150,27 @@ Rgb ColorMapping::unmap(Rgb const& color, Flags<ColorMappingExclude> exclude) co
     return mAppliedChain->unmap(color, exclude);
 }
 
-void ColorMapping::mapFrameBuffer(std::span<Rgb> pixels, int width, int height, int threads,
-                                  Function<void(double)> const& progress) const {
-    if (!mEnabled || !mAppliedChain) return;
+namespace {
+template <typename P>
+void mapFrame(IColorMappingOperator const* chain, std::span<P> pixels, int width, int height, int threads,
+              Function<void(double)> const& progress) {
+    if (!chain) return;
     if (pixels.size() < std::size_t(std::max(width, 0)) * std::size_t(std::max(height, 0)))
         throw Exception("ColorMapping::mapFrameBuffer: the buffer holds fewer than width x height pixels");
-    IColorMappingOperator const& chain = *mAppliedChain;
     forEachTile(width, height, threads, &progress, [&](std::size_t first, std::size_t count, Pixel origin, Pixel extent) {
-        chain.map(pixels.subspan(first, count), origin, extent);
+        chain->map(pixels.subspan(first, count), origin, extent);
     });
+}
+} // namespace
+
+void ColorMapping::mapFrameBuffer(std::span<Rgb> pixels, int width, int height, int threads,
+                                  Function<void(double)> const& progress) const {
+    mapFrame(mEnabled ? mAppliedChain.get() : nullptr, pixels, width, height, threads, progress);
 }
 
 void ColorMapping::mapFrameBuffer(std::span<RgbAlpha> pixels, int width, int height, int threads,
                                   Function<void(double)> const& progress) const {
-    if (!mEnabled || !mAppliedChain) return;
-    if (pixels.size() < std::size_t(std::max(width, 0)) * std::size_t(std::max(height, 0)))
-        throw Exception("ColorMapping::mapFrameBuffer: the buffer holds fewer than width x height pixels");
-    IColorMappingOperator const& chain = *mAppliedChain;
-    forEachTile(width, height, threads, &progress, [&](std::size_t first, std::size_t count, Pixel origin, Pixel extent) {
-        chain.map(pixels.subspan(first, count), origin, extent);
-    });
+    mapFrame(mEnabled ? mAppliedChain.get() : nullptr, pixels, width, height, threads, progress);
 }
 
 FERRIM_REGISTER_ENTITY(ColorMapping);
