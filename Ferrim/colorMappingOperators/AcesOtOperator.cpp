@@ -139,6 +139,27 @@ Float4 AcesOtOperator::mapLanes(Float4 c) const {
     return Float4(mOpacity) * b + Float4(1.f - mOpacity) * c;
 }
 
+void AcesOtOperator::mapPlanes(Float4& r, Float4& g, Float4& b) const {
+    if (!mActive) return;
+    auto const& cols = constants().columns;
+    // Row i of a matrix from its column lanes, multiplied in the order of
+    // multiply() so planes and single colours give the same bits.
+    auto apply = [&](int which, Float4 x, Float4 y, Float4 z, Float4 out[3]) {
+        for (int i = 0; i < 3; ++i)
+            out[i] = Float4(cols[which][0][i]) * x + Float4(cols[which][1][i]) * y + Float4(cols[which][2][i]) * z;
+    };
+    Float4 a[3], o[3];
+    apply(INPUT, r, g, b, a);
+    for (Float4& v : a) v = curveLanes(v);
+    apply(OUTPUT, a[0], a[1], a[2], o);
+    Float4 const keep(1.f - mOpacity), take(mOpacity);
+    Float4* planes[3] = {&r, &g, &b};
+    for (int i = 0; i < 3; ++i) {
+        Float4 const clamped = min(max(o[i], Float4(0.f)), Float4(1.f));
+        *planes[i] = take * clamped + keep * *planes[i];
+    }
+}
+
 Rgb AcesOtOperator::unmapImpl(Rgb const& color, Flags<ColorMappingExclude> exclude) const {
     if (!mActive || exclude.has(ColorMappingExclude::AcesOt)) return color;
     if (mOpacity != 1.f) {

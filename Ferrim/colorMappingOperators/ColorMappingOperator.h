@@ -238,6 +238,19 @@ protected:
             std::size_t i = 0;
             for (; i + 4 <= count; i += 4) d.mapLanes(Float4::load(f + i)).store(f + i);
             for (; i < count; ++i) f[i] = d.mapLanes(Float4(f[i])).x();
+        } else if constexpr (requires(Float4& x) { d.mapPlanes(x, x, x); }) {
+            // Four pixels at a time as red, green and blue planes: matrices
+            // become plain lane arithmetic and no lane is wasted.
+            std::size_t k = 0;
+            for (; k + 4 <= bucket.size(); k += 4) {
+                alignas(16) float r[4], g[4], b[4];
+                for (int i = 0; i < 4; ++i) r[i] = bucket[k + i].r, g[i] = bucket[k + i].g, b[i] = bucket[k + i].b;
+                Float4 pr = Float4::load(r), pg = Float4::load(g), pb = Float4::load(b);
+                d.mapPlanes(pr, pg, pb);
+                pr.store(r), pg.store(g), pb.store(b);
+                for (int i = 0; i < 4; ++i) bucket[k + i] = Rgb(r[i], g[i], b[i]);
+            }
+            for (; k < bucket.size(); ++k) bucket[k] = toRgb(d.mapLanes(toFloat4(bucket[k])));
         } else {
             for (Rgb& p : bucket) p = toRgb(d.mapLanes(toFloat4(p)));
         }
