@@ -63,7 +63,7 @@ void defineSerialization(SerializationVisitor& visitor, ColorOrMap& value) {
 // ---------------------------------------------------------- colour spaces
 
 // Derived from the published primaries and whites (ITU-R BT.709 and BT.2020,
-// SMPTE ST 2065-1 for AP0, the ACEScg specification for AP1, SMPTE EG 432-1
+// SMPTE ST 2065-1 for AP0, the ACEScg AP1 primaries, SMPTE EG 432-1
 // for Display P3) with a Bradford adaptation from D65 to the ACES white.
 StaticArray<ColorSpaceTransform, 5> const ColorSpaceTransform::COLOR_SPACES = {{
     {ColorSpace::LinearSrgb, "Linear sRGB / Rec.709", Matrix33(), Matrix33()},
