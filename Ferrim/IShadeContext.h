@@ -112,6 +112,10 @@ public:
 class FERRIM_EXPORT OverridableShadeContext : public IShadeContext {
 public:
     explicit OverridableShadeContext(IShadeContext const& parent) : mParent(parent) {}
+    /// Wrapping another wrapper takes it as the parent (a copy would take the
+    /// other's parent and silently drop its overrides).
+    OverridableShadeContext(OverridableShadeContext const& parent) : IShadeContext(), mParent(parent) {}
+    OverridableShadeContext& operator=(OverridableShadeContext const&) = delete;
     IShadeContext const& getParent() const { return mParent; }
 
     Matrix33 getBumpBase(int uvChannel) const override { return mParent.getBumpBase(uvChannel); }
@@ -163,6 +167,7 @@ public:
                                Dir const& dpdv = Dir(), bool overrideBumpBase = false)
         : OverridableShadeContext(parent), mUvw(uvw), mDUvw(dUvw), mDpDu(dpdu), mDpDv(dpdv),
           mOverrideBumpBase(overrideBumpBase) {}
+    OverridableUvwShadeContext(OverridableUvwShadeContext const&) = delete;
 
     Pos getUvw(int, std::uint32_t = 0) const override { return mUvw; }
     Dir getDUvw(int) const override { return mDUvw; }
@@ -183,6 +188,7 @@ private:
 class FERRIM_EXPORT BlurringShadeContext : public OverridableShadeContext {
 public:
     BlurringShadeContext(IShadeContext const& parent, float blur) : OverridableShadeContext(parent), mBlur(blur) {}
+    BlurringShadeContext(BlurringShadeContext const&) = delete;
     Dir getDUvw(int uvChannel) const override { return OverridableShadeContext::getDUvw(uvChannel) * mBlur; }
 
 private:

@@ -100,6 +100,9 @@ void UvMapper::refresh() {
     mTransform = m.compute3dsMaxStdUvGenTransform(true);
     mMapping = m;
     mMode = d.get<UvMappingMode>("mappingMode");
+    mShortcut = mMode != UvMappingMode::UvChannel         ? ChannelShortcut::None
+                : mTransform == AffineTm::identity() ? ChannelShortcut::AsIs
+                                                     : ChannelShortcut::Placed;
 }
 
 // ------------------------------------------------------------- placement
@@ -299,10 +302,6 @@ Pos UvMapper::computeUnplacedUvw(IShadeContext const& context, UvMappingMode mod
     default: break;
     }
     Detail::throwStopException("UvMapper", 455);
-}
-
-Pos UvMapper::computeUvw(IShadeContext const& context) const {
-    return mTransform.transformPoint(computeUnplacedUvw(context, mMode, mMapping));
 }
 
 Dir UvMapper::computeDUvw(IShadeContext const& context) const {

@@ -95,8 +95,18 @@ public:
     int getChannel() const { return mMapping.uvwMapChannel; }
     AffineTm const& getTransform() const { return mTransform; }
 
-    /// The placed (not yet wrapped) UVW point of the shading point.
-    Pos computeUvw(IShadeContext const& context) const;
+    /// The placed (not yet wrapped) UVW point of the shading point. Inline for
+    /// the common mapper that reads a UV channel: every shaded kind reads the
+    /// channel then, so the point is the channel's UVW, placed when the
+    /// placement is not the identity.
+    Pos computeUvw(IShadeContext const& context) const {
+        switch (mShortcut) {
+        case ChannelShortcut::AsIs: return context.getUvw(mMapping.uvwMapChannel);
+        case ChannelShortcut::Placed: return mTransform.transformPoint(context.getUvw(mMapping.uvwMapChannel));
+        case ChannelShortcut::None: break;
+        }
+        return mTransform.transformPoint(computeUnplacedUvw(context, mMode, mMapping));
+    }
     /// Filter width of the placed UVW in each axis.
     Dir computeDUvw(IShadeContext const& context) const;
     /// Applies the wrap modes of U and V to a placed point.
@@ -145,9 +155,11 @@ protected:
 
 private:
     void refresh();
+    enum class ChannelShortcut : std::uint8_t { None, AsIs, Placed };
     UvMapping mMapping;
     UvMappingMode mMode = UvMappingMode::UvChannel;
     AffineTm mTransform;        ///< with mirroring
+    ChannelShortcut mShortcut = ChannelShortcut::AsIs;
 };
 
 /// Wrap one coordinate; `inside` is cleared for NoTiling outside [0, 1].

@@ -65,9 +65,4 @@ bool isDevelopmentEnviro() {
     return v && *v && String(v) != "0";
 }
 
-std::int64_t clockInMilliseconds() {
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
-
 } // namespace Quelin

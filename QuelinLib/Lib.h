@@ -25,7 +25,4 @@ namespace Quelin {
 /// Whether the process runs in a development environment: set by the
 /// environment variable QUELIN_DEVELOPMENT to anything but "0" or empty.
 bool isDevelopmentEnviro();
-
-/// Milliseconds of a steady clock, for measuring durations.
-std::int64_t clockInMilliseconds();
 } // namespace Quelin

@@ -18,11 +18,9 @@ Expected<void> checkKeys(json const& j, std::set<String> const& allowed, String 
 }
 
 Expected<EntityHolder<IMap>> readMap(json const& j, String const& where) {
-    auto e = entityFromJson(j);
-    if (!e) return makeError(where + ": " + e.error());
-    auto map = std::dynamic_pointer_cast<IMap>(*e);
-    if (!map) return makeError(where + ": \"" + (*e)->getClassName() + "\" is not a map");
-    return EntityHolder<IMap>(map);
+    auto map = entityFromJsonAs<IMap>(j);
+    if (!map) return makeError(where + ": " + map.error());
+    return map;
 }
 
 Expected<Swatch> readSwatch(json const& j, String const& where) {

@@ -208,7 +208,7 @@ CellularEvaluator::CellularEvaluator(CellularMap::CellShape shape, ColorOrMap::E
                                      ColorOrMap::Evaluator mid, ColorOrMap::Evaluator low,
                                      SharedPtr<UvMapper const> uvMapper, float size)
     : mHigh(std::move(high)), mMid(std::move(mid)), mLow(std::move(low)),
-      mUvw(uvMapper ? std::move(uvMapper) : SharedPtr<UvMapper const>(makeSharedPtr<UvMapper>())),
+      mUvw(uvMapper ? std::move(uvMapper) : makeSharedPtr<UvMapper const>()),
       mFrequency(1.f / size), mSize(size) {
     switch (shape) {
     case CellularMap::CellShape::CIRCULAR:
@@ -293,15 +293,15 @@ MonoAlpha CellularEvaluator::monoForValue(float v, IShadeContext const& context,
 }
 
 RgbAlpha CellularEvaluator::evalColor(IShadeContext const& context, MapCache* cache) const {
-    return colorForValue(cellValue(mUvw(context)), context, cache);
+    return colorForValue(cellValue(mUvw->computeUvw(context)), context, cache);
 }
 
 MonoAlpha CellularEvaluator::evalMono(IShadeContext const& context, MapCache* cache) const {
-    return monoForValue(cellValue(mUvw(context)), context, cache);
+    return monoForValue(cellValue(mUvw->computeUvw(context)), context, cache);
 }
 
 Dir CellularEvaluator::evalBump(IShadeContext const& context, MapCache*) const {
-    return BumpConverterMap::evalBump(context, *this, mUvw.mapper(), mBumpStrength, mSize);
+    return BumpConverterMap::evalBump(context, *this, *mUvw, mBumpStrength, mSize);
 }
 
 FERRIM_REGISTER_ENTITY(CellularMap);

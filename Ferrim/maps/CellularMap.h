@@ -54,7 +54,7 @@ public:
 
 private:
     ColorOrMap::Evaluator mHigh, mMid, mLow;
-    MapsDetail::UvwSource mUvw;
+    SharedPtr<UvMapper const> mUvw;
     float mWeights[4];
     float mFrequency;
     float mSize;

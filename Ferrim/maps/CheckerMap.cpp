@@ -51,7 +51,7 @@ IMap::OptimizedResult CheckerMap::getEvaluatorImpl() const {
 
 CheckerEvaluator::CheckerEvaluator(SharedPtr<UvMapper const> uvMapper, float softenFactor,
                                    ColorOrMap::Evaluator color1, ColorOrMap::Evaluator color2, float bumpStrength)
-    : mUvw(uvMapper ? std::move(uvMapper) : SharedPtr<UvMapper const>(makeSharedPtr<UvMapper>())),
+    : mUvw(uvMapper ? std::move(uvMapper) : makeSharedPtr<UvMapper const>()),
       mWidth(softenFactor), mColor1(std::move(color1)), mColor2(std::move(color2)), mBumpStrength(bumpStrength) {}
 
 float CheckerEvaluator::blendWeight(float u, float v) const {
@@ -67,7 +67,7 @@ float CheckerEvaluator::blendWeight(float u, float v) const {
 }
 
 RgbAlpha CheckerEvaluator::evalColor(IShadeContext const& context, MapCache* cache) const {
-    Pos const uvw = mUvw(context);
+    Pos const uvw = mUvw->computeUvw(context);
     float const t = blendWeight(uvw.x, uvw.y);
     if (t < 1e-6f) return mColor1.evalColor(context, cache);
     if (t > 0.999999f) return mColor2.evalColor(context, cache);
@@ -75,7 +75,7 @@ RgbAlpha CheckerEvaluator::evalColor(IShadeContext const& context, MapCache* cac
 }
 
 MonoAlpha CheckerEvaluator::evalMono(IShadeContext const& context, MapCache* cache) const {
-    Pos const uvw = mUvw(context);
+    Pos const uvw = mUvw->computeUvw(context);
     float const t = blendWeight(uvw.x, uvw.y);
     if (t < 1e-6f) return mColor1.evalMono(context, cache);
     if (t > 0.999999f) return mColor2.evalMono(context, cache);
@@ -83,7 +83,7 @@ MonoAlpha CheckerEvaluator::evalMono(IShadeContext const& context, MapCache* cac
 }
 
 Dir CheckerEvaluator::evalBump(IShadeContext const& context, MapCache*) const {
-    return BumpConverterMap::evalBump(context, *this, mUvw.mapper(), mBumpStrength, 1.f);
+    return BumpConverterMap::evalBump(context, *this, *mUvw, mBumpStrength, 1.f);
 }
 
 FERRIM_REGISTER_ENTITY(CheckerMap);

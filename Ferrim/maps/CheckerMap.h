@@ -38,7 +38,7 @@ public:
     static constexpr float BUMP_STRENGTH = 1.f;
 
 private:
-    MapsDetail::UvwSource mUvw;
+    SharedPtr<UvMapper const> mUvw;
     float mWidth;
     ColorOrMap::Evaluator mColor1;
     ColorOrMap::Evaluator mColor2;

@@ -117,7 +117,7 @@ IMap::OptimizedResult GradientMap::getEvaluatorImpl() const {
 
 GradientMap::Evaluator::Evaluator(Type type, SharedPtr<UvMapper const> uvMapper, ColorOrMap::Evaluator sourceMap,
                                   Stack<Stop> stops, Interpolation defaultInterpolation)
-    : mType(type), mUvw(uvMapper ? std::move(uvMapper) : SharedPtr<UvMapper const>(makeSharedPtr<UvMapper>())),
+    : mType(type), mUvw(uvMapper ? std::move(uvMapper) : makeSharedPtr<UvMapper const>()),
       mSourceMap(std::move(sourceMap)), mStops(std::move(stops)) {
     std::stable_sort(mStops.begin(), mStops.end(), [](Stop const& a, Stop const& b) { return a.position < b.position; });
     if (mStops.empty()) mStops.push_back({0.5f, defaultInterpolation, ColorOrMap::Evaluator()});
@@ -167,7 +167,7 @@ float GradientMap::Evaluator::parameter(Pos const& p, IShadeContext const& conte
 }
 
 Optional<Pos> GradientMap::Evaluator::wrappedUvw(IShadeContext const& context) const {
-    WrappedUvw const wrapped = mUvw.mapper().wrap(mUvw(context));
+    WrappedUvw const wrapped = mUvw->wrap(mUvw->computeUvw(context));
     if (!wrapped.inside) return std::nullopt;
     Pos const& p = wrapped.uvw;
     return Pos(p.x - std::floor(p.x), p.y - std::floor(p.y), p.z);

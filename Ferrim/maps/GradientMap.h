@@ -63,7 +63,7 @@ public:
         template <typename R, typename ValueOf> R lookup(float t, ValueOf const& valueOf) const;
 
         Type mType;
-        MapsDetail::UvwSource mUvw;
+        SharedPtr<UvMapper const> mUvw;
         ColorOrMap::Evaluator mSourceMap;
         Stack<Stop> mStops;
     };

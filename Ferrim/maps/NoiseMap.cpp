@@ -162,7 +162,7 @@ StaticArray<std::uint32_t, 512> const& NoiseMap::permutationTable() { return PER
 NoiseMapEvaluator::NoiseMapEvaluator(SharedPtr<UvMapper const> uvMapper, ColorOrMap::Evaluator color1,
                                      ColorOrMap::Evaluator color2, float size, float levels, float minThreshold,
                                      float maxThreshold)
-    : mUvw(uvMapper ? std::move(uvMapper) : SharedPtr<UvMapper const>(makeSharedPtr<UvMapper>())),
+    : mUvw(uvMapper ? std::move(uvMapper) : makeSharedPtr<UvMapper const>()),
       mColor1(std::move(color1)), mColor2(std::move(color2)), mSize(size), mLevels(levels),
       mMinThreshold(minThreshold), mMaxThreshold(maxThreshold),
       mRampDenominator(std::max(std::fabs(maxThreshold - minThreshold), 1e-6f)) {
@@ -203,7 +203,7 @@ float NoiseMapEvaluator::blendWeight(float value) const {
 }
 
 RgbAlpha NoiseMapEvaluator::evalColor(IShadeContext const& context, MapCache* cache) const {
-    float const t = blendWeight(noiseValue(mUvw(context)));
+    float const t = blendWeight(noiseValue(mUvw->computeUvw(context)));
     // Two constants: the blend is the whole answer (and equals the ends at t = 0 and 1).
     if (mConstantInputs) return MapsDetail::mix(mColor1.getColor(), mColor2.getColor(), t);
     if (t <= 0.f) return mColor1.evalColor(context, cache);
@@ -212,7 +212,7 @@ RgbAlpha NoiseMapEvaluator::evalColor(IShadeContext const& context, MapCache* ca
 }
 
 MonoAlpha NoiseMapEvaluator::evalMono(IShadeContext const& context, MapCache* cache) const {
-    float const t = blendWeight(noiseValue(mUvw(context)));
+    float const t = blendWeight(noiseValue(mUvw->computeUvw(context)));
     if (mConstantInputs) return MapsDetail::mix(mColor1.getMono(), mColor2.getMono(), t);
     if (t <= 0.f) return mColor1.evalMono(context, cache);
     if (t >= 1.f) return mColor2.evalMono(context, cache);
@@ -220,7 +220,7 @@ MonoAlpha NoiseMapEvaluator::evalMono(IShadeContext const& context, MapCache* ca
 }
 
 Dir NoiseMapEvaluator::evalBump(IShadeContext const& context, MapCache*) const {
-    return BumpConverterMap::evalBump(context, *this, mUvw.mapper(), mBumpStrength, mSize);
+    return BumpConverterMap::evalBump(context, *this, *mUvw, mBumpStrength, mSize);
 }
 
 FERRIM_REGISTER_ENTITY(NoiseMap);

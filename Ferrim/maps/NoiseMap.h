@@ -48,7 +48,7 @@ public:
     static constexpr float BUMP_STRENGTH = 15.f;
 
 private:
-    MapsDetail::UvwSource mUvw;
+    SharedPtr<UvMapper const> mUvw;
     ColorOrMap::Evaluator mColor1;
     ColorOrMap::Evaluator mColor2;
     float mSize;

