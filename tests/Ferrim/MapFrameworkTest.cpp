@@ -73,51 +73,29 @@ TEST(ConstantColorMapTest, FoldsToTheColourAndTheExactMean) {
     ASSERT_TRUE(r.evaluator);
     EXPECT_EQ(r.hasConstant, 1);
     EXPECT_EQ(r.constantColor, RgbAlpha(0.3f, 0.6f, 0.9f, 0.5f));
-    float const expectedMean = (0.3f * 0.33333334f + 0.6f * 0.33333334f) + 0.9f * 0.33333334f;
-    EXPECT_EQ(bits(r.constantMono.value), bits(expectedMean));
-    EXPECT_EQ(r.constantMono.alpha, 0.5f);
-
-    NullShadeContext context;
-    RgbAlpha const c = r.evaluator->evalColor(context, nullptr);
-    MonoAlpha const m = r.evaluator->evalMono(context, nullptr);
-    EXPECT_EQ(c, r.constantColor);
-    EXPECT_EQ(bits(m.value), bits(expectedMean));
+    EXPECT_EQ(r.evaluator->evalColor(NullShadeContext(), nullptr), r.constantColor);
+    MonoAlpha const m = r.evaluator->evalMono(NullShadeContext(), nullptr);
+    EXPECT_EQ(bits(m.value), bits(r.constantMono.value));
     EXPECT_EQ(m.alpha, 0.5f);
-}
-
-TEST(ConstantColorMapTest, MeanWeightsChannelsInTheFixedGrouping) {
-    // Large and small channels: a different grouping or a division by 3
-    // rounds differently here.
+    // Large and small channels: a different grouping or a division by 3 rounds differently.
     Rgb const color(16777216.f, 1.f, 3.f);
-    IMap::OptimizedResult const r = makeConstantResult(RgbAlpha(color, 1.f));
-    float const expected = (color.r * 0.33333334f + color.g * 0.33333334f) + color.b * 0.33333334f;
-    EXPECT_EQ(bits(r.constantMono.value), bits(expected));
-    EXPECT_NE(bits(r.constantMono.value), bits((color.r + color.g + color.b) / 3.f));
-}
-
-TEST(ConstantColorMapTest, BumpOfAConstantIsExactlyZero) {
-    IMap::OptimizedResult const r = ConstantColorMap(Rgb(1, 2, 3), 1.f).getEvaluator();
+    float const mean = makeConstantResult(RgbAlpha(color, 1.f)).constantMono.value;
+    EXPECT_EQ(bits(mean), 0x4AAAAAAEu);
+    EXPECT_NE(bits(mean), bits((color.r + color.g + color.b) / 3.f));
     Dir const bump = r.evaluator->evalBump(NullShadeContext(), nullptr);
-    EXPECT_EQ(bits(bump.x), 0u);
-    EXPECT_EQ(bits(bump.y), 0u);
-    EXPECT_EQ(bits(bump.z), 0u);
+    EXPECT_EQ(bits(bump.x) | bits(bump.y) | bits(bump.z), 0u);
 }
 
-TEST(ConstantColorMapTest, AlphaIsClampedToTheUnitRange) {
+TEST(ConstantColorMapTest, AlphaIsClampedAndNewInstanceCopiesState) {
     ConstantColorMap map;
     map.set("alpha", 1.5f);
     EXPECT_EQ(map.getEvaluator().constantColor.alpha, 1.f);
     map.set("alpha", -2.f);
     EXPECT_EQ(map.getEvaluator().constantColor.alpha, 0.f);
-}
-
-TEST(ConstantColorMapTest, NewInstanceHasDefaultsAndTheSameClass) {
-    ConstantColorMap map(Rgb(0.1f, 0.2f, 0.3f), 0.25f);
-    auto copy = std::dynamic_pointer_cast<ConstantColorMap>(map.createNewInstance());
+    ConstantColorMap const source(Rgb(0.1f, 0.2f, 0.3f), 0.25f);
+    auto copy = std::dynamic_pointer_cast<ConstantColorMap>(source.createNewInstance());
     ASSERT_TRUE(copy);
-    EXPECT_EQ(copy->getClassName(), "Zatho.ConstantColorMap");
-    EXPECT_EQ(copy->get<float>("alpha"), 1.f);
-    copy->copyStateFrom(map);
+    copy->copyStateFrom(source);
     EXPECT_EQ(copy->getEvaluator().constantColor, RgbAlpha(0.1f, 0.2f, 0.3f, 0.25f));
 }
 
@@ -125,65 +103,38 @@ TEST(UnsupportedMapTest, EachLookGivesItsConstant) {
     UnsupportedMap map;
     EXPECT_EQ(map.getEvaluator().constantColor, RgbAlpha(1, 0, 0, 1));  // red by default
     map.set("look", UnsupportedMap::Look::White);
-    EXPECT_EQ(map.getEvaluator().constantColor, RgbAlpha(1, 1, 1, 1));
     EXPECT_EQ(map.getEvaluator().constantMono.value, 1.f);
-
     map.set("look", UnsupportedMap::Look::Invalid);
     IMap::OptimizedResult const r = map.getEvaluator();
-    EXPECT_EQ(r.hasConstant, 1);
-    for (float v : {r.constantColor.r, r.constantColor.g, r.constantColor.b, r.constantColor.alpha, r.constantMono.value})
+    for (float v : {r.constantColor.r, r.constantColor.alpha, r.constantMono.value, r.evaluator->evalColor(NullShadeContext(), nullptr).g})
         EXPECT_EQ(bits(v), 0xFFFFFFFFu);
-    EXPECT_EQ(bits(r.evaluator->evalColor(NullShadeContext(), nullptr).g), 0xFFFFFFFFu);
 }
 
-class DeduceUvChannelTest : public ::testing::Test {
-protected:
-    SharedPtr<TestCompositeMap> root = makeSharedPtr<TestCompositeMap>();
-};
-
-TEST_F(DeduceUvChannelTest, NoUvAwareInputGivesZero) {
+TEST(DeduceUvChannelTest, FirstUvAwareInputReachedAnswers) {
+    auto root = makeSharedPtr<TestCompositeMap>();
+    auto set = [&](char const* input, SharedPtr<IMap> map) { root->set(input, EntityHolder<IMap>(map)); };
+    set("input1", makeSharedPtr<ConstantColorMap>());
     EXPECT_EQ(root->deduce(), 0);
-    root->set("input1", EntityHolder<IMap>(makeSharedPtr<ConstantColorMap>()));
+    set("input1", makeSharedPtr<TestUvMap>(4, UvMappingMode::WorldXyz));  // another mode does not answer
     EXPECT_EQ(root->deduce(), 0);
-}
-
-TEST_F(DeduceUvChannelTest, MapperInAnotherModeDoesNotAnswer) {
-    root->set("input1", EntityHolder<IMap>(makeSharedPtr<TestUvMap>(4, UvMappingMode::WorldXyz)));
-    EXPECT_EQ(root->deduce(), 0);
-    root->set("input2", EntityHolder<IMap>(makeSharedPtr<TestUvMap>(6)));
+    set("input2", makeSharedPtr<TestUvMap>(6));
     EXPECT_EQ(root->deduce(), 6);
-}
-
-TEST_F(DeduceUvChannelTest, OneUvAwareInputGivesItsChannel) {
-    root->set("input2", EntityHolder<IMap>(makeSharedPtr<TestUvMap>(3)));
-    EXPECT_EQ(root->deduce(), 3);
-}
-
-TEST_F(DeduceUvChannelTest, TwoInputsGiveTheFirstReached) {
-    root->set("input1", EntityHolder<IMap>(makeSharedPtr<TestUvMap>(2)));
-    root->set("input2", EntityHolder<IMap>(makeSharedPtr<TestUvMap>(5)));
+    set("input1", makeSharedPtr<TestUvMap>(2));
     EXPECT_EQ(root->deduce(), 2);
-    root->set("input1", EntityHolder<IMap>(makeSharedPtr<TestOwnChannelMap>(7)));
+    set("input1", makeSharedPtr<TestOwnChannelMap>(7));
     EXPECT_EQ(root->deduce(), 7);
-}
-
-TEST_F(DeduceUvChannelTest, NestedInputsAreReached) {
     auto inner = makeSharedPtr<TestCompositeMap>();
     inner->set("input2", EntityHolder<IMap>(makeSharedPtr<TestUvMap>(9)));
-    root->set("input1", EntityHolder<IMap>(inner));
+    set("input1", inner);
     EXPECT_EQ(root->deduce(), 9);
 }
 
-TEST_F(DeduceUvChannelTest, TheMapItselfDoesNotAnswer) {
-    auto self = makeSharedPtr<TestOwnChannelMap>(8);
-    // Reached through the graph it would answer 8; as the root it is skipped.
+TEST(DeduceUvChannelTest, TheMapItselfDoesNotAnswer) {
     struct Exposed : TestOwnChannelMap {
         using TestOwnChannelMap::TestOwnChannelMap;
         int deduce() const { return deduceUvChannelFromGraph(); }
     } exposed(8);
     EXPECT_EQ(exposed.deduce(), 0);
-    root->set("input1", EntityHolder<IMap>(self));
-    EXPECT_EQ(root->deduce(), 8);
 }
 
 } // namespace

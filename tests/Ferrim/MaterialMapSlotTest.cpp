@@ -104,99 +104,68 @@ TEST(MaterialMapSlotTest, TintAndIntensityApplyToTheirSides) {
     EXPECT_NEAR(e.evalMono(NullShadeContext(), nullptr), 0.5f * 0.5f + 0.4f, 1e-6f);
 }
 
-TEST(MaterialMapSlotTest, SwitchedOffMapIsIgnored) {
-    auto map = EntityHolder<IMap>(makeSharedPtr<VaryingMap>());
-    MaterialMapSlot slot = makeSlot(Interpolation::Override, 0.3f, map, 1.f);
+TEST(MaterialMapSlotTest, SwitchedOffOrMissingMapGivesTheBase) {
+    MaterialMapSlot slot = makeSlot(Interpolation::Override, 0.3f, EntityHolder<IMap>(makeSharedPtr<VaryingMap>()), 1.f);
     slot.mapOn = false;
-    MaterialMapSlot::Evaluator const e(slot);
-    EXPECT_FALSE(e.hasMap());
-    EXPECT_EQ(e.evalColor(ValueContext(RgbAlpha(0.9f, 0.9f, 0.9f, 1.f)), nullptr), Rgb(0.3f));
     MaterialMapSlot const none = makeSlot(Interpolation::Override, 0.3f, {}, 1.f);
-    EXPECT_FALSE(MaterialMapSlot::Evaluator(none).hasMap());
-    EXPECT_EQ(MaterialMapSlot::Evaluator(none).evalColor(NullShadeContext(), nullptr), Rgb(0.3f));
+    for (MaterialMapSlot const& s : {slot, none}) {
+        MaterialMapSlot::Evaluator const e(s);
+        EXPECT_FALSE(e.hasMap());
+        EXPECT_EQ(e.evalColor(ValueContext(RgbAlpha(0.9f, 0.9f, 0.9f, 1.f)), nullptr), Rgb(0.3f));
+    }
+    MaterialMapSlot number;  // a number base fills all channels
+    number.color = 0.25f;
+    number.intensityMultiplier = 2.f;
+    EXPECT_EQ(MaterialMapSlot::Evaluator(number).evalColor(NullShadeContext(), nullptr), Rgb(0.5f));
 }
 
-TEST(MaterialMapSlotTest, NumberBaseFillsAllChannels) {
-    MaterialMapSlot slot;
-    slot.color = 0.25f;
-    slot.intensityMultiplier = 2.f;
-    EXPECT_EQ(slot.getBaseColor(), Rgb(0.25f));
-    EXPECT_EQ(MaterialMapSlot::Evaluator(slot).evalColor(NullShadeContext(), nullptr), Rgb(0.5f));
-}
-
-TEST(MaterialMapSlotTest, UnknownModeStops) {
-    MaterialMapSlot slot = makeSlot(Interpolation(9), 0.3f, {}, 1.f);
+TEST(MaterialMapSlotTest, UnknownModeStopsAndWorkingColourUsesTheCurrentSpace) {
     try {
-        MaterialMapSlot::Evaluator e(slot);
+        MaterialMapSlot::Evaluator e(makeSlot(Interpolation(9), 0.3f, {}, 1.f));
         ADD_FAILURE() << "no stop";
     } catch (StopException const& e) {
         EXPECT_EQ(e.getSourceFile(), "MaterialMapSlot");
         EXPECT_EQ(e.getLine(), 215);
     }
-}
-
-TEST(MaterialMapSlotTest, WorkingColourUsesTheCurrentSpace) {
     ColorSpaceTransform const* const saved = ColorSpaceTransform::sCurrent;
-    EXPECT_EQ(saved->space, ColorSpace::LinearSrgb);
     ColorSpaceTransform::sCurrent = &ColorSpaceTransform::COLOR_SPACES[int(ColorSpace::AcesCg)];
     MaterialMapSlot slot;
     slot.color = Rgb(1, 0, 0);
     MaterialMapSlot::Evaluator const e(slot);
     ColorSpaceTransform::sCurrent = saved;
-    Rgb const w = e.evalWorkingColor(NullShadeContext(), nullptr);
-    EXPECT_NEAR(w.r, 0.6131f, 1e-4f);
-    EXPECT_NEAR(w.g, 0.0702f, 1e-4f);
-    EXPECT_NEAR(w.b, 0.0206f, 1e-4f);
+    EXPECT_NEAR(e.evalWorkingColor(NullShadeContext(), nullptr).g, 0.0702f, 1e-4f);
     EXPECT_EQ(e.evalColor(NullShadeContext(), nullptr), Rgb(1, 0, 0));
-}
-
-struct ValidityCase {
-    char const* name;
-    Function<void(MaterialMapSlot&)> edit;
-    bool valid;
-};
-
-class SlotValidityTest : public ::testing::TestWithParam<ValidityCase> {};
-
-TEST_P(SlotValidityTest, Judges) {
-    MaterialMapSlot slot;
-    GetParam().edit(slot);
-    EXPECT_EQ(isValid(slot), GetParam().valid);
 }
 
 float const NaN = std::numeric_limits<float>::quiet_NaN();
 float const INF = std::numeric_limits<float>::infinity();
 
-INSTANTIATE_TEST_SUITE_P(
-    Cases, SlotValidityTest,
-    ::testing::Values(ValidityCase{"Default", [](MaterialMapSlot&) {}, true},
-                      ValidityCase{"NanColor", [](MaterialMapSlot& s) { s.color = Rgb(0, NaN, 0); }, false},
-                      ValidityCase{"InfiniteNumber", [](MaterialMapSlot& s) { s.color = INF; }, false},
-                      ValidityCase{"InfiniteTint", [](MaterialMapSlot& s) { s.mapTint.b = -INF; }, false},
-                      ValidityCase{"NegativeIntensity", [](MaterialMapSlot& s) { s.intensityMultiplier = -0.5f; }, false},
-                      ValidityCase{"NanIntensity", [](MaterialMapSlot& s) { s.intensityMultiplier = NaN; }, false},
-                      ValidityCase{"NegativeAmount", [](MaterialMapSlot& s) { s.alphaBlendMultiplier = -0.1f; }, false},
-                      ValidityCase{"InfiniteAmount", [](MaterialMapSlot& s) { s.alphaBlendMultiplier = INF; }, false},
-                      ValidityCase{"MixAboveOne",
-                                   [](MaterialMapSlot& s) {
-                                       s.interpolationMode = Interpolation::Mix;
-                                       s.alphaBlendMultiplier = 1.5f;
-                                   },
-                                   false},
-                      ValidityCase{"AddAboveOne",
-                                   [](MaterialMapSlot& s) {
-                                       s.interpolationMode = Interpolation::Add;
-                                       s.alphaBlendMultiplier = 1.5f;
-                                   },
-                                   true},
-                      ValidityCase{"LargeIntensity", [](MaterialMapSlot& s) { s.intensityMultiplier = 1e6f; }, true}),
-    [](auto const& info) { return String(info.param.name); });
+TEST(MaterialMapSlotTest, IsValidRejectsNonFiniteAndOutOfRangeValues) {
+    using Edit = Function<void(MaterialMapSlot&)>;
+    std::pair<Edit, bool> const cases[] = {
+        {[](MaterialMapSlot&) {}, true},
+        {[](MaterialMapSlot& s) { s.color = Rgb(0, NaN, 0); }, false},
+        {[](MaterialMapSlot& s) { s.color = INF; }, false},
+        {[](MaterialMapSlot& s) { s.mapTint.b = -INF; }, false},
+        {[](MaterialMapSlot& s) { s.intensityMultiplier = -0.5f; }, false},
+        {[](MaterialMapSlot& s) { s.intensityMultiplier = NaN; }, false},
+        {[](MaterialMapSlot& s) { s.alphaBlendMultiplier = -0.1f; }, false},
+        {[](MaterialMapSlot& s) { s.alphaBlendMultiplier = INF; }, false},
+        {[](MaterialMapSlot& s) { s.interpolationMode = Interpolation::Mix, s.alphaBlendMultiplier = 1.5f; }, false},
+        {[](MaterialMapSlot& s) { s.interpolationMode = Interpolation::Add, s.alphaBlendMultiplier = 1.5f; }, true},
+        {[](MaterialMapSlot& s) { s.intensityMultiplier = 1e6f; }, true},
+    };
+    for (std::size_t i = 0; i < std::size(cases); ++i) {
+        MaterialMapSlot slot;
+        cases[i].first(slot);
+        EXPECT_EQ(isValid(slot), cases[i].second) << "case " << i;
+    }
+}
 
 TEST(MaterialMapSlotTest, EqualityToleratesNanOnlyInTheMultipliers) {
     auto map = EntityHolder<IMap>(makeSharedPtr<ConstantColorMap>());
     MaterialMapSlot const a(Rgb(0.5f), map, true, Rgb(1, 1, 1), 1.f, Interpolation::Mix, 0.5f);
     MaterialMapSlot b = a;
-    EXPECT_TRUE(a == b);
     b.intensityMultiplier = NaN;
     b.alphaBlendMultiplier = NaN;
     EXPECT_TRUE(a == b);
@@ -206,21 +175,16 @@ TEST(MaterialMapSlotTest, EqualityToleratesNanOnlyInTheMultipliers) {
     EXPECT_TRUE(a == b);
     b.color = Rgb(0.5f, NaN, 0.5f);
     EXPECT_TRUE(b != b);
-    b = a;
-    b.map = EntityHolder<IMap>(makeSharedPtr<ConstantColorMap>());  // same content, other entity
-    EXPECT_TRUE(a != b);
-    b = a;
-    b.mapTint.g = 0.9f;
-    EXPECT_TRUE(a != b);
-    b = a;
-    b.interpolationMode = Interpolation::Add;
-    EXPECT_TRUE(a != b);
-    b = a;
-    b.intensityMultiplier = 1.5f;
-    EXPECT_TRUE(a != b);
-    b = a;
-    b.mapOn = false;
-    EXPECT_TRUE(a != b);
+    auto differs = [&](Function<void(MaterialMapSlot&)> const& edit) {
+        MaterialMapSlot c = a;
+        edit(c);
+        return a != c;
+    };
+    EXPECT_TRUE(differs([](MaterialMapSlot& c) { c.map = EntityHolder<IMap>(makeSharedPtr<ConstantColorMap>()); }));
+    EXPECT_TRUE(differs([](MaterialMapSlot& c) { c.mapTint.g = 0.9f; }));
+    EXPECT_TRUE(differs([](MaterialMapSlot& c) { c.interpolationMode = Interpolation::Add; }));
+    EXPECT_TRUE(differs([](MaterialMapSlot& c) { c.intensityMultiplier = 1.5f; }));
+    EXPECT_TRUE(differs([](MaterialMapSlot& c) { c.mapOn = false; }));
 }
 
 TEST(ColorOrMapTest, EvaluatorFoldsConstantsAndKeepsVaryingMaps) {
@@ -234,8 +198,6 @@ TEST(ColorOrMapTest, EvaluatorFoldsConstantsAndKeepsVaryingMaps) {
     ColorOrMap::Evaluator const folded(value);
     EXPECT_TRUE(folded.isConstant());
     EXPECT_EQ(folded.getColor(), RgbAlpha(0.1f, 0.2f, 0.4f, 0.5f));
-    EXPECT_EQ(folded.getMono().alpha, 0.5f);
-
     value.mapOn = false;
     EXPECT_EQ(ColorOrMap::Evaluator(value).getColor(), RgbAlpha(0.3f, 0.6f, 0.9f, 1.f));
 
@@ -246,14 +208,9 @@ TEST(ColorOrMapTest, EvaluatorFoldsConstantsAndKeepsVaryingMaps) {
     EXPECT_EQ(varying.evalColor(ValueContext(RgbAlpha(0.7f, 0.1f, 0.2f, 0.3f)), nullptr), RgbAlpha(0.7f, 0.1f, 0.2f, 0.3f));
 }
 
-TEST(ColorOrMapTest, RecordRoundTrip) {
+TEST(MaterialMapSlotTest, RecordRoundTripsKeepTheNumberForm) {
     ColorOrMap value{Rgb(0.3f, 0.6f, 0.9f), EntityHolder<IMap>(makeSharedPtr<VaryingMap>()), false};
-    GenericDataObject const data = value.toData();
-    EXPECT_EQ(data.getName(), "Zatho.ColorOrMap");
-    EXPECT_TRUE(ColorOrMap::fromData(data) == value);
-}
-
-TEST(MaterialMapSlotTest, RecordRoundTripKeepsTheNumberForm) {
+    EXPECT_TRUE(ColorOrMap::fromData(value.toData()) == value);
     MaterialMapSlot slot(0.75f, EntityHolder<IMap>(makeSharedPtr<VaryingMap>()), false, Rgb(0.5f, 1, 1), 3.f,
                          Interpolation::Subtract, 0.25f);
     MaterialMapSlot const back = MaterialMapSlot::fromData(slot.toData());
@@ -265,29 +222,18 @@ TEST(ColorSpaceTest, TablesAreConsistentAndMatchPublishedValues) {
     for (std::size_t i = 0; i < ColorSpaceTransform::COLOR_SPACES.size(); ++i) {
         ColorSpaceTransform const& s = ColorSpaceTransform::COLOR_SPACES[i];
         EXPECT_EQ(int(s.space), int(i));
-        // Bradford-adapted: reflectance white stays white.
-        Rgb const white = s.fromRec709 * Rgb(1, 1, 1);
-        EXPECT_NEAR(white.r, 1.f, 1e-5f) << s.name;
-        EXPECT_NEAR(white.g, 1.f, 1e-5f) << s.name;
-        EXPECT_NEAR(white.b, 1.f, 1e-5f) << s.name;
+        Rgb const white = s.fromRec709 * Rgb(1, 1, 1);  // white stays white
         Matrix33 const round = s.toRec709 * s.fromRec709;
-        for (int r = 0; r < 3; ++r)
+        for (int r = 0; r < 3; ++r) {
+            EXPECT_NEAR(white[r], 1.f, 1e-5f) << s.name;
             for (int c = 0; c < 3; ++c) EXPECT_NEAR(round.m[r][c], r == c ? 1.f : 0.f, 1e-5f) << s.name;
+        }
     }
-    // Widely quoted rows: Rec.709 to ACEScg, to ACES2065-1 and to Rec.2020 (BT.2087).
-    Matrix33 const& ap1 = ColorSpaceTransform::COLOR_SPACES[int(ColorSpace::AcesCg)].fromRec709;
-    EXPECT_NEAR(ap1.m[0][0], 0.6131f, 1e-4f);
-    EXPECT_NEAR(ap1.m[0][1], 0.3395f, 1e-4f);
-    EXPECT_NEAR(ap1.m[0][2], 0.0474f, 1e-4f);
-    Matrix33 const& ap0 = ColorSpaceTransform::COLOR_SPACES[int(ColorSpace::Aces2065)].fromRec709;
-    EXPECT_NEAR(ap0.m[0][0], 0.4397f, 1e-4f);
-    EXPECT_NEAR(ap0.m[1][1], 0.8134f, 1e-4f);
-    Matrix33 const& bt2020 = ColorSpaceTransform::COLOR_SPACES[int(ColorSpace::Rec2020)].fromRec709;
-    EXPECT_NEAR(bt2020.m[0][0], 0.6274f, 1e-4f);
-    EXPECT_NEAR(bt2020.m[2][2], 0.8956f, 1e-4f);
-    Matrix33 const& p3 = ColorSpaceTransform::COLOR_SPACES[int(ColorSpace::DisplayP3)].fromRec709;
-    EXPECT_NEAR(p3.m[0][0], 0.8225f, 1e-4f);
-    EXPECT_EQ(p3.m[0][2], 0.f);
+    auto from = [](ColorSpace space) -> Matrix33 const& { return ColorSpaceTransform::COLOR_SPACES[int(space)].fromRec709; };
+    EXPECT_NEAR(from(ColorSpace::AcesCg).m[0][1], 0.3395f, 1e-4f);
+    EXPECT_NEAR(from(ColorSpace::Aces2065).m[1][1], 0.8134f, 1e-4f);
+    EXPECT_NEAR(from(ColorSpace::Rec2020).m[2][2], 0.8956f, 1e-4f);
+    EXPECT_NEAR(from(ColorSpace::DisplayP3).m[0][0], 0.8225f, 1e-4f);
 }
 
 struct Scope : IEntityHandleScope {
@@ -297,26 +243,21 @@ struct Scope : IEntityHandleScope {
 
 TEST(IncludeExcludeSetTest, ConvertsFiltersAndApplies) {
     auto a = makeSharedPtr<ConstantColorMap>(), b = makeSharedPtr<ConstantColorMap>(), c = makeSharedPtr<ConstantColorMap>();
-    ExcludedNodes nodes{{EntityHolder<Entity>(a), EntityHolder<Entity>(), EntityHolder<Entity>(b)}, false};
-    IncludeExcludeSet set = IncludeExcludeSet::fromExcludedNodes(nodes);
+    IncludeExcludeSet set = IncludeExcludeSet::fromExcludedNodes(
+        {{EntityHolder<Entity>(a), EntityHolder<Entity>(), EntityHolder<Entity>(b)}, false});
     EXPECT_EQ(set.getNodes().size(), 2u);  // the empty handle is dropped
     EXPECT_FALSE(set.applies(*a));
     EXPECT_TRUE(set.applies(*c));
-
     Scope scope;
     scope.live = {b.get(), c.get()};
     set.removeInvalidNodes(scope);
     ASSERT_EQ(set.getNodes().size(), 1u);
     EXPECT_EQ(set.getNodes()[0].get(), b.get());
-
-    ExcludedNodes const back = set.toExcludedNodes();
-    EXPECT_FALSE(back.isInclude);
-    ASSERT_EQ(back.nodes.size(), 1u);
-
     IncludeExcludeSet const include = IncludeExcludeSet::fromExcludedNodes({{EntityHolder<Entity>(a)}, true});
     EXPECT_TRUE(include.applies(*a));
     EXPECT_FALSE(include.applies(*b));
     EXPECT_TRUE(include.toExcludedNodes().isInclude);
+    EXPECT_FALSE(set.toExcludedNodes().isInclude);
 }
 
 // JSON needs the entity classes registered.
@@ -331,21 +272,12 @@ TEST_F(SlotJsonTest, RoundTripThroughText) {
                          Rgb(1.f, 0.5f, 0.25f), 2.f, Interpolation::Subtract, 0.75f);
     nlohmann::json const j = toJson(slot);
     EXPECT_EQ(j.at("interpolationMode"), "Subtract");
-    EXPECT_TRUE(j.at("color").is_number());
     auto parsed = parseJson(j.dump());
     ASSERT_TRUE(parsed);
-
     MaterialMapSlot back;
     ASSERT_TRUE(fromJson(*parsed, back));
     EXPECT_TRUE(std::holds_alternative<float>(back.color));
-    EXPECT_EQ(back.getBaseColor(), Rgb(0.5f));
-    EXPECT_FALSE(back.mapOn);
-    EXPECT_EQ(back.mapTint, slot.mapTint);
-    EXPECT_EQ(back.intensityMultiplier, 2.f);
-    EXPECT_EQ(back.interpolationMode, Interpolation::Subtract);
-    EXPECT_EQ(back.alphaBlendMultiplier, 0.75f);
     ASSERT_TRUE(back.map);
-    EXPECT_EQ(back.map->getClassName(), "Zatho.ConstantColorMap");
     EXPECT_EQ(back.map->getEvaluator().constantColor, RgbAlpha(0.1f, 0.2f, 0.3f, 0.4f));
     EXPECT_EQ(toJson(back), j);
 
@@ -382,11 +314,6 @@ TEST_F(SlotJsonTest, ErrorsNameTheKeyAndChangeNothing) {
     EXPECT_EQ(slot.interpolationMode, Interpolation::Add);
     EXPECT_EQ(slot.getBaseColor(), Rgb(0.5f));
     EXPECT_EQ(slot.alphaBlendMultiplier, 0.5f);
-}
-
-TEST_F(SlotJsonTest, RecordTypesAreRegistered) {
-    EXPECT_TRUE(DataObjects::TypeDatabase::findType("Zatho.ColorOrMap"));
-    EXPECT_TRUE(DataObjects::TypeDatabase::findType("Zatho.MaterialMapSlot"));
 }
 
 } // namespace

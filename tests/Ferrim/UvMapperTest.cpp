@@ -57,14 +57,15 @@ template <typename F> void expectStop(F&& f, int line) {
 
 // ---------------------------------------------------------------- placement
 
-TEST(UvMappingTest, DefaultsGiveTheIdentity) {
+TEST(UvMappingTest, DefaultsGiveTheIdentityAndPlaneSelectionPermutesTheAxes) {
     UvMapper::UvMapping m;
     EXPECT_EQ(m.compute3dsMaxStdUvGenTransform(false), AffineTm::identity());
     EXPECT_EQ(m.compute3dsMaxStdUvGenTransform(true), AffineTm::identity());
-    UvMapper mapper;
-    EXPECT_EQ(mapper.getTransform(), AffineTm::identity());
-    EXPECT_EQ(mapper.getChannel(), 1);
-    EXPECT_EQ(mapper.getMapping().scale, Pos(1, 1, 1));
+    EXPECT_EQ(UvMapper().getTransform(), AffineTm::identity());
+    m.uvPlaneSelection = 1;
+    expectNear(m.compute3dsMaxStdUvGenTransform(false).transformPoint(Pos(1, 2, 3)), Pos(2, 3, 1));
+    m.uvPlaneSelection = 2;
+    expectNear(m.compute3dsMaxStdUvGenTransform(false).transformPoint(Pos(1, 2, 3)), Pos(3, 1, 2));
 }
 
 TEST(UvMappingTest, MirrorDoublesOnlyTheMirroredRow) {
@@ -106,7 +107,6 @@ TEST(UvMappingTest, OffsetIsScaledOnlyWhenAskedFor) {
     m.scale = Pos(2.f, 3.f, 1.f);
     AffineTm const unscaled = m.compute3dsMaxStdUvGenTransform(false);
     EXPECT_FLOAT_EQ(unscaled.m[0][0], 2.f);
-    EXPECT_FLOAT_EQ(unscaled.m[1][1], 3.f);
     EXPECT_FLOAT_EQ(unscaled.m[0][3], -0.25f);
     EXPECT_FLOAT_EQ(unscaled.m[1][3], 0.f);
     m.isOffsetScaled = true;
@@ -114,24 +114,13 @@ TEST(UvMappingTest, OffsetIsScaledOnlyWhenAskedFor) {
     // Tiling then works about the tile centre: 2 (u - 0.25 - 0.5) + 0.5.
     EXPECT_FLOAT_EQ(scaled.m[0][3], -1.f);
     EXPECT_FLOAT_EQ(scaled.m[1][3], -1.f);
-    EXPECT_FLOAT_EQ(scaled.m[0][0], 2.f);
 }
 
-TEST(UvMappingTest, PlaneSelectionPermutesTheAxes) {
-    UvMapper::UvMapping m;
-    m.uvPlaneSelection = 1;
-    expectNear(m.compute3dsMaxStdUvGenTransform(false).transformPoint(Pos(1, 2, 3)), Pos(2, 3, 1));
-    m.uvPlaneSelection = 2;
-    expectNear(m.compute3dsMaxStdUvGenTransform(false).transformPoint(Pos(1, 2, 3)), Pos(3, 1, 2));
-}
-
-class UvMappingRoundTripTest : public ::testing::TestWithParam<unsigned> {};
-
-TEST_P(UvMappingRoundTripTest, UpdateInvertsTheTransform) {
-    std::mt19937 rng(GetParam());
+TEST(UvMappingTest, UpdateInvertsTheTransformOverRandomPlacements) {
+    std::mt19937 rng(4242);
     std::uniform_real_distribution<float> offset(-2.f, 2.f), angle(-0.3f, 0.3f), scale(0.2f, 4.f);
     std::uniform_int_distribution<int> coin(0, 1), plane(0, 2), wrap(0, 3);
-    for (int trial = 0; trial < 100; ++trial) {
+    for (int trial = 0; trial < 300; ++trial) {
         UvMapper::UvMapping truth;
         truth.wrapU = WrapMode(wrap(rng));
         truth.wrapV = WrapMode(wrap(rng));
@@ -145,25 +134,17 @@ TEST_P(UvMappingRoundTripTest, UpdateInvertsTheTransform) {
         bool const withMirror = coin(rng);
         AffineTm const tm = truth.compute3dsMaxStdUvGenTransform(withMirror);
 
-        UvMapper::UvMapping m;  // same flags, placement forgotten
-        m.wrapU = truth.wrapU;
-        m.wrapV = truth.wrapV;
-        m.isOffsetScaled = truth.isOffsetScaled;
-        m.useRealWorldScale = truth.useRealWorldScale;
-        m.forceRotationAroundOrigin = truth.forceRotationAroundOrigin;
+        UvMapper::UvMapping m = truth;  // same flags, placement forgotten
+        m.offset = m.rotation = Pos(0, 0, 0);
+        m.scale = Pos(1, 1, 1);
         m.uvPlaneSelection = (truth.uvPlaneSelection + 1) % 3;
         ASSERT_TRUE(m.updateFrom3dsMaxStdUvGenTransform(tm, withMirror)) << "trial " << trial;
         EXPECT_EQ(m.uvPlaneSelection, truth.uvPlaneSelection);
         expectNear(m.offset, truth.offset, 2e-4f);
         expectNear(m.rotation, truth.rotation, 2e-4f);
         expectNear(m.scale, truth.scale, 2e-4f);
-        expectTmNear(m.compute3dsMaxStdUvGenTransform(withMirror), tm, 1e-4f);
     }
-}
-
-INSTANTIATE_TEST_SUITE_P(Seeds, UvMappingRoundTripTest, ::testing::Values(1u, 77u, 4242u));
-
-TEST(UvMappingTest, UpdateRebuildsMirroredAndLargeRotations) {
+    // Mirrored tiling and large rotations still rebuild the same transform.
     UvMapper::UvMapping truth;
     truth.scale = Pos(-2.f, 1.5f, 1.f);
     truth.rotation = Pos(1.2f, -0.7f, 2.5f);
@@ -179,23 +160,18 @@ TEST(UvMappingTest, UpdateRefusesOtherTransformsAndChangesNothing) {
     m.offset = Pos(0.5f, 0.25f, 0.f);
     m.scale = Pos(2, 2, 2);
     m.uvPlaneSelection = 2;
-    UvMapper::UvMapping const before = m;
-    AffineTm shear;
+    AffineTm const before = m.compute3dsMaxStdUvGenTransform(false);
+    AffineTm shear, flat, nan;
     shear.m[0][1] = 0.5f;
-    AffineTm flat;  // a collapsed axis has no tiling to recover
-    flat.m[2][2] = 0.f;
-    AffineTm nan;
+    flat.m[2][2] = 0.f;  // a collapsed axis has no tiling to recover
     nan.m[1][3] = std::numeric_limits<float>::quiet_NaN();
     for (AffineTm const& tm : {shear, flat, nan}) {
         EXPECT_FALSE(m.updateFrom3dsMaxStdUvGenTransform(tm, false));
-        EXPECT_EQ(m.offset, before.offset);
-        EXPECT_EQ(m.rotation, before.rotation);
-        EXPECT_EQ(m.scale, before.scale);
-        EXPECT_EQ(m.uvPlaneSelection, before.uvPlaneSelection);
+        EXPECT_EQ(m.compute3dsMaxStdUvGenTransform(false), before);
     }
 }
 
-TEST(UvMappingTest, UpdatePrefersThePlaneNeedingNoRotation) {
+TEST(UvMappingTest, UpdatePrefersThePlaneNeedingNoRotationAndOutOfRangePlaneStops) {
     UvMapper::UvMapping truth;
     truth.uvPlaneSelection = 1;
     truth.scale = Pos(2, 3, 4);
@@ -203,53 +179,35 @@ TEST(UvMappingTest, UpdatePrefersThePlaneNeedingNoRotation) {
     ASSERT_TRUE(m.updateFrom3dsMaxStdUvGenTransform(truth.compute3dsMaxStdUvGenTransform(false), false));
     EXPECT_EQ(m.uvPlaneSelection, 1);
     expectNear(m.rotation, Pos(0, 0, 0));
-    expectNear(m.scale, Pos(2, 3, 4));
-}
-
-TEST(UvMappingTest, OutOfRangePlaneSelectionStops) {
-    UvMapper::UvMapping m;
-    m.uvPlaneSelection = 3;
-    expectStop([&] { m.compute3dsMaxStdUvGenTransform(false); }, 576);
-    m.uvPlaneSelection = -1;
-    expectStop([&] { m.compute3dsMaxStdUvGenTransform(true); }, 576);
+    for (int plane : {3, -1}) {
+        m.uvPlaneSelection = plane;
+        expectStop([&] { m.compute3dsMaxStdUvGenTransform(plane < 0); }, 576);
+    }
 }
 
 // ---------------------------------------------------------------- wrapping
 
 struct WrapCase {
     WrapMode mode;
-    float x;
-    float expected;
+    float x, expected;
     bool inside;
 };
-
-class WrapCoordinateTest : public ::testing::TestWithParam<WrapCase> {};
-
-TEST_P(WrapCoordinateTest, WrapsAtTheEdges) {
-    WrapCase const c = GetParam();
-    bool inside = true;
-    float const r = wrapCoordinate(c.x, c.mode, inside);
-    EXPECT_EQ(r, c.expected) << "x = " << c.x;
-    EXPECT_EQ(inside, c.inside);
+float const NaN = std::numeric_limits<float>::quiet_NaN(), INF = std::numeric_limits<float>::infinity();
+TEST(WrapCoordinateTest, WrapsAtTheEdges) {
+    for (WrapCase const c : {WrapCase{WrapMode::NoTiling, 1.f, 1.f, true}, WrapCase{WrapMode::NoTiling, -0.25f, -0.25f, false},
+                             WrapCase{WrapMode::NoTiling, 1.5f, 1.5f, false}, WrapCase{WrapMode::Repeat, 1.f, 0.f, true},
+                             WrapCase{WrapMode::Repeat, -0.25f, 0.75f, true}, WrapCase{WrapMode::Repeat, -1.f, 0.f, true},
+                             WrapCase{WrapMode::Repeat, -1e-9f, 0.99999994f, true}, WrapCase{WrapMode::Mirror, 1.f, 1.f, true},
+                             WrapCase{WrapMode::Mirror, 2.f, 0.f, true}, WrapCase{WrapMode::Mirror, 1.25f, 0.75f, true},
+                             WrapCase{WrapMode::Mirror, -0.25f, 0.25f, true}, WrapCase{WrapMode::Mirror, -1.f, 1.f, true},
+                             WrapCase{WrapMode::Clamp, -0.5f, 0.f, true}, WrapCase{WrapMode::Clamp, 7.f, 1.f, true},
+                             WrapCase{WrapMode::Repeat, NaN, 0.f, true}, WrapCase{WrapMode::Repeat, INF, 0.f, true},
+                             WrapCase{WrapMode::Mirror, -INF, 0.f, true}, WrapCase{WrapMode::Clamp, NaN, 0.f, true}}) {
+        bool inside = true;
+        EXPECT_EQ(wrapCoordinate(c.x, c.mode, inside), c.expected) << "x = " << c.x;
+        EXPECT_EQ(inside, c.inside) << "x = " << c.x;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Edges, WrapCoordinateTest,
-    ::testing::Values(WrapCase{WrapMode::NoTiling, 0.f, 0.f, true}, WrapCase{WrapMode::NoTiling, 1.f, 1.f, true},
-                      WrapCase{WrapMode::NoTiling, -0.25f, -0.25f, false}, WrapCase{WrapMode::NoTiling, 1.5f, 1.5f, false},
-                      WrapCase{WrapMode::Repeat, 0.f, 0.f, true}, WrapCase{WrapMode::Repeat, 1.f, 0.f, true},
-                      WrapCase{WrapMode::Repeat, 2.25f, 0.25f, true}, WrapCase{WrapMode::Repeat, -0.25f, 0.75f, true},
-                      WrapCase{WrapMode::Repeat, -1.f, 0.f, true}, WrapCase{WrapMode::Repeat, -1e-9f, 0.99999994f, true},
-                      WrapCase{WrapMode::Mirror, 0.f, 0.f, true}, WrapCase{WrapMode::Mirror, 1.f, 1.f, true},
-                      WrapCase{WrapMode::Mirror, 2.f, 0.f, true}, WrapCase{WrapMode::Mirror, 1.25f, 0.75f, true},
-                      WrapCase{WrapMode::Mirror, -0.25f, 0.25f, true}, WrapCase{WrapMode::Mirror, -1.f, 1.f, true},
-                      WrapCase{WrapMode::Mirror, 3.5f, 0.5f, true}, WrapCase{WrapMode::Clamp, 0.f, 0.f, true},
-                      WrapCase{WrapMode::Clamp, 1.f, 1.f, true}, WrapCase{WrapMode::Clamp, -0.5f, 0.f, true},
-                      WrapCase{WrapMode::Clamp, 7.f, 1.f, true},
-                      WrapCase{WrapMode::Repeat, std::numeric_limits<float>::quiet_NaN(), 0.f, true},
-                      WrapCase{WrapMode::Repeat, std::numeric_limits<float>::infinity(), 0.f, true},
-                      WrapCase{WrapMode::Mirror, -std::numeric_limits<float>::infinity(), 0.f, true},
-                      WrapCase{WrapMode::Clamp, std::numeric_limits<float>::quiet_NaN(), 0.f, true}));
 
 TEST(UvMapperTest, WrapUsesEachAxisModeAndKeepsW) {
     UvMapper mapper;
@@ -265,24 +223,21 @@ TEST(UvMapperTest, WrapUsesEachAxisModeAndKeepsW) {
 
 // ---------------------------------------------------------------- mapping
 
-TEST(UvMapperTest, ChannelModeReadsTheChannelAndPlacesIt) {
+TEST(UvMapperTest, ModesReadTheChannelOrThePosition) {
     UvMapper mapper;
     mapper.set("uvwMapChannel", 2);
     mapper.set("offset", Pos(0.25f, 0.f, 0.f));
     PointContext ctx;
     // Channel 2 reads (2.25, 0.5, 0); the offset moves it back by 0.25.
     expectNear(mapper.computeUvw(ctx), Pos(2.f, 0.5f, 0.f));
-}
-
-TEST(UvMapperTest, PositionModesReadThePosition) {
-    UvMapper mapper;
-    PointContext ctx;
+    mapper.set("uvwMapChannel", 1);
+    mapper.set("offset", Pos(0, 0, 0));
     mapper.set("mappingMode", UvMappingMode::WorldXyz);
     EXPECT_EQ(mapper.computeUvw(ctx), Pos(10, 20, 30));
     mapper.set("mappingMode", UvMappingMode::ObjectXyz);
     EXPECT_EQ(mapper.computeUvw(ctx), Pos(1, 2, 3));
-    // Hair and particles carry their own coordinates.
-    ctx.kind = ShadedKind::Hair;
+    expectStop([&] { UvMapper::computeUnplacedUvw(ctx, UvMappingMode(7), UvMapper::UvMapping()); }, 455);
+    ctx.kind = ShadedKind::Hair;  // hair and particles carry their own coordinates
     EXPECT_EQ(mapper.computeUvw(ctx), Pos(1.25f, 0.5f, 0.f));
 }
 
@@ -300,11 +255,6 @@ TEST(UvMapperTest, ScreenModeProjectsCameraAndEnvironmentPoints) {
     mapper.set("enviroTransform", turn);
     mapper.set("rotateEnviro", true);
     expectNear(mapper.computeUvw(ctx), Pos(0.5f, 0.5f, 0.f));
-}
-
-TEST(UvMapperTest, UnknownModeStops) {
-    PointContext ctx;
-    expectStop([&] { UvMapper::computeUnplacedUvw(ctx, UvMappingMode(7), UvMapper::UvMapping()); }, 455);
 }
 
 TEST(UvMapperTest, FootprintFollowsTheAbsoluteLinearPart) {
@@ -326,28 +276,20 @@ TEST(UvMapperTest, FootprintFollowsTheAbsoluteLinearPart) {
     EXPECT_FLOAT_EQ(d.z, 0.5f);
 }
 
-TEST(UvMapperTest, EditsReachTheTransformButNotSnapshots) {
+TEST(UvMapperTest, EditsAndLoadedRecordsReachTheTransformButNotSnapshots) {
     UvMapper mapper;
     mapper.set("scale", Pos(4, 4, 4));
     SharedPtr<UvMapper const> frozen = mapper.snapshot();
-    EXPECT_EQ(frozen->getTransform(), mapper.getTransform());
     mapper.set("offset", Pos(1, 0, 0));
     EXPECT_FLOAT_EQ(mapper.getTransform().m[0][3], -1.f);
     EXPECT_EQ(frozen->getTransform().m[0][3], 0.f);
     EXPECT_EQ(frozen->getTransform().m[0][0], 4.f);
-}
 
-TEST(UvMapperTest, LoadingARecordRefreshesThePlacement) {
-    UvMapper mapper;
-    nlohmann::json const saved = mapper.saveInternalData();
-    EXPECT_EQ(saved.at("wrapU"), "Repeat");
-    EXPECT_EQ(saved.at("mappingMode"), "UvChannel");
     ASSERT_TRUE(mapper.loadInternalData(nlohmann::json::parse(
-        R"({"scale": [2, 3, 1], "wrapU": "Mirror", "mappingMode": "WorldXyz", "uvwMapChannel": 4})")));
+        R"({"scale": [2, 3, 1], "offset": [0, 0, 0], "wrapU": "Mirror", "mappingMode": "WorldXyz", "uvwMapChannel": 4})")));
     EXPECT_EQ(mapper.getTransform().m[0][0], 4.f);  // tiling 2, mirrored
     EXPECT_EQ(mapper.getTransform().m[1][1], 3.f);
     EXPECT_EQ(mapper.getMappingMode(), UvMappingMode::WorldXyz);
-    EXPECT_EQ(mapper.getChannel(), 4);
     // A refused record changes nothing.
     EXPECT_FALSE(mapper.loadInternalData(nlohmann::json::parse(R"({"uvwMapChannel": -1})")));
     EXPECT_FALSE(mapper.loadInternalData(nlohmann::json::parse(R"({"uvPlaneSelection": 3})")));
@@ -398,9 +340,7 @@ TEST(UvMapperTest, DegenerateUvsGiveAFrameAroundTheNormal) {
     StaticArray<Pos, 3> const same{Pos(0.5f, 0.5f, 0), Pos(0.5f, 0.5f, 0), Pos(0.5f, 0.5f, 0)};
     Dir const n = normalize(Dir(1, 2, 3));
     for (Matrix33 const& f : {UvMapper::bumpBase(n, positions, same, false), UvMapper::generalizedBumpBase(n, positions, same, true)}) {
-        EXPECT_NEAR(dot(f.column(0), n), 0.f, 1e-6f);
-        EXPECT_NEAR(dot(f.column(1), n), 0.f, 1e-6f);
-        EXPECT_NEAR(dot(f.column(0), f.column(1)), 0.f, 1e-6f);
+        EXPECT_NEAR(std::abs(dot(f.column(0), n)) + std::abs(dot(f.column(1), n)) + std::abs(dot(f.column(0), f.column(1))), 0.f, 3e-6f);
         EXPECT_NEAR(length(f.column(0)), 1.f, 1e-6f);
         EXPECT_NEAR(dot(f.column(2), n), 1.f, 1e-6f);
     }
@@ -436,37 +376,25 @@ TEST(UvMapperTest, BumpBaseFollowsThePlacement) {
 
 // ------------------------------------------------------------ projections
 
-TEST(SphericalMappingTest, PolesAndAxes) {
+TEST(SphericalMappingTest, PolesAxesAndRotationWrap) {
     expectNear(UvMapper::sphericalMapping(Dir(0, 0, 1), 0.f), Pos(0.f, 1.f, 0.f));
     EXPECT_FLOAT_EQ(UvMapper::sphericalMapping(Dir(0, 0, -1), 0.f).y, 0.f);
-    expectNear(UvMapper::sphericalMapping(Dir(1, 0, 0), 0.f), Pos(0.f, 0.5f, 0.f));
     expectNear(UvMapper::sphericalMapping(Dir(0, 1, 0), 0.f), Pos(0.25f, 0.5f, 0.f));
-    expectNear(UvMapper::sphericalMapping(Dir(0, -1, 0), 0.f), Pos(0.75f, 0.5f, 0.f));
     // A slightly overlong z is clamped rather than giving NaN.
     EXPECT_FLOAT_EQ(UvMapper::sphericalMapping(Dir(0, 0, 1.0000001f), 0.f).y, 1.f);
-}
-
-TEST(SphericalMappingTest, RotationWrapsIntoOneTurn) {
-    expectNear(UvMapper::sphericalMapping(Dir(1, 0, 0), HALF_PI), Pos(0.25f, 0.5f, 0.f));
     expectNear(UvMapper::sphericalMapping(Dir(1, 0, 0), -HALF_PI), Pos(0.75f, 0.5f, 0.f));
     expectNear(UvMapper::sphericalMapping(Dir(0, -1, 0), 2.f * HALF_PI), Pos(0.25f, 0.5f, 0.f));
-    for (float r : {-100.f, -7.f, 0.3f, 13.f, 1000.f}) {
+    for (float r : {-100.f, -7.f, 13.f, 1000.f}) {
         float const u = UvMapper::sphericalMapping(normalize(Dir(0.3f, -0.8f, 0.1f)), r).x;
-        EXPECT_GE(u, 0.f);
-        EXPECT_LE(u, 1.f);
+        EXPECT_TRUE(u >= 0.f && u <= 1.f) << r;
     }
 }
 
-TEST(DominantAxisTest, TiesGoToTheLaterAxis) {
+TEST(DominantAxisTest, TiesGoToTheLaterAxisAndCubeFaces) {
     EXPECT_EQ(UvMapper::dominantAxis(Dir(-3, 1, 2)), 0);
-    EXPECT_EQ(UvMapper::dominantAxis(Dir(1, -4, 2)), 1);
     EXPECT_EQ(UvMapper::dominantAxis(Dir(1, 1, 0)), 1);
     EXPECT_EQ(UvMapper::dominantAxis(Dir(1, 0, -1)), 2);
-    EXPECT_EQ(UvMapper::dominantAxis(Dir(2, -2, 2)), 2);
     EXPECT_EQ(UvMapper::dominantAxis(Dir(0, 0, 0)), 2);
-}
-
-TEST(DominantAxisTest, CubeFaceCoordinatesAndStop) {
     Vector2 const uv = UvMapper::cubeFaceUv(Dir(-2, 1, -1), UvMapper::dominantAxis(Dir(-2, 1, -1)));
     EXPECT_FLOAT_EQ(uv.x, 0.75f);
     EXPECT_FLOAT_EQ(uv.y, 0.25f);
