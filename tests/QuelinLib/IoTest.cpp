@@ -1,8 +1,9 @@
 #include "QuelinLib/Io.h"
+#include <cmath>
 #include <cstdlib>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <random>
+#include <numeric>
 
 #include "TestSupport/TempFolderTest.h"
 
@@ -24,7 +25,6 @@ void setEnvironment(char const* name, char const* value) {
 
 class IoTest : public Quelin::Testing::TempFolderTest {
   protected:
-
     Io::Path writeBytes(String const& name, Stack<std::uint8_t> const& bytes) {
         Io::Path const path = mFolder / name;
         std::ofstream(path, std::ios::binary)
@@ -38,11 +38,10 @@ class IoTest : public Quelin::Testing::TempFolderTest {
         return blocker / "sub";
     }
 
-    static void expectNames(Expected<void> const& result, Io::Path const& path) {
+    template <typename T> static void expectNames(Expected<T> const& result, Io::Path const& path) {
         ASSERT_FALSE(result);
         EXPECT_NE(result.error().find(Io::pathToUtf8(path)), String::npos) << result.error();
     }
-
 };
 
 } // namespace
@@ -63,10 +62,9 @@ TEST_F(IoTest, BinaryValuesRoundTripLittleEndian) {
         ASSERT_TRUE((*out)->close());
     }
     std::ifstream raw(path, std::ios::binary);
-    std::uint8_t head[4];
-    raw.read(reinterpret_cast<char*>(head), 4);
-    EXPECT_EQ(head[0], 0x44);
-    EXPECT_EQ(head[3], 0x11);
+    char head[4];
+    raw.read(head, 4);
+    EXPECT_EQ(String(head, 4), "\x44\x33\x22\x11");
 
     auto in = Io::FileInputStream::open(path);
     ASSERT_TRUE(in) << in.error();
@@ -83,21 +81,21 @@ TEST_F(IoTest, BinaryValuesRoundTripLittleEndian) {
 
 TEST_F(IoTest, RelativeSeeksMoveFromTheCurrentPosition) {
     Stack<std::uint8_t> bytes(256);
-    for (int i = 0; i < 256; ++i)
-        bytes[i] = std::uint8_t(i);
+    std::iota(bytes.begin(), bytes.end(), std::uint8_t(0));
     auto in = Io::FileInputStream::open(writeBytes("ramp.bin", bytes));
     ASSERT_TRUE(in);
     auto& stream = **in;
-    std::uint8_t b = 0;
+    auto next = [&] {
+        std::uint8_t b = 0;
+        EXPECT_TRUE(stream.read(&b, 1));
+        return int(b);
+    };
     ASSERT_TRUE(stream.skip(100));
-    ASSERT_TRUE(stream.read(&b, 1));
-    EXPECT_EQ(b, 100);
+    EXPECT_EQ(next(), 100);
     ASSERT_TRUE(stream.skip(-51));
-    ASSERT_TRUE(stream.read(&b, 1));
-    EXPECT_EQ(b, 50);
+    EXPECT_EQ(next(), 50);
     ASSERT_TRUE(stream.seek(-1, Io::SeekOrigin::End));
-    ASSERT_TRUE(stream.read(&b, 1));
-    EXPECT_EQ(b, 255);
+    EXPECT_EQ(next(), 255);
     EXPECT_EQ(stream.tell(), 256);
     // Beyond either end is refused and leaves the position alone.
     EXPECT_FALSE(stream.skip(1));
@@ -112,8 +110,7 @@ TEST_F(IoTest, ShortReadIsAnErrorNamingTheFileAndTheStreamStaysUsable) {
     Io::BinaryInputStream binary(**in);
     ASSERT_TRUE(binary.skip(2));
     auto const value = binary.read<double>();
-    ASSERT_FALSE(value);
-    EXPECT_NE(value.error().find(Io::pathToUtf8(path)), String::npos) << value.error();
+    ASSERT_NO_FATAL_FAILURE(expectNames(value, path));
     EXPECT_NE(value.error().find("offset 2"), String::npos) << value.error();
     ASSERT_TRUE(binary.getStream().seek(0, Io::SeekOrigin::Begin));
     auto const word = binary.read<std::uint16_t>();
@@ -121,37 +118,28 @@ TEST_F(IoTest, ShortReadIsAnErrorNamingTheFileAndTheStreamStaysUsable) {
     EXPECT_EQ(*word, 0x0201);
 }
 
-TEST_F(IoTest, HalvesReadIntoFloats) {
-    Stack<std::uint8_t> bytes = {0x00, 0x3C, 0x00, 0xC0, 0x00, 0x7C, 0x01, 0x00};
-    auto in = Io::FileInputStream::open(writeBytes("halves.bin", bytes));
-    ASSERT_TRUE(in);
+TEST(IoMemoryTest, MemoryStreamReadsHalvesAndRefusesShortReads) {
+    std::uint8_t const data[] = {0x00, 0x3C, 0x00, 0xC0, 0x00, 0x7C, 0x01, 0x00, 0xFF};
+    Io::MemoryInputStream stream(data, sizeof data, "texture bytes");
+    Io::BinaryInputStream binary(stream);
     float values[4];
-    ASSERT_TRUE(Io::BinaryInputStream(**in).readHalves(values, 4));
+    ASSERT_TRUE(binary.readHalves(values, 4));
     EXPECT_EQ(values[0], 1.f);
     EXPECT_EQ(values[1], -2.f);
     EXPECT_TRUE(std::isinf(values[2]));
     EXPECT_EQ(values[3], std::ldexp(1.f, -24));
-}
-
-TEST_F(IoTest, MemoryStreamReadsAndRefusesShortReads) {
-    std::uint8_t const data[] = {0x78, 0x56, 0x34, 0x12, 0xFF};
-    Io::MemoryInputStream stream(data, sizeof data, "texture bytes");
-    Io::BinaryInputStream binary(stream);
-    EXPECT_EQ(*binary.read<std::uint32_t>(), 0x12345678u);
     auto const more = binary.read<std::uint32_t>();
     ASSERT_FALSE(more);
     EXPECT_NE(more.error().find("texture bytes"), String::npos);
     ASSERT_TRUE(stream.seek(0, Io::SeekOrigin::Begin));
     auto const all = stream.readAll();
     ASSERT_TRUE(all);
-    EXPECT_EQ(all->size(), 5u);
+    EXPECT_EQ(all->size(), 9u);
 }
 
 TEST_F(IoTest, MissingFileErrorsNameIt) {
     Io::Path const missing = mFolder / "missing.png";
-    auto in = Io::FileInputStream::open(missing);
-    ASSERT_FALSE(in);
-    EXPECT_NE(in.error().find(Io::pathToUtf8(missing)), String::npos) << in.error();
+    expectNames(Io::FileInputStream::open(missing), missing);
     EXPECT_FALSE(Io::fileExists(missing));
     expectNames(Io::removeFile(missing), missing);
     auto const id = Io::FileId::fromPath(missing);
@@ -163,12 +151,8 @@ TEST_F(IoTest, MissingFileErrorsNameIt) {
 TEST_F(IoTest, UnwritableFolderIsRefusedByName) {
     Io::Path const folder = unwritableFolder();
     expectNames(Io::createDirs(folder), folder);
-    auto const made = Io::createRandomNamedFile(folder);
-    ASSERT_FALSE(made);
-    EXPECT_NE(made.error().find(Io::pathToUtf8(folder)), String::npos) << made.error();
-    auto out = Io::FileOutputStream::open(folder / "level0");
-    ASSERT_FALSE(out);
-    EXPECT_NE(out.error().find(Io::pathToUtf8(folder / "level0")), String::npos) << out.error();
+    expectNames(Io::createRandomNamedFile(folder), folder);
+    expectNames(Io::FileOutputStream::open(folder / "level0"), folder / "level0");
     // A regular file where a folder is asked for is not a folder.
     expectNames(Io::createDirs(mFolder / "blocker"), mFolder / "blocker");
 }
@@ -180,10 +164,8 @@ TEST_F(IoTest, RandomNamedFilesAreNewAndRemovable) {
     auto const second = Io::createRandomNamedFile(mFolder / "a" / "b", "Ostrel_", ".tmp");
     ASSERT_TRUE(first && second);
     EXPECT_NE(*first, *second);
-    EXPECT_TRUE(Io::fileExists(*first));
     EXPECT_EQ(first->parent_path(), mFolder / "a" / "b");
-    EXPECT_TRUE(first->filename().string().starts_with("Ostrel_"));
-    EXPECT_EQ(first->extension(), ".tmp");
+    EXPECT_TRUE(first->filename().string().starts_with("Ostrel_") && first->extension() == ".tmp") << *first;
     EXPECT_EQ(*Io::getFileSize(*first), 0);
     ASSERT_TRUE(Io::removeFile(*first));
     EXPECT_FALSE(Io::fileExists(*first));
@@ -201,14 +183,11 @@ TEST_F(IoTest, FileIdentityFollowsTheFileNotThePath) {
     EXPECT_EQ(*idA, *idAOtherPath);
     EXPECT_EQ(idA->getHash(), idAOtherPath->getHash());
     EXPECT_NE(*idA, *idB);
-    EXPECT_NE(idA->getHash(), idB->getHash());
-#if !defined(_WIN32)
     std::error_code ec;
     fs::create_hard_link(a, mFolder / "link.png", ec);
     if (!ec) {
         EXPECT_EQ(*Io::FileId::fromPath(mFolder / "link.png"), *idA);
     }
-#endif
 }
 
 TEST_F(IoTest, TimeStampChangesWithTheFile) {
@@ -225,18 +204,13 @@ TEST_F(IoTest, TimeStampChangesWithTheFile) {
 TEST_F(IoTest, DiskSpaceOfAFolder) {
     auto const space = Io::getDiskSpace(mFolder);
     ASSERT_TRUE(space) << space.error();
-    EXPECT_GT(space->total, 0);
-    EXPECT_GE(space->total, space->free);
-    EXPECT_GE(space->free, space->available);
+    EXPECT_TRUE(space->total > 0 && space->total >= space->free && space->free >= space->available);
     EXPECT_FALSE(Io::getDiskSpace(mFolder / "nowhere"));
 }
 
-TEST_F(IoTest, StandardPaths) {
-    EXPECT_TRUE(Io::folderExists(Io::StandardPaths::temporary()));
+TEST_F(IoTest, SkyDataFolderFollowsTheEnvironmentElseTheExecutable) {
     Io::Path const exe = Io::StandardPaths::getExecutableFilePath();
-    EXPECT_TRUE(Io::fileExists(exe)) << exe;
-    EXPECT_TRUE(exe.is_absolute()) << exe;
-
+    EXPECT_TRUE(exe.is_absolute() && Io::fileExists(exe)) << exe;
     char const* const saved = std::getenv("FERRIM_SKY_DATA_DIR");
     String const savedValue = saved ? saved : "";
     setEnvironment("FERRIM_SKY_DATA_DIR", Io::pathToUtf8(mFolder).c_str());

@@ -1,6 +1,7 @@
 #include "Ferrim/maps/BumpConverterMap.h"
 
 #include <cmath>
+#include <functional>
 
 #include "Ferrim/maps/CheckerMap.h"
 #include "MapsTestSupport.h"
@@ -10,40 +11,27 @@ namespace {
 
 using namespace MapsTest;
 
-/// Mono = a u + b v + c over the mapper's placed coordinates.
-class SlopeEvaluator : public IMapEvaluator {
+/// Mono = f(u, v) over the mapper's placed coordinates.
+class FunctionEvaluator : public IMapEvaluator {
 public:
-    SlopeEvaluator(UvMapper const& mapper, float a, float b, float c = 0.f) : mMapper(mapper), mA(a), mB(b), mC(c) {}
+    FunctionEvaluator(UvMapper const& mapper, std::function<float(float, float)> f) : mMapper(mapper), mF(std::move(f)) {}
     RgbAlpha evalColor(IShadeContext const& ctx, MapCache* cache) const override {
         return RgbAlpha(Rgb(evalMono(ctx, cache).value), 1.f);
     }
     MonoAlpha evalMono(IShadeContext const& ctx, MapCache*) const override {
         Pos const p = mMapper.computeUvw(ctx);
-        return {mA * p.x + mB * p.y + mC, 1.f};
+        return {mF(p.x, p.y), 1.f};
     }
     Dir evalBump(IShadeContext const&, MapCache*) const override { return Dir(); }
 
 private:
     UvMapper const& mMapper;
-    float mA, mB, mC;
+    std::function<float(float, float)> mF;
 };
 
-/// Mono = sin(2 pi u / period) over the placed u.
-class SineEvaluator : public IMapEvaluator {
-public:
-    SineEvaluator(UvMapper const& mapper, float period) : mMapper(mapper), mPeriod(period) {}
-    RgbAlpha evalColor(IShadeContext const& ctx, MapCache* cache) const override {
-        return RgbAlpha(Rgb(evalMono(ctx, cache).value), 1.f);
-    }
-    MonoAlpha evalMono(IShadeContext const& ctx, MapCache*) const override {
-        return {std::sin(6.2831853f * mMapper.computeUvw(ctx).x / mPeriod), 1.f};
-    }
-    Dir evalBump(IShadeContext const&, MapCache*) const override { return Dir(); }
-
-private:
-    UvMapper const& mMapper;
-    float mPeriod;
-};
+FunctionEvaluator slopeEvaluator(UvMapper const& mapper, float a, float b, float c = 0.f) {
+    return FunctionEvaluator(mapper, [=](float u, float v) { return a * u + b * v + c; });
+}
 
 /// A context that also answers the object position, for the XYZ mapping modes.
 class PositionShadeContext : public FixedShadeContext {
@@ -54,10 +42,7 @@ public:
 };
 
 void expectDirNear(Dir const& a, Dir const& b, float tolerance) {
-    float const scale = std::max(1.f, length(b));
-    EXPECT_NEAR(a.x, b.x, tolerance * scale);
-    EXPECT_NEAR(a.y, b.y, tolerance * scale);
-    EXPECT_NEAR(a.z, b.z, tolerance * scale);
+    EXPECT_LT(length(a - b), tolerance * std::max(1.f, length(b))) << a.x << " " << a.y << " " << a.z;
 }
 
 class BumpConverterTest : public LibraryFixture {
@@ -73,31 +58,18 @@ protected:
 };
 
 TEST_F(BumpConverterTest, ConstantMapHasNoBump) {
-    SlopeEvaluator const flat(mapper, 0.f, 0.f, 0.7f);
+    auto const flat = slopeEvaluator(mapper, 0.f, 0.f, 0.7f);
     EXPECT_EQ(BumpConverterMap::evalBump(ctx, flat, mapper, 15.f, 0.1f), Dir(0, 0, 0));
     CheckerEvaluator const sameColors(makeSharedPtr<UvMapper>(), 0.f, constantInput(Rgb(0.3f)), constantInput(Rgb(0.3f)));
     ctx.uvw = Pos(0.5f, 0.5f, 0.f);  // on a corner of four squares
-    Dir const b = sameColors.evalBump(ctx, nullptr);
-    EXPECT_EQ(b.x, 0.f);
-    EXPECT_EQ(b.y, 0.f);
-    EXPECT_EQ(b.z, 0.f);
-}
-
-TEST_F(BumpConverterTest, SlopeTiltsAwayFromUphillByStrengthAndScale) {
-    SlopeEvaluator const slope(mapper, 2.f, 3.f);
-    float const strength = 5.f, scale = 0.5f;
-    // -strength * scale * (2 T + 3 B) with T = (1, 0, 0), B = (0, 0, -1).
-    expectDirNear(BumpConverterMap::evalBump(ctx, slope, mapper, strength, scale), Dir(-5.f, 0.f, 7.5f), 1e-3f);
-    // Twice the strength, twice the bump; opposite slope, opposite bump.
-    SlopeEvaluator const down(mapper, -2.f, -3.f);
-    expectDirNear(BumpConverterMap::evalBump(ctx, down, mapper, 2 * strength, scale), Dir(10.f, 0.f, -15.f), 1e-3f);
+    EXPECT_EQ(sameColors.evalBump(ctx, nullptr), Dir(0, 0, 0));
 }
 
 TEST_F(BumpConverterTest, PlacementMatchesFiniteDifferencesOverTheChannel) {
     mapper.set("scale", Pos(2.f, 0.5f, 1.f));
     mapper.set("rotation", Pos(0.f, 0.f, 0.3f));
     mapper.set("offset", Pos(0.1f, -0.2f, 0.f));
-    SlopeEvaluator const slope(mapper, 1.5f, -0.5f);
+    auto const slope = slopeEvaluator(mapper, 1.5f, -0.5f);
     float const strength = 3.f, scale = 0.25f;
     Dir const bump = BumpConverterMap::evalBump(ctx, slope, mapper, strength, scale);
 
@@ -115,7 +87,7 @@ TEST_F(BumpConverterTest, PlacementMatchesFiniteDifferencesOverTheChannel) {
 
 TEST_F(BumpConverterTest, StepFollowsTheFootprint) {
     float const period = 0.1f;
-    SineEvaluator const sine(mapper, period);
+    FunctionEvaluator const sine(mapper, [=](float u, float) { return std::sin(6.2831853f * u / period); });
     float const scale = period;
     // No footprint: the derivative of the sine, 2 pi / period cos(...).
     float const slope = 6.2831853f / period * std::cos(6.2831853f * ctx.uvw.x / period);
@@ -132,14 +104,14 @@ TEST_F(BumpConverterTest, ObjectXyzModeMovesTheObjectPosition) {
     PositionShadeContext pctx;
     pctx.objectPosition = Pos(0.2f, -0.4f, 1.1f);
     pctx.normal = Dir(0, 0, 1);
-    SlopeEvaluator const slope(mapper, 1.f, 0.f);
+    auto const slope = slopeEvaluator(mapper, 1.f, 0.f);
     // u grows along object x, so the bump tilts toward -x.
     expectDirNear(BumpConverterMap::evalBump(pctx, slope, mapper, 2.f, 1.f), Dir(-2.f, 0.f, 0.f), 1e-3f);
 }
 
 TEST_F(BumpConverterTest, SingularPlacementGivesNoBump) {
     mapper.set("scale", Pos(0.f, 1.f, 1.f));
-    SlopeEvaluator const slope(mapper, 1.f, 1.f);
+    auto const slope = slopeEvaluator(mapper, 1.f, 1.f);
     EXPECT_EQ(BumpConverterMap::evalBump(ctx, slope, mapper, 1.f, 1.f), Dir(0, 0, 0));
 }
 

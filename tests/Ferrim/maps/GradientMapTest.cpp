@@ -90,13 +90,6 @@ INSTANTIATE_TEST_SUITE_P(
                       InterpCase{Interp::EaseInOut, 0.125f, 0.5f * 0.103515625f},
                       InterpCase{Interp::EaseInOut, 0.5f, 0.5f}));
 
-TEST(GradientEvaluator, InterpolationWeights) {
-    EXPECT_FLOAT_EQ(GradientMap::Evaluator::interpolationWeight(Interp::EaseIn, 0.8f), 0.32768f);
-    EXPECT_FLOAT_EQ(GradientMap::Evaluator::interpolationWeight(Interp::EaseOut, 0.2f), 1.f - 0.32768f);
-    EXPECT_EQ(GradientMap::Evaluator::interpolationWeight(Interp::EaseInOut, 1.7f), 1.f);
-    EXPECT_EQ(GradientMap::Evaluator::interpolationWeight(Interp::Solid, 0.99f), 0.f);
-}
-
 TEST(GradientEvaluator, SortsStopsAndHoldsEndsWithoutExtrapolation) {
     Stack<Stop> stops = {{0.8f, Interp::Linear, constantInput(Rgb(1, 0, 0))},
                          {0.2f, Interp::Linear, constantInput(Rgb(0, 0, 1))}};
@@ -118,22 +111,17 @@ TEST(GradientEvaluator, EmptyListIsBlack) {
 
 TEST(GradientEvaluator, UnknownTypeOrInterpolationStops) {
     FixedShadeContext ctx(0.3f, 0.4f);
-    auto const bad = makeGradient(static_cast<Type>(9), threeStops(Interp::Linear));
-    try {
-        bad.evalColor(ctx, nullptr);
-        FAIL() << "no stop";
-    } catch (StopException const& e) {
-        EXPECT_EQ(e.getSourceFile(), "maps/GradientMap");
-        EXPECT_EQ(e.getLine(), 269);
-    }
-    auto const badInterp = makeGradient(Type::Linear, threeStops(static_cast<Interp>(5)));
-    try {
-        badInterp.evalColor(ctx, nullptr);
-        FAIL() << "no stop";
-    } catch (StopException const& e) {
-        EXPECT_EQ(e.getSourceFile(), "maps/GradientMap");
-        EXPECT_EQ(e.getLine(), 73);
-    }
+    auto expectStopAt = [&](GradientMap::Evaluator const& e, int line) {
+        try {
+            e.evalColor(ctx, nullptr);
+            FAIL() << "no stop";
+        } catch (StopException const& ex) {
+            EXPECT_EQ(ex.getSourceFile(), "maps/GradientMap");
+            EXPECT_EQ(ex.getLine(), line);
+        }
+    };
+    expectStopAt(makeGradient(static_cast<Type>(9), threeStops(Interp::Linear)), 269);
+    expectStopAt(makeGradient(Type::Linear, threeStops(static_cast<Interp>(5))), 73);
 }
 
 class GradientMapTest : public LibraryFixture {};
@@ -153,18 +141,11 @@ TEST_F(GradientMapTest, OutsideTheTileIsOpaqueBlack) {
     EXPECT_NEAR(repeat.evalColor(far, nullptr).r, 0.25f, 1e-6f);
 }
 
-TEST_F(GradientMapTest, DefaultStopsAndCustomInterpolationSwitch) {
+TEST_F(GradientMapTest, StopInterpolationCountsOnlyWithCustomInterpolation) {
     GradientMap map;
-    EXPECT_EQ(map.get<GradientMap::Type>("type"), Type::Linear);
-    auto const& stops = std::get<ListPropertyValue>(map.getData().getValue("stops"));
-    ASSERT_EQ(stops.size(), 3u);
-    for (std::size_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(stops[i].get<String>("name"), "Stop #" + std::to_string(i + 1));
-        EXPECT_FLOAT_EQ(stops[i].get<float>("position"), 0.5f * float(i));
-        EXPECT_EQ(ColorOrMap::fromData(stops[i].get<GenericDataObject>("color")).color, Rgb(0.5f * float(i)));
-    }
-    // Stops ask for solid, but only count when custom interpolation is on.
-    ListPropertyValue solid = stops;
+    // Default stops: grey 0, 0.5, 1 at 0, 0.5, 1; they ask for solid.
+    ListPropertyValue solid = std::get<ListPropertyValue>(map.getData().getValue("stops"));
+    ASSERT_EQ(solid.size(), 3u);
     for (std::size_t i = 0; i < 3; ++i) solid[i].set("interpolation", Interp::Solid);
     map.set("stops", solid);
     FixedShadeContext ctx(0.2f, 0.25f);
@@ -184,11 +165,8 @@ TEST_F(GradientMapTest, BumpBlendsTheStopsBumps) {
     auto const e = makeGradient(Type::Linear, std::move(stops));
     FixedShadeContext ctx(0.4f, 0.25f);
     Dir const expected = noiseEval->evalBump(ctx, nullptr) * 0.25f;
-    Dir const b = e.evalBump(ctx, nullptr);
     EXPECT_GT(length(expected), 0.f);
-    EXPECT_NEAR(b.x, expected.x, 1e-5f * (1 + std::fabs(expected.x)));
-    EXPECT_NEAR(b.y, expected.y, 1e-5f * (1 + std::fabs(expected.y)));
-    EXPECT_NEAR(b.z, expected.z, 1e-5f * (1 + std::fabs(expected.z)));
+    EXPECT_LT(length(e.evalBump(ctx, nullptr) - expected), 1e-5f * (1 + length(expected)));
 }
 
 TEST_F(GradientMapTest, JsonRoundTripWithCellularStop) {
@@ -201,13 +179,8 @@ TEST_F(GradientMapTest, JsonRoundTripWithCellularStop) {
     stops[1].set("color", color);
     map.set("stops", stops);
     expectJsonRoundTrip(map);
-    auto const j = entityToJson(map);
-    EXPECT_EQ(j["type"], "radial");
-    EXPECT_EQ(j["defaultInterpolation"], "ease_in_out");
-    EXPECT_EQ(j["stops"][1]["name"], "Stop #2");
-    EXPECT_EQ(j["stops"][1]["color"]["map"]["@class"], "Zatho.CellularMap");
     // A list item with an unknown key is refused.
-    auto bad = j;
+    auto bad = entityToJson(map);
     bad["stops"][0]["colour"] = {1, 0, 0};
     EXPECT_FALSE(entityFromJson(bad).has_value());
 }
