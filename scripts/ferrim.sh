@@ -30,7 +30,13 @@ if [ ! -f "$build/build.ninja" ]; then
     (cd "$root" && cmake --preset release >/dev/null)
 fi
 jobs="$(nproc 2>/dev/null || echo 2)"
-cmake --build "$build" -j "$jobs"
+# The demo needs only the program; tests and benchmarks are built by their jobs.
+case "$job" in
+demo) targets=(--target ferrim) ;;
+bench) targets=(--target ferrim_bench) ;;
+*) targets=() ;;
+esac
+cmake --build "$build" -j "$jobs" "${targets[@]}"
 
 case "$job" in
 demo)
