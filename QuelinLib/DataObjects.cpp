@@ -12,6 +12,9 @@ namespace Quelin {
 // ---------------------------------------------------------------- lists, types
 
 void ListPropertyValue::push_back(GenericDataObject item) { mItems.emplace_back(std::move(item)); }
+void ListPropertyValue::erase(std::size_t i) { mItems.erase(mItems.begin() + std::ptrdiff_t(i)); }
+void ListPropertyValue::clear() { mItems.clear(); }
+bool ListPropertyValue::operator==(ListPropertyValue const& o) const { return mItems == o.mItems; }
 
 StringView valueTypeName(ValueType t) {
     switch (t) {

@@ -77,9 +77,10 @@ public:
     GenericDataObject const& operator[](std::size_t i) const { return *mItems[i]; }
     GenericDataObject& operator[](std::size_t i) { return *mItems[i]; }
     void push_back(GenericDataObject item);
-    void erase(std::size_t i) { mItems.erase(mItems.begin() + std::ptrdiff_t(i)); }
-    void clear() { mItems.clear(); }
-    bool operator==(ListPropertyValue const& o) const { return mItems == o.mItems; }
+    // Out of line: they need GenericDataObject complete, which it is not yet here.
+    void erase(std::size_t i);
+    void clear();
+    bool operator==(ListPropertyValue const& o) const;
 
 private:
     Stack<Box<GenericDataObject>> mItems;

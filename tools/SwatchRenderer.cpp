@@ -150,7 +150,9 @@ LinearImage renderScene(Scene const& scene, int width, int height, std::function
         evaluators.push_back(std::move(e));
     }
 
-    auto const [cols, rows] = gridOf(scene);
+    // Plain names: clang 14 cannot capture structured bindings in lambdas.
+    std::pair<int, int> const grid = gridOf(scene);
+    int const cols = grid.first, rows = grid.second;
     int const cellW = std::max(1, width / cols), cellH = std::max(1, height / rows);
     int const side = std::max(1, int(std::lround(std::sqrt(double(scene.samples)))));
     std::atomic<int> rowsDone{0};
