@@ -48,6 +48,10 @@ Expected<void> createDirs(Path const& folder);
 Expected<Path> createRandomNamedFile(Path const& folder, StringView prefix = "", StringView extension = "");
 /// Removes one file. A missing file is an error.
 Expected<void> removeFile(Path const& path);
+/// The whole content of a regular file. Anything else (a folder, a device such
+/// as /dev/zero that never ends) and files above `maxBytes` are refused before
+/// anything is read. Errors read "<path>: <problem>".
+Expected<String> readTextFile(Path const& path, std::int64_t maxBytes);
 
 struct DiskSpace {
     std::int64_t total = 0;     // capacity of the volume
