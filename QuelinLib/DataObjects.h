@@ -329,6 +329,7 @@ public:
     bool operator==(GenericDataObject const& o) const;
 
 private:
+    friend class Entity;  // takes the references apart when it is destroyed
     PropertyValue& at(StringView name);
     SharedPtr<DataObjectDefinition const> mDefinition;
     Stack<GenericProperty> mProperties;
@@ -342,6 +343,10 @@ ClassId makeClassId(StringView className);
 class Entity : public Polymorphic, public Noncopyable, public std::enable_shared_from_this<Entity> {
 public:
     explicit Entity(SharedPtr<DataObjectDefinition const> definition);
+    /// Entities that only this one references are destroyed one after
+    /// another, not from inside each other's destructors, so that a long
+    /// chain (operators, nested maps) cannot exhaust the stack.
+    ~Entity() override;
 
     /// The registered class name, which is also the record's type name.
     String const& getClassName() const { return mData.getName(); }
