@@ -153,6 +153,8 @@ public:
     OperatorColorEncoding getInputEncoding() const final { return mInputEncoding; }
     OperatorGroup getGroup() const final { return mGroup; }
     EntityHolder<IColorMappingOperator> getPredecessor() const final { return mPredecessor; }
+    /// The predecessor without taking a reference, for loops over a chain.
+    UnaryColorMappingOperator* getPredecessorPointer() const { return mPredecessor.get(); }
     /// Stores the predecessor in the record's "predecessor" and uses it.
     void setPredecessor(EntityHolder<IColorMappingOperator> predecessor) final;
     /// Convenience for a concrete operator: `b->setPredecessor(a)`.

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <filesystem>
+#include <new>
 
 namespace Quelin {
 
@@ -64,7 +65,12 @@ void LutOperator::prepareForApplicationImpl(ColorMappingContext const& context) 
     String const resolvedText = resolved.string();
     std::int64_t const time = fileTime(resolved);
     if (!mLut || resolvedText != mLoadedPath || time != mLoadedTime) {
-        auto lut = readLutFile(resolvedText);
+        Expected<Lut> lut = makeError(resolvedText + ": not enough memory for the table");
+        try {
+            lut = readLutFile(resolvedText);
+        } catch (std::bad_alloc const&) {
+            // Kept as the load error like any other, so the file is named.
+        }
         if (!lut) {
             // Neutral, with the reason kept for the user.
             mLut.reset();
