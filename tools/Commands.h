@@ -2,6 +2,7 @@
 // Sub-commands of the `ferrim` program, each in its own source.
 #include <CLI/CLI.hpp>
 #include <functional>
+#include <new>
 
 #include "QuelinLib/Base.h"
 
@@ -11,6 +12,16 @@ namespace FerrimTool {
 struct CommandError {
     Quelin::String message;
 };
+
+/// Runs `work` for `file`, turning an allocation failure into an error that
+/// names the file.
+template <typename F> decltype(auto) guardMemory(Quelin::String const& file, F&& work) {
+    try {
+        return work();
+    } catch (std::bad_alloc const&) {
+        throw CommandError{"not enough memory for \"" + file + "\""};
+    }
+}
 
 /// A sub-command adds its options to `app` and returns what runs it.
 void addTypesCommand(CLI::App& app);

@@ -1,8 +1,10 @@
 #include "Scene.h"
 
+#include <cmath>
 #include <set>
 
 #include "QuelinLib/Json.h"
+#include "QuelinLib/MessageText.h"
 
 using namespace Quelin;
 using nlohmann::json;
@@ -13,7 +15,7 @@ namespace {
 
 Expected<void> checkKeys(json const& j, std::set<String> const& allowed, String const& where) {
     for (auto const& [k, v] : j.items())
-        if (!allowed.count(k)) return makeError(where + ": unknown key \"" + k + "\"");
+        if (!allowed.count(k)) return makeError(where + ": unknown key \"" + printableText(k, 40) + "\"");
     return {};
 }
 
@@ -51,9 +53,10 @@ Expected<Swatch> readSwatch(json const& j, String const& where) {
         s.bump = j["bump"].get<bool>();
     }
     if (j.contains("tiling")) {
-        if (!j["tiling"].is_number() || !(j["tiling"].get<float>() > 0.f))
-            return makeError(where + ": \"tiling\" must be a positive number");
-        s.tiling = j["tiling"].get<float>();
+        auto const tiling = j["tiling"].is_number() ? jsonToFloat(j["tiling"]) : std::nullopt;
+        if (!tiling || !(*tiling > 0.f) || !std::isfinite(*tiling))
+            return makeError(where + ": \"tiling\" must be a positive number, not " + describeJson(j["tiling"]));
+        s.tiling = *tiling;
     }
     if (j.contains("map") == j.contains("slot")) return makeError(where + ": give either \"map\" or \"slot\"");
     if (j.contains("map")) {
@@ -95,20 +98,26 @@ Expected<Scene> parseScene(StringView text, String const& source) {
     if (!j.contains("swatches") || !j["swatches"].is_array() || j["swatches"].empty())
         return makeError(source + ": \"swatches\" must be a non-empty array");
     if (j.contains("columns")) {
-        if (!j["columns"].is_number_integer() || j["columns"].get<int>() < 1)
-            return makeError(source + ": \"columns\" must be a positive integer");
-        scene.columns = j["columns"].get<int>();
+        auto const columns = jsonToInt(j["columns"]);
+        if (!columns || *columns < 1)
+            return makeError(source + ": \"columns\" must be a positive 32-bit integer, not " + describeJson(j["columns"]));
+        scene.columns = *columns;
     }
     if (j.contains("samples")) {
-        if (!j["samples"].is_number_integer() || j["samples"].get<int>() < 1 || j["samples"].get<int>() > 256)
-            return makeError(source + ": \"samples\" must be an integer from 1 to 256");
-        scene.samples = j["samples"].get<int>();
+        auto const samples = jsonToInt(j["samples"]);
+        if (!samples || *samples < 1 || *samples > 256)
+            return makeError(source + ": \"samples\" must be an integer from 1 to 256, not " + describeJson(j["samples"]));
+        scene.samples = *samples;
     }
     if (j.contains("background")) {
         auto const& b = j["background"];
-        if (!b.is_array() || b.size() != 3 || !b[0].is_number() || !b[1].is_number() || !b[2].is_number())
-            return makeError(source + ": \"background\" must be an array of 3 numbers");
-        scene.background = Rgb(b[0].get<float>(), b[1].get<float>(), b[2].get<float>());
+        Optional<float> c[3];
+        if (b.is_array() && b.size() == 3)
+            for (int i = 0; i < 3; ++i)
+                if (b[std::size_t(i)].is_number()) c[i] = jsonToFloat(b[std::size_t(i)]);
+        if (!c[0] || !c[1] || !c[2])
+            return makeError(source + ": \"background\" must be an array of 3 numbers within the range of a float");
+        scene.background = Rgb(*c[0], *c[1], *c[2]);
     }
     if (j.contains("pipeline")) scene.pipeline = j["pipeline"];
     for (std::size_t i = 0; i < j["swatches"].size(); ++i) {
