@@ -166,7 +166,31 @@ TEST(ReinhardOperator, WhitePointMapsToOneAndBack) {
     EXPECT_FLOAT_EQ(op->getCoefficient(), 1.f / 16.f);
     EXPECT_NEAR(op->map(Rgb(4.f), {}).r, 1.f, 1e-6f);
     EXPECT_NEAR(op->unmap(Rgb(1.f), NO_EXCLUDE).r, 4.f, 1e-5f);
-    EXPECT_EQ(op->map(Rgb(-0.5f, -0.999f, -3.f), {}), Rgb(0.f));
+    // The channel is taken as it is: 0 from -1 to 0, and past the pole at -1
+    // the curve is positive again ((1 - 2/16) 2 / 1 at -2), 0 again below -16.
+    expectRgbNear(op->map(Rgb(-0.5f, -2.f, -20.f), {}), Rgb(0.f, 1.75f, 0.f), 1e-6f);
+    EXPECT_EQ(op->map(Rgb(-0.999f, std::nanf(""), INFINITY), {}), Rgb(0.f, 0.f, INFINITY));
+}
+
+TEST(ReinhardOperator, SwitchedOffKeepsTheCurveWithCoefficientOne) {
+    ColorMappingContext off;
+    off.applyOperators = false;
+    for (bool const enabled : {false, true}) {
+        auto op = makeSharedPtr<ReinhardOperator>();
+        op->set("highlightCompression", 4.f);
+        op->set("enabled", enabled);
+        op->prepareForApplication(enabled ? off : ColorMappingContext());
+        EXPECT_EQ(op->getCoefficient(), 1.f);
+        // Identity on non-negative values, negatives to 0; the inverse is
+        // the larger root of (x + 1)(x - c), so -1 at most below it.
+        EXPECT_EQ(op->map(Rgb(0.f, 0.37f, 1e6f), {}), Rgb(0.f, 0.37f, 1e6f));
+        EXPECT_EQ(op->map(Rgb(-0.5f, -1.f, -3.f), {}), Rgb(0.f));
+        EXPECT_EQ(op->unmap(Rgb(0.37f, -0.5f, -3.f), NO_EXCLUDE), Rgb(0.37f, -0.5f, -1.f));
+        // Buckets take the same path as single colours.
+        Stack<Rgb> bucket = {Rgb(-0.5f, 0.25f, 2.f)};
+        op->map(std::span<Rgb>(bucket), {}, {1, 1});
+        EXPECT_EQ(bucket[0], Rgb(0.f, 0.25f, 2.f));
+    }
 }
 
 TEST(ReinhardOperator, SmallChangesKeepThePreparedCurve) {
@@ -394,23 +418,19 @@ protected:
     }
 };
 
-TEST_P(EveryOperatorTest, DisabledOperatorIsTheIdentityBothWays) {
-    auto op = GetParam().make();
-    op->set("enabled", false);
-    op->prepareForApplication(context());
-    for (Rgb c : colors()) {
-        EXPECT_EQ(op->map(c, {0, 0}), c);
-        EXPECT_EQ(op->unmap(c, NO_EXCLUDE), c);
-    }
-}
-
-TEST_P(EveryOperatorTest, OperatorsOffInTheContextAreTheIdentityBothWays) {
-    ColorMappingContext c = context();
-    c.applyOperators = false;
-    auto op = preparedOperator(c);
-    for (Rgb color : colors()) {
-        EXPECT_EQ(op->map(color, {0, 0}), color);
-        EXPECT_EQ(op->unmap(color, NO_EXCLUDE), color);
+TEST_P(EveryOperatorTest, SwitchedOffInTheRecordOrTheContextIsTheIdentityBothWays) {
+    ColorMappingContext off = context();
+    off.applyOperators = false;
+    for (bool const enabled : {false, true}) {
+        auto op = GetParam().make();
+        op->set("enabled", enabled);
+        op->prepareForApplication(enabled ? off : context());
+        for (Rgb c : colors()) {
+            // Reinhard's curve stays in place with k = 1, which still maps negatives to 0.
+            Rgb const expected = GetParam().name == "Reinhard" ? Rgb(std::max(c.r, 0.f), c.g, c.b) : c;
+            EXPECT_EQ(op->map(c, {0, 0}), expected);
+            EXPECT_EQ(op->unmap(c, NO_EXCLUDE), c);
+        }
     }
 }
 

@@ -64,7 +64,9 @@ TEST_F(PipelineTest, FlatteningDropsOrKeepsConversionsAndRebuildsTheSameChain) {
     EXPECT_FLOAT_EQ(visible[0].get<float>("simpleExposure"), 1.5f);
     auto const rebuilt = createPipeline(visible);
     EXPECT_EQ(typesOf(rebuilt), typesOf(chain));
-    EXPECT_TRUE(arePipelinesSame(rebuilt, chain));
+    EXPECT_TRUE(areOperatorsDataSame(convertPipelineToDataObjects(rebuilt, HiddenItemsTreatment::Skip), visible));
+    // The conversions inserted again are new operators with new ids.
+    EXPECT_FALSE(arePipelinesSame(rebuilt, chain));
     EXPECT_EQ(typesOf(createDefaultPipeline()), DEFAULT_TYPES);
 }
 
@@ -81,8 +83,19 @@ TEST_F(PipelineTest, DeepCopySharesNothingAndEqualsTheSource) {
     b[0]->set("simpleExposure", 2.f);
     EXPECT_FLOAT_EQ(a[0]->get<float>("simpleExposure"), 0.f);
     EXPECT_FALSE(arePipelinesSame(source, copy));
+    // The id counts like any value: same settings under a new id differ.
+    b[0]->set("simpleExposure", 0.f);
+    b[4]->set("id", UnaryColorMappingOperator::generateId());
+    EXPECT_FALSE(arePipelinesSame(source, copy));
+    auto const flat = convertPipelineToDataObjects(source, HiddenItemsTreatment::Skip);
+    auto renumbered = flat;
+    renumbered[2].set("id", UnaryColorMappingOperator::generateId());
+    EXPECT_TRUE(areOperatorsDataSame(flat, convertPipelineToDataObjects(source, HiddenItemsTreatment::Skip)));
+    EXPECT_FALSE(areOperatorsDataSame(flat, renumbered));
     // Types must match too, not only values.
-    EXPECT_FALSE(areOperatorsDataSame({record("Zatho.TintOperator")}, {record("Zatho.IdentityOperator")}));
+    auto tint = record("Zatho.TintOperator"), identity = record("Zatho.IdentityOperator");
+    identity.set("id", tint.get<int>("id"));
+    EXPECT_FALSE(areOperatorsDataSame({tint}, {identity}));
 }
 
 TEST_F(PipelineTest, UniqueIds) {
@@ -115,7 +128,8 @@ TEST_F(PipelineTest, JsonRoundTrip) {
     ASSERT_TRUE(loaded) << loaded.error();
     EXPECT_TRUE(loaded->warning.empty());
     EXPECT_EQ(typesOf(loaded->pipeline), typesOf(chain));
-    EXPECT_TRUE(arePipelinesSame(loaded->pipeline, chain));
+    EXPECT_TRUE(areOperatorsDataSame(convertPipelineToDataObjects(loaded->pipeline, HiddenItemsTreatment::Skip),
+                                     convertPipelineToDataObjects(chain, HiddenItemsTreatment::Skip)));
 }
 
 class PipelineCorrupted : public PipelineTest, public ::testing::WithParamInterface<char const*> {};
