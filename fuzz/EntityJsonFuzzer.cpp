@@ -1,18 +1,12 @@
 // The entity loader (maps, mappers, operators by "@class") on arbitrary text.
 // A loaded entity is written back and read again, and a map's evaluator is
 // built and asked for one colour.
-#include "Ferrim/Ferrim.h"
 #include "Ferrim/IMap.h"
 #include "Ferrim/IShadeContext.h"
 #include "FuzzTarget.h"
 #include "QuelinLib/Json.h"
 
 using namespace Quelin;
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    Ferrim::startup();
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
     auto json = parseJson(FerrimFuzz::asText(data, size));

@@ -8,8 +8,6 @@
 
 using namespace Quelin;
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) { return 0; }
-
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
 #ifdef FERRIM_FUZZ_3DL
     auto lut = parse3dlLut(FerrimFuzz::asText(data, size), "fuzz.3dl");

@@ -2,15 +2,9 @@
 // pipeline that loads is prepared, maps and unmaps a colour, and is written
 // and read back.
 #include "Ferrim/ColorMapping.h"
-#include "Ferrim/Ferrim.h"
 #include "FuzzTarget.h"
 
 using namespace Quelin;
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    Ferrim::startup();
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
     auto loaded = deserializePipeline(FerrimFuzz::asText(data, size));

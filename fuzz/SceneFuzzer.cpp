@@ -2,15 +2,9 @@
 // is rendered into a few pixels, which evaluates every map it holds.
 #include "../tools/Scene.h"
 #include "../tools/SwatchRenderer.h"
-#include "Ferrim/Ferrim.h"
 #include "FuzzTarget.h"
 
 using namespace Quelin;
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    Ferrim::startup();
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
     auto scene = FerrimTool::parseScene(FerrimFuzz::asText(data, size), "fuzz.json");
