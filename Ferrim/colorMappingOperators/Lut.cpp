@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <thread>
 
 #include "QuelinLib/Float4.h"
 #include "QuelinLib/Io.h"

@@ -77,8 +77,8 @@ struct FERRIM_EXPORT Lut {
     }
 };
 
-/// Largest LUT file read. The biggest table a reader accepts (256^3 entries)
-/// fits in it; other files are refused before they are read.
+/// Largest LUT file read, far above the 65^3 and 129^3 tables in use (about
+/// 10 and 80 MB as text); larger files are refused before they are read.
 inline constexpr std::int64_t MAX_LUT_FILE_BYTES = std::int64_t(512) << 20;
 /// Most input mesh points of a ".3dl" file (its lattice size).
 inline constexpr int MAX_3DL_MESH_POINTS = 256;
