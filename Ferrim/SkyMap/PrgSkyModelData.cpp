@@ -1,0 +1,155 @@
+#include "Ferrim/SkyMap/PrgSkyModelData.h"
+#include "Ferrim/SkyMap/HalfConversion.h"
+#include "Ferrim/SkyMap/ModelDataCache.h"
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+namespace Quelin {
+
+namespace {
+using Self = PrgSkyModelData;
+
+// The radiance section's layout in the file.
+constexpr std::int64_t PASS_BYTES = Self::PASS_VALUES * 2 + 8 + Self::SCALED_VALUES * 2; // 968
+constexpr std::int64_t SCALE_OFFSET = Self::PASS_VALUES * 2;                            // the per-pass double
+constexpr std::int64_t TAIL_BYTES_OFFSET = Self::PASSES * PASS_BYTES;                   // 8,712
+constexpr std::int64_t RECORD_BYTES = TAIL_BYTES_OFFSET + Self::TAIL_VALUES * 2;         // 8,948
+constexpr std::int64_t B_STRIDE = Self::RECORDS * RECORD_BYTES;                          // 268,440
+constexpr std::int64_t A_STRIDE = Self::B_ENTRIES * B_STRIDE;                            // 5,905,680
+constexpr std::int64_t TWO_STRIDE = Self::A_ENTRIES * A_STRIDE;                          // 35,434,080
+constexpr std::int64_t CHANNEL_STRIDE = Self::TWO_ENTRIES * TWO_STRIDE;                  // 70,868,160
+// Where the last per-pass double of a record ends: a file cut before it
+// leaves a double unread.
+constexpr std::int64_t LAST_SCALE_END = (Self::PASSES - 1) * PASS_BYTES + SCALE_OFFSET + 8;
+
+static_assert(RECORD_BYTES == 8948 && CHANNEL_STRIDE == 70'868'160);
+static_assert(Self::CHANNELS * CHANNEL_STRIDE +
+                  Self::B_ENTRIES * (Detail::GridTables::GRID_ROWS * Detail::GridTables::GRID_COLUMNS *
+                                     Self::GRID_ENTRY_BYTES) +
+                  Self::A_ENTRIES * Self::B_ENTRIES * Self::ROW_BYTES ==
+              Self::FILE_SIZE);
+
+constexpr std::size_t RECORDS_IN_MEMORY = std::size_t(Self::CHANNELS) * 2 * 2 * 2 * Self::RECORDS;
+
+std::size_t slotIndex(int channel, int slotTwo, int slotA, int slotB) {
+    return ((std::size_t(channel) * 2 + std::size_t(slotTwo)) * 2 + std::size_t(slotA)) * 2 + std::size_t(slotB);
+}
+
+/// One record from its file form to its memory form.
+void convertRecord(std::byte const* source, float* destination, Io::InputStream const& stream,
+                   std::int64_t fileOffset) {
+    float values[Self::PASS_VALUES];
+    float scaled[Self::SCALED_VALUES];
+    for (int pass = 0; pass < Self::PASSES; ++pass) {
+        std::byte const* const p = source + pass * PASS_BYTES;
+        convertHalvesToFloats(p, values, Self::PASS_VALUES);
+        double d;
+        std::memcpy(&d, p + SCALE_OFFSET, sizeof d);
+        d = Io::Detail::fromLittleEndian(d);
+        if (!std::isfinite(d) || d == 0.0)
+            throw Exception(stream.getName() + ": the scale at offset " +
+                            std::to_string(fileOffset + pass * PASS_BYTES + SCALE_OFFSET) + " is " + std::to_string(d) +
+                            ", not a finite non-zero number: the file is damaged");
+        convertHalvesToFloats(p + SCALE_OFFSET + 8, scaled, Self::SCALED_VALUES);
+        float const scale = float(1.0 / d);
+        for (int j = 0; j < Self::PASS_VALUES; ++j)
+            destination[j * Self::PASSES + pass] = values[j];
+        float* const scaledOut = destination + Self::SCALED_OFFSET;
+        for (int j = 0; j < Self::SCALED_VALUES; ++j)
+            scaledOut[j * Self::PASSES + pass] = scaled[j] * scale;
+    }
+    convertHalvesToFloats(source + TAIL_BYTES_OFFSET, destination + Self::TAIL_OFFSET, Self::TAIL_VALUES);
+}
+} // namespace
+
+String PrgSkyModelData::Configuration::toString() const {
+    return std::to_string(channelIndex[0]) + "," + std::to_string(channelIndex[1]) + "," +
+           std::to_string(channelIndex[2]) + "," + std::to_string(indexA) + "," + std::to_string(indexB);
+}
+
+PrgSkyModelData::PrgSkyModelData(Configuration const& configuration) : mConfiguration(configuration) {
+    auto const stream = Detail::openSkyDataFile(
+        PRG_SKY_FILE_NAME, "PRG Sky Model Data file not found in installation nor in resources directory.", FILE_SIZE);
+    load(*stream);
+}
+
+PrgSkyModelData::PrgSkyModelData(Configuration const& configuration, Io::InputStream& stream)
+    : mConfiguration(configuration) {
+    load(stream);
+}
+
+void PrgSkyModelData::load(Io::InputStream& stream) {
+    static constexpr StringView WHAT = "PRG sky configuration";
+    for (int c = 0; c < CHANNELS; ++c)
+        Detail::checkGridIndex(WHAT, "channel index " + std::to_string(c), mConfiguration.channelIndex[c], TWO_ENTRIES);
+    Detail::checkGridIndex(WHAT, "index A", mConfiguration.indexA, A_ENTRIES);
+    Detail::checkGridIndex(WHAT, "index B", mConfiguration.indexB, B_ENTRIES);
+    Detail::checkSkyDataFileSize(stream, FILE_SIZE);
+
+    GridBracket const a = GridBracket::of(mConfiguration.indexA, A_ENTRIES);
+    GridBracket const b = GridBracket::of(mConfiguration.indexB, B_ENTRIES);
+    bool allPairs = a.count == 2 && b.count == 2;
+    for (int c = 0; c < CHANNELS; ++c)
+        allPairs = allPairs && GridBracket::of(mConfiguration.channelIndex[c], TWO_ENTRIES).count == 2;
+    std::size_t const floats = RECORDS_IN_MEMORY * RECORD_FLOATS;
+    mRecords = std::make_unique_for_overwrite<float[]>(floats);
+    if (!allPairs)
+        std::fill_n(mRecords.get(), floats, 0.f); // slots without an entry stay zero
+
+    Detail::SkyDataReader reader(stream);
+    Stack<std::byte> staging(std::size_t(2 * B_STRIDE));
+    for (int c = 0; c < CHANNELS; ++c) {
+        GridBracket const two = GridBracket::of(mConfiguration.channelIndex[c], TWO_ENTRIES);
+        reader.walk(two, TWO_ENTRIES, TWO_STRIDE, [&] {
+            for (int slotTwo = 0; slotTwo < two.count; ++slotTwo) {
+                reader.walk(a, A_ENTRIES, A_STRIDE, [&] {
+                    for (int slotA = 0; slotA < a.count; ++slotA) {
+                        reader.walk(b, B_ENTRIES, B_STRIDE, [&] {
+                            readRecords(reader, staging, slotIndex(c, slotTwo, slotA, 0) * RECORDS, b.count);
+                        });
+                    }
+                });
+            }
+        });
+    }
+    mTables.read(reader, a, b);
+    mStats = reader.finish();
+}
+
+void PrgSkyModelData::readRecords(Detail::SkyDataReader& reader, Stack<std::byte>& staging, std::size_t firstRecord,
+                                  int bEntries) {
+    std::int64_t const start = reader.getStream().tell();
+    std::size_t const wanted = std::size_t(bEntries * B_STRIDE);
+    std::size_t const got = reader.readUpTo(staging.data(), wanted);
+    if (got != wanted) {
+        // The reading stops at the first value the file no longer holds.
+        if (std::int64_t(got) % RECORD_BYTES < LAST_SCALE_END)
+            throw Exception("Could not load object from the stream.");
+        throw Exception("Unexpected end of " + reader.getStream().getName() + " at offset " +
+                        std::to_string(start + std::int64_t(got)) + ", inside a record");
+    }
+    // The loaded B entries are neighbours in both the file and memory.
+    for (int r = 0; r < bEntries * RECORDS; ++r)
+        convertRecord(staging.data() + r * RECORD_BYTES, mRecords.get() + (firstRecord + std::size_t(r)) * RECORD_FLOATS,
+                      reader.getStream(), start + r * RECORD_BYTES);
+}
+
+std::span<float const, PrgSkyModelData::RECORD_FLOATS> PrgSkyModelData::getRecord(int channel, int slotTwo, int slotA,
+                                                                                   int slotB, int record) const {
+    std::size_t const index = slotIndex(channel, slotTwo, slotA, slotB) * RECORDS + std::size_t(record);
+    return std::span<float const, RECORD_FLOATS>(mRecords.get() + index * RECORD_FLOATS, RECORD_FLOATS);
+}
+
+std::int64_t PrgSkyModelData::getMemoryUsage() const {
+    return std::int64_t(RECORDS_IN_MEMORY * RECORD_FLOATS * sizeof(float)) + mTables.getMemoryUsage();
+}
+
+ModelDataCache<PrgSkyModelData>& PrgSkyModelData::getCache() {
+    // Four slices (about 60 MB) keep a sky whose sun moves across entries
+    // from reloading the slices it just left.
+    static ModelDataCache<PrgSkyModelData> sCache(4);
+    return sCache;
+}
+
+} // namespace Quelin
