@@ -14,9 +14,17 @@ namespace Quelin {
 /// processor's conversion does, so both routines agree bit for bit).
 FERRIM_EXPORT void convertHalvesToFloats(void const* source, float* destination, std::size_t count);
 
+/// Converts `rows` rows of `count` halves (row r at source + r * rowStrideBytes)
+/// into floats interleaved row-fastest: value j of row r lands at
+/// destination[j * rows + r], multiplied by rowScales[r] when scales are given.
+FERRIM_EXPORT void convertHalvesInterleaved(void const* source, std::size_t rowStrideBytes, int rows, std::size_t count,
+                                            float const* rowScales, float* destination);
+
 namespace Detail {
-/// The portable routine, whatever the processor offers (for tests and benchmarks).
+/// The portable routines, whatever the processor offers (for tests and benchmarks).
 FERRIM_EXPORT void convertHalvesToFloatsPortable(void const* source, float* destination, std::size_t count);
+FERRIM_EXPORT void convertHalvesInterleavedPortable(void const* source, std::size_t rowStrideBytes, int rows,
+                                                    std::size_t count, float const* rowScales, float* destination);
 /// Whether convertHalvesToFloats uses the processor's conversion instruction.
 FERRIM_EXPORT bool usesHardwareHalfConversion();
 } // namespace Detail

@@ -1,7 +1,9 @@
 #include "Ferrim/SkyMap/PrgSkyModelData.h"
 #include "Ferrim/SkyMap/HalfConversion.h"
 #include "Ferrim/SkyMap/ModelDataCache.h"
+#include "QuelinLib/TaskScheduler.h"
 #include <algorithm>
+#include <condition_variable>
 #include <cmath>
 #include <cstring>
 
@@ -37,28 +39,21 @@ std::size_t slotIndex(int channel, int slotTwo, int slotA, int slotB) {
 }
 
 /// One record from its file form to its memory form.
-void convertRecord(std::byte const* source, float* destination, Io::InputStream const& stream,
-                   std::int64_t fileOffset) {
-    float values[Self::PASS_VALUES];
-    float scaled[Self::SCALED_VALUES];
+void convertRecord(std::byte const* source, float* destination, String const& fileName, std::int64_t fileOffset) {
+    float scales[Self::PASSES];
     for (int pass = 0; pass < Self::PASSES; ++pass) {
-        std::byte const* const p = source + pass * PASS_BYTES;
-        convertHalvesToFloats(p, values, Self::PASS_VALUES);
         double d;
-        std::memcpy(&d, p + SCALE_OFFSET, sizeof d);
+        std::memcpy(&d, source + pass * PASS_BYTES + SCALE_OFFSET, sizeof d);
         d = Io::Detail::fromLittleEndian(d);
         if (!std::isfinite(d) || d == 0.0)
-            throw Exception(stream.getName() + ": the scale at offset " +
+            throw Exception(fileName + ": the scale at offset " +
                             std::to_string(fileOffset + pass * PASS_BYTES + SCALE_OFFSET) + " is " + std::to_string(d) +
                             ", not a finite non-zero number: the file is damaged");
-        convertHalvesToFloats(p + SCALE_OFFSET + 8, scaled, Self::SCALED_VALUES);
-        float const scale = float(1.0 / d);
-        for (int j = 0; j < Self::PASS_VALUES; ++j)
-            destination[j * Self::PASSES + pass] = values[j];
-        float* const scaledOut = destination + Self::SCALED_OFFSET;
-        for (int j = 0; j < Self::SCALED_VALUES; ++j)
-            scaledOut[j * Self::PASSES + pass] = scaled[j] * scale;
+        scales[pass] = float(1.0 / d);
     }
+    convertHalvesInterleaved(source, PASS_BYTES, Self::PASSES, Self::PASS_VALUES, nullptr, destination);
+    convertHalvesInterleaved(source + SCALE_OFFSET + 8, PASS_BYTES, Self::PASSES, Self::SCALED_VALUES, scales,
+                             destination + Self::SCALED_OFFSET);
     convertHalvesToFloats(source + TAIL_BYTES_OFFSET, destination + Self::TAIL_OFFSET, Self::TAIL_VALUES);
 }
 } // namespace
@@ -67,6 +62,84 @@ String PrgSkyModelData::Configuration::toString() const {
     return std::to_string(channelIndex[0]) + "," + std::to_string(channelIndex[1]) + "," +
            std::to_string(channelIndex[2]) + "," + std::to_string(indexA) + "," + std::to_string(indexB);
 }
+
+/// Reading and converting the slabs, shared by the threads that call work():
+/// one thread at a time reads, in file order, on the one stream (forward seeks
+/// only); the others convert the slabs already read. A thread waits only while
+/// another holds the work it could take, so a single thread never waits.
+class PrgSkyModelData::SlabPipeline : Noncopyable {
+  public:
+    SlabPipeline(PrgSkyModelData& data, Detail::SkyDataReader& reader, Stack<Slab> const& slabs,
+                 Function<void()> readRest)
+        : mData(data), mReader(reader), mSlabs(slabs), mReadRest(std::move(readRest)) {
+        for (auto& buffer : mBuffers)
+            buffer = std::make_unique_for_overwrite<std::byte[]>(std::size_t(2 * B_STRIDE));
+        for (auto& buffer : mBuffers)
+            mFree.push_back(buffer.get());
+    }
+
+    void work() {
+        std::unique_lock lock(mMutex);
+        while (!mError && (mConverted < mSlabs.size() || mNextRead <= mSlabs.size())) {
+            try {
+                if (!mReady.empty()) {
+                    auto const [slab, bytes] = mReady.front();
+                    mReady.erase(mReady.begin());
+                    lock.unlock();
+                    mData.convertRecords(*slab, bytes, mReader.getStream().getName());
+                    lock.lock();
+                    ++mConverted;
+                    mFree.push_back(bytes);
+                } else if (!mReading && mNextRead < mSlabs.size() && !mFree.empty()) {
+                    Slab const& slab = mSlabs[mNextRead++];
+                    std::byte* const bytes = mFree.back();
+                    mFree.pop_back();
+                    mReading = true;
+                    lock.unlock();
+                    mReader.skip(slab.fileOffset - mReader.getStream().tell());
+                    readSlab(mReader, slab, bytes);
+                    lock.lock();
+                    mReading = false;
+                    mReady.emplace_back(&slab, bytes);
+                } else if (!mReading && mNextRead == mSlabs.size()) {
+                    ++mNextRead; // the sections after the radiance records
+                    mReading = true;
+                    lock.unlock();
+                    mReadRest();
+                    lock.lock();
+                    mReading = false;
+                } else {
+                    mChanged.wait(lock);
+                    continue;
+                }
+            } catch (...) {
+                if (!lock.owns_lock())
+                    lock.lock();
+                mError = std::current_exception();
+            }
+            mChanged.notify_all();
+        }
+    }
+
+    void rethrow() const {
+        if (mError)
+            std::rethrow_exception(mError);
+    }
+
+  private:
+    PrgSkyModelData& mData;
+    Detail::SkyDataReader& mReader;
+    Stack<Slab> const& mSlabs;
+    Function<void()> mReadRest;
+    StaticArray<std::unique_ptr<std::byte[]>, 3> mBuffers; // a third lets reading run ahead
+    Mutex mMutex;
+    std::condition_variable mChanged;
+    Stack<std::byte*> mFree;
+    Stack<std::pair<Slab const*, std::byte*>> mReady; // read, not yet taken for conversion
+    std::size_t mNextRead = 0, mConverted = 0;
+    bool mReading = false;
+    std::exception_ptr mError;
+};
 
 PrgSkyModelData::PrgSkyModelData(Configuration const& configuration) : mConfiguration(configuration) {
     auto const stream = Detail::openSkyDataFile(
@@ -97,42 +170,45 @@ void PrgSkyModelData::load(Io::InputStream& stream) {
     if (!allPairs)
         std::fill_n(mRecords.get(), floats, 0.f); // slots without an entry stay zero
 
-    Detail::SkyDataReader reader(stream);
-    Stack<std::byte> staging(std::size_t(2 * B_STRIDE));
+    // The slabs of loaded B entries, in file order.
+    Stack<Slab> slabs;
     for (int c = 0; c < CHANNELS; ++c) {
         GridBracket const two = GridBracket::of(mConfiguration.channelIndex[c], TWO_ENTRIES);
-        reader.walk(two, TWO_ENTRIES, TWO_STRIDE, [&] {
-            for (int slotTwo = 0; slotTwo < two.count; ++slotTwo) {
-                reader.walk(a, A_ENTRIES, A_STRIDE, [&] {
-                    for (int slotA = 0; slotA < a.count; ++slotA) {
-                        reader.walk(b, B_ENTRIES, B_STRIDE, [&] {
-                            readRecords(reader, staging, slotIndex(c, slotTwo, slotA, 0) * RECORDS, b.count);
-                        });
-                    }
-                });
-            }
-        });
+        for (int slotTwo = 0; slotTwo < two.count; ++slotTwo)
+            for (int slotA = 0; slotA < a.count; ++slotA)
+                slabs.push_back({c * CHANNEL_STRIDE + (two.lower + slotTwo) * TWO_STRIDE +
+                                     (a.lower + slotA) * A_STRIDE + b.lower * B_STRIDE,
+                                 slotIndex(c, slotTwo, slotA, 0) * RECORDS, b.count * RECORDS});
     }
-    mTables.read(reader, a, b);
+    Detail::SkyDataReader reader(stream);
+    SlabPipeline pipeline(*this, reader, slabs, [&] {
+        reader.skip(CHANNELS * CHANNEL_STRIDE - stream.tell());
+        mTables.read(reader, a, b);
+    });
+    // Two threads share the work when the scheduler has a second one free;
+    // one alone does it all in the same order.
+    parallelFor(0, 2, 1, [&](std::int64_t, std::int64_t) { pipeline.work(); });
+    pipeline.rethrow();
     mStats = reader.finish();
 }
 
-void PrgSkyModelData::readRecords(Detail::SkyDataReader& reader, Stack<std::byte>& staging, std::size_t firstRecord,
-                                  int bEntries) {
-    std::int64_t const start = reader.getStream().tell();
-    std::size_t const wanted = std::size_t(bEntries * B_STRIDE);
-    std::size_t const got = reader.readUpTo(staging.data(), wanted);
+void PrgSkyModelData::readSlab(Detail::SkyDataReader& reader, Slab const& slab, std::byte* bytes) {
+    std::size_t const wanted = std::size_t(slab.records * RECORD_BYTES);
+    std::size_t const got = reader.readUpTo(bytes, wanted);
     if (got != wanted) {
         // The reading stops at the first value the file no longer holds.
         if (std::int64_t(got) % RECORD_BYTES < LAST_SCALE_END)
             throw Exception("Could not load object from the stream.");
         throw Exception("Unexpected end of " + reader.getStream().getName() + " at offset " +
-                        std::to_string(start + std::int64_t(got)) + ", inside a record");
+                        std::to_string(slab.fileOffset + std::int64_t(got)) + ", inside a record");
     }
+}
+
+void PrgSkyModelData::convertRecords(Slab const& slab, std::byte const* bytes, String const& fileName) {
     // The loaded B entries are neighbours in both the file and memory.
-    for (int r = 0; r < bEntries * RECORDS; ++r)
-        convertRecord(staging.data() + r * RECORD_BYTES, mRecords.get() + (firstRecord + std::size_t(r)) * RECORD_FLOATS,
-                      reader.getStream(), start + r * RECORD_BYTES);
+    for (int r = 0; r < slab.records; ++r)
+        convertRecord(bytes + r * RECORD_BYTES, mRecords.get() + (slab.firstRecord + std::size_t(r)) * RECORD_FLOATS,
+                      fileName, slab.fileOffset + r * RECORD_BYTES);
 }
 
 std::span<float const, PrgSkyModelData::RECORD_FLOATS> PrgSkyModelData::getRecord(int channel, int slotTwo, int slotA,

@@ -59,8 +59,17 @@ class FERRIM_EXPORT PrgSkyModelData : Noncopyable {
     static ModelDataCache<PrgSkyModelData>& getCache();
 
   private:
+    /// The file records of loaded B entries: neighbours in the file, read in one piece.
+    struct Slab {
+        std::int64_t fileOffset = 0;
+        std::size_t firstRecord = 0; // where its records go in memory
+        int records = 0;
+    };
+    class SlabPipeline;
+
     void load(Io::InputStream& stream);
-    void readRecords(Detail::SkyDataReader& reader, Stack<std::byte>& staging, std::size_t firstRecord, int bEntries);
+    static void readSlab(Detail::SkyDataReader& reader, Slab const& slab, std::byte* bytes);
+    void convertRecords(Slab const& slab, std::byte const* bytes, String const& fileName);
 
     Configuration mConfiguration;
     std::unique_ptr<float[]> mRecords; // [channel][slot two][slot A][slot B][record][RECORD_FLOATS]

@@ -1,6 +1,7 @@
 #include "Ferrim/SkyMap/SkyDataFiles.h"
 #include "QuelinLib/DebugLogger.h"
 #include "QuelinLib/Lib.h"
+#include <algorithm>
 #include <chrono>
 
 namespace Quelin {
@@ -98,28 +99,31 @@ SkyDataLoadStats SkyDataReader::finish() const {
 }
 
 GridTables::GridTables(std::int64_t gridEntryBytes, std::int64_t rowBytes)
-    : mGridBytes(std::int64_t(GRID_ROWS) * GRID_COLUMNS * gridEntryBytes), mRowBytes(rowBytes),
-      mGrids(std::size_t(2 * mGridBytes)), mRows(std::size_t(4 * mRowBytes)) {}
+    : mGridBytes(std::int64_t(GRID_ROWS) * GRID_COLUMNS * gridEntryBytes), mRowBytes(rowBytes) {}
 
 void GridTables::read(SkyDataReader& reader, GridBracket a, GridBracket b) {
     constexpr int A_ENTRIES = 6, B_ENTRIES = 22;
+    // Filled by the reads; what they leave out (a last entry's neighbour) is zero.
+    mGrids = std::make_unique_for_overwrite<std::byte[]>(std::size_t(2 * mGridBytes));
+    std::fill(mGrids.get() + b.count * mGridBytes, mGrids.get() + 2 * mGridBytes, std::byte{0});
+    mRows = std::make_unique<std::byte[]>(std::size_t(4 * mRowBytes));
     // The loaded B entries of a dimension are neighbours in the file: one read each.
-    reader.walk(b, B_ENTRIES, mGridBytes, [&] { reader.read(mGrids.data(), std::size_t(b.count * mGridBytes)); });
+    reader.walk(b, B_ENTRIES, mGridBytes, [&] { reader.read(mGrids.get(), std::size_t(b.count * mGridBytes)); });
     reader.walk(a, A_ENTRIES, B_ENTRIES * mRowBytes, [&] {
         for (int slotA = 0; slotA < a.count; ++slotA) {
             reader.walk(b, B_ENTRIES, mRowBytes, [&] {
-                reader.read(mRows.data() + std::size_t(2 * slotA * mRowBytes), std::size_t(b.count * mRowBytes));
+                reader.read(mRows.get() + std::size_t(2 * slotA * mRowBytes), std::size_t(b.count * mRowBytes));
             });
         }
     });
 }
 
 std::span<std::byte const> GridTables::getGrid(int slotB) const {
-    return {mGrids.data() + std::size_t(slotB * mGridBytes), std::size_t(mGridBytes)};
+    return {mGrids.get() + std::size_t(slotB * mGridBytes), std::size_t(mGridBytes)};
 }
 
 std::span<std::byte const> GridTables::getRow(int slotA, int slotB) const {
-    return {mRows.data() + std::size_t((2 * slotA + slotB) * mRowBytes), std::size_t(mRowBytes)};
+    return {mRows.get() + std::size_t((2 * slotA + slotB) * mRowBytes), std::size_t(mRowBytes)};
 }
 
 } // namespace Detail

@@ -97,13 +97,13 @@ class FERRIM_EXPORT GridTables {
 
     std::span<std::byte const> getGrid(int slotB) const;
     std::span<std::byte const> getRow(int slotA, int slotB) const;
-    std::int64_t getMemoryUsage() const { return std::int64_t(mGrids.size() + mRows.size()); }
+    std::int64_t getMemoryUsage() const { return 2 * mGridBytes + 4 * mRowBytes; }
 
   private:
     std::int64_t mGridBytes; // one B entry's grid
     std::int64_t mRowBytes;  // one (A, B) entry's row
-    Stack<std::byte> mGrids; // [slot B][grid]
-    Stack<std::byte> mRows;  // [slot A][slot B][row]
+    std::unique_ptr<std::byte[]> mGrids; // [slot B][grid]
+    std::unique_ptr<std::byte[]> mRows;  // [slot A][slot B][row]
 };
 
 } // namespace Detail
