@@ -12,6 +12,8 @@ namespace Quelin {
 namespace {
 using Self = PrgSkyModelData;
 
+constexpr StringView NOT_FOUND = "PRG Sky Model Data file not found in installation nor in resources directory.";
+
 // The radiance section's layout in the file.
 constexpr std::int64_t PASS_BYTES = Self::PASS_VALUES * 2 + 8 + Self::SCALED_VALUES * 2; // 968
 constexpr std::int64_t SCALE_OFFSET = Self::PASS_VALUES * 2;                            // the per-pass double
@@ -141,18 +143,11 @@ class PrgSkyModelData::SlabPipeline : Noncopyable {
     std::exception_ptr mError;
 };
 
-PrgSkyModelData::PrgSkyModelData(Configuration const& configuration) : mConfiguration(configuration) {
-    auto const stream = Detail::openSkyDataFile(
-        PRG_SKY_FILE_NAME, "PRG Sky Model Data file not found in installation nor in resources directory.", FILE_SIZE);
-    load(*stream);
-}
+PrgSkyModelData::PrgSkyModelData(Configuration const& configuration)
+    : PrgSkyModelData(configuration, *Detail::openSkyDataFile(PRG_SKY_FILE_NAME, NOT_FOUND, FILE_SIZE)) {}
 
 PrgSkyModelData::PrgSkyModelData(Configuration const& configuration, Io::InputStream& stream)
     : mConfiguration(configuration) {
-    load(stream);
-}
-
-void PrgSkyModelData::load(Io::InputStream& stream) {
     static constexpr StringView WHAT = "PRG sky configuration";
     for (int c = 0; c < CHANNELS; ++c)
         Detail::checkGridIndex(WHAT, "channel index " + std::to_string(c), mConfiguration.channelIndex[c], TWO_ENTRIES);

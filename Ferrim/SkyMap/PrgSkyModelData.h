@@ -67,7 +67,6 @@ class FERRIM_EXPORT PrgSkyModelData : Noncopyable {
     };
     class SlabPipeline;
 
-    void load(Io::InputStream& stream);
     static void readSlab(Detail::SkyDataReader& reader, Slab const& slab, std::byte* bytes);
     void convertRecords(Slab const& slab, std::byte const* bytes, String const& fileName);
 

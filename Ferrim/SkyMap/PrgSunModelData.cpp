@@ -3,6 +3,10 @@
 
 namespace Quelin {
 
+namespace {
+constexpr StringView NOT_FOUND = "PRG Sun Model Data file not found in installation nor in resources directory.";
+} // namespace
+
 static_assert(PrgSunModelData::B_ENTRIES * Detail::GridTables::GRID_ROWS * Detail::GridTables::GRID_COLUMNS *
                       PrgSunModelData::GRID_ENTRY_BYTES +
                   PrgSunModelData::A_ENTRIES * PrgSunModelData::B_ENTRIES * PrgSunModelData::ROW_BYTES ==
@@ -12,18 +16,11 @@ String PrgSunModelData::Configuration::toString() const {
     return std::to_string(indexA) + "," + std::to_string(indexB);
 }
 
-PrgSunModelData::PrgSunModelData(Configuration const& configuration) : mConfiguration(configuration) {
-    auto const stream = Detail::openSkyDataFile(
-        PRG_SUN_FILE_NAME, "PRG Sun Model Data file not found in installation nor in resources directory.", FILE_SIZE);
-    load(*stream);
-}
+PrgSunModelData::PrgSunModelData(Configuration const& configuration)
+    : PrgSunModelData(configuration, *Detail::openSkyDataFile(PRG_SUN_FILE_NAME, NOT_FOUND, FILE_SIZE)) {}
 
 PrgSunModelData::PrgSunModelData(Configuration const& configuration, Io::InputStream& stream)
     : mConfiguration(configuration) {
-    load(stream);
-}
-
-void PrgSunModelData::load(Io::InputStream& stream) {
     static constexpr StringView WHAT = "PRG sun configuration";
     Detail::checkGridIndex(WHAT, "index A", mConfiguration.indexA, A_ENTRIES);
     Detail::checkGridIndex(WHAT, "index B", mConfiguration.indexB, B_ENTRIES);

@@ -46,8 +46,6 @@ class FERRIM_EXPORT PrgSunModelData : Noncopyable {
     static ModelDataCache<PrgSunModelData>& getCache();
 
   private:
-    void load(Io::InputStream& stream);
-
     Configuration mConfiguration;
     Detail::GridTables mTables{GRID_ENTRY_BYTES, ROW_BYTES};
     SkyDataLoadStats mStats;

@@ -12,15 +12,11 @@ static_assert(imageBytes(512) + imageBytes(128) + imageBytes(1024) + 256 * 64 * 
               CloudsData::FILE_SIZE);
 } // namespace
 
-CloudsData::CloudsData() {
-    auto const stream = Detail::openSkyDataFile(
-        CLOUDS_FILE_NAME, "Clouds data file not found in installation nor in resources directory.", FILE_SIZE);
-    load(*stream);
-}
+CloudsData::CloudsData()
+    : CloudsData(*Detail::openSkyDataFile(
+          CLOUDS_FILE_NAME, "Clouds data file not found in installation nor in resources directory.", FILE_SIZE)) {}
 
-CloudsData::CloudsData(Io::InputStream& stream) { load(stream); }
-
-void CloudsData::load(Io::InputStream& stream) {
+CloudsData::CloudsData(Io::InputStream& stream) {
     Detail::checkSkyDataFileSize(stream, FILE_SIZE);
     Detail::SkyDataReader reader(stream);
     Stack<std::uint8_t> bytes(std::size_t(imageBytes(IMAGE_SIZES[2])));

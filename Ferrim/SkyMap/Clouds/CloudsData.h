@@ -41,8 +41,6 @@ class FERRIM_EXPORT CloudsData : Noncopyable {
     std::int64_t getMemoryUsage() const;
 
   private:
-    void load(Io::InputStream& stream);
-
     StaticArray<ColorImage, IMAGE_COUNT> mImages;
     StaticArray<Stack<std::byte>, 2> mTables;
     Stack<float> mVolume;

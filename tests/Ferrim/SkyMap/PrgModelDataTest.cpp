@@ -13,30 +13,47 @@ namespace Files = Quelin::Testing::SkyFiles;
 
 namespace {
 
-/// Every seek is relative and forward, and the walk ends at the file's end.
-void expectForwardWalk(RecordingStream const& stream, std::int64_t fileSize) {
+/// A configuration with the bytes its slices take (worked out by hand from
+/// the layout) and its reads (one per contiguous run of loaded entries).
+template <typename Data> struct LoadCase {
+    typename Data::Configuration configuration;
+    std::int64_t bytes, reads;
+};
+using SkyCase = LoadCase<PrgSkyModelData>;
+using SunCase = LoadCase<PrgSunModelData>;
+
+/// Loads a case through a recording stream and checks what the load read:
+/// the bytes and reads, relative forward seeks only, ending at the file's end.
+template <typename Data> std::unique_ptr<Data const> loadChecked(LoadCase<Data> const& c, char const* fileName) {
+    RecordingStream stream(sharedSkyDataFolder() / fileName);
+    auto data = std::make_unique<Data const>(c.configuration, stream);
+    EXPECT_EQ(data->getLoadStats().bytesRead, c.bytes);
+    EXPECT_EQ(data->getLoadStats().reads, c.reads);
+    EXPECT_EQ(std::int64_t(stream.reads.size()), c.reads);
     for (auto const& [offset, origin] : stream.seeks)
         EXPECT_TRUE(offset > 0 && origin == Io::SeekOrigin::Current) << offset;
-    EXPECT_EQ(stream.tell(), fileSize);
+    EXPECT_EQ(stream.tell(), Data::FILE_SIZE);
+    return data;
 }
 
-struct SkyCase {
-    PrgSkyModelData::Configuration configuration;
-    std::int64_t bytes; // worked out by hand from the layout
-    std::int64_t reads; // one per contiguous run of loaded entries
-};
+/// The grid and row sections as stored, for the loaded A and B entries.
+template <typename Data>
+void expectGridTables(Data const& data, std::int64_t gridStart, std::int64_t gridB, std::int64_t rowsStart,
+                      std::int64_t rowA, std::int64_t rowB) {
+    auto const as = Files::bracketOf(data.getConfiguration().indexA, 6);
+    auto const bs = Files::bracketOf(data.getConfiguration().indexB, 22);
+    for (int sb = 0; sb < int(bs.size()); ++sb) {
+        EXPECT_TRUE(holdsBytesFrom(data.getGrid(sb), gridStart + bs[sb] * gridB)) << sb;
+        for (int sa = 0; sa < int(as.size()); ++sa)
+            EXPECT_TRUE(holdsBytesFrom(data.getRow(sa, sb), rowsStart + as[sa] * rowA + bs[sb] * rowB)) << sa << sb;
+    }
+}
 
 class PrgSkyModelDataTest : public testing::TestWithParam<SkyCase> {};
 
 TEST_P(PrgSkyModelDataTest, ReadsTheBracketingEntriesAndNothingElse) {
-    auto const& [cfg, bytes, reads] = GetParam();
-    RecordingStream stream(sharedSkyDataFolder() / "PrgSkyModelData.dat");
-    PrgSkyModelData const data(cfg, stream);
-    EXPECT_EQ(data.getLoadStats().bytesRead, bytes);
-    EXPECT_EQ(data.getLoadStats().reads, reads);
-    EXPECT_EQ(std::int64_t(stream.reads.size()), reads);
-    expectForwardWalk(stream, Files::SKY_SIZE);
-
+    auto const data = loadChecked(GetParam(), "PrgSkyModelData.dat");
+    auto const& cfg = GetParam().configuration;
     auto const as = Files::bracketOf(cfg.indexA, 6), bs = Files::bracketOf(cfg.indexB, 22);
     std::int64_t mismatches = 0;
     String first;
@@ -45,7 +62,7 @@ TEST_P(PrgSkyModelDataTest, ReadsTheBracketingEntriesAndNothingElse) {
         for (int slot = 0; slot < 8 * 30; ++slot) {
             int const st = slot / 120, sa = slot / 60 % 2, sb = slot / 30 % 2, r = slot % 30;
             bool const loaded = st < int(twos.size()) && sa < int(as.size()) && sb < int(bs.size());
-            auto const record = data.getRecord(c, st, sa, sb, r);
+            auto const record = data->getRecord(c, st, sa, sb, r);
             for (int k = 0; k < PrgSkyModelData::RECORD_FLOATS; ++k) {
                 // Slots without an entry stay zero.
                 float const expected =
@@ -58,12 +75,8 @@ TEST_P(PrgSkyModelDataTest, ReadsTheBracketingEntriesAndNothingElse) {
         }
     }
     EXPECT_EQ(mismatches, 0) << first;
-    for (int sb = 0; sb < int(bs.size()); ++sb) {
-        EXPECT_TRUE(holdsBytesFrom(data.getGrid(sb), Files::SKY_GRID_START + bs[sb] * Files::SKY_GRID_B));
-        for (int sa = 0; sa < int(as.size()); ++sa)
-            EXPECT_TRUE(holdsBytesFrom(data.getRow(sa, sb),
-                                       Files::SKY_ROWS_START + as[sa] * Files::SKY_ROW_A + bs[sb] * Files::SKY_ROW_B));
-    }
+    expectGridTables(*data, Files::SKY_GRID_START, Files::SKY_GRID_B, Files::SKY_ROWS_START, Files::SKY_ROW_A,
+                     Files::SKY_ROW_B);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -109,28 +122,11 @@ TEST_F(PrgSkyModelDataFaults, IndicesOutsideTheirRangesAreRefusedBeforeReading) 
     EXPECT_TRUE(sky.reads.empty() && sun.reads.empty());
 }
 
-struct SunCase {
-    PrgSunModelData::Configuration configuration;
-    std::int64_t bytes;
-    std::int64_t reads;
-};
-
 class PrgSunModelDataTest : public testing::TestWithParam<SunCase> {};
 
 TEST_P(PrgSunModelDataTest, ReadsTheBracketingEntriesAsStored) {
-    auto const& [cfg, bytes, reads] = GetParam();
-    RecordingStream stream(sharedSkyDataFolder() / "PrgSunModelData.dat");
-    PrgSunModelData const data(cfg, stream);
-    EXPECT_EQ(data.getLoadStats().bytesRead, bytes);
-    EXPECT_EQ(data.getLoadStats().reads, reads);
-    expectForwardWalk(stream, Files::SUN_SIZE);
-    auto const as = Files::bracketOf(cfg.indexA, 6), bs = Files::bracketOf(cfg.indexB, 22);
-    for (int sb = 0; sb < int(bs.size()); ++sb) {
-        EXPECT_TRUE(holdsBytesFrom(data.getGrid(sb), bs[sb] * Files::SUN_GRID_B));
-        for (int sa = 0; sa < int(as.size()); ++sa)
-            EXPECT_TRUE(holdsBytesFrom(data.getRow(sa, sb),
-                                       Files::SUN_ROWS_START + as[sa] * Files::SUN_ROW_A + bs[sb] * Files::SUN_ROW_B));
-    }
+    auto const data = loadChecked(GetParam(), "PrgSunModelData.dat");
+    expectGridTables(*data, 0, Files::SUN_GRID_B, Files::SUN_ROWS_START, Files::SUN_ROW_A, Files::SUN_ROW_B);
 }
 
 INSTANTIATE_TEST_SUITE_P(Configurations, PrgSunModelDataTest,
