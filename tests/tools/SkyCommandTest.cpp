@@ -48,8 +48,7 @@ TEST_F(SkyCommandTest, MissingFilesAreListedAndLoadingThemOrBadOptionsAreOneLine
     String const data = " --data-dir " + Testing::sharedSkyDataFolder().string();
     for (auto const& [arguments, message] :
          {std::pair{"--data-dir " + mFolder.string() + " --sky-config 0,0,0,0,0", "PRG Sky Model Data file not found"},
-          std::pair{data + " --sky-config 0,1", "--sky-config wants C0,C1,C2,A,B"},
-          std::pair{data + " --sun-config 2,x", "--sun-config wants A,B"},
+          std::pair{data + " --sky-config 0,1 --sun-config 2,7", "--sky-config wants C0,C1,C2,A,B"},
           std::pair{data + " --sky-config 0,0,0,9,0", "index A is 9, outside 0..5"},
           std::pair{"--data-dir " + (mFolder / "none").string(), "--data-dir"}}) {
         auto const [failedCode, failedOut, error] = sky(arguments);

@@ -18,6 +18,7 @@ namespace {
 template <typename Data> struct LoadCase {
     typename Data::Configuration configuration;
     std::int64_t bytes, reads;
+    friend void PrintTo(LoadCase const& c, std::ostream* os) { *os << c.configuration.toString(); }
 };
 using SkyCase = LoadCase<PrgSkyModelData>;
 using SunCase = LoadCase<PrgSunModelData>;
@@ -55,8 +56,7 @@ TEST_P(PrgSkyModelDataTest, ReadsTheBracketingEntriesAndNothingElse) {
     auto const data = loadChecked(GetParam(), "PrgSkyModelData.dat");
     auto const& cfg = GetParam().configuration;
     auto const as = Files::bracketOf(cfg.indexA, 6), bs = Files::bracketOf(cfg.indexB, 22);
-    std::int64_t mismatches = 0;
-    String first;
+    std::int64_t mismatches = 0, first = -1; // first: the flat index of the first wrong float
     for (int c = 0; c < 3; ++c) {
         auto const twos = Files::bracketOf(cfg.channelIndex[std::size_t(c)], 2);
         for (int slot = 0; slot < 8 * 30; ++slot) {
@@ -67,10 +67,8 @@ TEST_P(PrgSkyModelDataTest, ReadsTheBracketingEntriesAndNothingElse) {
                 // Slots without an entry stay zero.
                 float const expected =
                     loaded ? Files::expectedRecordValue(Files::skyRecordOffset(c, twos[st], as[sa], bs[sb], r), k) : 0.f;
-                if (std::bit_cast<std::uint32_t>(record[k]) != std::bit_cast<std::uint32_t>(expected) &&
-                    mismatches++ == 0)
-                    first = "channel " + std::to_string(c) + ", slot " + std::to_string(slot) + ", value " +
-                            std::to_string(k) + ": " + std::to_string(record[k]) + " for " + std::to_string(expected);
+                if (std::bit_cast<std::uint32_t>(record[k]) != std::bit_cast<std::uint32_t>(expected) && !mismatches++)
+                    first = (c * 240 + slot) * PrgSkyModelData::RECORD_FLOATS + k;
             }
         }
     }
