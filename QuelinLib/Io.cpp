@@ -233,7 +233,30 @@ Path quelinWorkspaceDir() {
     return fs::current_path(ec);
 }
 
+namespace {
+struct SkyDataOverride {
+    Mutex mutex;
+    Path folder;
+};
+SkyDataOverride& skyDataOverride() {
+    static SkyDataOverride s;
+    return s;
+}
+} // namespace
+
+void setPrgSkyModelData(Path const& folder) {
+    auto& o = skyDataOverride();
+    std::lock_guard lock(o.mutex);
+    o.folder = folder;
+}
+
 Path prgSkyModelData() {
+    {
+        auto& o = skyDataOverride();
+        std::lock_guard lock(o.mutex);
+        if (!o.folder.empty())
+            return o.folder;
+    }
     if (auto path = pathFromEnvironment("FERRIM_SKY_DATA_DIR"))
         return *path;
     return getExecutableFilePath().parent_path();

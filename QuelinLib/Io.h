@@ -67,8 +67,12 @@ Path temporary();
 Path getExecutableFilePath();
 /// Root of the development workspace: QUELIN_WORKSPACE_DIR, or the current folder.
 Path quelinWorkspaceDir();
-/// Installed sky-model data: FERRIM_SKY_DATA_DIR, or the program's folder.
+/// Installed sky-model data: the folder set by setPrgSkyModelData, else
+/// FERRIM_SKY_DATA_DIR, else the program's folder.
 Path prgSkyModelData();
+/// Lets a host (or the `ferrim sky --data-dir` option) name the installed
+/// sky-model data folder; an empty path returns to the default. Thread-safe.
+void setPrgSkyModelData(Path const& folder);
 } // namespace StandardPaths
 
 // ---------------------------------------------------------------- streams

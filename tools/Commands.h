@@ -28,6 +28,7 @@ void addTypesCommand(CLI::App& app);
 void addRenderCommand(CLI::App& app);
 /// `ferrim tonemap` and `ferrim unmap`.
 void addColorCommands(CLI::App& app);
+void addSkyCommand(CLI::App& app);
 
 /// A one-line progress bar on standard error; quiet when not a terminal and CI is set.
 class ProgressBar {

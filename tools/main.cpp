@@ -13,6 +13,7 @@ int main(int argc, char** argv) {
     FerrimTool::addTypesCommand(app);
     FerrimTool::addRenderCommand(app);
     FerrimTool::addColorCommands(app);
+    FerrimTool::addSkyCommand(app);
 
     Quelin::Ferrim::startup();
     int code = 0;

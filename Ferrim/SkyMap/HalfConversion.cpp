@@ -1,0 +1,183 @@
+#include "Ferrim/SkyMap/HalfConversion.h"
+#include <bit>
+#include <cstdint>
+#include <cstring>
+
+#if (defined(__GNUC__) || defined(__clang__)) && (defined(__x86_64__) || defined(__i386__))
+#define FERRIM_HALF_F16C 1
+#include <cpuid.h>
+#include <immintrin.h>
+#define FERRIM_TARGET_F16C __attribute__((target("avx,f16c")))
+#elif defined(_MSC_VER) && defined(_M_X64)
+#define FERRIM_HALF_F16C 1
+#include <immintrin.h>
+#include <intrin.h>
+#define FERRIM_TARGET_F16C
+#endif
+
+namespace Quelin {
+
+namespace {
+
+inline float halfBitsToFloat(std::uint16_t h) {
+    // Exponent and mantissa moved to their float places; the cases are picked
+    // by selects, not branches, so the loop vectorises.
+    std::uint32_t const shifted = std::uint32_t(h & 0x7FFFu) << 13;
+    std::uint32_t const exponent = shifted & 0x0F800000u;
+    std::uint32_t const normal = shifted + 0x38000000u; // re-bias 15 -> 127
+    // Infinity or NaN: maximal exponent; NaNs get the quiet bit.
+    std::uint32_t const special = shifted | 0x7F800000u | (shifted > 0x0F800000u ? 0x00400000u : 0u);
+    // Zero or subnormal: value = mantissa * 2^-24, computed exactly as
+    // (2^-14 + mantissa * 2^-24) - 2^-14.
+    float const subnormal = std::bit_cast<float>(shifted + 0x38800000u) - std::bit_cast<float>(0x38800000u);
+    std::uint32_t const magnitude =
+        exponent == 0 ? std::bit_cast<std::uint32_t>(subnormal) : (exponent == 0x0F800000u ? special : normal);
+    return std::bit_cast<float>(magnitude | (std::uint32_t(h & 0x8000u) << 16));
+}
+
+#if FERRIM_HALF_F16C
+bool detectF16c() {
+#if defined(_MSC_VER)
+    int info[4];
+    __cpuid(info, 1);
+    unsigned const ecx = unsigned(info[2]);
+#else
+    unsigned eax, ebx, ecx, edx;
+    if (!__get_cpuid(1, &eax, &ebx, &ecx, &edx))
+        return false;
+#endif
+    bool const osSavesAvx = (ecx & (1u << 27)) != 0; // OSXSAVE
+    bool const f16c = (ecx & (1u << 29)) != 0;
+    bool const avx = (ecx & (1u << 28)) != 0;
+    if (!osSavesAvx || !f16c || !avx)
+        return false;
+    // The instruction is VEX-encoded: the system must save the vector state.
+#if defined(_MSC_VER)
+    unsigned long long const xcr0 = _xgetbv(0);
+#else
+    unsigned xcr0Low, xcr0High;
+    __asm__("xgetbv" : "=a"(xcr0Low), "=d"(xcr0High) : "c"(0));
+    unsigned long long const xcr0 = xcr0Low;
+#endif
+    return (xcr0 & 6u) == 6u;
+}
+
+FERRIM_TARGET_F16C void convertF16c(std::byte const* source, float* destination, std::size_t count) {
+    std::size_t i = 0;
+    for (; i + 8 <= count; i += 8) {
+        __m128i const halves = _mm_loadu_si128(reinterpret_cast<__m128i const*>(source + 2 * i));
+        _mm256_storeu_ps(destination + i, _mm256_cvtph_ps(halves));
+    }
+    Detail::convertHalvesToFloatsPortable(source + 2 * i, destination + i, count - i);
+}
+
+/// Nine rows, eight columns at a time: the first eight rows are transposed in
+/// registers and stored as one vector per column, the ninth goes one by one.
+FERRIM_TARGET_F16C inline void convertNineColumnsF16c(std::byte const* source, std::size_t rowStride,
+                                                      float const* rowScales, float* out) {
+    __m256 r[9];
+    for (int row = 0; row < 9; ++row) {
+        r[row] = _mm256_cvtph_ps(_mm_loadu_si128(reinterpret_cast<__m128i const*>(source + row * rowStride)));
+        if (rowScales)
+            r[row] = _mm256_mul_ps(r[row], _mm256_set1_ps(rowScales[row]));
+    }
+    __m256 const t0 = _mm256_unpacklo_ps(r[0], r[1]), t1 = _mm256_unpackhi_ps(r[0], r[1]);
+    __m256 const t2 = _mm256_unpacklo_ps(r[2], r[3]), t3 = _mm256_unpackhi_ps(r[2], r[3]);
+    __m256 const t4 = _mm256_unpacklo_ps(r[4], r[5]), t5 = _mm256_unpackhi_ps(r[4], r[5]);
+    __m256 const t6 = _mm256_unpacklo_ps(r[6], r[7]), t7 = _mm256_unpackhi_ps(r[6], r[7]);
+    __m256 const s0 = _mm256_shuffle_ps(t0, t2, 0x44), s1 = _mm256_shuffle_ps(t0, t2, 0xEE);
+    __m256 const s2 = _mm256_shuffle_ps(t1, t3, 0x44), s3 = _mm256_shuffle_ps(t1, t3, 0xEE);
+    __m256 const s4 = _mm256_shuffle_ps(t4, t6, 0x44), s5 = _mm256_shuffle_ps(t4, t6, 0xEE);
+    __m256 const s6 = _mm256_shuffle_ps(t5, t7, 0x44), s7 = _mm256_shuffle_ps(t5, t7, 0xEE);
+    __m256 const columns[8] = {_mm256_permute2f128_ps(s0, s4, 0x20), _mm256_permute2f128_ps(s1, s5, 0x20),
+                               _mm256_permute2f128_ps(s2, s6, 0x20), _mm256_permute2f128_ps(s3, s7, 0x20),
+                               _mm256_permute2f128_ps(s0, s4, 0x31), _mm256_permute2f128_ps(s1, s5, 0x31),
+                               _mm256_permute2f128_ps(s2, s6, 0x31), _mm256_permute2f128_ps(s3, s7, 0x31)};
+    alignas(32) float last[8];
+    _mm256_store_ps(last, r[8]);
+    for (int c = 0; c < 8; ++c) {
+        _mm256_storeu_ps(out + c * 9, columns[c]);
+        out[c * 9 + 8] = last[c];
+    }
+}
+
+FERRIM_TARGET_F16C void convertNineRowsF16c(std::byte const* source, std::size_t rowStride, std::size_t count,
+                                            float const* rowScales, float* destination) {
+    std::size_t j = 0;
+    for (; j + 8 <= count; j += 8)
+        convertNineColumnsF16c(source + 2 * j, rowStride, rowScales, destination + j * 9);
+    if (j == count)
+        return;
+    // The last few columns go through a padded copy: no reads past the rows.
+    std::size_t const rest = count - j;
+    std::byte padded[9][16] = {};
+    for (int row = 0; row < 9; ++row)
+        std::memcpy(padded[row], source + row * rowStride + 2 * j, 2 * rest);
+    float out[72];
+    convertNineColumnsF16c(&padded[0][0], 16, rowScales, out);
+    std::memcpy(destination + j * 9, out, rest * 9 * sizeof(float));
+}
+
+bool const sHasF16c = detectF16c();
+#endif
+
+} // namespace
+
+namespace Detail {
+
+void convertHalvesToFloatsPortable(void const* source, float* destination, std::size_t count) {
+    auto const* bytes = static_cast<std::byte const*>(source);
+    for (std::size_t i = 0; i < count; ++i) {
+        std::uint16_t h;
+        std::memcpy(&h, bytes + 2 * i, 2);
+        if constexpr (std::endian::native == std::endian::big)
+            h = std::byteswap(h);
+        destination[i] = halfBitsToFloat(h);
+    }
+}
+
+void convertHalvesInterleavedPortable(void const* source, std::size_t rowStrideBytes, int rows, std::size_t count,
+                                      float const* rowScales, float* destination) {
+    auto const* bytes = static_cast<std::byte const*>(source);
+    for (int row = 0; row < rows; ++row) {
+        float const scale = rowScales ? rowScales[row] : 1.f;
+        for (std::size_t j = 0; j < count; ++j) {
+            float value;
+            convertHalvesToFloatsPortable(bytes + std::size_t(row) * rowStrideBytes + 2 * j, &value, 1);
+            destination[j * std::size_t(rows) + std::size_t(row)] = rowScales ? value * scale : value;
+        }
+    }
+}
+
+bool usesHardwareHalfConversion() {
+#if FERRIM_HALF_F16C
+    return sHasF16c;
+#else
+    return false;
+#endif
+}
+
+} // namespace Detail
+
+void convertHalvesInterleaved(void const* source, std::size_t rowStrideBytes, int rows, std::size_t count,
+                              float const* rowScales, float* destination) {
+#if FERRIM_HALF_F16C
+    if (sHasF16c && rows == 9) {
+        convertNineRowsF16c(static_cast<std::byte const*>(source), rowStrideBytes, count, rowScales, destination);
+        return;
+    }
+#endif
+    Detail::convertHalvesInterleavedPortable(source, rowStrideBytes, rows, count, rowScales, destination);
+}
+
+void convertHalvesToFloats(void const* source, float* destination, std::size_t count) {
+#if FERRIM_HALF_F16C
+    if (sHasF16c) {
+        convertF16c(static_cast<std::byte const*>(source), destination, count);
+        return;
+    }
+#endif
+    Detail::convertHalvesToFloatsPortable(source, destination, count);
+}
+
+} // namespace Quelin
