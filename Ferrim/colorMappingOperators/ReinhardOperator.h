@@ -16,6 +16,7 @@ public:
     };
     ReinhardOperator();
     SharedPtr<Entity> createNewInstance() const override;
+    void compileMapping(ColorProgramBuilder& builder) const override;
     /// max(0, (k c + 1) c / (c + 1)) with negative input taken as 0 (the raw
     /// curve has a pole at -1 and turns positive again below it).
     Float4 mapLanes(Float4 c) const {

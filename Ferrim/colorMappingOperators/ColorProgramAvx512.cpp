@@ -1,0 +1,17 @@
+// Colour-program kernels, sixteen lanes; built with AVX-512 F and DQ enabled
+// (see Ferrim/CMakeLists.txt) and only called when the processor has them.
+#if defined(__AVX512F__) && defined(__AVX512DQ__)
+#if defined(__GNUC__) && !defined(__clang__)
+// GCC 12's own AVX-512 header trips this warning on its undefined-value helpers.
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+#include "Ferrim/colorMappingOperators/ColorProgramKernelsImpl.h"
+namespace Quelin::ColorKernels {
+Table const* avx512Kernels() { return &TABLE; }
+} // namespace Quelin::ColorKernels
+#else
+#include "Ferrim/colorMappingOperators/ColorProgramKernels.h"
+namespace Quelin::ColorKernels {
+Table const* avx512Kernels() { return nullptr; }
+} // namespace Quelin::ColorKernels
+#endif

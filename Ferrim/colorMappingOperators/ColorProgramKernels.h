@@ -1,0 +1,83 @@
+#pragma once
+// The interface between a compiled colour program and its kernels. Kernels are
+// built once per instruction set (ColorProgramScalar/Sse41/Avx2/Avx512.cpp,
+// each with its own compiler flags), so this header holds plain data only:
+// nothing here may instantiate code that the wider builds would compile with
+// instructions the baseline lacks.
+#include <cstdint>
+
+namespace Quelin::ColorKernels {
+
+/// What a step does to the three colour planes. Parameters `p` per kind:
+enum class StepKind : int {
+    Scale,           ///< c *= p[0..2]
+    Affine,          ///< c = M c + t: rows of M in p[0..8], t in p[9..11]
+    Clamp,           ///< min(p[1], max(p[0], c))
+    Pow,             ///< max(c, 0)^p[0..2], the fast pow
+    SignedPow,       ///< sign(c) |c|^p[0..2]
+    AcesCurve,       ///< the ACES rational curve on each channel
+    AcesBlend,       ///< whole ACES output transform faded by p[0]: A in p[1..9], B in p[10..18]
+    Reinhard,        ///< max(0, (p[0] c + 1) c / (c + 1))
+    Filmic,          ///< H p[0], S p[1]
+    Contrast,        ///< slope p[0], scale p[1], offset p[2], low p[3], high p[4], steepening p[5] != 0
+    Saturation,      ///< offset p[0]
+    Vignette,        ///< r0 p[0], K p[1], s p[2], centre p[3..4], offset p[5..6]
+    AdvancedFilmic,  ///< contrast p[0], toe p[1], toe scale p[2], shoulder p[3], 1/white^2 p[4], desaturation p[5]
+    Curves,          ///< per channel k: table[k], xMin p[5k], xMax p[5k+1], scale p[5k+2], slopes p[5k+3..4]; size ints[0]
+    ToneCurve,       ///< table[0] as Curves' p[0..4], grey p[5], 1/grey p[6], preserve colour p[7] != 0; size ints[0]
+    Lut,             ///< see LutStep below
+    Callback,        ///< the operator's own single-colour mapping, pixel by pixel
+    Count
+};
+
+/// Parameters of a Lut step: 3D table table[0] (size ints[0], four floats an
+/// entry, red fastest), optional 1D shaper table[1] (size ints[1], three floats
+/// an entry). p: 3D index scale [0..2] and offset [3..5], 1D scale [6..8] and
+/// offset [9..11], encode exponent [12], decode exponent [13], opacity [14],
+/// tetrahedral [15] != 0, apply in sRGB [16] != 0.
+constexpr int PARAM_COUNT = 20;
+
+struct Step {
+    StepKind kind = StepKind::Callback;
+    float p[PARAM_COUNT] = {};
+    float const* table[3] = {nullptr, nullptr, nullptr};
+    int ints[2] = {0, 0};
+    /// Callback: maps rgb[0..2] in place for the pixel (x, y).
+    void (*callback)(void const* owner, float* rgb, int x, int y) = nullptr;
+    void const* owner = nullptr;
+};
+
+/// One chunk of a bucket as colour planes. Planes hold `padded` floats (the
+/// count rounded up to whole vectors; the padding is finite).
+struct Planes {
+    float* r;
+    float* g;
+    float* b;
+    float const* x;  ///< pixel positions, filled when a step needs them
+    float const* y;
+    int count;
+    int padded;
+};
+
+using StepFn = void (*)(Step const& step, Planes const& planes);
+
+/// The kernels of one instruction set.
+struct Table {
+    int lanes;
+    StepFn steps[int(StepKind::Count)];
+    /// Packed pixels of `stride` floats (3: RGB, 4: RGB and alpha) into the
+    /// planes; true when some input channel is not finite.
+    bool (*load)(float const* src, int stride, Planes const& planes);
+    /// The planes back into the pixels; the fourth float of stride 4 is kept.
+    void (*store)(Planes const& planes, float* dst, int stride);
+    /// True when some plane value is not finite.
+    bool (*anyNonFinite)(Planes const& planes);
+};
+
+/// Null where the build has no such kernels (another processor family).
+Table const* scalarKernels();
+Table const* sse41Kernels();
+Table const* avx2Kernels();
+Table const* avx512Kernels();
+
+} // namespace Quelin::ColorKernels
