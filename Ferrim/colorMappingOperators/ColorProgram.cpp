@@ -84,6 +84,7 @@ char const* kindName(StepKind kind) {
     case StepKind::Pow: return "pow";
     case StepKind::SignedPow: return "signed pow";
     case StepKind::AcesCurve: return "aces curve";
+    case StepKind::AcesTone: return "aces";
     case StepKind::AcesBlend: return "aces blend";
     case StepKind::Reinhard: return "reinhard";
     case StepKind::Filmic: return "filmic";
@@ -175,6 +176,28 @@ ColorProgram ColorProgram::compile(EntityHolder<IColorMappingOperator> const& la
             continue;
         }
         folded.push_back(std::move(e));
+    }
+    // Matrix, ACES curve, matrix, clamp: one pass (the unfaded ACES transform
+    // with whatever folded into its input matrix).
+    for (std::size_t i = 0; i + 3 < folded.size(); ++i) {
+        auto& a = folded[i];
+        if (!(a.affine && folded[i + 1].step.kind == StepKind::AcesCurve && folded[i + 2].affine &&
+              folded[i + 3].step.kind == StepKind::Clamp))
+            continue;
+        ColorProgramBuilder::Step tone;
+        tone.kind = StepKind::AcesTone;
+        for (int m = 0; m < 2; ++m) {
+            Affine const& src = folded[i + 2 * std::size_t(m)].matrix;
+            for (int r = 0; r < 3; ++r) {
+                for (int c = 0; c < 3; ++c) tone.p[12 * m + 3 * r + c] = float(src[r][c]);
+                tone.p[12 * m + 9 + r] = float(src[r][3]);
+            }
+        }
+        tone.p[24] = folded[i + 3].step.p[0];
+        tone.p[25] = folded[i + 3].step.p[1];
+        a.affine = false;
+        a.step = tone;
+        folded.erase(folded.begin() + std::ptrdiff_t(i) + 1, folded.begin() + std::ptrdiff_t(i) + 4);
     }
     for (auto& e : folded) {
         if (e.affine) {

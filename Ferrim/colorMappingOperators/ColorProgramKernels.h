@@ -16,6 +16,7 @@ enum class StepKind : int {
     Pow,             ///< max(c, 0)^p[0..2], the fast pow
     SignedPow,       ///< sign(c) |c|^p[0..2]
     AcesCurve,       ///< the ACES rational curve on each channel
+    AcesTone,        ///< Affine p[0..11], AcesCurve, Affine p[12..23], Clamp p[24..25] in one pass
     AcesBlend,       ///< whole ACES output transform faded by p[0]: A in p[1..9], B in p[10..18]
     Reinhard,        ///< max(0, (p[0] c + 1) c / (c + 1))
     Filmic,          ///< H p[0], S p[1]
@@ -35,7 +36,7 @@ enum class StepKind : int {
 /// an entry). p: 3D index scale [0..2] and offset [3..5], 1D scale [6..8] and
 /// offset [9..11], encode exponent [12], decode exponent [13], opacity [14],
 /// tetrahedral [15] != 0, apply in sRGB [16] != 0.
-constexpr int PARAM_COUNT = 20;
+constexpr int PARAM_COUNT = 28;
 
 struct Step {
     StepKind kind = StepKind::Callback;

@@ -268,13 +268,14 @@ TEST(ColorProgramShape, AffineRunsFoldIntoOneMatrixButNeverAcrossOtherSteps) {
     auto warm = [] { return makeOperator("WhiteBalanceOperator", setFloat("colorTemperature", 3500.f)); };
     auto aces = [] { return makeOperator("AcesOtOperator"); };
     auto saturation = [] { return makeOperator("SaturationOperator", setFloat("saturation", 0.5f)); };
-    // Exposure and white balance join the ACES input matrix.
-    EXPECT_EQ(stepsOf({exposure(1.f), warm(), aces()}), (Stack<String>{"affine", "aces curve", "affine", "clamp"}));
+    // Exposure and white balance join the ACES input matrix (matrix, curve,
+    // matrix and clamp then run as one "aces" pass).
+    EXPECT_EQ(stepsOf({exposure(1.f), warm(), aces()}), (Stack<String>{"aces"}));
     EXPECT_EQ(stepsOf({exposure(1.f), warm(), makeOperator("TintOperator")}), (Stack<String>{"scale"}));
     // A step that is not affine keeps the matrices on either side apart.
     EXPECT_EQ(stepsOf({exposure(1.f), saturation(), exposure(2.f)}), (Stack<String>{"scale", "saturation", "scale"}));
     EXPECT_EQ(stepsOf({exposure(1.f), makeOperator("ContrastOperator", setFloat("contrast", 2.f)), aces()}),
-              (Stack<String>{"scale", "contrast", "affine", "aces curve", "affine", "clamp"}));
+              (Stack<String>{"scale", "contrast", "aces"}));
     // Neutral operators vanish, and so do matrices that cancel.
     EXPECT_EQ(stepsOf({exposure(0.f), saturation(), makeOperator("IdentityOperator")}), (Stack<String>{"saturation"}));
     EXPECT_TRUE(ColorProgram::compile(makeOperator("IdentityOperator")).isIdentity());
@@ -286,7 +287,7 @@ TEST(ColorProgramShape, AffineRunsFoldIntoOneMatrixButNeverAcrossOtherSteps) {
 
 TEST(ColorProgramShape, DefaultMappingIsAcesThenTheDisplayPower) {
     ColorMapping mapping;
-    EXPECT_EQ(mapping.getProgram().describe(), (Stack<String>{"affine", "aces curve", "affine", "clamp", "pow"}));
+    EXPECT_EQ(mapping.getProgram().describe(), (Stack<String>{"aces", "pow"}));
     EXPECT_EQ(mapping.getProgram().getIsa(), bestWideIsa());
     // Preparing again (a new context) compiles again.
     ColorMappingContext context;
