@@ -2,12 +2,8 @@
 // Ferrim/CMakeLists.txt) and only called when the processor has both.
 #if defined(__AVX2__) && defined(__FMA__)
 #include "Ferrim/colorMappingOperators/ColorProgramKernelsImpl.h"
-namespace Quelin::ColorKernels {
-Table const* avx2Kernels() { return &TABLE; }
-} // namespace Quelin::ColorKernels
+FERRIM_DEFINE_COLOR_KERNELS(avx2Kernels)
 #else
 #include "Ferrim/colorMappingOperators/ColorProgramKernels.h"
-namespace Quelin::ColorKernels {
-Table const* avx2Kernels() { return nullptr; }
-} // namespace Quelin::ColorKernels
+FERRIM_NO_COLOR_KERNELS(avx2Kernels)
 #endif

@@ -6,12 +6,8 @@
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #endif
 #include "Ferrim/colorMappingOperators/ColorProgramKernelsImpl.h"
-namespace Quelin::ColorKernels {
-Table const* avx512Kernels() { return &TABLE; }
-} // namespace Quelin::ColorKernels
+FERRIM_DEFINE_COLOR_KERNELS(avx512Kernels)
 #else
 #include "Ferrim/colorMappingOperators/ColorProgramKernels.h"
-namespace Quelin::ColorKernels {
-Table const* avx512Kernels() { return nullptr; }
-} // namespace Quelin::ColorKernels
+FERRIM_NO_COLOR_KERNELS(avx512Kernels)
 #endif

@@ -76,9 +76,18 @@ struct Table {
 };
 
 /// Null where the build has no such kernels (another processor family).
+/// Each ISA file defines its function with one of the two macros below.
 Table const* scalarKernels();
 Table const* sse41Kernels();
 Table const* avx2Kernels();
 Table const* avx512Kernels();
 
 } // namespace Quelin::ColorKernels
+
+/// Defines `function` as returning no kernels (the file was built without the
+/// instruction set); the kernels themselves come from
+/// FERRIM_DEFINE_COLOR_KERNELS in ColorProgramKernelsImpl.h.
+#define FERRIM_NO_COLOR_KERNELS(function)                                                                              \
+    namespace Quelin::ColorKernels {                                                                                  \
+    Table const* function() { return nullptr; }                                                                       \
+    }

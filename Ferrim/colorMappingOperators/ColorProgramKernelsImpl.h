@@ -428,3 +428,9 @@ constexpr Table TABLE = makeTable();
 
 } // namespace
 } // namespace Quelin::ColorKernels
+
+/// Defines `function` as returning this file's kernels.
+#define FERRIM_DEFINE_COLOR_KERNELS(function)                                                                          \
+    namespace Quelin::ColorKernels {                                                                                  \
+    Table const* function() { return &TABLE; }                                                                        \
+    }

@@ -2,12 +2,8 @@
 #include "QuelinLib/Float4.h"
 #if QUELIN_FLOAT4_SSE
 #include "Ferrim/colorMappingOperators/ColorProgramKernelsImpl.h"
-namespace Quelin::ColorKernels {
-Table const* sse41Kernels() { return &TABLE; }
-} // namespace Quelin::ColorKernels
+FERRIM_DEFINE_COLOR_KERNELS(sse41Kernels)
 #else
 #include "Ferrim/colorMappingOperators/ColorProgramKernels.h"
-namespace Quelin::ColorKernels {
-Table const* sse41Kernels() { return nullptr; }
-} // namespace Quelin::ColorKernels
+FERRIM_NO_COLOR_KERNELS(sse41Kernels)
 #endif
