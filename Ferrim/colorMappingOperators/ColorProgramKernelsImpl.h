@@ -134,8 +134,10 @@ void acesBlendStep(Step const& s, Planes const& pl) {
 // ------------------------------------------------------------------ curves of one channel
 
 void reinhardStep(Step const& s, Planes const& pl) {
-    F const k(s.p[0]), one(1.f);
-    perChannel(pl, [&](F c, int) { return max(F(0.f), madd(k, c, one) * c / (c + one)); });
+    // (k c + 1) c / (c + 1) as c (k + (1 - k) / (c + 1)), as the operator has
+    // it: exactly c for k = 1 and no overflow of k c^2 for large c.
+    F const k(s.p[0]), oneMinusK(1.f - s.p[0]), one(1.f);
+    perChannel(pl, [&](F c, int) { return max(F(0.f), c * (k + oneMinusK / (c + one))); });
 }
 
 void filmicStep(Step const& s, Planes const& pl) {

@@ -91,7 +91,6 @@ struct OperatorCase {
     char const* name;
     char const* type;
     Setup setup;
-    bool nonNegative = false;   ///< see the Reinhard cases
     float relative = 2e-6f;     ///< operators on std::pow/log2/exp2 get the fast ones: 1e-5
     bool applyOperators = true;
 };
@@ -115,7 +114,7 @@ OperatorCase const OPERATOR_CASES[] = {
     {"exposure_min", "SimpleExposureOperator", setFloat("simpleExposure", -20.f)},
     {"exposure_off", "SimpleExposureOperator", disabled()},
     {"photographic", "PhotographicExposureOperator", {}},
-    {"photographic_not_applied", "PhotographicExposureOperator", {}, false, 2e-6f, false},
+    {"photographic_not_applied", "PhotographicExposureOperator", {}, 2e-6f, false},
     {"white_balance_warm", "WhiteBalanceOperator", setFloat("colorTemperature", 3000.f)},
     {"white_balance_cool", "WhiteBalanceOperator", setFloat("colorTemperature", 20000.f)},
     {"white_balance_off", "WhiteBalanceOperator", disabled()},
@@ -127,28 +126,25 @@ OperatorCase const OPERATOR_CASES[] = {
     {"saturation_down", "SaturationOperator", setFloat("saturation", -0.3f)},
     {"saturation_grey", "SaturationOperator", setFloat("saturation", -1.f)},
     // The contrast curves amplify rounding near black and white.
-    {"contrast_steeper", "ContrastOperator", setFloat("contrast", 2.f), false, 1e-5f},
-    {"contrast_flatter", "ContrastOperator", setFloat("contrast", 0.4f), false, 1e-5f},
+    {"contrast_steeper", "ContrastOperator", setFloat("contrast", 2.f), 1e-5f},
+    {"contrast_flatter", "ContrastOperator", setFloat("contrast", 0.4f), 1e-5f},
     {"contrast_off", "ContrastOperator", disabled()},
     {"vignette", "VignetteOperator",
      [](UnaryColorMappingOperator& op) { op.set("intensity", 0.8f), op.set("falloff", 0.5f); }},
     {"vignette_off", "VignetteOperator", disabled()},
     {"linear_to_srgb", "LinearToSrgbOperator", {}},
     {"srgb_to_linear", "SrgbToLinearOperator", {}},
-    {"srgb_to_linear_not_applied", "SrgbToLinearOperator", {}, false, 2e-6f, false},
+    {"srgb_to_linear_not_applied", "SrgbToLinearOperator", {}, 2e-6f, false},
     {"identity", "IdentityOperator", {}},
     {"aces", "AcesOtOperator", {}},
     {"aces_faded", "AcesOtOperator", setFloat("opacity", 0.4f)},
     {"aces_off", "AcesOtOperator", disabled()},
-    // Reinhard: the compiled step takes negative values through the curve as
-    // they are; the operator's own path clamps them first until its change to
-    // the same behaviour lands (pinned in ReinhardTakesNegativesThroughTheCurve).
-    {"reinhard", "ReinhardOperator", setFloat("highlightCompression", 4.f), true},
-    {"reinhard_off", "ReinhardOperator", disabled(), true},
+    {"reinhard", "ReinhardOperator", setFloat("highlightCompression", 4.f)},
+    {"reinhard_off", "ReinhardOperator", disabled()},
     {"filmic", "FilmicOperator", {}},
     {"filmic_mixed", "FilmicOperator",
      [](UnaryColorMappingOperator& op) { op.set("highlightCompression", 0.3f), op.set("richShadows", 0.8f); }},
-    {"advanced_filmic", "AdvancedFilmicOperator", {}, false, 1e-5f},
+    {"advanced_filmic", "AdvancedFilmicOperator", {}, 1e-5f},
     {"advanced_filmic_off", "AdvancedFilmicOperator", disabled()},
     {"curves", "CurvesOperator",
      [](UnaryColorMappingOperator& op) {
@@ -157,14 +153,14 @@ OperatorCase const OPERATOR_CASES[] = {
      }},
     {"tone_curve", "ToneCurveOperator",
      [](UnaryColorMappingOperator& op) { op.set("toneCurve_points", makeCurvePoints({{-8.f, -7.f}, {0.f, 0.f}, {5.f, 2.f}})); },
-     false, 1e-5f},
+     1e-5f},
     {"tone_curve_preserving", "ToneCurveOperator",
      [](UnaryColorMappingOperator& op) {
          op.set("toneCurve_points", makeCurvePoints({{-6.f, -6.5f}, {0.f, 0.f}, {6.f, 3.f}}));
          op.set("toneCurve_preserveColor", true);
      },
-     false, 1e-5f},
-    {"lut_tetrahedral_srgb", "LutOperator", lut(int(LutInterpolation::Tetrahedral), true, 1.f), false, 1e-5f},
+     1e-5f},
+    {"lut_tetrahedral_srgb", "LutOperator", lut(int(LutInterpolation::Tetrahedral), true, 1.f), 1e-5f},
     {"lut_trilinear_linear_faded", "LutOperator", lut(int(LutInterpolation::Trilinear), false, 0.6f)},
     {"lut_off", "LutOperator", disabled()},
 };
@@ -180,7 +176,7 @@ TEST_P(ColorProgramOperator, MatchesTheOperatorByOperatorPath) {
     context.imageSize = Vector2(64.f, 48.f);
     context.regionOffset = Vector2(3.f, 2.f);
     op->prepareForApplication(context);
-    expectProgramMatchesChain(op, isa, gridColours(c.nonNegative), c.relative);
+    expectProgramMatchesChain(op, isa, gridColours(), c.relative);
 }
 
 INSTANTIATE_TEST_SUITE_P(EachType, ColorProgramOperator,
@@ -212,7 +208,7 @@ TEST_P(ColorProgramIsa, RandomChainsMatchTheChain) {
     std::mt19937 rng(1234);
     Stack<std::size_t> candidates;
     for (std::size_t i = 0; i < std::size(OPERATOR_CASES); ++i)
-        if (!OPERATOR_CASES[i].nonNegative && OPERATOR_CASES[i].applyOperators) candidates.push_back(i);
+        if (OPERATOR_CASES[i].applyOperators) candidates.push_back(i);
     for (int trial = 0; trial < 12; ++trial) {
         EntityHolder<UnaryColorMappingOperator> chain;
         float relative = 2e-6f;
@@ -294,29 +290,6 @@ TEST(ColorProgramShape, DefaultMappingIsAcesThenTheDisplayPower) {
     context.applyOperators = false;
     mapping.setContext(context);
     EXPECT_TRUE(mapping.getProgram().isIdentity());
-}
-
-TEST(ColorProgramShape, ReinhardTakesNegativesThroughTheCurve) {
-    struct Case {
-        float highlight;
-        bool enabled;
-        float in, out;
-    } const cases[] = {
-        {4.f, true, 4.f, 1.f},      // the white point maps to 1
-        {4.f, true, -0.5f, 0.f},    // (k c + 1) c / (c + 1) < 0
-        {4.f, true, -2.f, 1.75f},   // k = 1/16: (-1/8 + 1)(-2) / (-1)
-        {4.f, false, -0.5f, 0.f},   // off is k = 1, still clamping at 0
-        {4.f, false, 3.f, 3.f},
-    };
-    for (Case const& c : cases) {
-        auto op = makeOperator("ReinhardOperator", [&](UnaryColorMappingOperator& o) {
-            o.set("highlightCompression", c.highlight), o.set("enabled", c.enabled);
-        });
-        op->prepareForApplication({});
-        Stack<Rgb> px = {Rgb(c.in)};
-        ColorProgram::compile(op).map(std::span<Rgb>(px), {}, Pixel(1, 1));
-        EXPECT_NEAR(px[0].g, c.out, 1e-6f) << c.in << (c.enabled ? " on" : " off");
-    }
 }
 
 TEST(ColorProgramShape, FramesRunTheProgramWithUnfoldedNonFinitePixels) {
