@@ -10,6 +10,10 @@
 #include "Ferrim/colorMappingOperators/Lut.h"
 #include "Ferrim/colorMappingOperators/LutOperator.h"
 
+#if FERRIM_HAVE_OCIO
+#include <OpenColorIO/OpenColorIO.h>
+#endif
+
 using namespace Quelin;
 
 namespace {
@@ -306,5 +310,69 @@ TEST(ColorProgramShape, FramesRunTheProgramWithUnfoldedNonFinitePixels) {
         for (int ch = 0; ch < 3; ++ch) EXPECT_TRUE(close(frame[i][ch], one[ch], 1e-6f)) << i;
     }
 }
+
+// ---------------------------------------------------------------- LUT files
+
+struct LutFileCase {
+    char const* file;
+    LutInterpolation interpolation;
+};
+
+class ColorProgramLutFile : public ::testing::TestWithParam<std::tuple<LutFileCase, WideIsa>> {
+protected:
+    EntityHolder<UnaryColorMappingOperator> lutOperator() const {
+        auto const& [c, isa] = GetParam();
+        auto op = makeOperator("LutOperator", [&](UnaryColorMappingOperator& o) {
+            o.set("path", String(FERRIM_TESTDATA_DIR) + "/lut/" + c.file);
+            o.set("lut_interpolation", int(c.interpolation));
+            o.set("lut_applyInSrgb", false);
+        });
+        op->prepareForApplication({});
+        return op;
+    }
+    static Stack<Rgb> probes() {
+        Stack<Rgb> colours = {Rgb(0.f), Rgb(1.f), Rgb(-0.5f, 1.5f, 0.2f), Rgb(2.5f, -1.f, 1.2f)};
+        std::mt19937 rng(3);
+        std::uniform_real_distribution<float> u(-0.1f, 1.1f);
+        for (int i = 0; i < 1000; ++i) colours.push_back(Rgb(u(rng), u(rng), u(rng)));
+        return colours;
+    }
+    void SetUp() override {
+        if (!isWideIsaSupported(std::get<1>(GetParam()))) GTEST_SKIP() << "not available here";
+    }
+};
+
+TEST_P(ColorProgramLutFile, MatchesTheOperatorPath) {
+    auto const op = lutOperator();
+    // A table with no 3D part has no vector form: the operator maps pixel by pixel.
+    bool const only1d = !op.cast<LutOperator>()->getLut()->lut3d;
+    EXPECT_EQ(ColorProgram::compile(op).describe(), Stack<String>{only1d ? "callback" : "lut"});
+    expectProgramMatchesChain(op, std::get<1>(GetParam()), probes(), 2e-6f);
+}
+
+#if FERRIM_HAVE_OCIO
+TEST_P(ColorProgramLutFile, StaysWithinOneHundredThousandthOfOpenColorIO) {
+    auto const& [c, isa] = GetParam();
+    namespace OCIO = OCIO_NAMESPACE;
+    auto transform = OCIO::FileTransform::Create();
+    transform->setSrc((String(FERRIM_TESTDATA_DIR) + "/lut/" + c.file).c_str());
+    transform->setInterpolation(c.interpolation == LutInterpolation::Tetrahedral ? OCIO::INTERP_TETRAHEDRAL
+                                                                                 : OCIO::INTERP_LINEAR);
+    auto cpu = OCIO::Config::CreateRaw()->getProcessor(transform)->getDefaultCPUProcessor();
+    Stack<Rgb> ours = probes(), theirs = ours;
+    ColorProgram::compile(lutOperator(), isa).map(std::span<Rgb>(ours), {}, Pixel(int(ours.size()), 1));
+    OCIO::PackedImageDesc image(reinterpret_cast<float*>(theirs.data()), long(theirs.size()), 1, 3);
+    cpu->apply(image);
+    for (std::size_t i = 0; i < ours.size(); ++i)
+        for (int ch = 0; ch < 3; ++ch) ASSERT_NEAR(ours[i][ch], theirs[i][ch], 1e-5f) << i << " channel " << ch;
+}
+#endif
+
+INSTANTIATE_TEST_SUITE_P(SharedFiles, ColorProgramLutFile,
+                         ::testing::Combine(::testing::Values(LutFileCase{"iridas_1d.cube", LutInterpolation::Trilinear},
+                                                              LutFileCase{"iridas_3d.cube", LutInterpolation::Trilinear},
+                                                              LutFileCase{"iridas_3d.cube", LutInterpolation::Tetrahedral},
+                                                              LutFileCase{"discreet-3d-lut.3dl", LutInterpolation::Tetrahedral}),
+                                            ::testing::ValuesIn(ALL_ISAS)));
 
 } // namespace
