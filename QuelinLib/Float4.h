@@ -107,6 +107,9 @@ inline Float4 gather(float const* base, Int4 index) {
     _mm_store_si128(reinterpret_cast<__m128i*>(i), index.v);
     return Float4(base[i[0]], base[i[1]], base[i[2]], base[i[3]]);
 }
+/// table[index] for indices below 8 and 32 (the AVX forms permute registers).
+inline Float4 lookup8(float const* table, Int4 index) { return gather(table, index); }
+inline Float4 lookup32(float const* table, Int4 index) { return gather(table, index); }
 /// Four packed RGB pixels (12 floats) as red, green and blue lanes, and back.
 inline void loadRgbPlanes(float const* p, Float4& r, Float4& g, Float4& b) {
     // a = r0 g0 b0 r1, c = g1 b1 r2 g2, d = b2 r3 g3 b3; each plane from two

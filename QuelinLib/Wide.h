@@ -16,7 +16,7 @@
 // when either is NaN, as SSE does), abs, sqrt, floor, select(mask, a, b),
 // madd(a, b, c) = a * b + c (fused where the ISA has FMA), rcpApprox,
 // anyLane, isNaN, truncateToInt, convertToFloat, bitsToFloat, bitsToInt,
-// gather(base, index), loadRgbPlanes/storeRgbPlanes (packed RGB <-> planes).
+// gather(base, index), lookup8/lookup32 (small tables), loadRgbPlanes/storeRgbPlanes (packed RGB <-> planes).
 #include <cmath>
 #include <cstdint>
 
@@ -76,6 +76,8 @@ inline Float1 convertToFloat(Int1 a) { return float(a.v); }
 inline Float1 bitsToFloat(Int1 a) { float f; __builtin_memcpy(&f, &a.v, 4); return f; }
 inline Int1 bitsToInt(Float1 a) { std::int32_t i; __builtin_memcpy(&i, &a.v, 4); return i; }
 inline Float1 gather(float const* base, Int1 index) { return base[index.v]; }
+inline Float1 lookup8(float const* table, Int1 index) { return table[index.v]; }
+inline Float1 lookup32(float const* table, Int1 index) { return table[index.v]; }
 inline void loadRgbPlanes(float const* p, Float1& r, Float1& g, Float1& b) { r = p[0], g = p[1], b = p[2]; }
 inline void storeRgbPlanes(float* p, Float1 r, Float1 g, Float1 b) { p[0] = r.v, p[1] = g.v, p[2] = b.v; }
 
@@ -138,6 +140,11 @@ inline Float16 convertToFloat(Int16 a) { return _mm512_cvtepi32_ps(a.v); }
 inline Float16 bitsToFloat(Int16 a) { return _mm512_castsi512_ps(a.v); }
 inline Int16 bitsToInt(Float16 a) { return _mm512_castps_si512(a.v); }
 inline Float16 gather(float const* base, Int16 index) { return _mm512_i32gather_ps(index.v, base, 4); }
+/// `table` holds 16 readable floats for lookup8, 32 for lookup32.
+inline Float16 lookup8(float const* table, Int16 index) { return _mm512_permutexvar_ps(index.v, _mm512_loadu_ps(table)); }
+inline Float16 lookup32(float const* table, Int16 index) {
+    return _mm512_permutex2var_ps(_mm512_loadu_ps(table), index.v, _mm512_loadu_ps(table + 16));
+}
 // Sixteen packed RGB pixels: lane i of a plane is float 3i (+1, +2).
 inline __m512i rgbStride() { return _mm512_mullo_epi32(_mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15), _mm512_set1_epi32(3)); }
 inline void loadRgbPlanes(float const* p, Float16& r, Float16& g, Float16& b) {
@@ -208,6 +215,18 @@ inline Float8 convertToFloat(Int8 a) { return _mm256_cvtepi32_ps(a.v); }
 inline Float8 bitsToFloat(Int8 a) { return _mm256_castsi256_ps(a.v); }
 inline Int8 bitsToInt(Float8 a) { return _mm256_castps_si256(a.v); }
 inline Float8 gather(float const* base, Int8 index) { return _mm256_i32gather_ps(base, index.v, 4); }
+// Small tables by register permutes: far cheaper than a gather.
+inline Float8 lookup8(float const* table, Int8 index) { return _mm256_permutevar8x32_ps(_mm256_loadu_ps(table), index.v); }
+inline Float8 lookup32(float const* table, Int8 index) {
+    __m256 const p0 = _mm256_permutevar8x32_ps(_mm256_loadu_ps(table), index.v);
+    __m256 const p1 = _mm256_permutevar8x32_ps(_mm256_loadu_ps(table + 8), index.v);
+    __m256 const p2 = _mm256_permutevar8x32_ps(_mm256_loadu_ps(table + 16), index.v);
+    __m256 const p3 = _mm256_permutevar8x32_ps(_mm256_loadu_ps(table + 24), index.v);
+    // Bits 3 and 4 of the index, moved to the sign bit, pick the register.
+    __m256 const bit3 = _mm256_castsi256_ps(_mm256_slli_epi32(index.v, 28));
+    __m256 const bit4 = _mm256_castsi256_ps(_mm256_slli_epi32(index.v, 27));
+    return _mm256_blendv_ps(_mm256_blendv_ps(p0, p1, bit3), _mm256_blendv_ps(p2, p3, bit3), bit4);
+}
 // Eight packed RGB pixels (24 floats) as planes: the two halves hold pixels
 // 0-3 and 4-7, transposed with the stride-3 shuffles of the SSE form.
 inline void loadRgbPlanes(float const* p, Float8& r, Float8& g, Float8& b) {

@@ -83,6 +83,7 @@ char const* kindName(StepKind kind) {
     case StepKind::Clamp: return "clamp";
     case StepKind::Pow: return "pow";
     case StepKind::SignedPow: return "signed pow";
+    case StepKind::PowFixed: return "pow";
     case StepKind::AcesCurve: return "aces curve";
     case StepKind::AcesTone: return "aces";
     case StepKind::AcesBlend: return "aces blend";
@@ -99,6 +100,48 @@ char const* kindName(StepKind kind) {
     case StepKind::Count: break;
     }
     return "?";
+}
+
+/// The tables of a PowFixed step for x^e (see ColorProgramKernels.h): the
+/// mantissa polynomial interpolates (1.5 + t)^e at the Chebyshev nodes of
+/// [-0.5, 0.5], solved for its monomial coefficients in double precision.
+/// Empty when the polynomial would miss by more than 1e-7 (exponents far
+/// from the display range): the general pow serves those.
+SharedPtr<StaticArray<float, ColorKernels::POW_TABLE_SIZE> const> powerTables(double e) {
+    constexpr int N = ColorKernels::POW_DEGREE + 1;
+    double a[N][N + 1];
+    for (int i = 0; i < N; ++i) {
+        double const x = 0.5 * std::cos(3.14159265358979323846 * (2.0 * i + 1.0) / (2.0 * N));
+        double power = 1.0;
+        for (int j = 0; j < N; ++j, power *= x) a[i][j] = power;
+        a[i][N] = std::pow(1.5 + x, e);
+    }
+    for (int col = 0; col < N; ++col) {  // Gauss-Jordan with partial pivoting
+        int pivot = col;
+        for (int row = col + 1; row < N; ++row)
+            if (std::abs(a[row][col]) > std::abs(a[pivot][col])) pivot = row;
+        std::swap(a[col], a[pivot]);
+        for (int row = 0; row < N; ++row) {
+            if (row == col) continue;
+            double const f = a[row][col] / a[col][col];
+            for (int k = col; k <= N; ++k) a[row][k] -= f * a[col][k];
+        }
+    }
+    double c[N];
+    for (int j = 0; j < N; ++j) c[j] = a[j][N] / a[j][j];
+    for (int i = 0; i <= 1000; ++i) {
+        double const t = -0.5 + i / 1000.0;
+        double p = 0.0;
+        for (int j = N - 1; j >= 0; --j) p = p * t + c[j];
+        if (!(std::abs(p / std::pow(1.5 + t, e) - 1.0) <= 1e-7)) return {};
+    }
+    auto tables = makeSharedPtr<StaticArray<float, ColorKernels::POW_TABLE_SIZE>>();
+    auto& t = *tables;
+    t.fill(0.f);
+    for (int q = 0; q < 32; ++q) t[std::size_t(q)] = float(std::exp2(double(8 * q - 127) * e));
+    for (int r = 0; r < 8; ++r) t[std::size_t(32 + r)] = float(std::exp2(double(r) * e));
+    for (int j = 0; j < N; ++j) std::fill_n(t.begin() + 48 + 16 * j, 16, float(c[j]));
+    return tables;
 }
 
 bool finite(Rgb const& c) { return std::isfinite(c.r) && std::isfinite(c.g) && std::isfinite(c.b); }
@@ -212,6 +255,18 @@ ColorProgram ColorProgram::compile(EntityHolder<IColorMappingOperator> const& la
                     e.step.p[9 + i] = float(e.matrix[i][3]);
                 }
             }
+        }
+        // One positive exponent for all three channels (the display
+        // encodings): the power from tables made here.
+        bool const power = e.step.kind == StepKind::Pow || e.step.kind == StepKind::SignedPow;
+        auto tables = power && e.step.p[0] > 0.f && e.step.p[0] == e.step.p[1] && e.step.p[0] == e.step.p[2]
+                          ? powerTables(double(e.step.p[0]))
+                          : nullptr;
+        if (tables) {
+            e.step.p[0] = e.step.kind == StepKind::SignedPow ? 1.f : 0.f;
+            e.step.kind = StepKind::PowFixed;
+            e.step.table[0] = tables->data();
+            e.keepAlive = std::move(tables);
         }
         if (e.step.kind == StepKind::Vignette || e.step.kind == StepKind::Callback) program.mNeedsPixel = true;
         BoundStep bound;

@@ -6,14 +6,16 @@
 // vector kernels the processor has (chosen when the program is compiled).
 //
 // Accuracy against the operator-by-operator path (the chain's own `map`):
-// within 2e-6 relative (with an absolute floor of 1e-6 on display values) for
-// every operator, from the fused multiply-adds of the wide builds, the folded
-// matrices and the closed form of the saturation shift; the fast pow, log2 and
-// exp2 are those of the four-lane path (QuelinLib/WideMath.h). Operators
-// whose own mapping uses the exact std::pow, std::log2 or std::exp2 (LUT
-// encoding, tone curve, advanced filmic) get the fast ones here: within 1e-5
-// relative. A pixel whose input or result is not finite (NaN, infinity) is
-// mapped again by the chain itself, so such values behave exactly as before.
+// each channel within 2e-6 of the larger of |value|, the input's largest
+// channel and 1 (fused multiply-adds of the wide builds, folded matrices, the
+// closed form of the saturation shift); 1e-5 for contrast (its curves amplify
+// rounding near black and white) and for operators whose own mapping uses the
+// exact std::pow, std::log2 or std::exp2 (LUT encoding, tone curve, advanced
+// filmic), which get the fast ones here. The fast pow, log2 and exp2 are those
+// of the four-lane path (QuelinLib/WideMath.h), so the default pipeline stays
+// within 1e-6 of single-colour mapping. A pixel whose input or result is not
+// finite (NaN, infinity) is mapped again by the chain itself, so such values
+// behave exactly as before.
 #include <span>
 
 #include "Ferrim/colorMappingOperators/ColorMappingOperator.h"

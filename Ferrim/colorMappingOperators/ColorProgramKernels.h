@@ -15,6 +15,7 @@ enum class StepKind : int {
     Clamp,           ///< min(p[1], max(p[0], c))
     Pow,             ///< max(c, 0)^p[0..2], the fast pow
     SignedPow,       ///< sign(c) |c|^p[0..2]
+    PowFixed,        ///< Pow (p[0] == 0) or SignedPow (p[0] != 0) for one exponent, from the tables of table[0]
     AcesCurve,       ///< the ACES rational curve on each channel
     AcesTone,        ///< Affine p[0..11], AcesCurve, Affine p[12..23], Clamp p[24..25] in one pass
     AcesBlend,       ///< whole ACES output transform faded by p[0]: A in p[1..9], B in p[10..18]
@@ -30,6 +31,14 @@ enum class StepKind : int {
     Callback,        ///< the operator's own single-colour mapping, pixel by pixel
     Count
 };
+
+/// Tables of a PowFixed step, for x = 2^(b - 127) m with biased exponent b
+/// and mantissa m in [1, 2): x^e = A[b >> 3] B[b & 7] P(m - 1.5), A at
+/// [0, 32), B at [32, 48) (padded), then the POW_DEGREE + 1 coefficients of P
+/// (constant first), each repeated 16 times so that any width loads it as a
+/// whole vector.
+constexpr int POW_DEGREE = 7;
+constexpr int POW_TABLE_SIZE = 48 + 16 * (POW_DEGREE + 1);
 
 /// Parameters of a Lut step: 3D table table[0] (size ints[0], four floats an
 /// entry, red fastest), optional 1D shaper table[1] (size ints[1], three floats
