@@ -107,6 +107,16 @@ inline Float4 gather(float const* base, Int4 index) {
     _mm_store_si128(reinterpret_cast<__m128i*>(i), index.v);
     return Float4(base[i[0]], base[i[1]], base[i[2]], base[i[3]]);
 }
+/// The first three of the four floats at base + index[i], as three planes
+/// (entries of tables kept as four floats each).
+inline void gatherRgb(float const* base, Int4 index, Float4& r, Float4& g, Float4& b) {
+    alignas(16) int i[4];
+    _mm_store_si128(reinterpret_cast<__m128i*>(i), index.v);
+    __m128 e0 = _mm_loadu_ps(base + i[0]), e1 = _mm_loadu_ps(base + i[1]);
+    __m128 e2 = _mm_loadu_ps(base + i[2]), e3 = _mm_loadu_ps(base + i[3]);
+    _MM_TRANSPOSE4_PS(e0, e1, e2, e3);
+    r = e0, g = e1, b = e2;
+}
 /// table[index] for indices below 8 and 32 (the AVX forms permute registers).
 inline Float4 lookup8(float const* table, Int4 index) { return gather(table, index); }
 inline Float4 lookup32(float const* table, Int4 index) { return gather(table, index); }

@@ -16,7 +16,7 @@
 // when either is NaN, as SSE does), abs, sqrt, floor, select(mask, a, b),
 // madd(a, b, c) = a * b + c (fused where the ISA has FMA), rcpApprox,
 // anyLane, isNaN, truncateToInt, convertToFloat, bitsToFloat, bitsToInt,
-// gather(base, index), lookup8/lookup32 (small tables), loadRgbPlanes/storeRgbPlanes (packed RGB <-> planes).
+// gather(base, index), gatherRgb (four-float entries), lookup8/lookup32 (small tables), loadRgbPlanes/storeRgbPlanes (packed RGB <-> planes).
 #include <cmath>
 #include <cstdint>
 
@@ -77,6 +77,9 @@ inline Float1 bitsToFloat(Int1 a) { float f; __builtin_memcpy(&f, &a.v, 4); retu
 inline Int1 bitsToInt(Float1 a) { std::int32_t i; __builtin_memcpy(&i, &a.v, 4); return i; }
 inline Float1 gather(float const* base, Int1 index) { return base[index.v]; }
 inline Float1 lookup8(float const* table, Int1 index) { return table[index.v]; }
+inline void gatherRgb(float const* base, Int1 index, Float1& r, Float1& g, Float1& b) {
+    r = base[index.v], g = base[index.v + 1], b = base[index.v + 2];
+}
 inline Float1 lookup32(float const* table, Int1 index) { return table[index.v]; }
 inline void loadRgbPlanes(float const* p, Float1& r, Float1& g, Float1& b) { r = p[0], g = p[1], b = p[2]; }
 inline void storeRgbPlanes(float* p, Float1 r, Float1 g, Float1 b) { p[0] = r.v, p[1] = g.v, p[2] = b.v; }
@@ -140,6 +143,11 @@ inline Float16 convertToFloat(Int16 a) { return _mm512_cvtepi32_ps(a.v); }
 inline Float16 bitsToFloat(Int16 a) { return _mm512_castsi512_ps(a.v); }
 inline Int16 bitsToInt(Float16 a) { return _mm512_castps_si512(a.v); }
 inline Float16 gather(float const* base, Int16 index) { return _mm512_i32gather_ps(index.v, base, 4); }
+inline void gatherRgb(float const* base, Int16 index, Float16& r, Float16& g, Float16& b) {
+    r = _mm512_i32gather_ps(index.v, base, 4);
+    g = _mm512_i32gather_ps(index.v, base + 1, 4);
+    b = _mm512_i32gather_ps(index.v, base + 2, 4);
+}
 /// `table` holds 16 readable floats for lookup8, 32 for lookup32.
 inline Float16 lookup8(float const* table, Int16 index) { return _mm512_permutexvar_ps(index.v, _mm512_loadu_ps(table)); }
 inline Float16 lookup32(float const* table, Int16 index) {
@@ -215,6 +223,21 @@ inline Float8 convertToFloat(Int8 a) { return _mm256_cvtepi32_ps(a.v); }
 inline Float8 bitsToFloat(Int8 a) { return _mm256_castsi256_ps(a.v); }
 inline Int8 bitsToInt(Float8 a) { return _mm256_castps_si256(a.v); }
 inline Float8 gather(float const* base, Int8 index) { return _mm256_i32gather_ps(base, index.v, 4); }
+// Eight four-float entries by plain loads and a transpose: on some processors
+// (AMD Zen 3) three gathers cost several times as much.
+inline void gatherRgb(float const* base, Int8 index, Float8& r, Float8& g, Float8& b) {
+    alignas(32) std::int32_t i[8];
+    _mm256_store_si256(reinterpret_cast<__m256i*>(i), index.v);
+    auto pair = [&](int k) {
+        return _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(base + i[k])), _mm_loadu_ps(base + i[k + 4]), 1);
+    };
+    __m256 const a0 = pair(0), a1 = pair(1), a2 = pair(2), a3 = pair(3);
+    __m256 const t0 = _mm256_unpacklo_ps(a0, a1), t1 = _mm256_unpackhi_ps(a0, a1);
+    __m256 const t2 = _mm256_unpacklo_ps(a2, a3), t3 = _mm256_unpackhi_ps(a2, a3);
+    r = _mm256_shuffle_ps(t0, t2, _MM_SHUFFLE(1, 0, 1, 0));
+    g = _mm256_shuffle_ps(t0, t2, _MM_SHUFFLE(3, 2, 3, 2));
+    b = _mm256_shuffle_ps(t1, t3, _MM_SHUFFLE(1, 0, 1, 0));
+}
 // Small tables by register permutes: far cheaper than a gather.
 inline Float8 lookup8(float const* table, Int8 index) { return _mm256_permutevar8x32_ps(_mm256_loadu_ps(table), index.v); }
 inline Float8 lookup32(float const* table, Int8 index) {

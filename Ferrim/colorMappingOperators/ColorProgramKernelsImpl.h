@@ -344,22 +344,26 @@ void lutStep(Step const& s, Planes const& pl) {
             I const v1 = base + truncateToInt(offMax);
             I const v2 = base + truncateToInt(dr + dg + db - offMin);
             I const v3 = base + truncateToInt(dr + dg + db);
-            F const w0 = F(1.f) - fMax, w1 = fMax - fMid, w2 = fMid - fMin;
-            for (int ch = 0; ch < 3; ++ch) {
-                float const* e = cube + ch;
-                out[ch] = madd(gather(e, v3), fMin, madd(gather(e, v2), w2, madd(gather(e, v1), w1, gather(e, base) * w0)));
+            F const w[4] = {F(1.f) - fMax, fMax - fMid, fMid - fMin, fMin};
+            I const corner[4] = {base, v1, v2, v3};
+            for (int k = 0; k < 4; ++k) {
+                F e[3];
+                gatherRgb(cube, corner[k], e[0], e[1], e[2]);
+                for (int ch = 0; ch < 3; ++ch) out[ch] = k == 0 ? e[ch] * w[0] : madd(e[ch], w[k], out[ch]);
             }
         } else {
             I const odr = truncateToInt(dr), odg = truncateToInt(dg), odb = truncateToInt(db);
-            for (int ch = 0; ch < 3; ++ch) {
-                float const* e = cube + ch;
-                auto lerp = [](F a, F b2, F w) { return madd(b2 - a, w, a); };
-                F const x00 = lerp(gather(e, base), gather(e, base + odr), f[0]);
-                F const x10 = lerp(gather(e, base + odg), gather(e, base + odg + odr), f[0]);
-                F const x01 = lerp(gather(e, base + odb), gather(e, base + odb + odr), f[0]);
-                F const x11 = lerp(gather(e, base + odb + odg), gather(e, base + odb + odg + odr), f[0]);
-                out[ch] = lerp(lerp(x00, x10, f[1]), lerp(x01, x11, f[1]), f[2]);
+            auto lerp = [](F a, F b2, F t2) { return madd(b2 - a, t2, a); };
+            // The cube's corners 000, 100, 010, 110, 001, ...: red blended first, then green, then blue.
+            F x[4][3];
+            for (int k = 0; k < 4; ++k) {
+                I const at = base + ((k & 1) ? odg : I(0)) + ((k & 2) ? odb : I(0));
+                F lo[3], hi[3];
+                gatherRgb(cube, at, lo[0], lo[1], lo[2]);
+                gatherRgb(cube, at + odr, hi[0], hi[1], hi[2]);
+                for (int ch = 0; ch < 3; ++ch) x[k][ch] = lerp(lo[ch], hi[ch], f[0]);
             }
+            for (int ch = 0; ch < 3; ++ch) out[ch] = lerp(lerp(x[0][ch], x[1][ch], f[1]), lerp(x[2][ch], x[3][ch], f[1]), f[2]);
         }
         if (inSrgb)
             for (F& x : out) x = WideMath::powApprox(max(x, zero), decode);
