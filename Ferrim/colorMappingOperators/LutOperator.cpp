@@ -1,4 +1,5 @@
 #include "Ferrim/colorMappingOperators/LutOperator.h"
+#include "Ferrim/colorMappingOperators/ColorProgram.h"
 
 #include <cmath>
 #include <filesystem>
@@ -177,6 +178,32 @@ Rgb LutOperator::unmapImpl(Rgb const& color, Flags<ColorMappingExclude> exclude)
         }
     }
     return best;
+}
+
+void LutOperator::compileMapping(ColorProgramBuilder& builder) const {
+    if (isNeutral() || !mLut) return;
+    if (!mLut->lut3d) {
+        UnaryColorMappingOperator::compileMapping(builder);  // a 1D-only table: pixel by pixel
+        return;
+    }
+    ColorProgramBuilder::Step s;
+    s.kind = ColorProgramBuilder::Kind::Lut;
+    Lut3D const& cube = *mLut->lut3d;
+    s.table[0] = cube.values.data();
+    s.ints[0] = cube.size;
+    for (int ch = 0; ch < 3; ++ch) s.p[ch] = cube.indexScale[ch], s.p[3 + ch] = cube.indexOffset[ch];
+    if (mLut->lut1d) {
+        Lut1D const& shaper = *mLut->lut1d;
+        s.table[1] = shaper.values.data();
+        s.ints[1] = shaper.size;
+        for (int ch = 0; ch < 3; ++ch) s.p[6 + ch] = shaper.indexScale[ch], s.p[9 + ch] = shaper.indexOffset[ch];
+    }
+    s.p[12] = mEncode;
+    s.p[13] = mDecode;
+    s.p[14] = mOpacity;
+    s.p[15] = mInterpolation == LutInterpolation::Tetrahedral ? 1.f : 0.f;
+    s.p[16] = mInSrgb ? 1.f : 0.f;
+    builder.append(s, mLut);
 }
 
 FERRIM_REGISTER_COLOR_OPERATOR(LutOperator, "LUT");
