@@ -5,6 +5,7 @@
 // first. Started and stopped by the library's start-up hook "Image Texture cache".
 #include "Ferrim/Export.h"
 #include "Ferrim/TextureMap/ImageTexture.h"
+#include <concepts>
 
 namespace Quelin::ImageTextureCache {
 
@@ -37,6 +38,17 @@ FERRIM_EXPORT FutureTexture getOrCreate(EntityHolder<IDataSource const> const& s
 /// Blocking: the texture, built on this thread when the loader has not got to it.
 /// An empty source gives a texture with the error "No texture source specified".
 FERRIM_EXPORT SharedPtr<ImageTexture> getOrCreate(EntityHolder<IDataSource const> const& source);
+
+/// The same for a source held as a plain shared pointer (`FileDataSource::make`).
+template <typename Source>
+requires std::derived_from<Source, IDataSource> FutureTexture getOrCreate(SharedPtr<Source> const& source,
+                                                                          Function<void(ImageTexture const&)> onReady) {
+    return getOrCreate(EntityHolder<IDataSource const>(SharedPtr<IDataSource const>(source)), std::move(onReady));
+}
+template <typename Source>
+requires std::derived_from<Source, IDataSource> SharedPtr<ImageTexture> getOrCreate(SharedPtr<Source> const& source) {
+    return getOrCreate(EntityHolder<IDataSource const>(SharedPtr<IDataSource const>(source)));
+}
 
 /// Bytes held by all ready textures (pixels and resident mip levels).
 FERRIM_EXPORT std::int64_t getMemoryUsage();

@@ -231,6 +231,8 @@ struct OffloadState {
     std::int64_t used = 0;
     std::atomic<std::int64_t> offloadingUs{0};
     std::atomic<std::int64_t> reloadingUs{0};
+    std::atomic<std::int64_t> levelsWritten{0};
+    std::atomic<std::int64_t> levelsRead{0};
 };
 
 OffloadState& state() {
@@ -393,6 +395,7 @@ int offload(ImageTexture const& texture, Io::Path const& folder) {
             }
             level.releasePixels();
             MipChainAccess::offloaded(chain).store(k + 1, std::memory_order_release);
+            state().levelsWritten.fetch_add(1);
         }
     }
     if (chain.getOffloadedCount() == 0)
@@ -427,6 +430,7 @@ void readBack(ImageTexture const& texture, int level) {
             throw Exception("EOF while reading mip map data! (" + Io::pathToUtf8(path) + ")");
         }
         in->reset();
+        state().levelsRead.fetch_add(1);
         (void)Io::removeFile(path);
         unreserve(image.getByteSize());
         MipChainAccess::offloaded(chain).store(i, std::memory_order_release);
@@ -497,13 +501,15 @@ Expected<std::true_type, String> updateCache(bool enabled, Optional<float> sizeG
 
 Stats getStats() {
     auto& s = state();
-    return {s.offloadingUs.load() / 1000, s.reloadingUs.load() / 1000};
+    return {s.offloadingUs.load() / 1000, s.reloadingUs.load() / 1000, s.levelsWritten.load(), s.levelsRead.load()};
 }
 
 void resetStats() {
     auto& s = state();
     s.offloadingUs.exchange(0);
     s.reloadingUs.exchange(0);
+    s.levelsWritten.exchange(0);
+    s.levelsRead.exchange(0);
 }
 
 String getStatsAndSaveReport() {

@@ -107,6 +107,8 @@ FERRIM_EXPORT void readBack(ImageTexture const& texture, int level);
 struct Stats {
     std::int64_t offloadingMs = 0;
     std::int64_t reloadingMs = 0;
+    std::int64_t levelsWritten = 0; ///< level files written
+    std::int64_t levelsRead = 0;    ///< level files read back
 };
 FERRIM_EXPORT Stats getStats();
 FERRIM_EXPORT void resetStats();
