@@ -30,20 +30,20 @@ std::pair<int, int> parseSize(String const& text) {
 }
 
 void run(RenderOptions const& o) {
-    String text;
     String source = "demo scene";
+    Expected<Scene> scene;
     if (o.scenePath.empty()) {
-        text = String(getDemoSceneText());
+        scene = makeDemoScene();
     } else {
         std::ifstream in(o.scenePath, std::ios::binary);
         if (!in) throw CommandError{"cannot read scene file \"" + o.scenePath + "\": no such file or not readable"};
         std::ostringstream ss;
         ss << in.rdbuf();
-        text = ss.str();
         source = o.scenePath;
+        scene = parseScene(ss.str(), source, Io::Path(o.scenePath).parent_path());
     }
-    auto scene = parseScene(text, source);
     if (!scene) throw CommandError{scene.error()};
+    if (auto loaded = loadSceneTextures(*scene, source); !loaded) throw CommandError{loaded.error()};
     if (o.samples > 0) scene->samples = o.samples;
 
     auto const [cols, rows] = gridOf(*scene);
