@@ -12,6 +12,7 @@ int main(int argc, char** argv) {
     FerrimTool::addTypesCommand(app);
     FerrimTool::addRenderCommand(app);
     FerrimTool::addColorCommands(app);
+    FerrimTool::addTexturesCommand(app);
 
     Quelin::Ferrim::startup();
     int code = 0;
