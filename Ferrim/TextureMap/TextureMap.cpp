@@ -220,7 +220,29 @@ Address addressOf(WrapMode mode) {
 
 bool isEnvironmentKind(ShadedKind kind) { return kind == ShadedKind::Environment || kind == ShadedKind::Background; }
 
-inline float clamp01(float x) { return std::fmin(std::fmax(x, 0.f), 1.f); }  // NaN gives 0
+inline float clamp01(float x) { return x > 0.f ? (x < 1.f ? x : 1.f) : 0.f; }  // NaN gives 0
+
+/// Wraps one coordinate; false when a NoTiling axis leaves [0, 1]. NaN and
+/// infinities wrap to 0 in the tiling modes, as the UV mapper's own wrap does.
+inline bool wrapAxis(float& t, WrapMode mode) {
+    switch (mode) {
+    case WrapMode::NoTiling: return t >= 0.f && t <= 1.f;
+    case WrapMode::Repeat:
+        t -= std::floor(t);
+        if (!(t >= 0.f)) t = 0.f;
+        return true;
+    case WrapMode::Mirror: {
+        // Period 2: forward over even tiles, reflected over odd ones.
+        float const a = std::fabs(t);
+        float const m = a - 2.f * std::floor(a * 0.5f), f = a - std::floor(a);
+        t = m >= 1.f ? 1.f - f : f;
+        if (!(t >= 0.f)) t = 0.f;
+        return true;
+    }
+    case WrapMode::Clamp: t = clamp01(t); return true;
+    }
+    Quelin::Detail::throwStopException("UvMapper", __LINE__);
+}
 
 RgbAlpha toRgbAlpha(Float4 c) {
     alignas(16) float v[4];
@@ -245,7 +267,9 @@ TextureMap::Evaluator::Evaluator(SharedPtr<ImageTexture const> texture, SharedPt
     checkRange(int(settings.cropMode), 2);
     checkRange(int(settings.environmentMapping), 5);
     checkRange(int(settings.environmentMode), 3);
-    mUvAddressing = {addressOf(mUvMapper->getMapping().wrapU), addressOf(mUvMapper->getMapping().wrapV)};
+    mWrapU = mUvMapper->getMapping().wrapU;
+    mWrapV = mUvMapper->getMapping().wrapV;
+    mUvAddressing = {addressOf(mWrapU), addressOf(mWrapV)};
 
     ImageTexture const& t = *mTexture;
     if (!t.hasPixels() || t.getLevelCount() < 1) {
@@ -286,21 +310,24 @@ TextureMap::Evaluator::Evaluator(SharedPtr<ImageTexture const> texture, SharedPt
     mBumpScale = 0.5f / (float(std::max(size.x, size.y)) * BumpConverterMap::STEP_FRACTION);
 }
 
-void TextureMap::Evaluator::requireResident(int level) const {
-    if (level < mTexture->getOffloadedCount()) [[unlikely]] {
-        // Second test under the lock: of several threads needing the level, one reads it back.
-        std::lock_guard lock(mTexture->getMutex());
-        if (level < mTexture->getOffloadedCount()) MipMapManager::readBack(*mTexture, level);
-    }
+[[gnu::noinline]] void TextureMap::Evaluator::readBack(int level) const {
+    // Second test under the lock: of several threads needing the level, one reads it back.
+    std::lock_guard lock(mTexture->getMutex());
+    if (level < mTexture->getOffloadedCount()) MipMapManager::readBack(*mTexture, level);
 }
 
-Float4 TextureMap::Evaluator::sampleLevel(int level, float u, float v, Addressing addressing) const {
+inline void TextureMap::Evaluator::requireResident(int level) const {
+    if (level < mTexture->getOffloadedCount()) [[unlikely]]
+        readBack(level);
+}
+
+inline Float4 TextureMap::Evaluator::sampleLevel(int level, float u, float v, Addressing addressing) const {
     Level const& l = mLevels[std::size_t(level)];
     return l.sample(l.image->getData(), l.shape, u, v, addressing, mConversion);
 }
 
-Optional<RgbAlpha> TextureMap::Evaluator::lookupWrapped(float u, float v, float du, float dv, bool filtered,
-                                                        Addressing addressing) const {
+inline Optional<RgbAlpha> TextureMap::Evaluator::findWrapped(float u, float v, float du, float dv, bool filtered,
+                                                              Addressing addressing) const {
     if (mLevels.empty()) return std::nullopt;
     if (mSettings.cropEnabled) {
         Vector2 const ll = mSettings.cropLowerLeft, ur = mSettings.cropUpperRight;
@@ -326,7 +353,8 @@ Optional<RgbAlpha> TextureMap::Evaluator::lookupWrapped(float u, float v, float 
         requireResident(0);
         c = sampleLevel(0, u, v, addressing);
     } else {
-        float const w = std::fmax(std::fmin(du, dv), 1e-8f);
+        float w = du < dv ? du : dv;
+        if (!(w >= 1e-8f)) w = 1e-8f;  // NaN too
         float const level = log2Approx(Float4(w)).x() + mTopLevel;
         if (level <= 0.f) {
             requireResident(0);
@@ -349,7 +377,7 @@ Optional<RgbAlpha> TextureMap::Evaluator::lookupWrapped(float u, float v, float 
     return toRgbAlpha(c);
 }
 
-bool TextureMap::Evaluator::usesEnvironment(IShadeContext const& context) const {
+inline bool TextureMap::Evaluator::usesEnvironment(IShadeContext const& context) const {
     switch (mSettings.environmentMode) {
     case EnvironmentMode::Environment: return true;
     case EnvironmentMode::Texture: return false;
@@ -358,7 +386,7 @@ bool TextureMap::Evaluator::usesEnvironment(IShadeContext const& context) const 
     return isEnvironmentKind(context.getShadedKind());
 }
 
-Optional<RgbAlpha> TextureMap::Evaluator::lookupEnvironment(IShadeContext const& context) const {
+Optional<RgbAlpha> TextureMap::Evaluator::findEnvironment(IShadeContext const& context) const {
     bool const filtered = context.wantsFilteredLookup();
     EnvironmentMapping const mapping = mSettings.environmentMapping;
     Addressing addressing;
@@ -392,20 +420,28 @@ Optional<RgbAlpha> TextureMap::Evaluator::lookupEnvironment(IShadeContext const&
         footprint = EnvironmentMappings::footprintPerRadian(mapping) * context.getPositionFootprint();
     }
     footprint = footprint * mSettings.blur;
-    return lookupWrapped(uv.x, uv.y, footprint.x, footprint.y, filtered, addressing);
+    return findWrapped(uv.x, uv.y, footprint.x, footprint.y, filtered, addressing);
 }
 
-Optional<RgbAlpha> TextureMap::Evaluator::lookup(IShadeContext const& context) const {
-    if (usesEnvironment(context)) return lookupEnvironment(context);
+inline Optional<RgbAlpha> TextureMap::Evaluator::find(IShadeContext const& context) const {
+    if (usesEnvironment(context)) return findEnvironment(context);
     bool const filtered = context.wantsFilteredLookup();
-    WrappedUvw const w = mUvMapper->wrap(mUvMapper->computeUvw(context));
-    if (!w.inside) return std::nullopt;
+    Pos const uvw = mUvMapper->computeUvw(context);
+    float u = uvw.x, v = uvw.y;
+    if (!wrapAxis(u, mWrapU) || !wrapAxis(v, mWrapV)) return std::nullopt;
     Dir const footprint = filtered ? mUvMapper->computeDUvw(context) : Dir();
-    return lookupWrapped(w.uvw.x, w.uvw.y, footprint.x, footprint.y, filtered, mUvAddressing);
+    return findWrapped(u, v, footprint.x, footprint.y, filtered, mUvAddressing);
+}
+
+Optional<RgbAlpha> TextureMap::Evaluator::lookup(IShadeContext const& context) const { return find(context); }
+
+Optional<RgbAlpha> TextureMap::Evaluator::lookupWrapped(float u, float v, float du, float dv, bool filtered,
+                                                        Addressing addressing) const {
+    return findWrapped(u, v, du, dv, filtered, addressing);
 }
 
 RgbAlpha TextureMap::Evaluator::evalColor(IShadeContext const& context, MapCache*) const {
-    Optional<RgbAlpha> const c = lookup(context);
+    Optional<RgbAlpha> const c = find(context);
     if (!c) return RgbAlpha(0.f, 0.f, 0.f, 0.f);
     switch (mSettings.rgbOutput) {
     case RgbOutput::Alpha: return RgbAlpha(c->alpha, c->alpha, c->alpha, c->alpha);
@@ -421,7 +457,7 @@ RgbAlpha TextureMap::Evaluator::evalColor(IShadeContext const& context, MapCache
 }
 
 MonoAlpha TextureMap::Evaluator::evalMono(IShadeContext const& context, MapCache*) const {
-    Optional<RgbAlpha> const c = lookup(context);
+    Optional<RgbAlpha> const c = find(context);
     if (!c) return MonoAlpha(0.f, 1.f);
     switch (mSettings.monoOutput) {
     case MonoOutput::Alpha: return MonoAlpha(c->alpha, 1.f);

@@ -37,6 +37,12 @@
 #include "Ferrim/TextureMap/TextureSampling.h"
 #include "Ferrim/UvMapper.h"
 
+#if defined(__GNUC__)
+#define FERRIM_TEXTURE_INTERNAL [[gnu::visibility("hidden")]]
+#else
+#define FERRIM_TEXTURE_INTERNAL
+#endif
+
 namespace Quelin {
 
 class FERRIM_EXPORT TextureMap : public IMap {
@@ -143,11 +149,18 @@ private:
         Image const* image;
     };
 
-    Float4 sampleLevel(int level, float u, float v, TextureSampling::Addressing addressing) const;
+    // The per-sample path, kept out of the library's exported symbols so that
+    // calls inside it are direct and inlined.
+    FERRIM_TEXTURE_INTERNAL Optional<RgbAlpha> find(IShadeContext const& context) const;
+    FERRIM_TEXTURE_INTERNAL Optional<RgbAlpha> findWrapped(float u, float v, float du, float dv, bool filtered,
+                                                           TextureSampling::Addressing addressing) const;
+    FERRIM_TEXTURE_INTERNAL Float4 sampleLevel(int level, float u, float v,
+                                               TextureSampling::Addressing addressing) const;
     /// Makes `level` and coarser levels resident (double-checked under the texture's mutex).
-    void requireResident(int level) const;
-    bool usesEnvironment(IShadeContext const& context) const;
-    Optional<RgbAlpha> lookupEnvironment(IShadeContext const& context) const;
+    FERRIM_TEXTURE_INTERNAL void requireResident(int level) const;
+    FERRIM_TEXTURE_INTERNAL void readBack(int level) const;
+    FERRIM_TEXTURE_INTERNAL bool usesEnvironment(IShadeContext const& context) const;
+    FERRIM_TEXTURE_INTERNAL Optional<RgbAlpha> findEnvironment(IShadeContext const& context) const;
 
     SharedPtr<ImageTexture const> mTexture;
     SharedPtr<UvMapper const> mUvMapper;
@@ -157,6 +170,7 @@ private:
     float mTopLevel = 0.f;  ///< n - 1
     TextureSampling::TexelConversion mConversion;
     StaticArray<float, 256> mTable{};  ///< 8-bit table for exponents other than 2.2
+    WrapMode mWrapU = WrapMode::Repeat, mWrapV = WrapMode::Repeat;
     TextureSampling::Addressing mUvAddressing;
     float mBumpScale = 1.f;  ///< the bump converter's scale: sets its smallest step
 };
