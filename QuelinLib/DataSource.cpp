@@ -11,14 +11,6 @@ constexpr std::uint64_t UNIDENTIFIED_FILE_VOLUME = ~std::uint64_t(0) - 1;
 
 std::atomic<std::uint64_t> sNextMemoryId{0};
 
-SharedPtr<PropertyDefinition> property(IDataObjectBuilder& b, StringView name, SharedPtr<TypeDefinition const> type,
-                                       StringView uiName, StringView description) {
-    auto p = b.addProperty(name, std::move(type));
-    p->setMetadata(Metadata::UI_NAME, String(uiName));
-    p->setMetadata(Metadata::UI_DESCRIPTION, String(description));
-    return p;
-}
-
 class Builder final : public IDataObjectBuilder {
   public:
     SharedPtr<PropertyDefinition> addProperty(StringView name, SharedPtr<TypeDefinition const> type,
@@ -27,7 +19,22 @@ class Builder final : public IDataObjectBuilder {
         mProperties.push_back(p);
         return p;
     }
+    void add(StringView name, SharedPtr<TypeDefinition const> type, StringView uiName, StringView description) {
+        auto p = addProperty(name, std::move(type));
+        p->setMetadata(Metadata::UI_NAME, String(uiName));
+        p->setMetadata(Metadata::UI_DESCRIPTION, String(description));
+    }
 };
+
+/// A source's record: where its bytes are, then "contentType".
+SharedPtr<DataObjectDefinition const> sourceDefinition(String typeName, StringView bytesName, SharedPtr<TypeDefinition const> bytesType,
+                                                       StringView bytesUiName, StringView bytesDescription,
+                                                       StringView contentTypeDescription) {
+    Builder b;
+    b.add(bytesName, std::move(bytesType), bytesUiName, bytesDescription);
+    b.add("contentType", TypeDefinition::makeString(), "Content type", contentTypeDescription);
+    return b.build(std::move(typeName));
+}
 
 /// A memory stream that keeps the bytes it reads alive.
 class SharedBytesInputStream final : public Io::InputStream {
@@ -98,13 +105,9 @@ Expected<String> decodeBase64(StringView text) {
 // ---------------------------------------------------------------- file source
 
 SharedPtr<DataObjectDefinition const> FileDataSource::Data::definition() {
-    static SharedPtr<DataObjectDefinition const> const sDefinition = [] {
-        Builder b;
-        property(b, "path", TypeDefinition::makePath(), "File", "The image file");
-        property(b, "contentType", TypeDefinition::makeString(), "Content type",
-                 "MIME type or extension of the file's format; empty: taken from the file's extension");
-        return b.build("Zatho.FileDataSource");
-    }();
+    static SharedPtr<DataObjectDefinition const> const sDefinition =
+        sourceDefinition("Zatho.FileDataSource", "path", TypeDefinition::makePath(), "File", "The image file",
+                         "MIME type or extension of the file's format; empty: taken from the file's extension");
     return sDefinition;
 }
 
@@ -162,13 +165,9 @@ String FileDataSource::getDisplayName() const { return Io::pathToUtf8(getPhysica
 // -------------------------------------------------------------- memory source
 
 SharedPtr<DataObjectDefinition const> MemoryDataSource::Data::definition() {
-    static SharedPtr<DataObjectDefinition const> const sDefinition = [] {
-        Builder b;
-        property(b, "data", TypeDefinition::makeString(), "Data", "The bytes of an image file");
-        property(b, "contentType", TypeDefinition::makeString(), "Content type",
-                 "MIME type or extension of the data's image format");
-        return b.build("Zatho.MemoryDataSource");
-    }();
+    static SharedPtr<DataObjectDefinition const> const sDefinition =
+        sourceDefinition("Zatho.MemoryDataSource", "data", TypeDefinition::makeString(), "Data", "The bytes of an image file",
+                         "MIME type or extension of the data's image format");
     return sDefinition;
 }
 

@@ -91,7 +91,10 @@ class StreamProxy final : public OIIO::Filesystem::IOProxy {
     }
     std::size_t pread(void* buffer, std::size_t size, std::int64_t offset) override {
         std::lock_guard lock(mMutex);
-        if (offset < 0 || std::size_t(offset) >= mSize || !mStream.seek(offset, Io::SeekOrigin::Begin))
+        if (offset < 0 || std::size_t(offset) >= mSize)
+            return 0;
+        // Readers mostly read on: seek only when they jump (a seek drops the file stream's buffer).
+        if (mStream.tell() != offset && !mStream.seek(offset, Io::SeekOrigin::Begin))
             return 0;
         std::size_t done = 0;
         while (done < size) {
@@ -285,12 +288,18 @@ Expected<void> checkImageSize(std::int64_t width, std::int64_t height, PixelForm
 
 Image makeImage(Io::InputStream& stream, ImageFormat format, TaskProgress& progress) {
     Decoder decoder(stream, format, progress);
-    return std::move(decoder.readLevels(false).front());
+    Stack<Image> levels = decoder.readLevels(false);
+    if (levels.empty())
+        decoder.fail("the file holds no image");
+    return std::move(levels.front());
 }
 
 Stack<Image> makeImageLevels(Io::InputStream& stream, ImageFormat format, TaskProgress& progress) {
     Decoder decoder(stream, format, progress);
-    return decoder.readLevels(true);
+    Stack<Image> levels = decoder.readLevels(true);
+    if (levels.empty())
+        decoder.fail("the file holds no image");
+    return levels;
 }
 
 } // namespace Quelin
