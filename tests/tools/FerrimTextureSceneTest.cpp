@@ -1,5 +1,5 @@
 // `ferrim render` with image textures: paths relative to the scene file, one
-// error line for a texture that does not load, the demo's texture swatches.
+// error line for a texture that does not load.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -64,12 +64,6 @@ TEST_F(FerrimTextureScene, TextureThatFailsToLoadIsOneErrorLine) {
     EXPECT_NE(mErr.find("swatch 2 (second)"), std::string::npos) << mErr;
     EXPECT_NE(mErr.find("absent.png"), std::string::npos) << mErr;
     EXPECT_FALSE(fs::exists(mDir / "r.png"));
-}
-
-TEST_F(FerrimTextureScene, DemoHasTheImageTextureSwatches) {
-    ASSERT_EQ(render("-o " + (mDir / "demo.png").string() + " --size 96x72 --samples 1"), 0) << mErr;
-    EXPECT_NE(mOut.find("image texture made in memory"), std::string::npos) << mOut;
-    EXPECT_NE(mOut.find("latitude-longitude environment"), std::string::npos) << mOut;
 }
 
 } // namespace

@@ -26,20 +26,6 @@ float sample(Image const& level, InterpolationMode mode, float u, float v, Addre
     return fn(level.getData(), shape, u, v, a, none)[0];
 }
 
-TEST(TextureSamplingFilters, TexelCentresAndRowOrder) {
-    // Value 10 * row + x; the top row is row 0 and sits at v = 1.
-    Image const level = monoLevel(4, 2, [](int x, int y) { return 10 * y + x; });
-    for (InterpolationMode mode : {InterpolationMode::Nearest, InterpolationMode::Bilinear}) {
-        EXPECT_FLOAT_EQ(sample(level, mode, 0.125f, 0.75f), 0.f);   // column 0, top row
-        EXPECT_FLOAT_EQ(sample(level, mode, 0.875f, 0.25f), 13.f);  // column 3, bottom row
-    }
-    // Nearest: u = 1 and v = 0 belong to the last column and the bottom row.
-    EXPECT_FLOAT_EQ(sample(level, InterpolationMode::Nearest, 1.f, 0.f), 13.f);
-    EXPECT_FLOAT_EQ(sample(level, InterpolationMode::Nearest, 0.f, 1.f), 0.f);
-    // Bilinear halfway between four centres.
-    EXPECT_FLOAT_EQ(sample(level, InterpolationMode::Bilinear, 0.25f, 0.5f), 5.5f);
-}
-
 struct BorderCase {
     Address address;
     InterpolationMode mode;
@@ -89,29 +75,6 @@ TEST(TextureSamplingBicubic, StaysWithinTheTexelRangeOnAStep) {
         previous = s;
     }
     EXPECT_GT(sample(level, InterpolationMode::Bicubic, 0.55f, 0.5f), 0.5f);
-}
-
-TEST(TextureSamplingConversion, EightBitTables) {
-    float const* t = gamma22Table();
-    EXPECT_NEAR(t[128], 0.21952f, 5e-6f);  // a pure power law: the sRGB curve would give 0.21586
-    EXPECT_EQ(t[0], 0.f);
-    EXPECT_EQ(t[255], 1.f);
-    auto const linear = makeTable8(1.f);
-    for (int i = 0; i < 256; ++i) ASSERT_EQ(linear[std::size_t(i)], float(i) / 255.f);
-    EXPECT_NEAR(makeTable8(2.f)[51], 0.04f, 1e-7f);
-}
-
-TEST(TextureSamplingConversion, PowerKeepsTheSignAndLeavesAlpha) {
-    Image level(Image::Descriptor(Pixel(1, 1), PixelFormat::RgbaFloat));
-    level.getPixel<PixelRgbaF>(0, 0) = {-0.5f, 0.25f, 2.f, 0.5f};
-    TexelConversion cv;
-    cv.power = 2.f;
-    auto const fn = selectSampleFunction(PixelFormat::RgbaFloat, InterpolationMode::Nearest, Conversion::Power);
-    Float4 const c = fn(level.getData(), LevelShape::of(1, 1, PixelFormat::RgbaFloat), 0.5f, 0.5f, {}, cv);
-    EXPECT_NEAR(c[0], -0.25f, 1e-5f);
-    EXPECT_NEAR(c[1], 0.0625f, 1e-6f);
-    EXPECT_NEAR(c[2], 4.f, 1e-4f);
-    EXPECT_EQ(c[3], 0.5f);
 }
 
 class TextureSamplingFormats : public ::testing::TestWithParam<PixelFormat> {};

@@ -2,7 +2,6 @@
 #include <latch>
 #include <thread>
 
-#include "Ferrim/TextureMap/ImageTextureCache.h"
 #include "Ferrim/TextureMap/MipMapManager.h"
 #include "QuelinLib/Json.h"
 #include "TextureMapTestSupport.h"
@@ -24,47 +23,49 @@ Image rampImage() {
     });
 }
 
-TEST_F(TextureMapFixture, NoTilingKeepsTheBorderAndDropsWhatIsBeyond) {
-    auto map = makeMap(write("coords.exr", coordinateImage(8, 8)));
-    map->set("interpolation", InterpolationMode::Nearest);
-    mapperOf(*map).set("wrapU", WrapMode::NoTiling);
-    auto const e = evaluatorOf(*map);
-    EXPECT_EQ(texelOf(e->evalColor(PointContext(1.f, 0.5f), nullptr)), Pixel(7, 4));
-    EXPECT_EQ(e->evalColor(PointContext(1.0001f, 0.5f), nullptr), RgbAlpha(0, 0, 0, 0));
-    EXPECT_EQ(e->evalMono(PointContext(1.0001f, 0.5f), nullptr), MonoAlpha(0, 1));
-    EXPECT_EQ(e->evalColor(PointContext(-0.0001f, 0.5f), nullptr), RgbAlpha(0, 0, 0, 0));
-    // V still repeats.
-    EXPECT_EQ(texelOf(e->evalColor(PointContext(0.5f, 1.25f), nullptr)), Pixel(4, 6));
-}
+struct LandingCase {
+    char const* what;
+    WrapMode wrapU;
+    bool placement;  ///< the image placed in (0.25, 0.25)-(0.75, 0.75)
+    float u, v;
+    Optional<Vector2> read;  ///< the bilinear coordinate read (texel centres are whole); empty: outside
+};
 
-TEST_F(TextureMapFixture, MirrorReflectsEveryOtherTile) {
-    auto map = makeMap(write("coords.exr", coordinateImage(16, 4)));
-    map->set("interpolation", InterpolationMode::Nearest);
-    mapperOf(*map).set("wrapU", WrapMode::Mirror);
-    auto const e = evaluatorOf(*map);
-    // The mapper runs a mirrored axis over two tiles (image and reflection),
-    // so channel u is half the wrapped coordinate: 1.5 wraps to 0.5, -0.25 to 0.25.
-    EXPECT_EQ(texelOf(e->evalColor(PointContext(0.75f, 0.5f), nullptr)).x, 8);
-    EXPECT_EQ(texelOf(e->evalColor(PointContext(-0.125f, 0.5f), nullptr)).x, 4);
-}
+class TextureMapLanding : public TextureMapFixture, public ::testing::WithParamInterface<LandingCase> {};
 
-TEST_F(TextureMapFixture, PlacementPutsTheImageInsideTheRectangle) {
+TEST_P(TextureMapLanding, WrapAndPlacement) {
+    LandingCase const c = GetParam();
     auto map = makeMap(write("coords.exr", coordinateImage(16, 16)));
-    map->set("transformation_enabled", true);
-    map->set("transformation_mode", TextureMap::TransformationMode::Placement);
-    map->set("transformation_lowerLeft", Vector2(0.25f, 0.25f));
-    map->set("transformation_upperRight", Vector2(0.75f, 0.75f));
+    mapperOf(*map).set("wrapU", c.wrapU);
+    if (c.placement) {
+        map->set("transformation_enabled", true);
+        map->set("transformation_mode", TextureMap::TransformationMode::Placement);
+        map->set("transformation_lowerLeft", Vector2(0.25f, 0.25f));
+        map->set("transformation_upperRight", Vector2(0.75f, 0.75f));
+    }
     auto const e = evaluatorOf(*map);
-    RgbAlpha const centre = e->evalColor(PointContext(0.5f, 0.5f), nullptr);
-    EXPECT_FLOAT_EQ(centre.r, 7.5f);  // between the two middle texels
-    EXPECT_FLOAT_EQ(centre.g, 7.5f);
-    EXPECT_EQ(e->evalColor(PointContext(0.2f, 0.5f), nullptr), RgbAlpha(0, 0, 0, 0));
-    EXPECT_EQ(e->evalColor(PointContext(0.5f, 0.8f), nullptr), RgbAlpha(0, 0, 0, 0));
-    // Clip shows the rectangle's part of the image over the whole texture.
-    map->set("transformation_mode", TextureMap::TransformationMode::Clip);
-    map->set("interpolation", InterpolationMode::Nearest);
-    EXPECT_EQ(texelOf(evaluatorOf(*map)->evalColor(PointContext(0.01f, 0.99f), nullptr)), Pixel(4, 4));
+    RgbAlpha const color = e->evalColor(PointContext(c.u, c.v), nullptr);
+    if (!c.read) {
+        EXPECT_EQ(color, RgbAlpha(0, 0, 0, 0)) << c.what;
+        EXPECT_EQ(e->evalMono(PointContext(c.u, c.v), nullptr), MonoAlpha(0, 1)) << c.what;
+        return;
+    }
+    EXPECT_FLOAT_EQ(color.r, c.read->x) << c.what;
+    EXPECT_FLOAT_EQ(color.g, c.read->y) << c.what;
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, TextureMapLanding,
+    ::testing::Values(LandingCase{"NoTiling keeps u = 1", WrapMode::NoTiling, false, 1.f, 0.5f, Vector2(15.f, 7.5f)},
+                      LandingCase{"NoTiling drops u = 1.0001", WrapMode::NoTiling, false, 1.0001f, 0.5f, {}},
+                      LandingCase{"NoTiling drops u < 0", WrapMode::NoTiling, false, -0.0001f, 0.5f, {}},
+                      // The mapper runs a mirrored axis over two tiles, so the wrapped value is twice u.
+                      LandingCase{"Mirror of 1.5 is 0.5", WrapMode::Mirror, false, 0.75f, 0.5f, Vector2(7.5f, 7.5f)},
+                      LandingCase{"Mirror of -0.25 is 0.25", WrapMode::Mirror, false, -0.125f, 0.5f, Vector2(3.5f, 7.5f)},
+                      LandingCase{"Placement: u = 0.5 is the image centre", WrapMode::Repeat, true, 0.5f, 0.5f,
+                                  Vector2(7.5f, 7.5f)},
+                      LandingCase{"Placement: u = 0.2 is outside", WrapMode::Repeat, true, 0.2f, 0.5f, {}},
+                      LandingCase{"Placement: v = 0.8 is outside", WrapMode::Repeat, true, 0.5f, 0.8f, {}}));
 
 struct LevelCase {
     float footprint;
@@ -129,6 +130,8 @@ TEST_P(TextureMapGamma, EightBitTexelsToLinearLight) {
     auto const info = map->getTextureInfo();
     ASSERT_TRUE(info.has_value());
     EXPECT_EQ(info->gamma, GetParam().custom ? GetParam().gamma : 2.2f);
+    EXPECT_EQ(info->descriptor, Image::Descriptor(Pixel(2, 2), PixelFormat::Rgba8));
+    EXPECT_TRUE(info->name.ends_with("grey.png")) << info->name;
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, TextureMapGamma,
@@ -169,11 +172,7 @@ TEST_P(TextureMapOutputs, EveryChoice) {
     map->set("alphaSource", GetParam().alpha);
     map->set("monoOutput", GetParam().mono);
     auto const e = evaluatorOf(*map);
-    RgbAlpha const c = e->evalColor(PointContext(), nullptr);
-    EXPECT_FLOAT_EQ(c.r, GetParam().color.r);
-    EXPECT_FLOAT_EQ(c.g, GetParam().color.g);
-    EXPECT_FLOAT_EQ(c.b, GetParam().color.b);
-    EXPECT_FLOAT_EQ(c.alpha, GetParam().color.alpha);
+    EXPECT_EQ(e->evalColor(PointContext(), nullptr), GetParam().color);
     EXPECT_EQ(e->evalMono(PointContext(), nullptr), MonoAlpha(GetParam().value, 1.f));
 }
 
@@ -212,54 +211,22 @@ TEST_F(TextureMapFixture, FailedTextureReportsItsErrorAndIsOutside) {
     EXPECT_EQ(map->getTextureInfo().error(), "No texture source specified");
 }
 
-TEST_F(TextureMapFixture, InfoDescribesTheImage) {
-    Io::Path const path = write("small.png", imageOf(6, 3, PixelFormat::Rgb8, [](int, int) { return RgbAlpha(); }));
-    auto const info = makeMap(path)->getTextureInfo();
-    ASSERT_TRUE(info.has_value()) << info.error();
-    EXPECT_EQ(info->descriptor, Image::Descriptor(Pixel(6, 3), PixelFormat::Rgb8));
-    EXPECT_EQ(info->name, Io::pathToUtf8(path));
-}
-
 TEST_F(TextureMapFixture, RecordLoadsFromJsonWithItsLabels) {
-    Io::Path const path = write("coords.exr", coordinateImage(4, 4));
     nlohmann::json const j = {
         {String(JSON_CLASS_KEY), "Zatho.TextureMap"},
-        {"imageSource", {{String(JSON_CLASS_KEY), "Zatho.FileDataSource"}, {"path", Io::pathToUtf8(path)}}},
-        {"interpolation", "Nearest"},
-        {"monoOutput", "Alpha"},
-        {"rgbOutput", "Alpha"},
-        {"alphaSource", "RgbIntensity"},
-        {"transformation_mode", "Placement"},
-        {"enviroMode", {{"mapping", "MirrorBall"}, {"mode", "Environment"}, {"blur", 2.5}}},
-        {"dome_radius", 40}};
+        {"imageSource", {{String(JSON_CLASS_KEY), "Zatho.FileDataSource"}, {"path", "/nowhere.png"}}},
+        {"interpolation", "Nearest"}, {"monoOutput", "Alpha"}, {"rgbOutput", "Alpha"}, {"alphaSource", "RgbIntensity"},
+        {"transformation_mode", "Placement"}, {"enviroMode", {{"mapping", "MirrorBall"}, {"mode", "Environment"}}}};
     auto loaded = entityFromJsonAs<TextureMap>(j);
     ASSERT_TRUE(loaded.has_value()) << loaded.error();
     TextureMap::Settings const s = TextureMap::Settings::fromData((*loaded)->getData());
     EXPECT_EQ(s.interpolation, InterpolationMode::Nearest);
     EXPECT_EQ(s.environmentMapping, EnvironmentMapping::MirrorBall);
-    EXPECT_EQ(s.environmentMode, TextureMap::EnvironmentMode::Environment);
-    EXPECT_EQ(s.blur, 2.5f);
-    EXPECT_EQ(s.dome.radius, 40.f);
     EXPECT_EQ(s.cropMode, TextureMap::TransformationMode::Placement);
-    EXPECT_TRUE((*loaded)->getTextureInfo().has_value());
-    // Negative blur and gamma are refused or clamped, never stored.
-    auto& map = **loaded;
-    EXPECT_FALSE(map.setValue("gamma", -1.f).has_value());
-    setEnviro(map, "blur", -3.f);
-    EXPECT_EQ(map.get<GenericDataObject>("enviroMode").get<float>("blur"), 0.f);
-}
-
-TEST_F(TextureMapFixture, BadEnumerationsStopAtSetUp) {
-    auto texture = ImageTextureCache::getOrCreate(EntityHolder<IDataSource const>(FileDataSource::make(
-        write("c.exr", coordinateImage(2, 2)))));
-    TextureMap::Settings s;
-    s.alphaSource = TextureMap::AlphaSource(7);
-    try {
-        TextureMap::Evaluator e(texture, makeSharedPtr<UvMapper>(), s);
-        FAIL() << "no stop";
-    } catch (StopException const& x) {
-        EXPECT_EQ(x.getSourceFile(), "maps/TextureMap");
-    }
+    // Negative gamma is refused, negative blur clamped.
+    EXPECT_FALSE((*loaded)->setValue("gamma", -1.f).has_value());
+    setEnviro(**loaded, "blur", -3.f);
+    EXPECT_EQ((*loaded)->get<GenericDataObject>("enviroMode").get<float>("blur"), 0.f);
 }
 
 TEST_F(TextureMapFixture, BumpOfARampAgainstFiniteDifferences) {

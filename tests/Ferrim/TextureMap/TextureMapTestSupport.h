@@ -26,6 +26,13 @@ public:
 
     PointContext() = default;
     PointContext(float u, float v) : uvw(u, v, 0.f) {}
+    /// An environment ray along `direction`.
+    static PointContext ray(Dir const& direction) {
+        PointContext c;
+        c.kind = ShadedKind::Environment;
+        c.view = direction;
+        return c;
+    }
 
     Pos getUvw(int, std::uint32_t = 0) const override { return uvw; }
     Dir getDUvw(int) const override { return dUvw; }
@@ -35,8 +42,6 @@ public:
     PrecisePos getPosition() const override { return position; }
     float getPositionFootprint() const override { return footprint; }
     Matrix33 getBumpBase(int) const override { return bumpBase; }
-    Dir getNormal() const override { return bumpBase.column(2); }
-    Pixel getImageSize() const override { return Pixel(640, 480); }
     Vector2 unprojectPoint(Optional<PrecisePos> const& p, UnprojectPoint) const override {
         unprojected = p;
         return screen;
