@@ -85,7 +85,8 @@ FERRIM_EXPORT Io::Path getOffloadDirectory();
 /// folder's disk stays free; 0 when `enabled` is false or the folder is not
 /// usable, in which case the error is "Unable to store files in the given
 /// out-of-core textures folder: " and the folder. The same budget as before
-/// changes nothing.
+/// changes nothing. Offloading frees level memory: call it between renders,
+/// not while render threads sample the cache's textures.
 FERRIM_EXPORT Expected<std::true_type, String> updateCache(bool enabled, Optional<float> sizeGiB, Optional<float> percent,
                                                           Io::Path folder);
 
