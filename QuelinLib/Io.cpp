@@ -70,7 +70,8 @@ Expected<TimeStamp> TimeStamp::fromPath(Path const& path) {
     auto const time = fs::last_write_time(path, ec);
     if (ec)
         return makeError("Could not read the time stamp of " + quoted(path) + ": " + ec.message());
-    return TimeStamp{std::int64_t(time.time_since_epoch().count())};
+    auto const size = fs::file_size(path, ec);
+    return TimeStamp{std::int64_t(time.time_since_epoch().count()), ec ? -1 : std::int64_t(size)};
 }
 
 // ------------------------------------------------------------ files and folders

@@ -32,9 +32,12 @@ struct FileId {
     std::size_t getHash() const;
 };
 
-/// Last-write time of a file, in the file system clock's ticks.
+/// Last-write time of a file, in the file system clock's ticks (full
+/// resolution), with the file's size: a rewrite within one tick of the clock
+/// that stamps files usually changes the size.
 struct TimeStamp {
     std::int64_t ticks = 0;
+    std::int64_t size = -1; // bytes; -1 when unknown
     static Expected<TimeStamp> fromPath(Path const& path);
     auto operator<=>(TimeStamp const&) const = default;
 };

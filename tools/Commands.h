@@ -29,6 +29,8 @@ void addRenderCommand(CLI::App& app);
 /// `ferrim tonemap` and `ferrim unmap`.
 void addColorCommands(CLI::App& app);
 void addSkyCommand(CLI::App& app);
+/// `ferrim textures`: the texture cache and its out-of-core report.
+void addTexturesCommand(CLI::App& app);
 
 /// A one-line progress bar on standard error; quiet when not a terminal and CI is set.
 class ProgressBar {

@@ -58,18 +58,20 @@ std::pair<int, int> renderSize(RenderOptions const& o, Scene const& scene, Strin
 }
 
 void run(RenderOptions const& o) {
-    String text;
     String source = "demo scene";
+    String text;
+    Expected<Scene> scene;
     if (o.scenePath.empty()) {
-        text = String(getDemoSceneText());
+        scene = makeDemoScene();
     } else {
         auto read = Io::readTextFile(Io::pathFromUtf8(o.scenePath), MAX_SCENE_FILE_BYTES);
         if (!read) throw CommandError{read.error()};
         text = std::move(*read);
         source = o.scenePath;
+        scene = guardMemory(source, [&] { return parseScene(text, source, Io::Path(o.scenePath).parent_path()); });
     }
-    auto scene = guardMemory(source, [&] { return parseScene(text, source); });
     if (!scene) throw CommandError{scene.error()};
+    if (auto loaded = loadSceneTextures(*scene, source); !loaded) throw CommandError{loaded.error()};
     if (o.samples > 0) scene->samples = o.samples;
     auto const size = renderSize(o, *scene, source);
     int const width = size.first, height = size.second;

@@ -14,6 +14,7 @@ int main(int argc, char** argv) {
     FerrimTool::addRenderCommand(app);
     FerrimTool::addColorCommands(app);
     FerrimTool::addSkyCommand(app);
+    FerrimTool::addTexturesCommand(app);
 
     Quelin::Ferrim::startup();
     int code = 0;
