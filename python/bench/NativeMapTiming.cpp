@@ -15,7 +15,7 @@ namespace {
 
 /// A prepared default pipeline for frames of one size, as a renderer holds it.
 class DefaultPipelineMapping {
-public:
+  public:
     DefaultPipelineMapping(int width, int height) : mWidth(width), mHeight(height), mMapping(createDefaultPipeline()) {
         ColorMappingContext context;
         context.imageSize = Vector2(float(width), float(height));
@@ -35,7 +35,7 @@ public:
         return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     }
 
-private:
+  private:
     int mWidth, mHeight;
     ColorMapping mMapping;
 };

@@ -39,7 +39,7 @@ struct FloatRows {
     float* data = nullptr;
     std::size_t rows = 0;
     std::size_t channels = 0;
-    Quelin::Stack<py::ssize_t> leadingShape;  ///< every axis but the last
+    Quelin::Stack<py::ssize_t> leadingShape; ///< every axis but the last
     bool contiguous = false;
 };
 
@@ -48,8 +48,9 @@ struct FloatRows {
 /// (H, W, 4)"), buffers that are not float32, whose last axis is not one of
 /// `channels`, whose axis count is not `ndim` (when > 0), read-only ones when
 /// `writable`, and with `requireContiguous` those that are not C-contiguous.
-FloatRows requireFloatRows(py::handle value, char const* what, char const* shape, std::initializer_list<std::size_t> channels,
-                           int ndim, bool writable, bool requireContiguous);
+FloatRows requireFloatRows(py::handle value, char const* what, char const* shape,
+                           std::initializer_list<std::size_t> channels, int ndim, bool writable,
+                           bool requireContiguous);
 
 /// A new C-contiguous float32 array of `leadingShape` + (channels,).
 py::array_t<float> newFloatArray(Quelin::Stack<py::ssize_t> const& leadingShape, std::size_t channels);

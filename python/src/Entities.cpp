@@ -16,7 +16,8 @@ String entityLabel(Entity const& e) { return "\"" + e.getClassName() + "\""; }
 
 PropertyDefinition const& findProperty(Entity const& e, String const& name) {
     PropertyDefinition const* p = e.getData().getDefinition().find(name);
-    if (!p) raisePropertyError(entityLabel(e) + " has no property \"" + name + "\"");
+    if (!p)
+        raisePropertyError(entityLabel(e) + " has no property \"" + name + "\"");
     return *p;
 }
 
@@ -24,7 +25,8 @@ py::object getProperty(Entity const& e, String const& name) {
     PropertyDefinition const& p = findProperty(e, name);
     PropertyValue const& value = e.getData().getValue(name);
     // Referenced entities come back as themselves, so edits reach the graph.
-    if (auto const* held = std::get_if<EntityHolder<Entity>>(&value)) return wrapEntity(held->getShared());
+    if (auto const* held = std::get_if<EntityHolder<Entity>>(&value))
+        return wrapEntity(held->getShared());
     return toPython(Quelin::toJson(value, p.getType()));
 }
 
@@ -35,44 +37,54 @@ void setProperty(Entity& e, String const& name, py::handle value) {
         stored = EntityHolder<Entity>(value.cast<SharedPtr<Entity>>());
     } else {
         auto converted = propertyValueFromJson(toJson(value, "property \"" + name + "\""), p);
-        if (!converted) raisePropertyError(entityLabel(e) + ": " + converted.error());
+        if (!converted)
+            raisePropertyError(entityLabel(e) + ": " + converted.error());
         stored = std::move(*converted);
     }
-    if (auto r = e.setValue(name, std::move(stored)); !r) raisePropertyError(entityLabel(e) + ": " + r.error());
+    if (auto r = e.setValue(name, std::move(stored)); !r)
+        raisePropertyError(entityLabel(e) + ": " + r.error());
 }
 
 Stack<String> propertyNames(Entity const& e) {
     Stack<String> names;
-    for (auto const& p : e.getData().getDefinition().getProperties()) names.push_back(p->getName());
+    for (auto const& p : e.getData().getDefinition().getProperties())
+        names.push_back(p->getName());
     return names;
 }
 
 py::object entityFromJsonOrRaise(nlohmann::json const& json) {
     auto entity = entityFromJson(json);
-    if (!entity) raiseError(entity.error());
+    if (!entity)
+        raiseError(entity.error());
     return wrapEntity(*entity);
 }
 
 } // namespace
 
 String resolveTypeName(String const& name) {
-    if (EntityDatabase::isRegistered(name) || DataObjects::TypeDatabase::findType(name)) return name;
+    if (EntityDatabase::isRegistered(name) || DataObjects::TypeDatabase::findType(name))
+        return name;
     String const prefixed = "Zatho." + name;
-    if (name.find('.') == String::npos && (EntityDatabase::isRegistered(prefixed) || DataObjects::TypeDatabase::findType(prefixed)))
+    if (name.find('.') == String::npos &&
+        (EntityDatabase::isRegistered(prefixed) || DataObjects::TypeDatabase::findType(prefixed)))
         return prefixed;
     return name;
 }
 
 py::object wrapEntity(SharedPtr<Entity> entity) {
-    if (!entity) return py::none();
+    if (!entity)
+        return py::none();
     // The most specific bound class, so maps and operators get their methods.
-    if (auto op = std::dynamic_pointer_cast<UnaryColorMappingOperator>(entity)) return py::cast(op);
-    if (auto map = std::dynamic_pointer_cast<IMap>(entity)) return py::cast(map);
+    if (auto op = std::dynamic_pointer_cast<UnaryColorMappingOperator>(entity))
+        return py::cast(op);
+    if (auto map = std::dynamic_pointer_cast<IMap>(entity))
+        return py::cast(map);
     return py::cast(entity);
 }
 
 void bindEntities(py::module_& m) {
-    py::class_<Entity, SharedPtr<Entity>>(m, "Entity", R"(A scene object of the library: a map, an operator, a UV mapper...
+    py::class_<Entity, SharedPtr<Entity>>(m, "Entity",
+                                          R"(A scene object of the library: a map, an operator, a UV mapper...
 
 Its parameters are properties, read and written like dict items. Values are
 plain Python data (numbers, text, lists for colours and vectors, dicts for
@@ -92,15 +104,18 @@ and raises ferrim.PropertyError naming the property when it is refused.)")
             [](Entity& e, py::dict const& values) {
                 // All or nothing: the values are checked on a copy of the record.
                 GenericDataObject record = e.getData();
-                if (auto r = fromJson(toJson(values, "values"), record); !r) raisePropertyError(r.error());
-                if (auto r = e.setData(record); !r) raisePropertyError(r.error());
+                if (auto r = fromJson(toJson(values, "values"), record); !r)
+                    raisePropertyError(r.error());
+                if (auto r = e.setData(record); !r)
+                    raisePropertyError(r.error());
             },
             py::arg("values"), "Sets several properties at once; when one is refused, none is changed.")
         .def(
             "to_dict", [](Entity const& e) { return toPython(entityToJson(e)); },
             "The entity as a dict: its type under \"@class\", its properties by name, referenced entities inline.")
         .def(
-            "to_json", [](Entity const& e, std::optional<int> indent) { return entityToJson(e).dump(indent.value_or(-1)); },
+            "to_json",
+            [](Entity const& e, std::optional<int> indent) { return entityToJson(e).dump(indent.value_or(-1)); },
             py::arg("indent") = py::none(), "The entity as JSON text (the form of scene files).")
         .def(
             "type_info", [](Entity const& e) { return toPython(Quelin::toJson(e.getData().getDefinition())); },
@@ -114,7 +129,8 @@ and raises ferrim.PropertyError naming the property when it is refused.)")
         "types",
         [] {
             py::list list;
-            for (auto const& def : DataObjects::TypeDatabase::getTypes()) list.append(toPython(Quelin::toJson(*def)));
+            for (auto const& def : DataObjects::TypeDatabase::getTypes())
+                list.append(toPython(Quelin::toJson(*def)));
             return list;
         },
         R"(Every registered data type as a dict: {"name": ..., "properties": [...]}, each property with its
@@ -124,7 +140,8 @@ and raises ferrim.PropertyError naming the property when it is refused.)")
         "type_info",
         [](String const& name) {
             auto def = DataObjects::TypeDatabase::findType(resolveTypeName(name));
-            if (!def) raiseError("unknown type \"" + name + "\"");
+            if (!def)
+                raiseError("unknown type \"" + name + "\"");
             return toPython(Quelin::toJson(*def));
         },
         py::arg("name"), "One registered type as ferrim.types lists it; the \"Zatho.\" prefix may be left out.");
@@ -134,7 +151,8 @@ and raises ferrim.PropertyError naming the property when it is refused.)")
             String const name = resolveTypeName(typeName);
             auto& factory = ColorMappingOperatorFactory::getInstance();
             // Operators come from their factory, which gives each a fresh id.
-            if (factory.containsDescriptor(name)) return wrapEntity(factory.createOperator(StringView(name)).getShared());
+            if (factory.containsDescriptor(name))
+                return wrapEntity(factory.createOperator(StringView(name)).getShared());
             auto entity = EntityDatabase::create(name);
             if (!entity) {
                 bool const isRecord = DataObjects::TypeDatabase::findType(name) != nullptr;
@@ -147,13 +165,14 @@ and raises ferrim.PropertyError naming the property when it is refused.)")
         "A new map, operator or other entity of a registered type with default values; \"NoiseMap\" stands for "
         "\"Zatho.NoiseMap\".");
     m.def(
-        "from_dict", [](py::dict const& data) { return entityFromJsonOrRaise(toJson(data, "entity")); }, py::arg("data"),
-        "An entity from its dict form (as Entity.to_dict gives it).");
+        "from_dict", [](py::dict const& data) { return entityFromJsonOrRaise(toJson(data, "entity")); },
+        py::arg("data"), "An entity from its dict form (as Entity.to_dict gives it).");
     m.def(
         "from_json",
         [](String const& text) {
             auto json = parseJson(text);
-            if (!json) raiseError(json.error());
+            if (!json)
+                raiseError(json.error());
             return entityFromJsonOrRaise(*json);
         },
         py::arg("text"), "An entity from its JSON text (as Entity.to_json gives it).");

@@ -22,7 +22,8 @@ enum class Evaluation { Color, Mono, Bump };
 
 /// An optional (..., 3) array with the same leading shape as uvw.
 Optional<FloatRows> pointAttribute(py::handle value, char const* what, FloatRows const& uvw) {
-    if (value.is_none()) return std::nullopt;
+    if (value.is_none())
+        return std::nullopt;
     FloatRows rows = requireFloatRows(value, what, "(..., 3)", {3}, 0, false, true);
     if (rows.leadingShape != uvw.leadingShape)
         throw py::value_error(String(what) + " must have one point per uvw point: shape " +
@@ -37,7 +38,8 @@ Pos posAt(float const* data, std::size_t channels, std::size_t i) {
 
 py::array_t<float> evaluate(IMap const& map, Evaluation what, py::handle uvw, py::handle position, py::handle normal,
                             float footprint) {
-    if (!(footprint >= 0.f) || !std::isfinite(footprint)) throw py::value_error("footprint must be a finite value >= 0");
+    if (!(footprint >= 0.f) || !std::isfinite(footprint))
+        throw py::value_error("footprint must be a finite value >= 0");
     FloatRows const points = requireFloatRows(uvw, "uvw", "(..., 2) or (..., 3)", {2, 3}, 0, false, true);
     Optional<FloatRows> const positions = pointAttribute(position, "position", points);
     Optional<FloatRows> const normals = pointAttribute(normal, "normal", points);
@@ -46,43 +48,49 @@ py::array_t<float> evaluate(IMap const& map, Evaluation what, py::handle uvw, py
     float* const target = out.mutable_data();
     // Built once from the record; the evaluator is immutable and shared by the workers.
     SharedPtr<IMapEvaluator> const evaluator = map.getEvaluatorImpl().evaluator;
-    py::gil_scoped_release release;
-    parallelFor(0, std::int64_t(points.rows), 1024, [&](std::int64_t begin, std::int64_t end) {
-        for (auto i = std::size_t(begin); i < std::size_t(end); ++i) {
-            ShadingPoint p;
-            p.uvw = posAt(points.data, points.channels, i);
-            p.position = positions ? posAt(positions->data, 3, i) : p.uvw;
-            if (normals) p.normal = toDir(posAt(normals->data, 3, i));
-            p.footprint = footprint;
-            PointShadeContext const context(p);
-            float* o = target + i * channels;
-            if (what == Evaluation::Color) {
-                RgbAlpha const c = evaluator->evalColor(context, nullptr);
-                o[0] = c.r, o[1] = c.g, o[2] = c.b, o[3] = c.alpha;
-            } else if (what == Evaluation::Mono) {
-                MonoAlpha const v = evaluator->evalMono(context, nullptr);
-                o[0] = v.value, o[1] = v.alpha;
-            } else {
-                Dir const d = evaluator->evalBump(context, nullptr);
-                o[0] = d.x, o[1] = d.y, o[2] = d.z;
+    {
+        py::gil_scoped_release release;
+        parallelFor(0, std::int64_t(points.rows), 1024, [&](std::int64_t begin, std::int64_t end) {
+            for (auto i = std::size_t(begin); i < std::size_t(end); ++i) {
+                ShadingPoint p;
+                p.uvw = posAt(points.data, points.channels, i);
+                p.position = positions ? posAt(positions->data, 3, i) : p.uvw;
+                if (normals)
+                    p.normal = toDir(posAt(normals->data, 3, i));
+                p.footprint = footprint;
+                PointShadeContext const context(p);
+                float* o = target + i * channels;
+                if (what == Evaluation::Color) {
+                    RgbAlpha const c = evaluator->evalColor(context, nullptr);
+                    o[0] = c.r, o[1] = c.g, o[2] = c.b, o[3] = c.alpha;
+                } else if (what == Evaluation::Mono) {
+                    MonoAlpha const v = evaluator->evalMono(context, nullptr);
+                    o[0] = v.value, o[1] = v.alpha;
+                } else {
+                    Dir const d = evaluator->evalBump(context, nullptr);
+                    o[0] = d.x, o[1] = d.y, o[2] = d.z;
+                }
             }
-        }
-    });
+        });
+    }
     return out;
 }
 
 /// The scene text and the name its errors use.
 std::pair<String, String> sceneText(py::handle scene, String const& shape) {
-    if (scene.is_none()) return {String(FerrimTool::getDemoSceneText()), "demo scene"};
+    if (scene.is_none())
+        return {String(FerrimTool::getDemoSceneText()), "demo scene"};
     if (py::isinstance<IMap>(scene)) {
         nlohmann::json const one{{"map", entityToJson(scene.cast<IMap const&>())}, {"shape", shape}};
         return {one.dump(), "map"};
     }
-    if (PyDict_Check(scene.ptr())) return {toJson(scene, "scene").dump(), "scene"};
+    if (PyDict_Check(scene.ptr()))
+        return {toJson(scene, "scene").dump(), "scene"};
     if (PyUnicode_Check(scene.ptr()) || py::hasattr(scene, "__fspath__")) {
         String const path = py::module_::import("os").attr("fspath")(scene).cast<String>();
         std::ifstream in(path, std::ios::binary);
-        if (!in) raiseError("cannot read scene file \"" + path + "\": no such file or not readable");
+        if (!in)
+            raiseError("cannot read scene file \"" + path + "\": no such file or not readable");
         std::ostringstream text;
         text << in.rdbuf();
         return {text.str(), path};
@@ -92,27 +100,34 @@ std::pair<String, String> sceneText(py::handle scene, String const& shape) {
 
 py::array_t<float> render(py::handle sceneSource, Optional<int> width, Optional<int> height, Optional<int> samples,
                           String const& shape, bool display) {
-    if (shape != "sphere" && shape != "plane") throw py::value_error("shape must be \"sphere\" or \"plane\"");
+    if (shape != "sphere" && shape != "plane")
+        throw py::value_error("shape must be \"sphere\" or \"plane\"");
     auto const [text, source] = sceneText(sceneSource, shape);
     auto scene = FerrimTool::parseScene(text, source);
-    if (!scene) raiseError(scene.error());
+    if (!scene)
+        raiseError(scene.error());
     if (samples) {
-        if (*samples < 1 || *samples > 256) throw py::value_error("samples must be from 1 to 256");
+        if (*samples < 1 || *samples > 256)
+            throw py::value_error("samples must be from 1 to 256");
         scene->samples = *samples;
     }
-    if (width.has_value() != height.has_value()) throw py::value_error("give both width and height, or neither");
+    if (width.has_value() != height.has_value())
+        throw py::value_error("give both width and height, or neither");
     auto const [columns, rows] = FerrimTool::gridOf(*scene);
     int const w = width.value_or(256 * columns), h = height.value_or(256 * rows);
-    if (w < 1 || h < 1 || w > 16384 || h > 16384) throw py::value_error("width and height must be from 1 to 16384");
+    if (w < 1 || h < 1 || w > 16384 || h > 16384)
+        throw py::value_error("width and height must be from 1 to 16384");
 
     FerrimTool::LinearImage image;
     Expected<void> mapped;
     {
         py::gil_scoped_release release;
         image = FerrimTool::renderScene(*scene, w, h, {});
-        if (display) mapped = FerrimTool::mapToDisplay(image, scene->pipeline);
+        if (display)
+            mapped = FerrimTool::mapToDisplay(image, scene->pipeline);
     }
-    if (!mapped) raiseError(mapped.error());
+    if (!mapped)
+        raiseError(mapped.error());
     // The array takes the pixels over without a copy.
     auto* pixels = new Stack<float>(std::move(image.rgba));
     py::capsule owner(pixels, [](void* p) { delete static_cast<Stack<float>*>(p); });
@@ -130,7 +145,8 @@ The points are evaluated in parallel on every core, without the interpreter lock
 } // namespace
 
 void bindMaps(py::module_& m) {
-    py::class_<IMap, Entity, SharedPtr<IMap>>(m, "Map", "A texture map: an entity that gives a colour, a value and a bump.")
+    py::class_<IMap, Entity, SharedPtr<IMap>>(m, "Map",
+                                              "A texture map: an entity that gives a colour, a value and a bump.")
         .def(
             "eval_color",
             [](IMap const& map, py::handle uvw, py::handle position, py::handle normal, float footprint) {
@@ -154,7 +170,8 @@ void bindMaps(py::module_& m) {
             },
             py::arg("uvw"), py::arg("position") = py::none(), py::arg("normal") = py::none(), py::kw_only(),
             py::arg("footprint") = 0.f,
-            (String("The map's bump perturbation of the normal at each point: an array (..., 3).") + EVAL_DOC_TAIL).c_str());
+            (String("The map's bump perturbation of the normal at each point: an array (..., 3).") + EVAL_DOC_TAIL)
+                .c_str());
 
     m.def("render", &render, py::arg("scene") = py::none(), py::kw_only(), py::arg("width") = py::none(),
           py::arg("height") = py::none(), py::arg("samples") = py::none(), py::arg("shape") = "sphere",

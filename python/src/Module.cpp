@@ -20,12 +20,14 @@ String typeNameOf(py::handle value) { return py::str(py::type::handle_of(value).
 
 String shapeText(py::buffer_info const& info) {
     String s = "(";
-    for (std::size_t i = 0; i < info.shape.size(); ++i) s += (i ? ", " : "") + std::to_string(info.shape[i]);
+    for (std::size_t i = 0; i < info.shape.size(); ++i)
+        s += (i ? ", " : "") + std::to_string(info.shape[i]);
     return s + (info.shape.size() == 1 ? ",)" : ")");
 }
 
 bool isFloat32(py::buffer_info const& info) {
-    if (info.itemsize != 4) return false;
+    if (info.itemsize != 4)
+        return false;
     String const& f = info.format;
     return f == "f" || ((f == "<f" || f == "=f") && std::endian::native == std::endian::little);
 }
@@ -34,7 +36,8 @@ bool isCContiguous(py::buffer_info const& info) {
     py::ssize_t expected = info.itemsize;
     for (std::size_t i = info.shape.size(); i-- > 0;) {
         // An axis of length 1 may carry any stride.
-        if (info.shape[i] != 1 && info.strides[i] != expected) return false;
+        if (info.shape[i] != 1 && info.strides[i] != expected)
+            return false;
         expected *= info.shape[i];
     }
     return true;
@@ -48,12 +51,14 @@ void createExceptions(py::module_& m) {
     gPropertyError = PyErr_NewExceptionWithDoc(
         "ferrim.PropertyError", "A property does not exist or refused a value; the message names the property.",
         bases.ptr(), nullptr);
-    if (!gError || !gPropertyError) throw py::error_already_set();
+    if (!gError || !gPropertyError)
+        throw py::error_already_set();
     m.attr("Error") = py::handle(gError);
     m.attr("PropertyError") = py::handle(gPropertyError);
     py::register_exception_translator([](std::exception_ptr p) {
         try {
-            if (p) std::rethrow_exception(p);
+            if (p)
+                std::rethrow_exception(p);
         } catch (Quelin::Exception const& e) {
             PyErr_SetString(gError, e.what());
         }
@@ -73,37 +78,53 @@ void raisePropertyError(String const& message) {
 py::object toPython(nlohmann::json const& value) {
     using T = nlohmann::json::value_t;
     switch (value.type()) {
-    case T::null: return py::none();
-    case T::boolean: return py::bool_(value.get<bool>());
-    case T::number_integer: return py::int_(value.get<std::int64_t>());
-    case T::number_unsigned: return py::int_(value.get<std::uint64_t>());
-    case T::number_float: return py::float_(value.get<double>());
-    case T::string: return py::str(value.get_ref<String const&>());
+    case T::null:
+        return py::none();
+    case T::boolean:
+        return py::bool_(value.get<bool>());
+    case T::number_integer:
+        return py::int_(value.get<std::int64_t>());
+    case T::number_unsigned:
+        return py::int_(value.get<std::uint64_t>());
+    case T::number_float:
+        return py::float_(value.get<double>());
+    case T::string:
+        return py::str(value.get_ref<String const&>());
     case T::array: {
         py::list list;
-        for (auto const& item : value) list.append(toPython(item));
+        for (auto const& item : value)
+            list.append(toPython(item));
         return list;
     }
     case T::object: {
         py::dict dict;
-        for (auto const& [key, item] : value.items()) dict[py::str(key)] = toPython(item);
+        for (auto const& [key, item] : value.items())
+            dict[py::str(key)] = toPython(item);
         return dict;
     }
-    default: return py::none();
+    default:
+        return py::none();
     }
 }
 
 nlohmann::json toJson(py::handle value, String const& what) {
-    if (value.is_none()) return nullptr;
-    if (PyBool_Check(value.ptr())) return value.cast<bool>();
-    if (PyLong_Check(value.ptr())) return value.cast<std::int64_t>();
-    if (PyFloat_Check(value.ptr())) return value.cast<double>();
-    if (PyUnicode_Check(value.ptr())) return value.cast<String>();
-    if (py::isinstance<Quelin::Entity>(value)) return Quelin::entityToJson(value.cast<Quelin::Entity const&>());
+    if (value.is_none())
+        return nullptr;
+    if (PyBool_Check(value.ptr()))
+        return value.cast<bool>();
+    if (PyLong_Check(value.ptr()))
+        return value.cast<std::int64_t>();
+    if (PyFloat_Check(value.ptr()))
+        return value.cast<double>();
+    if (PyUnicode_Check(value.ptr()))
+        return value.cast<String>();
+    if (py::isinstance<Quelin::Entity>(value))
+        return Quelin::entityToJson(value.cast<Quelin::Entity const&>());
     if (PyDict_Check(value.ptr())) {
         nlohmann::json object = nlohmann::json::object();
         for (auto const& [key, item] : py::reinterpret_borrow<py::dict>(value)) {
-            if (!PyUnicode_Check(key.ptr())) throw py::type_error(what + ": keys must be text, not " + typeNameOf(key));
+            if (!PyUnicode_Check(key.ptr()))
+                throw py::type_error(what + ": keys must be text, not " + typeNameOf(key));
             String const name = key.cast<String>();
             object[name] = toJson(item, what + "[\"" + name + "\"]");
         }
@@ -112,18 +133,23 @@ nlohmann::json toJson(py::handle value, String const& what) {
     if (PyList_Check(value.ptr()) || PyTuple_Check(value.ptr())) {
         nlohmann::json array = nlohmann::json::array();
         std::size_t i = 0;
-        for (auto const& item : value) array.push_back(toJson(item, what + "[" + std::to_string(i++) + "]"));
+        for (auto const& item : value)
+            array.push_back(toJson(item, what + "[" + std::to_string(i++) + "]"));
         return array;
     }
     // numpy arrays and scalars become lists and plain numbers.
-    if (py::hasattr(value, "tolist") && py::hasattr(value, "dtype")) return toJson(value.attr("tolist")(), what);
-    if (PyIndex_Check(value.ptr())) return py::int_(py::reinterpret_borrow<py::object>(value)).cast<std::int64_t>();
-    if (py::hasattr(value, "__float__")) return py::float_(py::reinterpret_borrow<py::object>(value)).cast<double>();
+    if (py::hasattr(value, "tolist") && py::hasattr(value, "dtype"))
+        return toJson(value.attr("tolist")(), what);
+    if (PyIndex_Check(value.ptr()))
+        return py::int_(py::reinterpret_borrow<py::object>(value)).cast<std::int64_t>();
+    if (py::hasattr(value, "__float__"))
+        return py::float_(py::reinterpret_borrow<py::object>(value)).cast<double>();
     throw py::type_error(what + " cannot hold a value of type " + typeNameOf(value));
 }
 
-FloatRows requireFloatRows(py::handle value, char const* what, char const* shape, std::initializer_list<std::size_t> channels,
-                           int ndim, bool writable, bool requireContiguous) {
+FloatRows requireFloatRows(py::handle value, char const* what, char const* shape,
+                           std::initializer_list<std::size_t> channels, int ndim, bool writable,
+                           bool requireContiguous) {
     String const name(what);
     if (!PyObject_CheckBuffer(value.ptr()))
         throw py::type_error(name + " must be a float32 numpy array of shape " + shape + ", not " + typeNameOf(value));
@@ -131,16 +157,19 @@ FloatRows requireFloatRows(py::handle value, char const* what, char const* shape
     try {
         rows.info = py::reinterpret_borrow<py::buffer>(value).request(writable);
     } catch (py::error_already_set& e) {
-        if (!writable || !e.matches(PyExc_BufferError)) throw;
+        if (!writable || !e.matches(PyExc_BufferError))
+            throw;
         throw py::value_error(name + " is read-only; map it into a new array (in_place=False) instead");
     }
     py::buffer_info const& info = rows.info;
     if (!isFloat32(info)) {
-        String got = py::hasattr(value, "dtype") ? String(py::str(value.attr("dtype"))) : "format '" + info.format + "'";
-        throw py::type_error(name + " must hold float32 values, not " + got + "; convert it with .astype(numpy.float32)");
+        String got =
+            py::hasattr(value, "dtype") ? String(py::str(value.attr("dtype"))) : "format '" + info.format + "'";
+        throw py::type_error(name + " must hold float32 values, not " + got +
+                             "; convert it with .astype(numpy.float32)");
     }
-    bool const channelsOk = info.ndim >= 1 && std::find(channels.begin(), channels.end(), std::size_t(info.shape.back())) !=
-                                                  channels.end();
+    bool const channelsOk =
+        info.ndim >= 1 && std::find(channels.begin(), channels.end(), std::size_t(info.shape.back())) != channels.end();
     if (!channelsOk || (ndim > 0 && info.ndim != ndim))
         throw py::value_error(name + " must have shape " + shape + ", not " + shapeText(info));
     if (reinterpret_cast<std::uintptr_t>(info.ptr) % alignof(float) != 0)
@@ -152,7 +181,8 @@ FloatRows requireFloatRows(py::handle value, char const* what, char const* shape
     rows.channels = std::size_t(info.shape.back());
     rows.leadingShape.assign(info.shape.begin(), info.shape.end() - 1);
     rows.rows = 1;
-    for (py::ssize_t n : rows.leadingShape) rows.rows *= std::size_t(n);
+    for (py::ssize_t n : rows.leadingShape)
+        rows.rows *= std::size_t(n);
     return rows;
 }
 
@@ -176,7 +206,8 @@ PYBIND11_MODULE(_ferrim, m) {
     m.def(
         "_shutdown",
         [] {
-            if (!gStarted) return;
+            if (!gStarted)
+                return;
             gStarted = false;
             Quelin::Ferrim::shutdown();
         },

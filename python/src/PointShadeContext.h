@@ -19,11 +19,12 @@ struct ShadingPoint {
 /// x and v along y, projected onto the plane of the normal, so a normal of
 /// (0, 0, 1) gives the frame of a flat plane in xy.
 class PointShadeContext final : public Quelin::NullShadeContext {
-public:
+  public:
     explicit PointShadeContext(ShadingPoint const& p) : mP(p) {
         using Quelin::Dir;
         Dir t = Dir(1.f, 0.f, 0.f) - mP.normal * mP.normal.x;
-        if (Quelin::length(t) < 1e-6f) t = Dir(0.f, 1.f, 0.f) - mP.normal * mP.normal.y;
+        if (Quelin::length(t) < 1e-6f)
+            t = Dir(0.f, 1.f, 0.f) - mP.normal * mP.normal.y;
         mDpDu = Quelin::normalize(t);
         mDpDv = Quelin::cross(mP.normal, mDpDu);
     }
@@ -41,7 +42,7 @@ public:
     float getPositionFootprint() const override { return mP.footprint; }
     bool wantsFilteredLookup() const override { return mP.footprint > 0.f; }
 
-private:
+  private:
     ShadingPoint const& mP;
     Quelin::Dir mDpDu, mDpDv;
 };

@@ -19,18 +19,26 @@ namespace {
 ColorMappingOperatorFactory& factory() { return ColorMappingOperatorFactory::getInstance(); }
 
 constexpr std::pair<char const*, ColorMappingExclude> EXCLUDE_STAGES[] = {
-    {"Exposure", ColorMappingExclude::Exposure},       {"WhiteBalance", ColorMappingExclude::WhiteBalance},
-    {"GreenMagentaTint", ColorMappingExclude::GreenMagentaTint}, {"Saturation", ColorMappingExclude::Saturation},
-    {"Reinhard", ColorMappingExclude::Reinhard},       {"Filmic", ColorMappingExclude::Filmic},
-    {"Contrast", ColorMappingExclude::Contrast},       {"Lut", ColorMappingExclude::Lut},
-    {"Tint", ColorMappingExclude::Tint},               {"SrgbConversion", ColorMappingExclude::SrgbConversion},
-    {"Curves", ColorMappingExclude::Curves},           {"AdvancedFilmic", ColorMappingExclude::AdvancedFilmic},
-    {"ToneCurve", ColorMappingExclude::ToneCurve},     {"AcesOt", ColorMappingExclude::AcesOt},
+    {"Exposure", ColorMappingExclude::Exposure},
+    {"WhiteBalance", ColorMappingExclude::WhiteBalance},
+    {"GreenMagentaTint", ColorMappingExclude::GreenMagentaTint},
+    {"Saturation", ColorMappingExclude::Saturation},
+    {"Reinhard", ColorMappingExclude::Reinhard},
+    {"Filmic", ColorMappingExclude::Filmic},
+    {"Contrast", ColorMappingExclude::Contrast},
+    {"Lut", ColorMappingExclude::Lut},
+    {"Tint", ColorMappingExclude::Tint},
+    {"SrgbConversion", ColorMappingExclude::SrgbConversion},
+    {"Curves", ColorMappingExclude::Curves},
+    {"AdvancedFilmic", ColorMappingExclude::AdvancedFilmic},
+    {"ToneCurve", ColorMappingExclude::ToneCurve},
+    {"AcesOt", ColorMappingExclude::AcesOt},
 };
 
 String foldName(String s) {
     std::erase_if(s, [](char c) { return c == '_' || c == '-' || c == ' '; });
-    for (char& c : s) c = char(std::tolower(static_cast<unsigned char>(c)));
+    for (char& c : s)
+        c = char(std::tolower(static_cast<unsigned char>(c)));
     return s;
 }
 
@@ -43,10 +51,12 @@ std::uint32_t excludeBitsOf(py::handle item) {
     }
     if (PyUnicode_Check(item.ptr())) {
         String const name = foldName(item.cast<String>());
-        if (name == "all") return COLOR_MAPPING_EXCLUDE_ALL;
+        if (name == "all")
+            return COLOR_MAPPING_EXCLUDE_ALL;
         String known;
         for (auto const& [label, value] : EXCLUDE_STAGES) {
-            if (foldName(label) == name) return std::uint32_t(value);
+            if (foldName(label) == name)
+                return std::uint32_t(value);
             known += (known.empty() ? "" : ", ") + String(label);
         }
         throw py::value_error("exclude: unknown stage \"" + item.cast<String>() + "\" (one of " + known + ", all)");
@@ -57,11 +67,13 @@ std::uint32_t excludeBitsOf(py::handle item) {
 /// None, an int (ferrim.Exclude is one), one name, or an iterable of names and values.
 Flags<ColorMappingExclude> parseExclude(py::handle exclude) {
     std::uint32_t bits = 0;
-    if (exclude.is_none()) return {};
+    if (exclude.is_none())
+        return {};
     if (PyUnicode_Check(exclude.ptr()) || PyLong_Check(exclude.ptr()))
         bits = excludeBitsOf(exclude);
     else
-        for (auto const& item : py::iter(exclude)) bits |= excludeBitsOf(item);
+        for (auto const& item : py::iter(exclude))
+            bits |= excludeBitsOf(item);
     return Flags<ColorMappingExclude>::fromBits(bits);
 }
 
@@ -72,7 +84,8 @@ bool sameContext(ColorMappingContext const& a, ColorMappingContext const& b) {
 }
 
 void warn(String const& message) {
-    if (PyErr_WarnEx(PyExc_UserWarning, message.c_str(), 2) < 0) throw py::error_already_set();
+    if (PyErr_WarnEx(PyExc_UserWarning, message.c_str(), 2) < 0)
+        throw py::error_already_set();
 }
 
 /// The user's list of operators, first first, and the preparation settings.
@@ -80,20 +93,23 @@ void warn(String const& message) {
 /// editing an operator from another thread never races with a mapping, and
 /// the next call sees the edit.
 class Pipeline {
-public:
+  public:
     Stack<EntityHolder<UnaryColorMappingOperator>> operators;
     CommonColorMappingContext context;
 
     static Pipeline fromChain(EntityHolder<const IColorMappingOperator> chain) {
         Pipeline p;
         for (auto const& record : convertPipelineToDataObjects(chain, HiddenItemsTreatment::Skip))
-            if (auto op = factory().createOperator(record)) p.operators.push_back(op);
+            if (auto op = factory().createOperator(record))
+                p.operators.push_back(op);
         return p;
     }
 
     static Pipeline fromLoaded(Expected<LoadedPipeline> loaded) {
-        if (!loaded) raiseError(loaded.error());
-        if (!loaded->warning.empty()) warn(loaded->warning);
+        if (!loaded)
+            raiseError(loaded.error());
+        if (!loaded->warning.empty())
+            warn(loaded->warning);
         return fromChain(loaded->pipeline);
     }
 
@@ -115,8 +131,10 @@ public:
     /// depend on it).
     SharedPtr<ColorMapping const> prepare(Optional<Vector2> imageSize) {
         Stack<GenericDataObject> current = records();
-        ColorMappingContext prepared(context, imageSize.value_or(mPrepared ? mPrepared->context.imageSize : Vector2(1.f, 1.f)));
-        if (mPrepared && mPrepared->records == current && sameContext(mPrepared->context, prepared)) return mPrepared->mapping;
+        ColorMappingContext prepared(context,
+                                     imageSize.value_or(mPrepared ? mPrepared->context.imageSize : Vector2(1.f, 1.f)));
+        if (mPrepared && mPrepared->records == current && sameContext(mPrepared->context, prepared))
+            return mPrepared->mapping;
         auto mapping = makeSharedPtr<ColorMapping>(createPipeline(current), context, false);
         mapping->setContext(prepared);
         for (auto const& op : getPipelineOperators(mapping->getAppliedChain()))
@@ -126,7 +144,7 @@ public:
         return mapping;
     }
 
-private:
+  private:
     struct Prepared {
         Stack<GenericDataObject> records;
         ColorMappingContext context;
@@ -136,25 +154,31 @@ private:
 };
 
 EntityHolder<UnaryColorMappingOperator> toOperator(py::handle value) {
-    if (py::isinstance<UnaryColorMappingOperator>(value)) return value.cast<SharedPtr<UnaryColorMappingOperator>>();
+    if (py::isinstance<UnaryColorMappingOperator>(value))
+        return value.cast<SharedPtr<UnaryColorMappingOperator>>();
     if (!PyUnicode_Check(value.ptr()))
         throw py::type_error("a pipeline holds ferrim.Operator objects or operator type names");
     String const name = value.cast<String>();
-    if (auto op = factory().createOperator(StringView(resolveTypeName(name)))) return op;
+    if (auto op = factory().createOperator(StringView(resolveTypeName(name))))
+        return op;
     String known;
-    for (auto const& [type, d] : factory().getAllDescriptors()) known += (known.empty() ? "" : ", ") + type;
+    for (auto const& [type, d] : factory().getAllDescriptors())
+        known += (known.empty() ? "" : ", ") + type;
     raiseError("unknown operator type \"" + name + "\" (one of " + known + ")");
 }
 
 std::size_t checkedIndex(Pipeline const& p, py::ssize_t index) {
     py::ssize_t const n = py::ssize_t(p.operators.size());
-    if (index < 0) index += n;
-    if (index < 0 || index >= n) throw py::index_error("pipeline index out of range");
+    if (index < 0)
+        index += n;
+    if (index < 0 || index >= n)
+        throw py::index_error("pipeline index out of range");
     return std::size_t(index);
 }
 
 py::object mapImage(Pipeline& p, py::object image, bool inPlace, int threads) {
-    if (threads < 0) throw py::value_error("threads must be 0 (all cores) or a positive count");
+    if (threads < 0)
+        throw py::value_error("threads must be 0 (all cores) or a positive count");
     char const* const shape = "(H, W, 3) or (H, W, 4)";
     py::object target = image;
     if (!inPlace) {
@@ -164,13 +188,15 @@ py::object mapImage(Pipeline& p, py::object image, bool inPlace, int threads) {
     }
     FloatRows rows = requireFloatRows(target, "image", shape, {3, 4}, 3, true, true);
     py::ssize_t const height = rows.leadingShape[0], width = rows.leadingShape[1];
-    if (width > INT_MAX || height > INT_MAX) throw py::value_error("image is too large to map");
+    if (width > INT_MAX || height > INT_MAX)
+        throw py::value_error("image is too large to map");
     auto const mapping = p.prepare(Vector2(float(width), float(height)));
     std::size_t const pixels = rows.rows;
     {
         py::gil_scoped_release release;
         if (rows.channels == 3)
-            mapping->mapFrameBuffer(std::span<Rgb>(reinterpret_cast<Rgb*>(rows.data), pixels), int(width), int(height), threads);
+            mapping->mapFrameBuffer(std::span<Rgb>(reinterpret_cast<Rgb*>(rows.data), pixels), int(width), int(height),
+                                    threads);
         else
             mapping->mapFrameBuffer(std::span<RgbAlpha>(reinterpret_cast<RgbAlpha*>(rows.data), pixels), int(width),
                                     int(height), threads);
@@ -188,7 +214,8 @@ py::array_t<float> unmapColors(Pipeline& p, py::handle colors, py::handle exclud
     {
         py::gil_scoped_release release;
         parallelFor(0, std::int64_t(in.rows), 4096, [&](std::int64_t begin, std::int64_t end) {
-            for (std::int64_t i = begin; i < end; ++i) target[i] = mapping->unmap(source[i], flags);
+            for (std::int64_t i = begin; i < end; ++i)
+                target[i] = mapping->unmap(source[i], flags);
         });
     }
     return out;
@@ -198,7 +225,8 @@ py::tuple rgbTuple(Rgb const& c) { return py::make_tuple(c.r, c.g, c.b); }
 
 py::dict readLut(String const& path) {
     auto lut = readLutFile(path);
-    if (!lut) raiseError(lut.error());
+    if (!lut)
+        raiseError(lut.error());
     py::dict result;
     result["title"] = lut->title;
     result["shaper"] = py::none();
@@ -235,7 +263,8 @@ py::dict readLut(String const& path) {
 void bindColorMapping(py::module_& m) {
     // ferrim.Exclude is made from this table as an enum.IntFlag, which combines with |.
     py::list stages;
-    for (auto const& [name, value] : EXCLUDE_STAGES) stages.append(py::make_tuple(name, std::uint32_t(value)));
+    for (auto const& [name, value] : EXCLUDE_STAGES)
+        stages.append(py::make_tuple(name, std::uint32_t(value)));
     m.attr("_EXCLUDE_STAGES") = stages;
 
     py::class_<UnaryColorMappingOperator, Entity, SharedPtr<UnaryColorMappingOperator>>(
@@ -249,19 +278,21 @@ void bindColorMapping(py::module_& m) {
             "The name the add-operator menu shows, as \"Simple Exposure\".")
         .def_property_readonly(
             "group", [](UnaryColorMappingOperator const& op) { return String(getOperatorGroupCaption(op.getGroup())); },
-            "The menu group: \"Basic\", \"Curve Control\", \"Highlight Control\", \"Final Look\" (empty for conversions).");
+            "The menu group: \"Basic\", \"Curve Control\", \"Highlight Control\", \"Final Look\" (empty for "
+            "conversions).");
 
     m.def(
-        "operator_menu", [] { return toPython(nlohmann::json::parse(ColorMappingWithObservers::getAddOperatorMenu())); },
+        "operator_menu",
+        [] { return toPython(nlohmann::json::parse(ColorMappingWithObservers::getAddOperatorMenu())); },
         "The add-operator menu: [{\"group\": caption, \"items\": [{\"type\": ..., \"name\": ...}]}], in menu order.");
 
     py::class_<CommonColorMappingContext>(m, "ColorMappingContext",
                                           "Renderer settings that preparing a pipeline reads (the image size is "
                                           "taken from each mapped image).")
-        .def(py::init([](float gamma, float iso, float fNumber, float shutterSpeed, bool applyOperators, bool vignetteAllowed,
-                         String resourceDirectory) {
-                 return CommonColorMappingContext{gamma, iso, fNumber, shutterSpeed, applyOperators, vignetteAllowed,
-                                                  std::move(resourceDirectory)};
+        .def(py::init([](float gamma, float iso, float fNumber, float shutterSpeed, bool applyOperators,
+                         bool vignetteAllowed, String resourceDirectory) {
+                 return CommonColorMappingContext{
+                     gamma, iso, fNumber, shutterSpeed, applyOperators, vignetteAllowed, std::move(resourceDirectory)};
              }),
              py::kw_only(), py::arg("gamma") = 2.2f, py::arg("iso") = 100.f, py::arg("f_number") = 8.f,
              py::arg("shutter_speed") = 125.f, py::arg("apply_operators") = true, py::arg("vignette_allowed") = true,
@@ -270,8 +301,10 @@ void bindColorMapping(py::module_& m) {
         .def_readwrite("iso", &CommonColorMappingContext::iso, "Film speed of the camera.")
         .def_readwrite("f_number", &CommonColorMappingContext::fNumber, "Aperture f-number of the camera.")
         .def_readwrite("shutter_speed", &CommonColorMappingContext::shutterSpeed, "1 / exposure time in seconds.")
-        .def_readwrite("apply_operators", &CommonColorMappingContext::applyOperators, "False makes every operator neutral.")
-        .def_readwrite("vignette_allowed", &CommonColorMappingContext::vignetteAllowed, "False switches the vignette off.")
+        .def_readwrite("apply_operators", &CommonColorMappingContext::applyOperators,
+                       "False makes every operator neutral.")
+        .def_readwrite("vignette_allowed", &CommonColorMappingContext::vignetteAllowed,
+                       "False switches the vignette off.")
         .def_readwrite("resource_directory", &CommonColorMappingContext::resourceDirectory,
                        "Folder against which relative LUT paths are resolved.");
 
@@ -283,7 +316,8 @@ inserted where neighbouring operators need them, and the result is always
 encoded for display.)")
         .def(py::init([](py::iterable operators) {
                  Pipeline p;
-                 for (auto const& op : operators) p.operators.push_back(toOperator(op));
+                 for (auto const& op : operators)
+                     p.operators.push_back(toOperator(op));
                  return p;
              }),
              py::arg("operators") = py::tuple(), "A pipeline of the given operators or operator type names.")
@@ -291,15 +325,17 @@ encoded for display.)")
             "default", [] { return Pipeline::fromChain(createDefaultPipeline()); },
             "Simple Exposure, White Balance, Green-Magenta Tint, Contrast, Saturation and ACES Output Transform.")
         .def_static(
-            "load", [](py::object path) { return Pipeline::fromLoaded(loadPipelinePreset(py::str(path).cast<String>())); },
+            "load",
+            [](py::object path) { return Pipeline::fromLoaded(loadPipelinePreset(py::str(path).cast<String>())); },
             py::arg("path"), "Reads a .ctm file; legacy operators are removed with a warning.")
         .def_static(
-            "from_json", [](String const& text) { return Pipeline::fromLoaded(deserializePipeline(text)); }, py::arg("text"),
-            "Reads the serialised form (the content of a .ctm file).")
+            "from_json", [](String const& text) { return Pipeline::fromLoaded(deserializePipeline(text)); },
+            py::arg("text"), "Reads the serialised form (the content of a .ctm file).")
         .def(
             "save",
             [](Pipeline const& p, py::object path) {
-                if (auto r = savePipelinePreset(py::str(path).cast<String>(), p.buildChain()); !r) raiseError(r.error());
+                if (auto r = savePipelinePreset(py::str(path).cast<String>(), p.buildChain()); !r)
+                    raiseError(r.error());
             },
             py::arg("path"), "Writes a .ctm file.")
         .def(
@@ -308,16 +344,18 @@ encoded for display.)")
             "operators",
             [](Pipeline const& p) {
                 py::list list;
-                for (auto const& op : p.operators) list.append(wrapEntity(op.getShared()));
+                for (auto const& op : p.operators)
+                    list.append(wrapEntity(op.getShared()));
                 return list;
             },
             "The operators, first first (a new list of the live operator objects).")
         .def("__len__", [](Pipeline const& p) { return p.operators.size(); })
         .def("__getitem__",
              [](Pipeline const& p, py::ssize_t i) { return wrapEntity(p.operators[checkedIndex(p, i)].getShared()); })
-        .def("__delitem__", [](Pipeline& p, py::ssize_t i) {
-            p.operators.erase(p.operators.begin() + std::ptrdiff_t(checkedIndex(p, i)));
-        })
+        .def("__delitem__",
+             [](Pipeline& p, py::ssize_t i) {
+                 p.operators.erase(p.operators.begin() + std::ptrdiff_t(checkedIndex(p, i)));
+             })
         .def("__iter__", [](py::object self) { return py::iter(self.attr("operators")); })
         .def(
             "append",
@@ -334,13 +372,15 @@ encoded for display.)")
                 auto const it = p.operators.insert(p.operators.begin() + index, toOperator(op));
                 return wrapEntity(it->getShared());
             },
-            py::arg("index"), py::arg("operator"), "Inserts an operator (or a new one of a type name) before index; returns it.")
+            py::arg("index"), py::arg("operator"),
+            "Inserts an operator (or a new one of a type name) before index; returns it.")
         .def(
             "find",
             [](Pipeline const& p, String const& typeName) -> py::object {
                 String const name = resolveTypeName(typeName);
                 for (auto const& op : p.operators)
-                    if (op->getClassName() == name) return wrapEntity(op.getShared());
+                    if (op->getClassName() == name)
+                        return wrapEntity(op.getShared());
                 return py::none();
             },
             py::arg("type_name"), "The first operator of a type, or None.")
@@ -362,7 +402,8 @@ exclude: stages left in place: ferrim.Exclude values, their names ("Exposure",
              [](Pipeline const& a, Pipeline const& b) { return arePipelinesSame(a.buildChain(), b.buildChain()); })
         .def("__repr__", [](Pipeline const& p) {
             String s = "ferrim.Pipeline([";
-            for (std::size_t i = 0; i < p.operators.size(); ++i) s += (i ? ", " : "") + p.operators[i]->getClassName();
+            for (std::size_t i = 0; i < p.operators.size(); ++i)
+                s += (i ? ", " : "") + p.operators[i]->getClassName();
             return s + "])";
         });
 

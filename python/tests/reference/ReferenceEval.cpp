@@ -29,7 +29,8 @@ struct Failure {
 
 String readText(String const& path) {
     std::ifstream in(path, std::ios::binary);
-    if (!in) throw Failure{"cannot read " + path};
+    if (!in)
+        throw Failure{"cannot read " + path};
     std::ostringstream s;
     s << in.rdbuf();
     return s.str();
@@ -45,12 +46,15 @@ Stack<float> readFloats(String const& path) {
 void writeFloats(String const& path, float const* data, std::size_t count) {
     std::ofstream out(path, std::ios::binary);
     out.write(reinterpret_cast<char const*>(data), std::streamsize(count * sizeof(float)));
-    if (!out) throw Failure{"cannot write " + path};
+    if (!out)
+        throw Failure{"cannot write " + path};
 }
 
 template <typename T> T orFail(Expected<T> value) {
-    if (!value) throw Failure{value.error()};
-    if constexpr (!std::is_void_v<T>) return std::move(*value);
+    if (!value)
+        throw Failure{value.error()};
+    if constexpr (!std::is_void_v<T>)
+        return std::move(*value);
 }
 
 void evalPoints(char** a) {
@@ -99,7 +103,8 @@ void mapFrame(char** a) {
     if (channels == 3)
         mapping->mapFrameBuffer(std::span<Rgb>(reinterpret_cast<Rgb*>(pixels.data()), count), width, height, 1);
     else
-        mapping->mapFrameBuffer(std::span<RgbAlpha>(reinterpret_cast<RgbAlpha*>(pixels.data()), count), width, height, 1);
+        mapping->mapFrameBuffer(std::span<RgbAlpha>(reinterpret_cast<RgbAlpha*>(pixels.data()), count), width, height,
+                                1);
     writeFloats(a[5], pixels.data(), pixels.size());
 }
 
@@ -135,7 +140,8 @@ int main(int argc, char** argv) {
     static Command const commands[] = {
         {"eval", 5, evalPoints}, {"map", 6, mapFrame}, {"unmap", 4, unmapColors}, {"render", 5, renderScene}};
     for (Command const& c : commands) {
-        if (argc != c.arguments + 2 || String(argv[1]) != c.name) continue;
+        if (argc != c.arguments + 2 || String(argv[1]) != c.name)
+            continue;
         Ferrim::startup();
         int code = 0;
         try {

@@ -9,12 +9,12 @@
 
 namespace {
 class UvwContext final : public Quelin::NullShadeContext {
-public:
+  public:
     explicit UvwContext(Quelin::Pos uvw) : mUvw(uvw) {}
     Quelin::Pos getUvw(int, std::uint32_t) const override { return mUvw; }
     Quelin::Dir getDUvw(int) const override { return {}; }
 
-private:
+  private:
     Quelin::Pos mUvw;
 };
 
@@ -26,7 +26,8 @@ int fail(char const* what) {
 
 int main() {
     Quelin::Ferrim::startup();
-    if (!Quelin::DataObjects::TypeDatabase::findType("Zatho.NoiseMap")) return fail("the noise map type is not registered");
+    if (!Quelin::DataObjects::TypeDatabase::findType("Zatho.NoiseMap"))
+        return fail("the noise map type is not registered");
 
     auto noise = Quelin::makeSharedPtr<Quelin::NoiseMap>();
     noise->set("size", 0.5f);
@@ -34,7 +35,8 @@ int main() {
     // Two points half a cell apart: noise must vary and stay between its colours.
     Quelin::RgbAlpha const a = result.evaluator->evalColor(UvwContext({0.13f, 0.71f, 0.f}), nullptr);
     Quelin::RgbAlpha const b = result.evaluator->evalColor(UvwContext({0.38f, 0.29f, 0.f}), nullptr);
-    if (!(a.r >= 0.f && a.r <= 1.f && b.r >= 0.f && b.r <= 1.f) || a.r == b.r) return fail("noise values are wrong");
+    if (!(a.r >= 0.f && a.r <= 1.f && b.r >= 0.f && b.r <= 1.f) || a.r == b.r)
+        return fail("noise values are wrong");
 
     bool refused = false;
     try {
@@ -42,7 +44,8 @@ int main() {
     } catch (Quelin::Exception const&) {
         refused = true;
     }
-    if (!refused) return fail("a negative noise size was accepted");
+    if (!refused)
+        return fail("a negative noise size was accepted");
 
     Quelin::ColorMapping mapping;
     Quelin::Rgb const display = mapping.map(Quelin::Rgb(0.18f, 0.18f, 0.18f));
