@@ -11,7 +11,6 @@ function(ferrim_add_test_groups target)
   add_custom_command(TARGET ${target} POST_BUILD
     COMMAND ${CMAKE_COMMAND} -D EXE=$<TARGET_FILE:${target}> -D OUT=${groups_file}
             -D SOURCE_ROOT=${CMAKE_CURRENT_SOURCE_DIR} -D PREFIX=${target}
-            -D BUILD_ROOT=${CMAKE_BINARY_DIR}
             -P ${FERRIM_TEST_GROUPS_SCRIPT}
     BYPRODUCTS ${groups_file}
     VERBATIM)

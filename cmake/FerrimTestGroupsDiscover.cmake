@@ -1,6 +1,6 @@
 # Run after a test binary is built: lists its tests with their source files and
 # writes one CTest test per source folder, filtering the binary to that
-# folder's suites. Inputs: EXE, OUT, SOURCE_ROOT, PREFIX, BUILD_ROOT.
+# folder's suites. Inputs: EXE, OUT, SOURCE_ROOT, PREFIX.
 cmake_minimum_required(VERSION 3.25)
 set(json_file "${OUT}.json")
 file(REMOVE "${json_file}")
@@ -19,11 +19,6 @@ if(suite_count GREATER 0)
     string(JSON suite GET "${json}" testsuites ${i} name)
     string(JSON file GET "${json}" testsuites ${i} testsuite 0 file)
     get_filename_component(dir "${file}" DIRECTORY)
-    # A compiler cache that rewrites paths (ccache's base_dir) leaves them
-    # relative to the build folder, where Ninja compiles.
-    if(NOT IS_ABSOLUTE "${dir}")
-      get_filename_component(dir "${dir}" ABSOLUTE BASE_DIR "${BUILD_ROOT}")
-    endif()
     file(RELATIVE_PATH group "${SOURCE_ROOT}" "${dir}")
     if(group STREQUAL "")
       set(group "main")
