@@ -10,7 +10,7 @@ function(ferrim_add_test_groups target)
   set(include_file "${CMAKE_CURRENT_BINARY_DIR}/${target}_include.cmake")
   add_custom_command(TARGET ${target} POST_BUILD
     COMMAND ${CMAKE_COMMAND} -D EXE=$<TARGET_FILE:${target}> -D OUT=${groups_file}
-            -D SOURCE_ROOT=${CMAKE_CURRENT_SOURCE_DIR} -D PREFIX=${target}
+            -D SOURCE_ROOT=${CMAKE_CURRENT_SOURCE_DIR} -D BUILD_ROOT=${CMAKE_BINARY_DIR} -D PREFIX=${target}
             -P ${FERRIM_TEST_GROUPS_SCRIPT}
     BYPRODUCTS ${groups_file}
     VERBATIM)

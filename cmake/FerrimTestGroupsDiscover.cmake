@@ -1,6 +1,6 @@
 # Run after a test binary is built: lists its tests with their source files and
 # writes one CTest test per source folder, filtering the binary to that
-# folder's suites. Inputs: EXE, OUT, SOURCE_ROOT, PREFIX.
+# folder's suites. Inputs: EXE, OUT, SOURCE_ROOT, BUILD_ROOT, PREFIX.
 cmake_minimum_required(VERSION 3.25)
 set(json_file "${OUT}.json")
 file(REMOVE "${json_file}")
@@ -19,6 +19,8 @@ if(suite_count GREATER 0)
     string(JSON suite GET "${json}" testsuites ${i} name)
     string(JSON file GET "${json}" testsuites ${i} testsuite 0 file)
     get_filename_component(dir "${file}" DIRECTORY)
+    # A build folder inside the source tree compiles with relative paths.
+    get_filename_component(dir "${dir}" ABSOLUTE BASE_DIR "${BUILD_ROOT}")
     file(RELATIVE_PATH group "${SOURCE_ROOT}" "${dir}")
     if(group STREQUAL "")
       set(group "main")

@@ -150,10 +150,9 @@ bool updatePipelineWithData(EntityHolder<IColorMappingOperator> pipeline, Stack<
 }
 
 bool areOperatorsDataSame(Stack<GenericDataObject> const& a, Stack<GenericDataObject> const& b) {
-    if (a.size() != b.size()) return false;
-    for (std::size_t i = 0; i < a.size(); ++i)
-        if (!recordsEqual(a[i], b[i])) return false;
-    return true;
+    // Whole records, "id" included: an operator removed and added again with
+    // the same values makes a different pipeline.
+    return a == b;
 }
 
 bool arePipelinesSame(EntityHolder<const IColorMappingOperator> a, EntityHolder<const IColorMappingOperator> b) {

@@ -37,9 +37,9 @@ FERRIM_EXPORT Stack<GenericDataObject> convertPipelineToDataObjects(EntityHolder
 /// an existing chain. The chain is only changed when its visible operators
 /// match the list in number and types; returns whether it was.
 FERRIM_EXPORT bool updatePipelineWithData(EntityHolder<IColorMappingOperator> pipeline, Stack<GenericDataObject> const& data);
-/// Same operator types in the same order with equal property values (floats
-/// compared exactly; "id" is identity, not a setting, and is not compared).
-/// Hidden operators take part.
+/// Same operator types in the same order with equal property values, "id"
+/// included (floats compared exactly). Hidden operators take part, so a chain
+/// rebuilt from its flat list, whose conversions get fresh ids, differs.
 FERRIM_EXPORT bool arePipelinesSame(EntityHolder<const IColorMappingOperator> a, EntityHolder<const IColorMappingOperator> b);
 FERRIM_EXPORT bool areOperatorsDataSame(Stack<GenericDataObject> const& a, Stack<GenericDataObject> const& b);
 /// No two operators of the chain carry the same "id".

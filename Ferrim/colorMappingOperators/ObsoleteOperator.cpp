@@ -6,6 +6,12 @@ StaticArray<StringView, 2> const ObsoleteUnaryColorMappingOperator::OBSOLETE_TYP
                                                                                            "Zatho.AcesOtOperator2"};
 
 namespace {
+// Stop reports of a legacy operator that reached a chain carry this fixed
+// position, not this file's, so that they read the same in every build.
+constexpr StringView STOP_SOURCE = "colorMappingOperators/MiscOperators";
+constexpr int MAP_STOP_LINE = 369;
+constexpr int UNMAP_STOP_LINE = 374;
+
 SharedPtr<DataObjectDefinition const> makeDefinition(StringView typeName) {
     ShadingDataObjectBuilder b;
     addCommonOperatorProperties(b);
@@ -30,11 +36,11 @@ SharedPtr<Entity> ObsoleteUnaryColorMappingOperator::createNewInstance() const {
 }
 
 Rgb ObsoleteUnaryColorMappingOperator::mapImpl(Rgb const&, Pixel) const {
-    Detail::throwStopException("colorMappingOperators/ObsoleteOperator", __LINE__);
+    Detail::throwStopException(STOP_SOURCE, MAP_STOP_LINE);
 }
 
 Rgb ObsoleteUnaryColorMappingOperator::unmapImpl(Rgb const&, Flags<ColorMappingExclude>) const {
-    Detail::throwStopException("colorMappingOperators/ObsoleteOperator", __LINE__);
+    Detail::throwStopException(STOP_SOURCE, UNMAP_STOP_LINE);
 }
 
 // Nothing to prepare: the operator is only kept until the pipeline removes it.

@@ -24,9 +24,9 @@ ReinhardOperator::ReinhardOperator()
 SharedPtr<Entity> ReinhardOperator::createNewInstance() const { return makeSharedPtr<ReinhardOperator>(); }
 
 void ReinhardOperator::prepareForApplicationImpl(ColorMappingContext const& context) {
-    mActive = isActive(context);
-    setNeutral(!mActive);
-    float const h = mActive ? get<float>("highlightCompression") : 1.f;
+    // Never neutral: even with k = 1 negative values map to 0.
+    setNeutral(false);
+    float const h = isActive(context) ? get<float>("highlightCompression") : 1.f;
     // Changes within the tolerance keep the curve (and so the image) stable.
     if (mPrepared && std::abs(mHighlight - h) <= 0.0001f) return;
     mHighlight = h;
@@ -35,11 +35,15 @@ void ReinhardOperator::prepareForApplicationImpl(ColorMappingContext const& cont
 }
 
 Rgb ReinhardOperator::unmapImpl(Rgb const& color, Flags<ColorMappingExclude> exclude) const {
-    if (exclude.has(ColorMappingExclude::Reinhard) || !mActive) return color;
+    if (exclude.has(ColorMappingExclude::Reinhard)) return color;
+    Float4 const c = toFloat4(color);
+    // k = 1 (switched off, or the white point at 1): the quadratic below
+    // factors as (x + 1)(x - c), so its larger root is exact without rounding.
+    if (mK == 1.f) return toRgb(max(c, Float4(-1.f)));
     // Positive root of k x^2 + (1 - c) x - c = 0. Where 1 - c > 0 the textbook
     // form (sqrt(D) - (1 - c)) / 2k cancels badly for small c; the equivalent
-    // 2c / (sqrt(D) + (1 - c)) does not.
-    Float4 const c = toFloat4(color);
+    // 2c / (sqrt(D) + (1 - c)) does not. D < 0 (negative c with k > 1, which
+    // mapping never produces) has no root; taking D as 0 keeps the result finite.
     Float4 const b = Float4(1.f) - c;
     Float4 const k = Float4(mK);
     Float4 const root = sqrt(max(Float4(4.f) * k * c + b * b, Float4(0.f)));

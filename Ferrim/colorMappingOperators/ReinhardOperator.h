@@ -1,7 +1,8 @@
 #pragma once
 // Highlight compression with the extended Reinhard curve: a channel value
 // equal to the white point "highlightCompression" maps to 1. Exactly
-// invertible.
+// invertible. Switched off (record or context) it keeps the curve with k = 1,
+// which is the identity on non-negative values and still maps negatives to 0.
 #include "Ferrim/colorMappingOperators/ColorMappingOperator.h"
 
 namespace Quelin {
@@ -16,12 +17,13 @@ public:
     };
     ReinhardOperator();
     SharedPtr<Entity> createNewInstance() const override;
-    /// max(0, (k c + 1) c / (c + 1)) with negative input taken as 0 (the raw
-    /// curve has a pole at -1 and turns positive again below it).
+    /// max(0, (k c + 1) c / (c + 1)), written as c (k + (1 - k) / (c + 1)):
+    /// exactly c for k = 1, k c at +infinity, and NaN maps to 0. The channel
+    /// is taken as it is: values from -1 to 0 give 0, and beyond the pole at
+    /// -1 the curve is positive again between -1/k and -1 (k < 1).
     Float4 mapLanes(Float4 c) const {
-        if (!mActive) return c;
-        Float4 const x = max(c, Float4(0.f));
-        return max((Float4(mK) * x + Float4(1.f)) * x / (x + Float4(1.f)), Float4(0.f));
+        Float4 const k(mK);
+        return max(c * (k + (Float4(1.f) - k) / (c + Float4(1.f))), Float4(0.f));
     }
     float getCoefficient() const { return mK; }
 
@@ -33,7 +35,6 @@ private:
     float mK = 1.f;
     float mHighlight = 1.f;
     bool mPrepared = false;
-    bool mActive = false;  ///< off: both directions are the identity, negatives included
 };
 
 } // namespace Quelin

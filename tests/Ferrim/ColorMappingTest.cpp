@@ -4,6 +4,7 @@
 
 #include "Ferrim/ColorMapping.h"
 #include "Ferrim/Ferrim.h"
+#include "Ferrim/FerrimTestSupport.h"
 #include "Ferrim/colorMappingOperators/Lut.h"
 #include "QuelinLib/Json.h"
 
@@ -11,11 +12,8 @@ using namespace Quelin;
 
 namespace {
 
-class ColorMappingTest : public ::testing::Test {
+class ColorMappingTest : public Testing::LibraryFixture {
 protected:
-    void SetUp() override { Ferrim::startup(); }
-    void TearDown() override { Ferrim::shutdown(); }
-
     static GenericDataObject record(StringView type) {
         return GenericDataObject(ColorMappingOperatorFactory::getInstance().findDescriptor(type)->definition);
     }
@@ -31,27 +29,21 @@ Stack<Rgb> frame(int count, float hi) {
 
 } // namespace
 
-TEST_F(ColorMappingTest, LinearPipelineGetsOneConversionForDisplay) {
+TEST_F(ColorMappingTest, ChainsEndInLinearAndInDisplayEncoding) {
+    // A linear pipeline needs one conversion for display.
     auto const pipeline = createDefaultPipeline();
     ColorMapping mapping(pipeline);
     EXPECT_EQ(mapping.getLinearChain(), pipeline);
-    auto const display = mapping.getDisplayChain();
-    EXPECT_EQ(display->getClassName(), "Zatho.LinearToSrgbOperator");
-    EXPECT_EQ(display->getPredecessor(), pipeline);
-    EXPECT_EQ(mapping.getAppliedChain(), display);
-}
-
-TEST_F(ColorMappingTest, SrgbEndingPipelineIsDecodedThenEncodedAgain) {
-    auto const pipeline = createPipeline({record("Zatho.CurvesOperator")});
-    ColorMapping mapping(pipeline);
+    EXPECT_EQ(mapping.getDisplayChain()->getClassName(), "Zatho.LinearToSrgbOperator");
+    EXPECT_EQ(mapping.getDisplayChain()->getPredecessor(), pipeline);
+    EXPECT_EQ(mapping.getAppliedChain(), mapping.getDisplayChain());
+    // One ending in sRGB is decoded, then encoded again.
+    auto const srgb = createPipeline({record("Zatho.CurvesOperator")});
+    mapping.setPipeline(srgb);
     EXPECT_EQ(mapping.getLinearChain()->getClassName(), "Zatho.SrgbToLinearOperator");
-    EXPECT_EQ(mapping.getLinearChain()->getPredecessor(), pipeline);
+    EXPECT_EQ(mapping.getLinearChain()->getPredecessor(), srgb);
     EXPECT_EQ(mapping.getDisplayChain()->getClassName(), "Zatho.LinearToSrgbOperator");
     EXPECT_EQ(mapping.getDisplayChain()->getPredecessor(), mapping.getLinearChain());
-    // Changing the record's pipeline rebuilds the chains.
-    auto const other = createDefaultPipeline();
-    mapping.setPipeline(other);
-    EXPECT_EQ(mapping.getLinearChain(), other);
 }
 
 TEST_F(ColorMappingTest, ParallelFrameEqualsSingleThreadAndPerPixel) {
@@ -123,11 +115,13 @@ TEST_F(ColorMappingTest, RenderHelperMapsRgbaThroughTheDisplayChain) {
 TEST_F(ColorMappingTest, SettingsRecordOffersMenuDefaultsAndPipeline) {
     EXPECT_EQ(ColorMappingOperatorFactory::getInstance().getAllDescriptors().size(), 18u);
     auto const menu = nlohmann::json::parse(ColorMappingWithObservers::getAddOperatorMenu());
-    ASSERT_EQ(menu.size(), 4u);
-    EXPECT_EQ(menu[0]["group"], "Basic");
-    EXPECT_EQ(menu[3]["group"], "Final Look");
+    char const* const groups[] = {"Basic", "Curve Control", "Highlight Control", "Final Look"};
+    ASSERT_EQ(menu.size(), std::size(groups));
     std::size_t items = 0;
-    for (auto const& g : menu) items += g["items"].size();
+    for (std::size_t i = 0; i < menu.size(); ++i) {
+        EXPECT_EQ(menu[i]["group"], groups[i]);
+        items += menu[i]["items"].size();
+    }
     EXPECT_EQ(items, 15u);  // Identity and the two conversions are not offered
 
     auto lutItem = ColorMappingWithObservers::makeDefaultItem("Zatho.LutOperator");

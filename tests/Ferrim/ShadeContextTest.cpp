@@ -3,6 +3,7 @@
 #include <bit>
 #include <thread>
 
+#include "Ferrim/FerrimTestSupport.h"
 #include "Ferrim/IShadeContext.h"
 #include "Ferrim/UvMapper.h"
 
@@ -40,16 +41,8 @@ public:
     Dir getObjectNormal() const override { return Dir(1, 0, 0); }
     Dir getViewDirection() const override { return Dir(0, -1, 0); }
     float getPositionFootprint() const override { return 0.125f; }
-    AffineTm getObjectToWorld() const override {
-        AffineTm t;
-        t.m[0][3] = 7;
-        return t;
-    }
-    AffineTm getWorldToCamera() const override {
-        AffineTm t;
-        t.m[1][3] = -9;
-        return t;
-    }
+    AffineTm getObjectToWorld() const override { return translation(0, 7.f); }
+    AffineTm getWorldToCamera() const override { return translation(1, -9.f); }
     bool isBackFace() const override { return true; }
     int getFaceIndex() const override { return 42; }
     RayKind getRayKind() const override { return RayKind::Refraction; }
@@ -79,6 +72,11 @@ public:
 
 private:
     void record(int c) const { lastChannel = c; }
+    static AffineTm translation(int axis, float d) {
+        AffineTm t;
+        t.m[axis][3] = d;
+        return t;
+    }
 };
 
 #define SAME(call) EXPECT_EQ(wrapper.call, parent.call) << #call
@@ -124,9 +122,7 @@ TEST(BlurringShadeContextTest, WidensOnlyTheFootprintAndNestsInOtherWrappers) {
     BlurringShadeContext blur(parent, 2.f);
     OverridableShadeContext outer(blur);
     Dir const d = blur.getDUvw(1);
-    EXPECT_FLOAT_EQ(d.x, 0.02f);
-    EXPECT_FLOAT_EQ(d.y, 0.04f);
-    EXPECT_EQ(d.z, 0.f);
+    Testing::expectNear(d, Dir(0.02f, 0.04f, 0.f), 1e-9f);
     // A wrapper around a wrapper keeps the inner one's override.
     EXPECT_EQ(outer.getDUvw(1), d);
     for (IShadeContext const* ctx : {static_cast<IShadeContext const*>(&blur), static_cast<IShadeContext const*>(&outer)}) {
@@ -145,12 +141,9 @@ TEST(OverridableUvwShadeContextTest, AnswersStoredCoordinatesAndFrameOnlyWhenFla
         EXPECT_EQ(ctx.getDUvw(channel), Dir(0.001f, 0.002f, 0.f));
     }
     expectSameAnswers(ctx, parent, true);
-    Matrix33 const frame = ctx.getBumpBase(1);
-    EXPECT_EQ(frame.column(0), dpdu);
-    EXPECT_EQ(frame.column(1), dpdv);
-    EXPECT_EQ(frame.column(2), parent.getNormal());
+    EXPECT_EQ(ctx.getBumpBase(1), Matrix33::fromColumns(dpdu, dpdv, parent.getNormal()));
     EXPECT_EQ(ctx.getDpDv(1), dpdv);
-    EXPECT_EQ(frame * Dir(1, 2, 0), dpdu + dpdv * 2.f);
+    EXPECT_EQ(ctx.getBumpBase(1) * Dir(1, 2, 0), dpdu + dpdv * 2.f);
 
     OverridableUvwShadeContext plain(parent, Pos(), Dir(), Dir(9, 9, 9), Dir(8, 8, 8), false);
     EXPECT_EQ(plain.getBumpBase(3), parent.getBumpBase(3));
@@ -179,13 +172,10 @@ TEST(NullShadeContextTest, AnswersTheUnsetMarkers) {
 }
 
 TEST(NullShadeContextTest, MaterialNameIsOneSharedEmptyString) {
-    NullShadeContext a, b;
     String const* fromThread = nullptr;
-    std::thread t([&] { fromThread = &NullShadeContext().getMaterialName(); });
-    t.join();
-    EXPECT_TRUE(a.getMaterialName().empty());
-    EXPECT_EQ(&a.getMaterialName(), &b.getMaterialName());
-    EXPECT_EQ(&a.getMaterialName(), fromThread);
+    std::thread([&] { fromThread = &NullShadeContext().getMaterialName(); }).join();
+    EXPECT_TRUE(NullShadeContext().getMaterialName().empty());
+    EXPECT_EQ(&NullShadeContext().getMaterialName(), fromThread);
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 #include <atomic>
 
 #include "Ferrim/Ferrim.h"
+#include "Ferrim/FerrimTestSupport.h"
 #include "Ferrim/IMap.h"
 #include "Ferrim/MaterialMapSlot.h"
 #include "Ferrim/ShadingDataObjectBuilder.h"
@@ -43,19 +44,13 @@ public:
             return d;
         }
     };
-    class Evaluator : public IMapEvaluator {
-    public:
-        Evaluator(RgbAlpha c, std::atomic<int>& calls) : mColor(c), mCalls(calls) {}
-        RgbAlpha evalColor(IShadeContext const&, MapCache*) const override { ++mCalls; return mColor; }
-        MonoAlpha evalMono(IShadeContext const&, MapCache*) const override {
-            ++mCalls;
-            return {mColor.rgb().mean(), mColor.alpha};
-        }
-        Dir evalBump(IShadeContext const&, MapCache*) const override { ++mCalls; return Dir(1, 2, 3); }
-
-    private:
-        RgbAlpha mColor;
-        std::atomic<int>& mCalls;
+    struct Evaluator : IMapEvaluator {
+        Evaluator(RgbAlpha c, std::atomic<int>& calls) : color(c), calls(calls) {}
+        RgbAlpha evalColor(IShadeContext const&, MapCache*) const override { return ++calls, color; }
+        MonoAlpha evalMono(IShadeContext const&, MapCache*) const override { return ++calls, MonoAlpha(color.rgb().mean(), color.alpha); }
+        Dir evalBump(IShadeContext const&, MapCache*) const override { return ++calls, Dir(1, 2, 3); }
+        RgbAlpha color;
+        std::atomic<int>& calls;
     };
 
     explicit CountingMap(RgbAlpha c) : IMap(Data::definition()), mColor(c) {}
@@ -83,12 +78,8 @@ inline void setInputMap(Entity& entity, StringView property, SharedPtr<IMap> con
     entity.set(property, std::move(value));
 }
 
-/// Starts the library for tests that create or load entities.
-class LibraryFixture : public ::testing::Test {
-protected:
-    void SetUp() override { Quelin::Ferrim::startup(); }
-    void TearDown() override { Quelin::Ferrim::shutdown(); }
-};
+using Testing::expectStop;
+using Testing::LibraryFixture;
 
 /// JSON written, read back and written again gives the same text and an equal record.
 inline void expectJsonRoundTrip(Entity const& entity) {
