@@ -170,7 +170,7 @@ class Pipeline:
     def __delitem__(self, index: int) -> None: ...
     def __iter__(self) -> Iterator[Operator]: ...
     def __eq__(self, other: object) -> bool:
-        """Same operator types in the same order with the same settings (ids aside)."""
+        """The same operators (by their ids) in the same order with the same settings."""
     def append(self, operator: Union[Operator, str]) -> Operator:
         """Adds an operator, or a new one of a type name, at the end; returns it."""
     def insert(self, index: int, operator: Union[Operator, str]) -> Operator:

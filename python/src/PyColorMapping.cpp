@@ -398,8 +398,10 @@ threads: 0 uses every core. The interpreter lock is released meanwhile.)")
 colors: float32 array of shape (..., 3); a new array of the same shape is returned.
 exclude: stages left in place: ferrim.Exclude values, their names ("Exposure",
 "lut", ...), "all", or an int of Exclude bits.)")
-        .def("__eq__",
-             [](Pipeline const& a, Pipeline const& b) { return arePipelinesSame(a.buildChain(), b.buildChain()); })
+        .def(
+            "__eq__",
+            [](Pipeline const& a, Pipeline const& b) { return areOperatorsDataSame(a.records(), b.records()); },
+            "The same operators (by their ids) in the same order with the same settings.")
         .def("__repr__", [](Pipeline const& p) {
             String s = "ferrim.Pipeline([";
             for (std::size_t i = 0; i < p.operators.size(); ++i)

@@ -120,6 +120,7 @@ def test_pipelines_round_trip_through_files_and_json(tmp_path, graded):
     assert ferrim.Pipeline.from_json(graded.to_json()) == graded
     loaded[1]["enabled"] = False
     assert loaded != graded
+    assert ferrim.Pipeline.default() != ferrim.Pipeline.default()  # new operators, new ids
 
 
 def test_bad_pipeline_files_are_refused_naming_the_file(tmp_path):
@@ -132,11 +133,12 @@ def test_bad_pipeline_files_are_refused_naming_the_file(tmp_path):
 
 
 def test_legacy_operators_are_removed_with_a_warning():
-    data = json.loads(ferrim.Pipeline.default().to_json())
+    default = ferrim.Pipeline.default()
+    data = json.loads(default.to_json())
     data["operators"].insert(1, {"@class": "Zatho.AcesOtOperator2"})
     with pytest.warns(UserWarning, match="legacy operators:\nZatho.AcesOtOperator2"):
         p = ferrim.Pipeline.from_json(json.dumps(data))
-    assert p == ferrim.Pipeline.default()
+    assert p == default
 
 
 def test_an_unreadable_lut_leaves_its_operator_neutral_with_a_warning(tmp_path):
