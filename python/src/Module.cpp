@@ -157,7 +157,8 @@ FloatRows requireFloatRows(py::handle value, char const* what, char const* shape
     try {
         rows.info = py::reinterpret_borrow<py::buffer>(value).request(writable);
     } catch (py::error_already_set& e) {
-        if (!writable || !e.matches(PyExc_BufferError))
+        // numpy refuses a writable view of a read-only array with a ValueError, others with a BufferError.
+        if (!writable || !(e.matches(PyExc_BufferError) || e.matches(PyExc_ValueError)))
             throw;
         throw py::value_error(name + " is read-only; map it into a new array (in_place=False) instead");
     }

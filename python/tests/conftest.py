@@ -70,11 +70,6 @@ class Reference:
         self._run("unmap", self._pipeline_file(pipeline), exclude_bits, self._file("in.f32", colors), out)
         return np.fromfile(out, np.float32).reshape(colors.shape)
 
-    def render(self, scene_file, width, height, samples):
-        out = self._file("out.f32")
-        self._run("render", scene_file or "-", width, height, samples, out)
-        return np.fromfile(out, np.float32).reshape(height, width, 4)
-
 
 @pytest.fixture
 def reference(tmp_path):

@@ -6,9 +6,6 @@ import pytest
 
 import ferrim
 
-DEFAULT_ORDER = ["SimpleExposureOperator", "WhiteBalanceOperator", "GreenMagentaTintOperator", "ContrastOperator",
-                 "SaturationOperator", "AcesOtOperator"]
-
 
 @pytest.fixture
 def graded(testdata):
@@ -19,12 +16,6 @@ def graded(testdata):
     p.append("VignetteOperator")["intensity"] = 0.6
     p.insert(0, "LutOperator")["path"] = str(testdata / "lut" / "iridas_3d.cube")
     return p
-
-
-def test_default_pipeline_order():
-    p = ferrim.Pipeline.default()
-    assert [op.class_name for op in p] == ["Zatho." + name for name in DEFAULT_ORDER]
-    assert p[-1].ui_name == "ACES Output Transform"
 
 
 @pytest.mark.parametrize("shape", [(37, 53, 3), (29, 41, 4), (3, 9000, 3)])  # the last splits rows into tiles
@@ -49,12 +40,12 @@ def test_in_place_mapping_works_on_the_callers_memory(scene_linear):
     assert p.map(rows, in_place=True) is rows
     assert np.array_equal(image[4:9], p.map(before[4:9]))
     assert np.array_equal(image[:4], before[:4]) and np.array_equal(image[9:], before[9:])
+    assert np.array_equal(p.map(image[:, ::2]), p.map(np.ascontiguousarray(image[:, ::2])))  # strided: new array
 
 
-def test_strided_input_maps_into_a_new_array(scene_linear):
-    image = scene_linear((20, 30, 3))
-    p = ferrim.Pipeline.default()
-    assert np.array_equal(p.map(image[:, ::2]), p.map(np.ascontiguousarray(image[:, ::2])))
+def read_only(array):
+    array.flags.writeable = False
+    return array
 
 
 @pytest.mark.parametrize("image, in_place, error, message", [
@@ -63,19 +54,12 @@ def test_strided_input_maps_into_a_new_array(scene_linear):
     (np.zeros((4, 4), np.float32), False, ValueError, r"shape \(H, W, 3\) or \(H, W, 4\), not \(4, 4\)"),
     (np.zeros((4, 4, 2), np.float32), False, ValueError, r"not \(4, 4, 2\)"),
     (np.zeros((4, 8, 3), np.float32)[:, ::2], True, ValueError, r"C-contiguous"),
+    (read_only(np.zeros((2, 2, 3), np.float32)), True, ValueError, r"read-only; map it into a new array"),
     ([[[0.1, 0.2, 0.3]]], False, TypeError, r"float32 numpy array .* not list"),
 ])
 def test_wrong_arrays_are_refused_with_the_reason(image, in_place, error, message):
     with pytest.raises(error, match=message):
         ferrim.Pipeline.default().map(image, in_place=in_place)
-
-
-def test_read_only_arrays_are_not_mapped_in_place():
-    image = np.zeros((2, 2, 3), np.float32)
-    image.flags.writeable = False
-    with pytest.raises(ValueError, match="read-only"):
-        ferrim.Pipeline.default().map(image, in_place=True)
-    assert ferrim.Pipeline.default().map(image).shape == (2, 2, 3)
 
 
 def test_edits_and_context_reach_the_next_mapping(reference, scene_linear):
@@ -96,13 +80,10 @@ def test_edits_and_context_reach_the_next_mapping(reference, scene_linear):
 def test_operator_list_editing():
     p = ferrim.Pipeline(["SimpleExposureOperator"])
     contrast = p.append("ContrastOperator")
-    assert p.insert(-1, ferrim.create("SaturationOperator")).class_name == "Zatho.SaturationOperator"
-    assert [op.ui_name for op in p] == ["Simple Exposure", "Saturation", "Contrast"]
-    assert p.find("Zatho.ContrastOperator") is contrast and p.find("LutOperator") is None
+    p.insert(-1, ferrim.create("SaturationOperator"))
     del p[0]
-    assert len(p) == 2
-    with pytest.raises(IndexError):
-        p[5]
+    assert [op.ui_name for op in p] == ["Saturation", "Contrast"]
+    assert p.find("Zatho.ContrastOperator") is contrast and p.find("LutOperator") is None
     with pytest.raises(ferrim.Error, match='unknown operator type "Blur".*Zatho.ContrastOperator'):
         p.append("Blur")
     with pytest.raises(TypeError, match="ferrim.Operator"):
@@ -160,12 +141,6 @@ def test_an_unreadable_lut_leaves_its_operator_neutral_with_a_warning(tmp_path):
 def test_unmapping_equals_the_cpp_result(graded, reference, rng, exclude, bits):
     colors = rng.random((5, 7, 3), dtype=np.float32)
     assert np.array_equal(graded.unmap(colors, exclude=exclude), reference.unmap(graded, colors, bits))
-
-
-def test_unmapping_undoes_mapping():
-    linear = np.linspace(0.02, 0.8, 3 * 50, dtype=np.float32).reshape(50, 1, 3)
-    p = ferrim.Pipeline.default()
-    assert np.allclose(p.unmap(p.map(linear)), linear, rtol=2e-3, atol=1e-5)
 
 
 @pytest.mark.parametrize("colors, exclude, error, message", [

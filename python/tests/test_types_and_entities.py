@@ -14,13 +14,9 @@ def test_types_are_what_the_program_lists(ferrim_tool):
     assert ferrim.types() == json.loads(listed.stdout)
 
 
-def test_type_info_describes_defaults_validators_and_ui_metadata():
-    props = {p["name"]: p for p in ferrim.type_info("NoiseMap")["properties"]}
-    assert props["size"]["default"] == pytest.approx(0.1)
-    assert props["size"]["validators"] == [{"kind": "minimum", "minimum": pytest.approx(0.001)}]
-    assert [v["label"] for v in props["type"]["type"]["values"]] == ["REGULAR", "FRACTAL"]
-    assert props["levels"]["metadata"]["Zatho.Ui.EnabledIf"] == {"predicate": "type == FRACTAL"}
-    assert ferrim.type_info("Zatho.NoiseMap") == ferrim.type_info("NoiseMap")
+def test_type_info_takes_names_with_or_without_the_prefix():
+    listed = next(t for t in ferrim.types() if t["name"] == "Zatho.NoiseMap")
+    assert ferrim.type_info("Zatho.NoiseMap") == ferrim.type_info("NoiseMap") == listed
     with pytest.raises(ferrim.Error, match='unknown type "NoSuchMap"'):
         ferrim.type_info("NoSuchMap")
 
@@ -66,11 +62,8 @@ def test_refused_values_raise_property_errors_naming_the_property(name, value, m
         noise[name] = value
     assert isinstance(error.value, ValueError)
     assert noise.to_dict() == before
-
-
-def test_values_that_are_not_data_are_type_errors():
     with pytest.raises(TypeError, match=r'property "size" cannot hold a value of type object'):
-        ferrim.create("NoiseMap")["size"] = object()
+        noise["size"] = object()
 
 
 def test_update_is_all_or_nothing():
@@ -104,17 +97,10 @@ def test_entity_graphs_round_trip_through_dicts_and_json():
     assert ferrim.from_dict(data).to_dict() == data
     assert ferrim.from_json(checker.to_json(indent=2)).to_dict() == data
     assert checker["color2"]["map"]["@class"] == "Zatho.NoiseMap"
-
-
-@pytest.mark.parametrize("text, message", [
-    ('{"@class": "Zatho.NoiseMap", "size": ', "malformed JSON"),
-    ('{"@class": "Zatho.NoiseMap", "colour": [1, 0, 0]}', 'has no property "colour"'),
-    ('{"size": 1}', '"@class"'),
-    ('{"@class": "Zatho.NoSuchMap"}', 'unknown type "Zatho.NoSuchMap"'),
-])
-def test_bad_entity_json_is_refused_with_the_problem(text, message):
-    with pytest.raises(ferrim.Error, match=message):
-        ferrim.from_json(text)
+    with pytest.raises(ferrim.Error, match="malformed JSON"):
+        ferrim.from_json('{"@class": "Zatho.NoiseMap", "size": ')
+    with pytest.raises(ferrim.Error, match='unknown type "Zatho.NoSuchMap"'):
+        ferrim.from_dict({"@class": "Zatho.NoSuchMap"})
 
 
 def test_import_starts_the_library_and_interpreter_exit_stops_it():
