@@ -145,33 +145,28 @@ The points are evaluated in parallel on every core, without the interpreter lock
 } // namespace
 
 void bindMaps(py::module_& m) {
-    py::class_<IMap, Entity, SharedPtr<IMap>>(m, "Map",
-                                              "A texture map: an entity that gives a colour, a value and a bump.")
-        .def(
-            "eval_color",
-            [](IMap const& map, py::handle uvw, py::handle position, py::handle normal, float footprint) {
-                return evaluate(map, Evaluation::Color, uvw, position, normal, footprint);
+    auto map = py::class_<IMap, Entity, SharedPtr<IMap>>(
+        m, "Map", "A texture map: an entity that gives a colour, a value and a bump.");
+    struct Method {
+        char const* name;
+        Evaluation what;
+        char const* summary;
+    };
+    for (Method const& method : {
+             Method{"eval_color", Evaluation::Color, "The map's colour and alpha at each point: an array (..., 4)."},
+             Method{"eval_mono", Evaluation::Mono, "The map's value and alpha at each point: an array (..., 2)."},
+             Method{"eval_bump", Evaluation::Bump,
+                    "The map's bump perturbation of the normal at each point: an array (..., 3)."},
+         }) {
+        Evaluation const what = method.what;
+        map.def(
+            method.name,
+            [what](IMap const& self, py::handle uvw, py::handle position, py::handle normal, float footprint) {
+                return evaluate(self, what, uvw, position, normal, footprint);
             },
             py::arg("uvw"), py::arg("position") = py::none(), py::arg("normal") = py::none(), py::kw_only(),
-            py::arg("footprint") = 0.f,
-            (String("The map's colour and alpha at each point: an array (..., 4).") + EVAL_DOC_TAIL).c_str())
-        .def(
-            "eval_mono",
-            [](IMap const& map, py::handle uvw, py::handle position, py::handle normal, float footprint) {
-                return evaluate(map, Evaluation::Mono, uvw, position, normal, footprint);
-            },
-            py::arg("uvw"), py::arg("position") = py::none(), py::arg("normal") = py::none(), py::kw_only(),
-            py::arg("footprint") = 0.f,
-            (String("The map's value and alpha at each point: an array (..., 2).") + EVAL_DOC_TAIL).c_str())
-        .def(
-            "eval_bump",
-            [](IMap const& map, py::handle uvw, py::handle position, py::handle normal, float footprint) {
-                return evaluate(map, Evaluation::Bump, uvw, position, normal, footprint);
-            },
-            py::arg("uvw"), py::arg("position") = py::none(), py::arg("normal") = py::none(), py::kw_only(),
-            py::arg("footprint") = 0.f,
-            (String("The map's bump perturbation of the normal at each point: an array (..., 3).") + EVAL_DOC_TAIL)
-                .c_str());
+            py::arg("footprint") = 0.f, (String(method.summary) + EVAL_DOC_TAIL).c_str());
+    }
 
     m.def("render", &render, py::arg("scene") = py::none(), py::kw_only(), py::arg("width") = py::none(),
           py::arg("height") = py::none(), py::arg("samples") = py::none(), py::arg("shape") = "sphere",
