@@ -40,7 +40,6 @@ struct FloatRows {
     std::size_t rows = 0;
     std::size_t channels = 0;
     Quelin::Stack<py::ssize_t> leadingShape; ///< every axis but the last
-    bool contiguous = false;
 };
 
 /// Reads `value` through the buffer protocol without copying. Refuses, with

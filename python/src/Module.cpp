@@ -175,8 +175,7 @@ FloatRows requireFloatRows(py::handle value, char const* what, char const* shape
         throw py::value_error(name + " must have shape " + shape + ", not " + shapeText(info));
     if (reinterpret_cast<std::uintptr_t>(info.ptr) % alignof(float) != 0)
         throw py::value_error(name + " is not aligned to its float32 values; pass a copy of it");
-    rows.contiguous = isCContiguous(info);
-    if (requireContiguous && !rows.contiguous)
+    if (requireContiguous && !isCContiguous(info))
         throw py::value_error(name + " must be C-contiguous; pass numpy.ascontiguousarray(" + name + ")");
     rows.data = static_cast<float*>(info.ptr);
     rows.channels = std::size_t(info.shape.back());

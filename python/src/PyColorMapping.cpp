@@ -154,8 +154,13 @@ class Pipeline {
 };
 
 EntityHolder<UnaryColorMappingOperator> toOperator(py::handle value) {
-    if (py::isinstance<UnaryColorMappingOperator>(value))
-        return value.cast<SharedPtr<UnaryColorMappingOperator>>();
+    if (py::isinstance<UnaryColorMappingOperator>(value)) {
+        auto op = value.cast<SharedPtr<UnaryColorMappingOperator>>();
+        // Legacy operators only load; mapping through one would stop.
+        if (!factory().containsDescriptor(op->getClassName()))
+            raiseError("\"" + op->getClassName() + "\" is a legacy operator and cannot be part of a pipeline");
+        return op;
+    }
     if (!PyUnicode_Check(value.ptr()))
         throw py::type_error("a pipeline holds ferrim.Operator objects or operator type names");
     String const name = value.cast<String>();

@@ -88,6 +88,8 @@ def test_operator_list_editing():
         p.append("Blur")
     with pytest.raises(TypeError, match="ferrim.Operator"):
         p.append(ferrim.create("NoiseMap"))
+    with pytest.raises(ferrim.Error, match='"Zatho.AcesOtOperator2" is a legacy operator'):
+        p.append(ferrim.from_dict({"@class": "Zatho.AcesOtOperator2"}))
 
 
 def test_pipelines_round_trip_through_files_and_json(tmp_path, graded):
