@@ -156,6 +156,36 @@ String describeJson(json const& j) {
     }
 }
 
+namespace {
+json metadataToJson(MetadataValue const& v) {
+    return std::visit(
+        [](auto const& x) -> json {
+            using T = std::decay_t<decltype(x)>;
+            if constexpr (std::is_same_v<T, MetadataPredicate>) return json{{"predicate", x.expression}};
+            else return json(x);
+        },
+        v);
+}
+
+json typeToJson(TypeDefinition const& t) {
+    json j{{"kind", valueTypeName(t.getValueType())}};
+    switch (t.getValueType()) {
+    case ValueType::Enum: {
+        j["name"] = t.getName();
+        json values = json::array();
+        for (auto const& e : t.getEnumEntries()) values.push_back({{"value", e.value}, {"label", e.label}});
+        j["values"] = values;
+        break;
+    }
+    case ValueType::EntityRef: j["class"] = t.getName(); break;
+    case ValueType::Group:
+    case ValueType::List: j["group"] = t.getName(); break;
+    default: break;
+    }
+    return j;
+}
+} // namespace
+
 json toJson(PropertyValue const& value, TypeDefinition const& type) {
     switch (type.getValueType()) {
     case ValueType::Bool: return std::get<bool>(value);
@@ -206,6 +236,26 @@ json toJson(GenericDataObject const& data) {
     json j = json::object();
     for (auto const& p : data.getProperties()) j[p.definition->getName()] = toJson(p.value, p.definition->getType());
     return j;
+}
+
+json toJson(DataObjectDefinition const& def) {
+    json props = json::array();
+    for (auto const& p : def.getProperties()) {
+        json jp{{"name", p->getName()}, {"type", typeToJson(p->getType())}};
+        if (p->getDefaultEntityFactory())
+            jp["default"] = "a new " + p->getType().getName();
+        else
+            jp["default"] = toJson(p->getDefault(), p->getType());
+        if (p->getKind() == PropertyKind::Hidden) jp["hidden"] = true;
+        json validators = json::array();
+        for (auto const& v : p->getValidators()) validators.push_back(v->describe());
+        if (!validators.empty()) jp["validators"] = validators;
+        json meta = json::object();
+        for (auto const& [k, v] : p->getMetadata()) meta[k] = metadataToJson(v);
+        if (!meta.empty()) jp["metadata"] = meta;
+        props.push_back(jp);
+    }
+    return {{"name", def.getName()}, {"properties", props}};
 }
 
 Expected<PropertyValue> propertyValueFromJson(json const& j, PropertyDefinition const& property) {

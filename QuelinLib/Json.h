@@ -28,6 +28,10 @@ nlohmann::json toJson(PropertyValue const& value, TypeDefinition const& type);
 /// values). Unknown keys, wrong value types and refused values are errors that
 /// name the record type and property; `target` is unchanged then.
 Expected<void> fromJson(nlohmann::json const& json, GenericDataObject& target);
+/// A record type as hosts see it: its name and, per property, the type,
+/// default, validators, hidden flag and UI metadata (what `ferrim types --json`
+/// prints and scripting hosts list).
+nlohmann::json toJson(DataObjectDefinition const& definition);
 Expected<PropertyValue> propertyValueFromJson(nlohmann::json const& json, PropertyDefinition const& property);
 
 nlohmann::json entityToJson(Entity const& entity);

@@ -38,6 +38,15 @@ void requirePipelineFiles(ColorMapping const& mapping) {
     if (auto error = findPipelineLoadError(mapping.getAppliedChain())) throw CommandError{"LUT " + *error};
 }
 
+Expected<void> mapToDisplay(LinearImage& image, nlohmann::json const& pipeline) {
+    try {
+        mapLinearImageToDisplay(loadScenePipeline(pipeline, "scene"), image.rgba, image.width, image.height);
+    } catch (CommandError const& e) {
+        return makeError(e.message);
+    }
+    return {};
+}
+
 Expected<void> writeDisplayImage(LinearImage& image, EntityHolder<IColorMappingOperator> const& pipeline, String const& path) {
     Io::Path const out(path);
     String ext = out.extension().string();

@@ -22,5 +22,8 @@ void requirePipelineFiles(Quelin::ColorMapping const& mapping);
 /// HDR formats (EXR, HDR) keep the radiance.
 Quelin::Expected<void> writeDisplayImage(LinearImage& image, Quelin::EntityHolder<Quelin::IColorMappingOperator> const& pipeline,
                                          Quelin::String const& path);
+/// Maps a linear render in place to display colours through a scene's
+/// "pipeline" (the default one when null); errors come back as text.
+Quelin::Expected<void> mapToDisplay(LinearImage& image, nlohmann::json const& pipeline);
 
 } // namespace FerrimTool

@@ -12,54 +12,6 @@ namespace FerrimTool {
 
 namespace {
 
-json metadataToJson(MetadataValue const& v) {
-    return std::visit(
-        [](auto const& x) -> json {
-            using T = std::decay_t<decltype(x)>;
-            if constexpr (std::is_same_v<T, MetadataPredicate>) return json{{"predicate", x.expression}};
-            else return json(x);
-        },
-        v);
-}
-
-json typeToJson(TypeDefinition const& t) {
-    json j{{"kind", valueTypeName(t.getValueType())}};
-    switch (t.getValueType()) {
-    case ValueType::Enum: {
-        j["name"] = t.getName();
-        json values = json::array();
-        for (auto const& e : t.getEnumEntries()) values.push_back({{"value", e.value}, {"label", e.label}});
-        j["values"] = values;
-        break;
-    }
-    case ValueType::EntityRef: j["class"] = t.getName(); break;
-    case ValueType::Group:
-    case ValueType::List: j["group"] = t.getName(); break;
-    default: break;
-    }
-    return j;
-}
-
-json definitionToJson(DataObjectDefinition const& def) {
-    json props = json::array();
-    for (auto const& p : def.getProperties()) {
-        json jp{{"name", p->getName()}, {"type", typeToJson(p->getType())}};
-        if (p->getDefaultEntityFactory())
-            jp["default"] = "a new " + p->getType().getName();
-        else
-            jp["default"] = toJson(p->getDefault(), p->getType());
-        if (p->getKind() == PropertyKind::Hidden) jp["hidden"] = true;
-        json validators = json::array();
-        for (auto const& v : p->getValidators()) validators.push_back(v->describe());
-        if (!validators.empty()) jp["validators"] = validators;
-        json meta = json::object();
-        for (auto const& [k, v] : p->getMetadata()) meta[k] = metadataToJson(v);
-        if (!meta.empty()) jp["metadata"] = meta;
-        props.push_back(jp);
-    }
-    return {{"name", def.getName()}, {"properties", props}};
-}
-
 String shortValue(json const& j) {
     String s = j.is_string() ? j.get<String>() : j.dump();
     if (s.size() > 60) s = s.substr(0, 57) + "...";
@@ -69,7 +21,7 @@ String shortValue(json const& j) {
 void printText(DataObjectDefinition const& def) {
     std::printf("%s\n", def.getName().c_str());
     for (auto const& p : def.getProperties()) {
-        json const jp = definitionToJson(def)["properties"][std::size_t(def.findIndex(p->getName()))];
+        json const jp = toJson(def)["properties"][std::size_t(def.findIndex(p->getName()))];
         String type = String(valueTypeName(p->getType().getValueType()));
         if (p->getType().getValueType() == ValueType::Enum) {
             type += " {";
@@ -108,7 +60,7 @@ void addTypesCommand(CLI::App& app) {
         }
         if (*asJson) {
             json out = json::array();
-            for (auto const& t : types) out.push_back(definitionToJson(*t));
+            for (auto const& t : types) out.push_back(toJson(*t));
             std::cout << (name->empty() ? out : out[0]).dump(2) << "\n";
             return;
         }

@@ -1,0 +1,184 @@
+// Maps from Python: evaluating a map over arrays of shading points on all
+// cores, and rendering swatches as the `ferrim render` command does.
+#include <cmath>
+#include <fstream>
+#include <sstream>
+
+#include "Bindings.h"
+#include "DisplayOutput.h"
+#include "Ferrim/IMap.h"
+#include "PointShadeContext.h"
+#include "QuelinLib/Json.h"
+#include "QuelinLib/TaskScheduler.h"
+#include "SwatchRenderer.h"
+
+namespace FerrimPython {
+
+using namespace Quelin;
+
+namespace {
+
+enum class Evaluation { Color, Mono, Bump };
+
+/// An optional (..., 3) array with the same leading shape as uvw.
+Optional<FloatRows> pointAttribute(py::handle value, char const* what, FloatRows const& uvw) {
+    if (value.is_none())
+        return std::nullopt;
+    FloatRows rows = requireFloatRows(value, what, "(..., 3)", {3}, 0, false, true);
+    if (rows.leadingShape != uvw.leadingShape)
+        throw py::value_error(String(what) + " must have one point per uvw point: shape " +
+                              py::str(py::tuple(py::cast(uvw.leadingShape))).cast<String>() + " + (3,)");
+    return rows;
+}
+
+Pos posAt(float const* data, std::size_t channels, std::size_t i) {
+    float const* p = data + i * channels;
+    return Pos(p[0], p[1], channels == 3 ? p[2] : 0.f);
+}
+
+py::array_t<float> evaluate(IMap const& map, Evaluation what, py::handle uvw, py::handle position, py::handle normal,
+                            float footprint) {
+    if (!(footprint >= 0.f) || !std::isfinite(footprint))
+        throw py::value_error("footprint must be a finite value >= 0");
+    FloatRows const points = requireFloatRows(uvw, "uvw", "(..., 2) or (..., 3)", {2, 3}, 0, false, true);
+    Optional<FloatRows> const positions = pointAttribute(position, "position", points);
+    Optional<FloatRows> const normals = pointAttribute(normal, "normal", points);
+    std::size_t const channels = what == Evaluation::Color ? 4 : (what == Evaluation::Mono ? 2 : 3);
+    py::array_t<float> out = newFloatArray(points.leadingShape, channels);
+    float* const target = out.mutable_data();
+    // Built once from the record; the evaluator is immutable and shared by the workers.
+    SharedPtr<IMapEvaluator> const evaluator = map.getEvaluatorImpl().evaluator;
+    {
+        py::gil_scoped_release release;
+        parallelFor(0, std::int64_t(points.rows), 1024, [&](std::int64_t begin, std::int64_t end) {
+            for (auto i = std::size_t(begin); i < std::size_t(end); ++i) {
+                ShadingPoint p;
+                p.uvw = posAt(points.data, points.channels, i);
+                p.position = positions ? posAt(positions->data, 3, i) : p.uvw;
+                if (normals)
+                    p.normal = toDir(posAt(normals->data, 3, i));
+                p.footprint = footprint;
+                PointShadeContext const context(p);
+                float* o = target + i * channels;
+                if (what == Evaluation::Color) {
+                    RgbAlpha const c = evaluator->evalColor(context, nullptr);
+                    o[0] = c.r, o[1] = c.g, o[2] = c.b, o[3] = c.alpha;
+                } else if (what == Evaluation::Mono) {
+                    MonoAlpha const v = evaluator->evalMono(context, nullptr);
+                    o[0] = v.value, o[1] = v.alpha;
+                } else {
+                    Dir const d = evaluator->evalBump(context, nullptr);
+                    o[0] = d.x, o[1] = d.y, o[2] = d.z;
+                }
+            }
+        });
+    }
+    return out;
+}
+
+/// The scene text and the name its errors use.
+std::pair<String, String> sceneText(py::handle scene, String const& shape) {
+    if (scene.is_none())
+        return {String(FerrimTool::getDemoSceneText()), "demo scene"};
+    if (py::isinstance<IMap>(scene)) {
+        nlohmann::json const one{{"map", entityToJson(scene.cast<IMap const&>())}, {"shape", shape}};
+        return {one.dump(), "map"};
+    }
+    if (PyDict_Check(scene.ptr()))
+        return {toJson(scene, "scene").dump(), "scene"};
+    if (PyUnicode_Check(scene.ptr()) || py::hasattr(scene, "__fspath__")) {
+        String const path = py::module_::import("os").attr("fspath")(scene).cast<String>();
+        std::ifstream in(path, std::ios::binary);
+        if (!in)
+            raiseError("cannot read scene file \"" + path + "\": no such file or not readable");
+        std::ostringstream text;
+        text << in.rdbuf();
+        return {text.str(), path};
+    }
+    throw py::type_error("scene must be None (the demo scene), a ferrim.Map, a scene dict or a scene file path");
+}
+
+py::array_t<float> render(py::handle sceneSource, Optional<int> width, Optional<int> height, Optional<int> samples,
+                          String const& shape, bool display) {
+    if (shape != "sphere" && shape != "plane")
+        throw py::value_error("shape must be \"sphere\" or \"plane\"");
+    auto const [text, source] = sceneText(sceneSource, shape);
+    auto scene = FerrimTool::parseScene(text, source);
+    if (!scene)
+        raiseError(scene.error());
+    if (samples) {
+        if (*samples < 1 || *samples > 256)
+            throw py::value_error("samples must be from 1 to 256");
+        scene->samples = *samples;
+    }
+    if (width.has_value() != height.has_value())
+        throw py::value_error("give both width and height, or neither");
+    auto const [columns, rows] = FerrimTool::gridOf(*scene);
+    int const w = width.value_or(256 * columns), h = height.value_or(256 * rows);
+    if (w < 1 || h < 1 || w > 16384 || h > 16384)
+        throw py::value_error("width and height must be from 1 to 16384");
+
+    FerrimTool::LinearImage image;
+    Expected<void> mapped;
+    {
+        py::gil_scoped_release release;
+        image = FerrimTool::renderScene(*scene, w, h, {});
+        if (display)
+            mapped = FerrimTool::mapToDisplay(image, scene->pipeline);
+    }
+    if (!mapped)
+        raiseError(mapped.error());
+    // The array takes the pixels over without a copy.
+    auto* pixels = new Stack<float>(std::move(image.rgba));
+    py::capsule owner(pixels, [](void* p) { delete static_cast<Stack<float>*>(p); });
+    return py::array_t<float>({py::ssize_t(h), py::ssize_t(w), py::ssize_t(4)}, pixels->data(), owner);
+}
+
+char const* const EVAL_DOC_TAIL = R"(
+
+uvw: float32 array of shape (..., 3), or (..., 2) with w = 0.
+position: optional float32 array (..., 3); the uvw points when omitted.
+normal: optional float32 array (..., 3) of unit normals; (0, 0, 1) when omitted.
+footprint: filter width around each point (0: no filtering).
+The points are evaluated in parallel on every core, without the interpreter lock.)";
+
+} // namespace
+
+void bindMaps(py::module_& m) {
+    auto map = py::class_<IMap, Entity, SharedPtr<IMap>>(
+        m, "Map", "A texture map: an entity that gives a colour, a value and a bump.");
+    struct Method {
+        char const* name;
+        Evaluation what;
+        char const* summary;
+    };
+    for (Method const& method : {
+             Method{"eval_color", Evaluation::Color, "The map's colour and alpha at each point: an array (..., 4)."},
+             Method{"eval_mono", Evaluation::Mono, "The map's value and alpha at each point: an array (..., 2)."},
+             Method{"eval_bump", Evaluation::Bump,
+                    "The map's bump perturbation of the normal at each point: an array (..., 3)."},
+         }) {
+        Evaluation const what = method.what;
+        map.def(
+            method.name,
+            [what](IMap const& self, py::handle uvw, py::handle position, py::handle normal, float footprint) {
+                return evaluate(self, what, uvw, position, normal, footprint);
+            },
+            py::arg("uvw"), py::arg("position") = py::none(), py::arg("normal") = py::none(), py::kw_only(),
+            py::arg("footprint") = 0.f, (String(method.summary) + EVAL_DOC_TAIL).c_str());
+    }
+
+    m.def("render", &render, py::arg("scene") = py::none(), py::kw_only(), py::arg("width") = py::none(),
+          py::arg("height") = py::none(), py::arg("samples") = py::none(), py::arg("shape") = "sphere",
+          py::arg("display") = true,
+          R"(Renders swatches as `ferrim render` does, into a float32 array (H, W, 4), top row first.
+
+scene: None for the demo scene, a ferrim.Map (one swatch of the given shape,
+"sphere" or "plane"), a scene dict, or the path of a scene file.
+width, height: the image size (default 256 pixels per swatch).
+samples: samples per pixel, rounded to a square (default: the scene's).
+display: map the render through the scene's colour-mapping pipeline (default
+pipeline when the scene has none) to display values; False keeps radiance.)");
+}
+
+} // namespace FerrimPython

@@ -1,0 +1,50 @@
+#pragma once
+// A shading point given by arrays: texture coordinates with an optional
+// position and normal, as a plane swatch would see them.
+#include <cmath>
+
+#include "Ferrim/IShadeContext.h"
+
+namespace FerrimPython {
+
+struct ShadingPoint {
+    Quelin::Pos uvw;
+    Quelin::Pos position;
+    Quelin::Dir normal{0.f, 0.f, 1.f};
+    /// Filter width: in texture units for every UVW axis, in world units for the position.
+    float footprint = 0.f;
+};
+
+/// Every UV channel answers the point's UVW. The tangent frame follows u along
+/// x and v along y, projected onto the plane of the normal, so a normal of
+/// (0, 0, 1) gives the frame of a flat plane in xy.
+class PointShadeContext final : public Quelin::NullShadeContext {
+  public:
+    explicit PointShadeContext(ShadingPoint const& p) : mP(p) {
+        using Quelin::Dir;
+        Dir t = Dir(1.f, 0.f, 0.f) - mP.normal * mP.normal.x;
+        if (Quelin::length(t) < 1e-6f)
+            t = Dir(0.f, 1.f, 0.f) - mP.normal * mP.normal.y;
+        mDpDu = Quelin::normalize(t);
+        mDpDv = Quelin::cross(mP.normal, mDpDu);
+    }
+    Quelin::Matrix33 getBumpBase(int) const override { return Quelin::Matrix33::fromColumns(mDpDu, mDpDv, mP.normal); }
+    Quelin::Pos getUvw(int, std::uint32_t) const override { return mP.uvw; }
+    Quelin::Dir getDUvw(int) const override { return {mP.footprint, mP.footprint, mP.footprint}; }
+    Quelin::Dir getDpDu(int) const override { return mDpDu; }
+    Quelin::Dir getDpDv(int) const override { return mDpDv; }
+    Quelin::PrecisePos getPosition() const override { return {mP.position.x, mP.position.y, mP.position.z}; }
+    Quelin::Pos getObjectPosition() const override { return mP.position; }
+    Quelin::Dir getNormal() const override { return mP.normal; }
+    Quelin::Dir getGeometricNormal() const override { return mP.normal; }
+    Quelin::Dir getObjectNormal() const override { return mP.normal; }
+    Quelin::Dir getViewDirection() const override { return -mP.normal; }
+    float getPositionFootprint() const override { return mP.footprint; }
+    bool wantsFilteredLookup() const override { return mP.footprint > 0.f; }
+
+  private:
+    ShadingPoint const& mP;
+    Quelin::Dir mDpDu, mDpDv;
+};
+
+} // namespace FerrimPython

@@ -1,0 +1,46 @@
+# Installs the build into a fresh prefix, builds the outside project in
+# project/ against it and runs it; also runs the installed program and, when
+# the build has the Python module, imports the installed module.
+# Inputs: BUILD_DIR, WORK_DIR, GENERATOR, CXX_COMPILER, LAUNCHER (may be empty), PYTHON (may be empty).
+cmake_minimum_required(VERSION 3.25)
+
+function(run what)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "${what} failed (${rc}):\n${out}\n${err}")
+  endif()
+  set(last_output "${out}" PARENT_SCOPE)
+endfunction()
+
+set(prefix ${WORK_DIR}/prefix)
+file(REMOVE_RECURSE ${WORK_DIR})
+run("Installing" ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
+
+set(configure ${CMAKE_COMMAND} -S ${CMAKE_CURRENT_LIST_DIR}/project -B ${WORK_DIR}/build -G ${GENERATOR}
+    -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${CXX_COMPILER})
+if(LAUNCHER)
+  list(APPEND configure -DCMAKE_CXX_COMPILER_LAUNCHER=${LAUNCHER})
+endif()
+run("Configuring the consumer" ${configure})
+run("Building the consumer" ${CMAKE_COMMAND} --build ${WORK_DIR}/build)
+run("Running the consumer" ${WORK_DIR}/build/consumer)
+message(STATUS "${last_output}")
+
+run("Running the installed program" ${prefix}/bin/ferrim types Zatho.NoiseMap)
+if(NOT last_output MATCHES "Zatho.NoiseMap")
+  message(FATAL_ERROR "The installed program did not list the noise map type:\n${last_output}")
+endif()
+
+if(PYTHON)
+  file(GLOB_RECURSE module_init ${prefix}/__init__.py)
+  list(FILTER module_init INCLUDE REGEX "/ferrim/__init__.py$")
+  if(NOT module_init)
+    message(FATAL_ERROR "The Python module was not installed under ${prefix}")
+  endif()
+  list(GET module_init 0 module_init)
+  get_filename_component(package_dir ${module_init} DIRECTORY)
+  get_filename_component(site_dir ${package_dir} DIRECTORY)
+  run("Importing the installed Python module" ${CMAKE_COMMAND} -E env PYTHONPATH=${site_dir}
+      ${PYTHON} -c "import ferrim; print(len(ferrim.types()))")
+endif()
+file(REMOVE_RECURSE ${WORK_DIR})
