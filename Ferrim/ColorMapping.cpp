@@ -105,7 +105,12 @@ void ColorMapping::setPipeline(EntityHolder<IColorMappingOperator> pipeline) { s
 void ColorMapping::setContext(ColorMappingContext const& context) {
     std::lock_guard lock(mChainMutex);
     mContext = context;
-    if (mAppliedChain) mAppliedChain->prepareForApplication(mContext);
+    if (mAppliedChain) prepareLocked();
+}
+
+void ColorMapping::prepareLocked() {
+    mAppliedChain->prepareForApplication(mContext);
+    mProgram = ColorProgram::compile(mAppliedChain);
 }
 
 ColorMappingContext ColorMapping::getContext() const {
@@ -137,7 +142,7 @@ void ColorMapping::rebuildLocked() {
         mDisplayChain = toDisplay;
     }
     mAppliedChain = mDisplayChain;
-    mAppliedChain->prepareForApplication(mContext);
+    prepareLocked();
 }
 
 Rgb ColorMapping::map(Rgb const& color, Pixel pixel) const {
@@ -152,25 +157,33 @@ Rgb ColorMapping::unmap(Rgb const& color, Flags<ColorMappingExclude> exclude) co
 
 namespace {
 template <typename P>
-void mapFrame(IColorMappingOperator const* chain, std::span<P> pixels, int width, int height, int threads,
+void mapFrame(ColorProgram const* program, std::span<P> pixels, int width, int height, int threads,
               Function<void(double)> const& progress) {
-    if (!chain) return;
+    if (!program) return;
     if (pixels.size() < std::size_t(std::max(width, 0)) * std::size_t(std::max(height, 0)))
         throw Exception("ColorMapping::mapFrameBuffer: the buffer holds fewer than width x height pixels");
     forEachTile(width, height, threads, &progress, [&](std::size_t first, std::size_t count, Pixel origin, Pixel extent) {
-        chain->map(pixels.subspan(first, count), origin, extent);
+        program->map(pixels.subspan(first, count), origin, extent);
     });
 }
 } // namespace
 
 void ColorMapping::mapFrameBuffer(std::span<Rgb> pixels, int width, int height, int threads,
                                   Function<void(double)> const& progress) const {
-    mapFrame(mEnabled ? mAppliedChain.get() : nullptr, pixels, width, height, threads, progress);
+    mapFrame(mEnabled && mAppliedChain ? &mProgram : nullptr, pixels, width, height, threads, progress);
 }
 
 void ColorMapping::mapFrameBuffer(std::span<RgbAlpha> pixels, int width, int height, int threads,
                                   Function<void(double)> const& progress) const {
-    mapFrame(mEnabled ? mAppliedChain.get() : nullptr, pixels, width, height, threads, progress);
+    mapFrame(mEnabled && mAppliedChain ? &mProgram : nullptr, pixels, width, height, threads, progress);
+}
+
+void ColorMapping::mapBucket(std::span<Rgb> pixels, Pixel origin, Pixel extent) const {
+    if (mEnabled && mAppliedChain) mProgram.map(pixels, origin, extent);
+}
+
+void ColorMapping::mapBucket(std::span<RgbAlpha> pixels, Pixel origin, Pixel extent) const {
+    if (mEnabled && mAppliedChain) mProgram.map(pixels, origin, extent);
 }
 
 FERRIM_REGISTER_ENTITY(ColorMapping);

@@ -7,6 +7,7 @@
 
 #include "Ferrim/IShadeContext.h"
 #include "Ferrim/colorMappingOperators/ColorMappingPipeline.h"
+#include "Ferrim/colorMappingOperators/ColorProgram.h"
 
 namespace Quelin {
 
@@ -62,17 +63,27 @@ public:
     /// As above; alpha passes through.
     void mapFrameBuffer(std::span<RgbAlpha> pixels, int width, int height, int threads = 0,
                         Function<void(double)> const& progress = {}) const;
+    /// Maps one bucket in place on the calling thread; layout as
+    /// IColorMappingOperator::map. Buckets and frames run the compiled
+    /// program (getProgram), single colours and unmapping the chain itself.
+    void mapBucket(std::span<Rgb> pixels, Pixel origin, Pixel extent) const;
+    void mapBucket(std::span<RgbAlpha> pixels, Pixel origin, Pixel extent) const;
+    /// The applied chain compiled for buckets, remade whenever the chain is
+    /// prepared.
+    ColorProgram const& getProgram() const { return mProgram; }
 
 protected:
     void onDataChanged(StringView propertyName) override;
 
 private:
     void rebuildLocked();
+    void prepareLocked();
 
     mutable Mutex mChainMutex;
     EntityHolder<IColorMappingOperator> mLinearChain;
     EntityHolder<IColorMappingOperator> mDisplayChain;
     EntityHolder<IColorMappingOperator> mAppliedChain;
+    ColorProgram mProgram;
     ColorMappingContext mContext;
     bool mEnabled = true;
     bool mInConstruction = true;

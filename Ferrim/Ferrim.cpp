@@ -2,6 +2,8 @@
 
 #include "QuelinLib/Lib.h"
 
+#include <algorithm>
+
 namespace Quelin::Ferrim {
 
 String const MIME_ENTITY_DATA = "application/vnd.zatho.entity-data";
@@ -38,11 +40,25 @@ void run(void (*function)(), SharedPtr<Function<void()>> const& object) {
 }
 } // namespace
 
+// The module's own hooks run in this order whatever order their static
+// initialisers ran in: the texture cache's loader starts once every type,
+// obsolete operators included, is known.
+namespace {
+constexpr StringView HOOK_ORDER[] = {"Register obsolete operators", "Image Texture cache"};
+
+std::size_t hookRank(StringView name) {
+    return std::size_t(std::find(std::begin(HOOK_ORDER), std::end(HOOK_ORDER), name) - std::begin(HOOK_ORDER));
+}
+} // namespace
+
 void addHook(Hook hook) {
     auto& list = hooks();
     // Growth to the larger of count + 1 and 1.5 x capacity.
     if (list.size() == list.capacity()) list.reserve(std::max(list.size() + 1, list.capacity() * 3 / 2));
-    list.push_back(std::move(hook));
+    // Ordered hooks go before the first hook of a later rank; others keep registration order at the end.
+    std::size_t const rank = hookRank(hook.name);
+    auto const at = std::find_if(list.begin(), list.end(), [rank](Hook const& h) { return hookRank(h.name) > rank; });
+    list.insert(rank == std::size(HOOK_ORDER) ? list.end() : at, std::move(hook));
 }
 
 Stack<Hook> const& getHooks() { return hooks(); }

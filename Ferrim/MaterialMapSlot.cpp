@@ -6,6 +6,7 @@
 #include "Ferrim/Ferrim.h"
 #include "Ferrim/ShadingDataObjectBuilder.h"
 #include "QuelinLib/Json.h"
+#include "QuelinLib/MessageText.h"
 
 namespace Quelin {
 
@@ -291,7 +292,7 @@ float MaterialMapSlot::Evaluator::evalClampedMono(IShadeContext const& context, 
 // ----------------------------------------------------------------- JSON
 
 namespace {
-nlohmann::json rgbToJson(Rgb const& c) { return nlohmann::json::array({c.r, c.g, c.b}); }
+nlohmann::json rgbToJson(Rgb const& c) { return nlohmann::json::array({floatToJson(c.r), floatToJson(c.g), floatToJson(c.b)}); }
 
 String inQuotes(StringView text) {
     String r;
@@ -302,21 +303,21 @@ String inQuotes(StringView text) {
 
 Optional<Rgb> rgbFromJson(nlohmann::json const& j) {
     if (!j.is_array() || j.size() != 3) return std::nullopt;
-    for (auto const& e : j)
-        if (!e.is_number()) return std::nullopt;
-    return Rgb(j[0].get<float>(), j[1].get<float>(), j[2].get<float>());
+    Optional<float> const r = jsonToFloat(j[0]), g = jsonToFloat(j[1]), b = jsonToFloat(j[2]);
+    if (!r || !g || !b) return std::nullopt;
+    return Rgb(*r, *g, *b);
 }
 } // namespace
 
 void JsonWriteVisitor::visit(StringView key, Rgb& value) { mTarget[String(key)] = rgbToJson(value); }
-void JsonWriteVisitor::visit(StringView key, float& value) { mTarget[String(key)] = value; }
+void JsonWriteVisitor::visit(StringView key, float& value) { mTarget[String(key)] = floatToJson(value); }
 void JsonWriteVisitor::visit(StringView key, bool& value) { mTarget[String(key)] = value; }
 void JsonWriteVisitor::visit(StringView key, int& value) { mTarget[String(key)] = value; }
 void JsonWriteVisitor::visit(StringView key, Variant<Rgb, float>& value) {
     if (auto const* c = std::get_if<Rgb>(&value))
         mTarget[String(key)] = rgbToJson(*c);
     else
-        mTarget[String(key)] = std::get<float>(value);
+        mTarget[String(key)] = floatToJson(std::get<float>(value));
 }
 void JsonWriteVisitor::visit(StringView key, EntityHolder<IMap>& value) {
     mTarget[String(key)] = value ? entityToJson(*value) : nlohmann::json(nullptr);
@@ -353,10 +354,10 @@ void JsonReadVisitor::visit(StringView key, Rgb& value) {
 }
 void JsonReadVisitor::visit(StringView key, float& value) {
     if (auto const* j = find(key)) {
-        if (j->is_number())
-            value = j->get<float>();
+        if (auto const v = jsonToFloat(*j))
+            value = *v;
         else
-            fail(key, "expected a number");
+            fail(key, "expected a number within the range of a float, not " + describeJson(*j));
     }
 }
 void JsonReadVisitor::visit(StringView key, bool& value) {
@@ -369,20 +370,20 @@ void JsonReadVisitor::visit(StringView key, bool& value) {
 }
 void JsonReadVisitor::visit(StringView key, int& value) {
     if (auto const* j = find(key)) {
-        if (j->is_number_integer())
-            value = j->get<int>();
+        if (auto const v = jsonToInt(*j))
+            value = *v;
         else
-            fail(key, "expected an integer");
+            fail(key, "expected a 32-bit integer, not " + describeJson(*j));
     }
 }
 void JsonReadVisitor::visit(StringView key, Variant<Rgb, float>& value) {
     if (auto const* j = find(key)) {
-        if (j->is_number())
-            value = j->get<float>();
+        if (auto const v = j->is_array() ? std::nullopt : jsonToFloat(*j))
+            value = *v;
         else if (auto const c = rgbFromJson(*j))
             value = *c;
         else
-            fail(key, "expected a number or an array of three numbers");
+            fail(key, "expected a number or an array of three numbers within the range of a float");
     }
 }
 void JsonReadVisitor::visit(StringView key, EntityHolder<IMap>& value) {
@@ -404,9 +405,9 @@ void JsonReadVisitor::visitEnum(StringView key, int& value, TypeDefinition const
             if (Optional<int> const v = type.findEnumValue(j->get<String>()))
                 value = *v;
             else
-                fail(key, inQuotes(j->get<String>()).append(" is not a value of ").append(inQuotes(type.getName())));
-        } else if (j->is_number_integer() && type.findEnumLabel(j->get<int>())) {
-            value = j->get<int>();
+                fail(key, describeJson(*j).append(" is not a value of ").append(inQuotes(type.getName())));
+        } else if (auto const v = jsonToInt(*j); v && type.findEnumLabel(*v)) {
+            value = *v;
         } else {
             fail(key, String("expected one of the labels of ").append(inQuotes(type.getName())));
         }
@@ -418,7 +419,7 @@ Expected<void> JsonReadVisitor::finish() const {
     if (!mSource.is_object()) return makeError("expected a JSON object");
     for (auto const& [k, v] : mSource.items())
         if (std::find(mVisited.begin(), mVisited.end(), k) == mVisited.end())
-            return makeError("\"" + k + "\": unknown key");
+            return makeError(inQuotes(printableText(k, 40)) + ": unknown key");
     return {};
 }
 

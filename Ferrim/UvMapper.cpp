@@ -83,6 +83,9 @@ SharedPtr<UvMapper const> UvMapper::snapshot() const {
 void UvMapper::onDataChanged(StringView) { refresh(); }
 
 void UvMapper::refresh() {
+    // A setter on another thread may be writing the record, and another
+    // refresh writing the cached values: the entity's mutex guards both.
+    std::lock_guard const lock(getMutex());
     GenericDataObject const& d = getData();
     UvMapping m;
     m.wrapU = d.get<WrapMode>("wrapU");

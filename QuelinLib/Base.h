@@ -3,7 +3,6 @@
 // rest of the code base uses.
 #include <array>
 #include <cstdint>
-#include <expected>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -13,6 +12,8 @@
 #include <thread>
 #include <variant>
 #include <vector>
+
+#include "QuelinLib/Expected.h"
 
 #if defined(_WIN32)
 #define QUELIN_EXPORT_DECL __declspec(dllexport)
@@ -29,8 +30,8 @@ using StringView = std::string_view;
 template <typename T> using Stack = std::vector<T>;
 template <typename T> using Optional = std::optional<T>;
 template <typename... T> using Variant = std::variant<T...>;
-template <typename T, typename E = String> using Expected = std::expected<T, E>;
-template <typename E> using Unexpected = std::unexpected<E>;
+template <typename T, typename E = String> using Expected = Detail::Expected<T, E>;
+template <typename E> using Unexpected = Detail::Unexpected<E>;
 template <typename S> using Function = std::function<S>;
 template <typename T, std::size_t N> using StaticArray = std::array<T, N>;
 template <typename T> using SharedPtr = std::shared_ptr<T>;

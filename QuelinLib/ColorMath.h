@@ -6,6 +6,7 @@
 
 #include "QuelinLib/Float4.h"
 #include "QuelinLib/Types.h"
+#include "QuelinLib/WideMath.h"
 
 namespace Quelin {
 
@@ -20,52 +21,10 @@ namespace Quelin {
 #if QUELIN_FLOAT4_SSE
 
 /// log2 of positive normal floats (see powApprox for the error).
-inline Float4 log2Approx(Float4 x) {
-    Int4 const bits = asInt4(x);
-    Float4 exponent = toFloat4((bits.shiftRight(23) & Int4(0xFF)) - Int4(127));
-    Float4 m = asFloat4((bits & Int4(0x007FFFFF)) | Int4(0x3F800000));  // [1, 2)
-    // Centre the mantissa on 1 ([0.707, 1.414)) so the series converges fast.
-    Float4 const high = m > Float4(1.41421356f);
-    m = select(high, m * Float4(0.5f), m);
-    exponent = exponent + (high & Float4(1.f));
-    // log2 m = 2/ln2 * atanh(t), t = (m - 1) / (m + 1), |t| <= 0.1716.
-    // Reciprocal estimate plus one Newton step (about 23 bits) instead of a
-    // full division: the division dominated the cost of a pow.
-    Float4 const den = m + Float4(1.f);
-    Float4 r = _mm_rcp_ps(den.v);
-    r = r * (Float4(2.f) - den * r);
-    Float4 const t = (m - Float4(1.f)) * r;
-    Float4 const t2 = t * t;
-    float const c1 = 2.8853900817779268f;  // 2 / ln 2
-    Float4 p = Float4(c1 / 7.f);
-    p = p * t2 + Float4(c1 / 5.f);
-    p = p * t2 + Float4(c1 / 3.f);
-    p = p * t2 + Float4(c1);
-    return exponent + p * t;
-}
-
+inline Float4 log2Approx(Float4 x) { return WideMath::log2Approx(x); }
 /// 2^y; y is clamped to [-126, 127.4].
-inline Float4 exp2Approx(Float4 y) {
-    y = min(max(y, Float4(-126.f)), Float4(127.4f));
-    Float4 const n = floor(y + Float4(0.5f));
-    Float4 const u = (y - n) * Float4(0.69314718f);  // |u| <= ln2 / 2
-    // e^u, Taylor to degree 6.
-    Float4 p = Float4(1.f / 720.f);
-    p = p * u + Float4(1.f / 120.f);
-    p = p * u + Float4(1.f / 24.f);
-    p = p * u + Float4(1.f / 6.f);
-    p = p * u + Float4(0.5f);
-    p = p * u + Float4(1.f);
-    p = p * u + Float4(1.f);
-    Float4 const scale = asFloat4((toInt4Truncate(n) + Int4(127)).shiftLeft(23));
-    return p * scale;
-}
-
-inline Float4 powApprox(Float4 x, Float4 e) {
-    Float4 const valid = x > Float4(FLT_MIN);
-    Float4 const r = exp2Approx(e * log2Approx(max(x, Float4(FLT_MIN))));
-    return r & valid;
-}
+inline Float4 exp2Approx(Float4 y) { return WideMath::exp2Approx(y); }
+inline Float4 powApprox(Float4 x, Float4 e) { return WideMath::powApprox(x, e); }
 
 inline float powApprox(float x, float e) { return powApprox(Float4(x), Float4(e)).x(); }
 inline Float4 powApprox(Float4 x, float e) { return powApprox(x, Float4(e)); }

@@ -12,6 +12,9 @@ namespace Quelin {
 // ---------------------------------------------------------------- lists, types
 
 void ListPropertyValue::push_back(GenericDataObject item) { mItems.emplace_back(std::move(item)); }
+void ListPropertyValue::erase(std::size_t i) { mItems.erase(mItems.begin() + std::ptrdiff_t(i)); }
+void ListPropertyValue::clear() { mItems.clear(); }
+bool ListPropertyValue::operator==(ListPropertyValue const& o) const { return mItems == o.mItems; }
 
 StringView valueTypeName(ValueType t) {
     switch (t) {
@@ -370,6 +373,43 @@ ClassId makeClassId(StringView className) {
 
 Entity::Entity(SharedPtr<DataObjectDefinition const> definition) : mData(std::move(definition)) {}
 
+namespace {
+/// While the outermost entity destructor of this thread drains its queue: the
+/// queue. A plain pointer, so nothing of it outlives the thread.
+thread_local Stack<SharedPtr<Entity>>* tPendingDestruction = nullptr;
+} // namespace
+
+Entity::~Entity() {
+    // References released here may be the last ones. Their entities are
+    // queued, and only the outermost destructor on this thread destroys the
+    // queue, each entity adding its own references to it in turn.
+    Stack<SharedPtr<Entity>> local;
+    Stack<SharedPtr<Entity>>& pending = tPendingDestruction ? *tPendingDestruction : local;
+    Stack<Stack<GenericProperty>*> records{&mData.mProperties};
+    while (!records.empty()) {
+        Stack<GenericProperty>& record = *records.back();
+        records.pop_back();
+        for (auto& p : record) {
+            if (auto* h = std::get_if<EntityHolder<Entity>>(&p.value)) {
+                if (*h) pending.push_back(h->getShared());
+                *h = EntityHolder<Entity>();
+            } else if (auto* g = std::get_if<Box<GenericDataObject>>(&p.value)) {
+                if (*g) records.push_back(&(*g)->mProperties);
+            } else if (auto* l = std::get_if<ListPropertyValue>(&p.value)) {
+                for (std::size_t i = 0; i < l->size(); ++i) records.push_back(&(*l)[i].mProperties);
+            }
+        }
+    }
+    if (tPendingDestruction) return;
+    tPendingDestruction = &local;
+    while (!local.empty()) {
+        SharedPtr<Entity> next = std::move(local.back());
+        local.pop_back();
+        next.reset();
+    }
+    tPendingDestruction = nullptr;
+}
+
 void Entity::copyStateFrom(Entity const& other) {
     if (other.getClassName() != getClassName())
         throw Exception("Cannot copy the state of \"" + other.getClassName() + "\" into \"" + getClassName() + "\"");
@@ -543,23 +583,25 @@ void collectReferences(GenericDataObject const& data, Stack<Entity const*>& out)
     }
 }
 
-bool visitNode(Entity const& node, Function<VisitEntityGraphAction(Entity const&)> const& visitor,
-               std::set<Entity const*>& seen) {
-    if (!seen.insert(&node).second) return true;
-    VisitEntityGraphAction const action = visitor(node);
-    if (action == VisitEntityGraphAction::Stop) return false;
-    if (action == VisitEntityGraphAction::SkipChildren) return true;
-    Stack<Entity const*> children;
-    collectReferences(node.getData(), children);
-    for (Entity const* c : children)
-        if (!visitNode(*c, visitor, seen)) return false;
-    return true;
-}
 } // namespace
 
 void visitEntityGraphNodes(Entity const& root, Function<VisitEntityGraphAction(Entity const&)> const& visitor) {
+    // Depth first with a list of pending entities, not recursion: chains of
+    // operators and nested maps can be long.
     std::set<Entity const*> seen;
-    visitNode(root, visitor, seen);
+    Stack<Entity const*> pending{&root};
+    Stack<Entity const*> children;
+    while (!pending.empty()) {
+        Entity const* node = pending.back();
+        pending.pop_back();
+        if (!seen.insert(node).second) continue;
+        VisitEntityGraphAction const action = visitor(*node);
+        if (action == VisitEntityGraphAction::Stop) return;
+        if (action == VisitEntityGraphAction::SkipChildren) continue;
+        children.clear();
+        collectReferences(node->getData(), children);
+        pending.insert(pending.end(), children.rbegin(), children.rend());
+    }
 }
 
 String generateUuidAsString() {

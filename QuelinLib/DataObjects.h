@@ -77,9 +77,10 @@ public:
     GenericDataObject const& operator[](std::size_t i) const { return *mItems[i]; }
     GenericDataObject& operator[](std::size_t i) { return *mItems[i]; }
     void push_back(GenericDataObject item);
-    void erase(std::size_t i) { mItems.erase(mItems.begin() + std::ptrdiff_t(i)); }
-    void clear() { mItems.clear(); }
-    bool operator==(ListPropertyValue const& o) const { return mItems == o.mItems; }
+    // Out of line: they need GenericDataObject complete, which it is not yet here.
+    void erase(std::size_t i);
+    void clear();
+    bool operator==(ListPropertyValue const& o) const;
 
 private:
     Stack<Box<GenericDataObject>> mItems;
@@ -328,6 +329,7 @@ public:
     bool operator==(GenericDataObject const& o) const;
 
 private:
+    friend class Entity;  // takes the references apart when it is destroyed
     PropertyValue& at(StringView name);
     SharedPtr<DataObjectDefinition const> mDefinition;
     Stack<GenericProperty> mProperties;
@@ -341,6 +343,10 @@ ClassId makeClassId(StringView className);
 class Entity : public Polymorphic, public Noncopyable, public std::enable_shared_from_this<Entity> {
 public:
     explicit Entity(SharedPtr<DataObjectDefinition const> definition);
+    /// Entities that only this one references are destroyed one after
+    /// another, not from inside each other's destructors, so that a long
+    /// chain (operators, nested maps) cannot exhaust the stack.
+    ~Entity() override;
 
     /// The registered class name, which is also the record's type name.
     String const& getClassName() const { return mData.getName(); }

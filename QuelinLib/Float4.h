@@ -15,6 +15,7 @@ struct Int4;
 /// Four floats in one SSE register. Comparisons give lane masks (all bits set
 /// or clear) that `select` consumes; no lane branches.
 struct Float4 {
+    static constexpr int LANES = 4;
     __m128 v;
     Float4() : v(_mm_setzero_ps()) {}
     Float4(__m128 x) : v(x) {}
@@ -87,6 +88,60 @@ inline Int4 toInt4Truncate(Float4 a) { return _mm_cvttps_epi32(a.v); }
 inline Float4 toFloat4(Int4 a) { return _mm_cvtepi32_ps(a.v); }
 inline Float4 asFloat4(Int4 a) { return _mm_castsi128_ps(a.v); }
 inline Int4 asInt4(Float4 a) { return _mm_castps_si128(a.v); }
+
+// The same operations under the names that the wider types of QuelinLib/Wide.h
+// share, so one kernel template serves every width.
+inline Int4 truncateToInt(Float4 a) { return toInt4Truncate(a); }
+inline Float4 convertToFloat(Int4 a) { return toFloat4(a); }
+inline Float4 bitsToFloat(Int4 a) { return asFloat4(a); }
+inline Int4 bitsToInt(Float4 a) { return asInt4(a); }
+/// About 12 bits; one Newton step (r * (2 - a * r)) brings it near 23.
+inline Float4 rcpApprox(Float4 a) { return _mm_rcp_ps(a.v); }
+/// True when any lane of a comparison result is set.
+inline bool anyLane(Float4 mask) { return _mm_movemask_ps(mask.v) != 0; }
+/// Lanes holding NaN.
+inline Float4 isNaN(Float4 a) { return _mm_cmpunord_ps(a.v, a.v); }
+/// base[index[i]] per lane (four scalar loads: SSE has no gather).
+inline Float4 gather(float const* base, Int4 index) {
+    alignas(16) int i[4];
+    _mm_store_si128(reinterpret_cast<__m128i*>(i), index.v);
+    return Float4(base[i[0]], base[i[1]], base[i[2]], base[i[3]]);
+}
+/// The first three of the four floats at base + index[i], as three planes
+/// (entries of tables kept as four floats each).
+inline void gatherRgb(float const* base, Int4 index, Float4& r, Float4& g, Float4& b) {
+    alignas(16) int i[4];
+    _mm_store_si128(reinterpret_cast<__m128i*>(i), index.v);
+    __m128 e0 = _mm_loadu_ps(base + i[0]), e1 = _mm_loadu_ps(base + i[1]);
+    __m128 e2 = _mm_loadu_ps(base + i[2]), e3 = _mm_loadu_ps(base + i[3]);
+    _MM_TRANSPOSE4_PS(e0, e1, e2, e3);
+    r = e0, g = e1, b = e2;
+}
+/// table[index] for indices below 8 and 32 (the AVX forms permute registers).
+inline Float4 lookup8(float const* table, Int4 index) { return gather(table, index); }
+inline Float4 lookup32(float const* table, Int4 index) { return gather(table, index); }
+/// Four packed RGB pixels (12 floats) as red, green and blue lanes, and back.
+inline void loadRgbPlanes(float const* p, Float4& r, Float4& g, Float4& b) {
+    // a = r0 g0 b0 r1, c = g1 b1 r2 g2, d = b2 r3 g3 b3; each plane from two
+    // pair-duplicating shuffles and one that picks the even lanes.
+    __m128 const a = _mm_loadu_ps(p), c = _mm_loadu_ps(p + 4), d = _mm_loadu_ps(p + 8);
+    constexpr int EVEN = _MM_SHUFFLE(2, 0, 2, 0);
+    r = _mm_shuffle_ps(_mm_shuffle_ps(a, a, _MM_SHUFFLE(3, 3, 0, 0)), _mm_shuffle_ps(c, d, _MM_SHUFFLE(1, 1, 2, 2)), EVEN);
+    g = _mm_shuffle_ps(_mm_shuffle_ps(a, c, _MM_SHUFFLE(0, 0, 1, 1)), _mm_shuffle_ps(c, d, _MM_SHUFFLE(2, 2, 3, 3)), EVEN);
+    b = _mm_shuffle_ps(_mm_shuffle_ps(a, c, _MM_SHUFFLE(1, 1, 2, 2)), _mm_shuffle_ps(d, d, _MM_SHUFFLE(3, 3, 0, 0)), EVEN);
+}
+inline void storeRgbPlanes(float* p, Float4 r, Float4 g, Float4 b) {
+    constexpr int EVEN = _MM_SHUFFLE(2, 0, 2, 0);
+    __m128 const a = _mm_shuffle_ps(_mm_unpacklo_ps(r.v, g.v), _mm_shuffle_ps(b.v, r.v, _MM_SHUFFLE(1, 1, 0, 0)),
+                                    _MM_SHUFFLE(2, 0, 1, 0));
+    __m128 const c = _mm_shuffle_ps(_mm_shuffle_ps(g.v, b.v, _MM_SHUFFLE(1, 1, 1, 1)),
+                                    _mm_shuffle_ps(r.v, g.v, _MM_SHUFFLE(2, 2, 2, 2)), EVEN);
+    __m128 const d = _mm_shuffle_ps(_mm_shuffle_ps(b.v, r.v, _MM_SHUFFLE(3, 3, 2, 2)),
+                                    _mm_shuffle_ps(g.v, b.v, _MM_SHUFFLE(3, 3, 3, 3)), EVEN);
+    _mm_storeu_ps(p, a);
+    _mm_storeu_ps(p + 4, c);
+    _mm_storeu_ps(p + 8, d);
+}
 
 #else
 // Portable fallback with the same interface.

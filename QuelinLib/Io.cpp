@@ -70,7 +70,8 @@ Expected<TimeStamp> TimeStamp::fromPath(Path const& path) {
     auto const time = fs::last_write_time(path, ec);
     if (ec)
         return makeError("Could not read the time stamp of " + quoted(path) + ": " + ec.message());
-    return TimeStamp{std::int64_t(time.time_since_epoch().count())};
+    auto const size = fs::file_size(path, ec);
+    return TimeStamp{std::int64_t(time.time_since_epoch().count()), ec ? -1 : std::int64_t(size)};
 }
 
 // ------------------------------------------------------------ files and folders
@@ -91,6 +92,36 @@ Expected<std::int64_t> getFileSize(Path const& path) {
     if (ec)
         return makeError("Could not read the size of " + quoted(path) + ": " + ec.message());
     return std::int64_t(size);
+}
+
+Expected<String> readTextFile(Path const& path, std::int64_t maxBytes) {
+    String const name = pathToUtf8(path);
+    std::error_code ec;
+    auto const status = fs::status(path, ec);
+    if (ec || !fs::exists(status))
+        return makeError(name + ": cannot open the file (" + (ec ? ec.message() : systemErrorText(ENOENT)) + ")");
+    if (!fs::is_regular_file(status))
+        return makeError(name + ": not a regular file");
+    auto const size = fs::file_size(path, ec);
+    if (ec)
+        return makeError(name + ": cannot read the file (" + ec.message() + ")");
+    auto const tooLarge = [&] {
+        return makeError(name + ": the file is larger than the limit of " + std::to_string(maxBytes) + " bytes");
+    };
+    if (size > std::uint64_t(std::max<std::int64_t>(maxBytes, 0)))
+        return tooLarge();
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        return makeError(name + ": cannot open the file (" + systemErrorText(errno) + ")");
+    String text(std::size_t(size), '\0');
+    in.read(text.data(), std::streamsize(text.size()));
+    text.resize(std::size_t(in.gcount()));
+    if (in.bad())
+        return makeError(name + ": cannot read the file");
+    // The file may have grown since its size was taken.
+    if (in && in.peek() != std::char_traits<char>::eof())
+        return tooLarge();
+    return text;
 }
 
 Expected<void> createDirs(Path const& folder) {

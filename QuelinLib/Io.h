@@ -32,9 +32,12 @@ struct FileId {
     std::size_t getHash() const;
 };
 
-/// Last-write time of a file, in the file system clock's ticks.
+/// Last-write time of a file, in the file system clock's ticks (full
+/// resolution), with the file's size: a rewrite within one tick of the clock
+/// that stamps files usually changes the size.
 struct TimeStamp {
     std::int64_t ticks = 0;
+    std::int64_t size = -1; // bytes; -1 when unknown
     static Expected<TimeStamp> fromPath(Path const& path);
     auto operator<=>(TimeStamp const&) const = default;
 };
@@ -48,6 +51,10 @@ Expected<void> createDirs(Path const& folder);
 Expected<Path> createRandomNamedFile(Path const& folder, StringView prefix = "", StringView extension = "");
 /// Removes one file. A missing file is an error.
 Expected<void> removeFile(Path const& path);
+/// The whole content of a regular file. Anything else (a folder, a device such
+/// as /dev/zero that never ends) and files above `maxBytes` are refused before
+/// anything is read. Errors read "<path>: <problem>".
+Expected<String> readTextFile(Path const& path, std::int64_t maxBytes);
 
 struct DiskSpace {
     std::int64_t total = 0;     // capacity of the volume

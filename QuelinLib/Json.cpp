@@ -1,44 +1,166 @@
 #include "QuelinLib/Json.h"
 
 #include <charconv>
+#include <climits>
 #include <cmath>
 #include <cstdlib>
+#include <limits>
+
+#include "QuelinLib/MessageText.h"
 
 namespace Quelin {
 
 using nlohmann::json;
 
 namespace {
-/// The shortest decimal that reads back as the same float, so files show
-/// 1.1 rather than 1.100000023841858 and still round-trip exactly.
-json floatJson(float v) {
-    if (!std::isfinite(v)) return json(double(v));
+json floats(std::initializer_list<float> v) {
+    json a = json::array();
+    for (float x : v) a.push_back(floatToJson(x));
+    return a;
+}
+
+/// Why a value is not a float, for messages.
+String floatProblem(json const& x) {
+    if (x.is_number()) return describeJson(x) + " is beyond the range of a float";
+    return describeJson(x) + " is not a number";
+}
+
+Expected<std::vector<float>> readFloats(json const& j, std::size_t n, String const& what) {
+    String const expected = what + " expects an array of " + std::to_string(n) + " numbers";
+    if (!j.is_array() || j.size() != n) return makeError(expected);
+    std::vector<float> out;
+    for (auto const& x : j) {
+        auto const v = jsonToFloat(x);
+        if (!v) return makeError(expected + ": " + floatProblem(x));
+        out.push_back(*v);
+    }
+    return out;
+}
+
+/// Entities being read or written on this thread, outermost first: the
+/// nesting bound, and the point where the whole value is checked once.
+thread_local int tEntityReadDepth = 0;
+thread_local int tEntityWriteDepth = 0;
+
+struct DepthCount {
+    explicit DepthCount(int& depth) : mDepth(depth) { ++mDepth; }
+    ~DepthCount() { --mDepth; }
+    DepthCount(DepthCount const&) = delete;
+    DepthCount& operator=(DepthCount const&) = delete;
+    int& mDepth;
+};
+
+String nestingError(StringView what, int limit) {
+    return String(what) + " nested deeper than " + std::to_string(limit) + " levels";
+}
+
+/// Checks the nesting of a value already in memory without recursion, so
+/// that the recursive loaders only ever see bounded input.
+Expected<void> checkNesting(json const& root) {
+    struct Item {
+        json const* value;
+        int depth;
+        int entities;
+    };
+    Stack<Item> pending{{&root, 0, 0}};
+    while (!pending.empty()) {
+        Item const item = pending.back();
+        pending.pop_back();
+        int const depth = item.depth + 1;
+        if (depth > MAX_JSON_DEPTH) return makeError(nestingError("arrays and objects", MAX_JSON_DEPTH));
+        int entities = item.entities;
+        if (item.value->is_object() && item.value->contains(String(JSON_CLASS_KEY)) && ++entities > MAX_ENTITY_NESTING)
+            return makeError(nestingError("entities", MAX_ENTITY_NESTING));
+        for (auto const& child : *item.value)
+            if (child.is_structured()) pending.push_back({&child, depth, entities});
+    }
+    return {};
+}
+
+/// The same bound on text, before the parser builds anything from it.
+Expected<void> checkTextNesting(StringView text) {
+    int depth = 0, line = 1;
+    bool inString = false, escaped = false;
+    for (char const c : text) {
+        if (c == '\n') ++line;
+        if (inString) {
+            if (escaped) escaped = false;
+            else if (c == '\\') escaped = true;
+            else if (c == '"') inString = false;
+        } else if (c == '"') {
+            inString = true;
+        } else if (c == '[' || c == '{') {
+            if (++depth > MAX_JSON_DEPTH)
+                return makeError(nestingError("arrays and objects", MAX_JSON_DEPTH) + " at line " + std::to_string(line));
+        } else if (c == ']' || c == '}') {
+            --depth;
+        }
+    }
+    return {};
+}
+} // namespace
+
+// The shortest decimal that reads back as the same float, so files show 1.1
+// rather than 1.100000023841858 and still round-trip exactly.
+json floatToJson(float v) {
+    if (std::isnan(v)) return "nan";
+    if (std::isinf(v)) return v > 0.f ? "inf" : "-inf";
     char buf[32];
     auto const r = std::to_chars(buf, buf + sizeof buf, v);
     return json(std::strtod(String(buf, r.ptr).c_str(), nullptr));
 }
-json floats(std::initializer_list<float> v) {
-    json a = json::array();
-    for (float x : v) a.push_back(floatJson(x));
-    return a;
+
+Optional<int> jsonToInt(json const& j) {
+    if (j.is_number_unsigned()) {
+        auto const v = j.get<std::uint64_t>();
+        if (v > std::uint64_t(INT_MAX)) return std::nullopt;
+        return int(v);
+    }
+    if (j.is_number_integer()) {
+        auto const v = j.get<std::int64_t>();
+        if (v < INT_MIN || v > INT_MAX) return std::nullopt;
+        return int(v);
+    }
+    return std::nullopt;
 }
 
-Expected<std::vector<float>> readFloats(json const& j, std::size_t n, String const& what) {
-    if (!j.is_array() || j.size() != n) return makeError(what + " expects an array of " + std::to_string(n) + " numbers");
-    std::vector<float> out;
-    for (auto const& x : j) {
-        if (!x.is_number()) return makeError(what + " expects an array of " + std::to_string(n) + " numbers");
-        out.push_back(x.get<float>());
+Optional<float> jsonToFloat(json const& j) {
+    if (j.is_string()) {
+        String const& t = j.get_ref<String const&>();
+        if (t == "inf") return std::numeric_limits<float>::infinity();
+        if (t == "-inf") return -std::numeric_limits<float>::infinity();
+        if (t == "nan") return std::numeric_limits<float>::quiet_NaN();
+        return std::nullopt;
     }
-    return out;
+    if (!j.is_number()) return std::nullopt;
+    double const d = j.get<double>();
+    // Doubles from here up round to infinity as floats: 2^128 - 2^103 is
+    // halfway between the largest float and the next power of two.
+    double const limit = std::ldexp(1.0, 128) - std::ldexp(1.0, 103);
+    if (!(std::abs(d) < limit)) return std::nullopt;
+    return float(d);
 }
-} // namespace
+
+String describeJson(json const& j) {
+    switch (j.type()) {
+    case json::value_t::object: return "an object";
+    case json::value_t::array: return "an array";
+    case json::value_t::string: {
+        String text = printableText(j.get_ref<String const&>(), 40);
+        text.insert(text.begin(), '"');
+        text.push_back('"');
+        return text;
+    }
+    case json::value_t::discarded: return "nothing";
+    default: return j.dump();  // null, booleans, numbers: short and printable
+    }
+}
 
 json toJson(PropertyValue const& value, TypeDefinition const& type) {
     switch (type.getValueType()) {
     case ValueType::Bool: return std::get<bool>(value);
     case ValueType::Int: return std::get<int>(value);
-    case ValueType::Float: return floatJson(std::get<float>(value));
+    case ValueType::Float: return floatToJson(std::get<float>(value));
     case ValueType::Color: {
         auto const& c = std::get<Rgb>(value);
         return floats({c.r, c.g, c.b});
@@ -55,7 +177,7 @@ json toJson(PropertyValue const& value, TypeDefinition const& type) {
         auto const& t = std::get<AffineTm>(value);
         json a = json::array();
         for (auto const& row : t.m)
-            for (float x : row) a.push_back(floatJson(x));
+            for (float x : row) a.push_back(floatToJson(x));
         return a;
     }
     case ValueType::String:
@@ -94,12 +216,17 @@ Expected<PropertyValue> propertyValueFromJson(json const& j, PropertyDefinition 
     case ValueType::Bool:
         if (!j.is_boolean()) return wrong("true or false");
         return PropertyValue(j.get<bool>());
-    case ValueType::Int:
+    case ValueType::Int: {
         if (!j.is_number_integer()) return wrong("an integer");
-        return PropertyValue(j.get<int>());
-    case ValueType::Float:
-        if (!j.is_number()) return wrong("a number");
-        return PropertyValue(j.get<float>());
+        auto const v = jsonToInt(j);
+        if (!v) return makeError(what + ": " + describeJson(j) + " does not fit a 32-bit integer");
+        return PropertyValue(*v);
+    }
+    case ValueType::Float: {
+        auto const v = jsonToFloat(j);
+        if (!v) return makeError(what + ": " + floatProblem(j));
+        return PropertyValue(*v);
+    }
     case ValueType::Color: {
         auto v = readFloats(j, 3, what);
         if (!v) return makeError(v.error());
@@ -131,9 +258,13 @@ Expected<PropertyValue> propertyValueFromJson(json const& j, PropertyDefinition 
             if (auto v = type.findEnumValue(j.get<String>())) return PropertyValue(*v);
             String labels;
             for (auto const& e : type.getEnumEntries()) labels += (labels.empty() ? "\"" : ", \"") + e.label + "\"";
-            return makeError(what + ": \"" + j.get<String>() + "\" is not one of " + labels);
+            return makeError(what + ": " + describeJson(j) + " is not one of " + labels);
         }
-        if (j.is_number_integer()) return PropertyValue(j.get<int>());
+        if (j.is_number_integer()) {
+            auto const v = jsonToInt(j);
+            if (!v) return makeError(what + ": " + describeJson(j) + " is not a value of \"" + type.getName() + "\"");
+            return PropertyValue(*v);
+        }
         return wrong("an enumeration label");
     }
     case ValueType::EntityRef: {
@@ -170,7 +301,7 @@ Expected<void> fromJson(json const& j, GenericDataObject& target) {
     for (auto const& [key, value] : j.items()) {
         if (key == JSON_CLASS_KEY) continue;
         PropertyDefinition const* p = target.getDefinition().find(key);
-        if (!p) return makeError("\"" + target.getName() + "\" has no property \"" + key + "\"");
+        if (!p) return makeError("\"" + target.getName() + "\" has no property \"" + printableText(key, 40) + "\"");
         auto v = propertyValueFromJson(value, *p);
         if (!v) return makeError("\"" + target.getName() + "\": " + v.error());
         if (auto r = updated.setValue(key, std::move(*v)); !r) return makeError("\"" + target.getName() + "\": " + r.error());
@@ -180,6 +311,9 @@ Expected<void> fromJson(json const& j, GenericDataObject& target) {
 }
 
 json entityToJson(Entity const& entity) {
+    DepthCount const depth(tEntityWriteDepth);
+    if (tEntityWriteDepth > MAX_ENTITY_NESTING)
+        throw Exception("Cannot write \"" + entity.getClassName() + "\": " + nestingError("entities", MAX_ENTITY_NESTING));
     json j = json::object();
     j[String(JSON_CLASS_KEY)] = entity.getClassName();
     json const data = entity.saveInternalData();
@@ -189,23 +323,33 @@ json entityToJson(Entity const& entity) {
 
 Expected<SharedPtr<Entity>> entityFromJson(json const& j) {
     if (!j.is_object()) return makeError("an entity must be a JSON object");
+    // The outermost call checks the whole value once; nested calls only count.
+    if (tEntityReadDepth == 0) {
+        if (auto r = checkNesting(j); !r) return makeError(r.error());
+    } else if (tEntityReadDepth >= MAX_ENTITY_NESTING) {
+        return makeError(nestingError("entities", MAX_ENTITY_NESTING));
+    }
+    DepthCount const depth(tEntityReadDepth);
     auto it = j.find(String(JSON_CLASS_KEY));
     if (it == j.end() || !it->is_string()) return makeError("an entity needs its class name under \"@class\"");
     String const className = it->get<String>();
     SharedPtr<Entity> e = EntityDatabase::create(className);
-    if (!e) return makeError("unknown type \"" + className + "\"");
+    if (!e) return makeError("unknown type " + describeJson(*it));
     if (auto r = e->loadInternalData(j); !r) return makeError(r.error());
     return e;
 }
 
 Expected<json> parseJson(StringView text) {
+    if (auto r = checkTextNesting(text); !r) return makeError("malformed JSON: " + r.error());
     try {
         return json::parse(text);
-    } catch (json::parse_error const& e) {
-        // nlohmann's message starts with "[json.exception.parse_error.101] "; keep the readable part.
+    } catch (json::exception const& e) {
+        // Syntax errors and numbers beyond a double's range alike. nlohmann's
+        // message starts with "[json.exception.parse_error.101] "; keep the
+        // readable part, and the bytes it quotes from the text printable.
         String msg = e.what();
         if (auto p = msg.find("] "); p != String::npos) msg = msg.substr(p + 2);
-        return makeError("malformed JSON: " + msg);
+        return makeError("malformed JSON: " + singleLine(msg));
     }
 }
 

@@ -1,4 +1,5 @@
 #include "QuelinLibImage/Image.h"
+#include "QuelinLib/MessageText.h"
 #include <OpenImageIO/imageio.h>
 #include <algorithm>
 #include <cctype>
@@ -235,7 +236,8 @@ OIIO::TypeDesc toTypeDesc(ChannelType type) {
 
 Expected<void> writeImage(Image const& image, Io::Path const& path, ImageWriteOptions const& options) {
     String const name = Io::pathToUtf8(path);
-    auto const fail = [&](String const& why) { return makeError("Could not write image \"" + name + "\": " + why); };
+    // The codec library's messages may span lines; errors are one line each.
+    auto const fail = [&](String const& why) { return makeError("Could not write image \"" + name + "\": " + singleLine(why)); };
     if (image.isEmpty())
         return fail("the image is empty");
     if (!image.hasPixels())

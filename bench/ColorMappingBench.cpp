@@ -1,7 +1,8 @@
 // Colour mapping over a UHD frame: the default pipeline against OpenColorIO's
 // exposure + white balance + ACES SDR output transform, against a plain 3x3
-// matrix pass (the memory-bound floor), the LUT operator against OCIO's file
-// transform on the same 33-cube, and unmapping.
+// matrix pass (the memory-bound floor) and on all threads against one, the
+// LUT operator's compiled program against OCIO's file transform on the same
+// 33-cube, and unmapping.
 #include <benchmark/benchmark.h>
 
 #include <cmath>
@@ -112,16 +113,20 @@ EntityHolder<LutOperator> makeLutOperator() {
     return op;
 }
 
+/// The LUT operator alone, compiled as ColorMapping compiles its chains.
+ColorProgram makeLutProgram(EntityHolder<LutOperator> const& op) { return ColorProgram::compile(op); }
+
 void ColorMappingLut33Tetra(benchmark::State& state) {
     auto op = makeLutOperator();
     if (!op->getLoadError().empty()) {
         state.SkipWithError(op->getLoadError().c_str());
         return;
     }
+    ColorProgram const program = makeLutProgram(op);
     Stack<Rgb> work(PIXELS);
     for (auto _ : state) {
         refill(state, work, unitFrame());
-        op->map(std::span<Rgb>(work), Pixel(0, 0), Pixel(WIDTH, HEIGHT));
+        program.map(std::span<Rgb>(work), Pixel(0, 0), Pixel(WIDTH, HEIGHT));
         benchmark::DoNotOptimize(work.data());
     }
     state.SetItemsProcessed(std::int64_t(state.iterations()) * std::int64_t(PIXELS));
@@ -197,7 +202,7 @@ void ColorMappingOcioLut33Tetra(benchmark::State& state) {
         auto op = makeLutOperator();
         Stack<Rgb> ours(unitFrame().begin(), unitFrame().begin() + 65536);
         Stack<Rgb> theirs = ours;
-        op->map(std::span<Rgb>(ours), Pixel(0, 0), Pixel(int(ours.size()), 1));
+        makeLutProgram(op).map(std::span<Rgb>(ours), Pixel(0, 0), Pixel(int(ours.size()), 1));
         OCIO::PackedImageDesc image(reinterpret_cast<float*>(theirs.data()), long(theirs.size()), 1, 3);
         cpu->apply(image);
         for (std::size_t i = 0; i < ours.size(); ++i)
@@ -218,14 +223,18 @@ void ColorMappingOcioLut33Tetra(benchmark::State& state) {
 }
 BENCHMARK(ColorMappingOcioLut33Tetra)->Unit(benchmark::kMillisecond)->MinTime(2.0);
 
-// Throughput over throughput = the peer's time per pixel over ours.
-FERRIM_BENCH_RATIO("default_pipeline_vs_ocio", ">= 10",
+// Throughput over throughput = the peer's time per pixel over ours. Single
+// threads are timed by their own processor time (steady on a shared machine);
+// the all-threads run by the wall clock, which is what more threads shorten.
+FERRIM_BENCH_RATIO("default_pipeline_vs_ocio", ">= 40",
                    FerrimBench::timeRatio("ColorMappingOcioAces1Thread", "ColorMappingDefaultPipeline1Thread"));
-FERRIM_BENCH_RATIO("lut33_tetra_vs_ocio", ">= 1.5",
+FERRIM_BENCH_RATIO("lut33_tetra_vs_ocio", ">= 3",
                    FerrimBench::timeRatio("ColorMappingOcioLut33Tetra", "ColorMappingLut33Tetra"));
 #endif
 
-FERRIM_BENCH_RATIO("default_pipeline_vs_matrix_pass", "<= 4",
+FERRIM_BENCH_RATIO("default_pipeline_vs_matrix_pass", "<= 3",
                    FerrimBench::timeRatio("ColorMappingDefaultPipeline1Thread", "ColorMappingMatrixPass"));
+FERRIM_BENCH_RATIO("default_pipeline_threads_speedup", ">= 1.8",
+                   FerrimBench::timeRatio("ColorMappingDefaultPipeline1Thread", "ColorMappingDefaultPipelineAllThreads/real_time"));
 
 } // namespace

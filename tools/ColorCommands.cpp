@@ -8,7 +8,10 @@
 #include <filesystem>
 
 #include "Commands.h"
+#include "DisplayOutput.h"
 #include "Ferrim/ColorMapping.h"
+#include "QuelinLib/MessageText.h"
+#include "QuelinLibImage/ImageLimits.h"
 
 namespace FerrimTool {
 
@@ -37,14 +40,6 @@ String lower(String s) {
 /// The piecewise sRGB transfer, for 8- and 16-bit inputs that store display values.
 float srgbToLinear(float v) {
     return v <= 0.04045f ? v / 12.92f : std::pow((v + 0.055f) / 1.055f, 2.4f);
-}
-
-EntityHolder<IColorMappingOperator> loadPipeline(String const& path, bool useDefault) {
-    if (path.empty() || useDefault) return createDefaultPipeline();
-    auto loaded = loadPipelinePreset(path);
-    if (!loaded) throw CommandError{loaded.error()};
-    if (!loaded->warning.empty()) std::fprintf(stderr, "ferrim: warning: %s\n", loaded->warning.c_str());
-    return loaded->pipeline;
 }
 
 /// The operator type that OPERATOR in --set names: the record type
@@ -151,19 +146,24 @@ struct LoadedImage {
     Stack<RgbAlpha> pixels;  ///< linear
 };
 
+/// An image library's error text as one printable line.
+String libraryError(String const& text, char const* fallback) {
+    String const line = singleLine(text);
+    return line.empty() ? String(fallback) : line;
+}
+
 LoadedImage readImage(String const& path) {
     auto in = OIIO::ImageInput::open(path);
-    if (!in) {
-        String err = OIIO::geterror();
-        throw CommandError{"cannot read \"" + path + "\": " + (err.empty() ? String("unknown image format") : err)};
-    }
+    if (!in) throw CommandError{"cannot read \"" + path + "\": " + libraryError(OIIO::geterror(), "unknown image format")};
     OIIO::ImageSpec const& spec = in->spec();
-    if (spec.width <= 0 || spec.height <= 0 || spec.nchannels <= 0)
-        throw CommandError{"cannot read \"" + path + "\": empty image"};
+    // The header's size is checked before anything is allocated for it.
+    DeclaredImageSize declared{spec.width, spec.height, spec.nchannels, int(spec.format.size()), std::nullopt};
+    if (auto bytes = Io::getFileSize(Io::pathFromUtf8(path))) declared.fileBytes = *bytes;
+    if (auto ok = checkDeclaredImageSize("\"" + path + "\"", declared); !ok) throw CommandError{"cannot read " + ok.error()};
     int const channels = spec.nchannels;
     Stack<float> data(std::size_t(spec.width) * std::size_t(spec.height) * std::size_t(channels));
     if (!in->read_image(0, 0, 0, channels, OIIO::TypeDesc::FLOAT, data.data()))
-        throw CommandError{"cannot read \"" + path + "\": " + in->geterror()};
+        throw CommandError{"cannot read \"" + path + "\": " + libraryError(in->geterror(), "the file is damaged")};
     // Integer formats store display values; float formats store radiance.
     bool const displayEncoded = !(spec.format.basetype == OIIO::TypeDesc::HALF || spec.format.basetype == OIIO::TypeDesc::FLOAT ||
                                   spec.format.basetype == OIIO::TypeDesc::DOUBLE);
@@ -191,7 +191,7 @@ void writeImage(String const& path, LoadedImage const& image) {
     // Radiance HDR has no alpha channel.
     int const channels = image.hasAlpha && ext != ".hdr" && ext != ".jpg" && ext != ".jpeg" ? 4 : 3;
     auto out = OIIO::ImageOutput::create(path);
-    if (!out) throw CommandError{"cannot write \"" + path + "\": " + OIIO::geterror()};
+    if (!out) throw CommandError{"cannot write \"" + path + "\": " + libraryError(OIIO::geterror(), "unknown image format")};
     OIIO::ImageSpec spec(image.width, image.height, channels, format);
     if (channels == 4) spec.alpha_channel = 3;
     spec.attribute("oiio:ColorSpace", "sRGB");
@@ -205,13 +205,13 @@ void writeImage(String const& path, LoadedImage const& image) {
         if (channels == 4) d[3] = p.alpha;
     }
     if (!out->open(path, spec) || !out->write_image(OIIO::TypeDesc::FLOAT, data.data()) || !out->close())
-        throw CommandError{"cannot write \"" + path + "\": " + out->geterror()};
+        throw CommandError{"cannot write \"" + path + "\": " + libraryError(out->geterror(), "the file could not be written")};
 }
 
 void runTonemap(TonemapOptions const& o) {
     if (!o.pipelinePath.empty() && o.useDefault) throw CommandError{"--pipeline and --default exclude each other"};
-    LoadedImage image = readImage(o.input);
-    EntityHolder<IColorMappingOperator> pipeline = loadPipeline(o.pipelinePath, o.useDefault);
+    LoadedImage image = guardMemory(o.input, [&] { return readImage(o.input); });
+    EntityHolder<IColorMappingOperator> pipeline = loadPipelineFile(o.useDefault ? String() : o.pipelinePath);
     if (!o.sets.empty()) {
         String errors;
         auto const overrides = parseSets(o.sets, pipeline);
@@ -230,6 +230,7 @@ void runTonemap(TonemapOptions const& o) {
     context.imageSize = Vector2(float(image.width), float(image.height));
     ColorMapping mapping(pipeline, context, false);
     mapping.setContext(context);
+    requirePipelineFiles(mapping);
     {
         ProgressBar bar("tonemap " + std::filesystem::path(o.input).filename().string());
         // Alpha is carried through; tiles report progress as they finish.
@@ -237,7 +238,7 @@ void runTonemap(TonemapOptions const& o) {
                                [&bar](double fraction) { bar.update(fraction); });
         bar.finish();
     }
-    writeImage(o.output, image);
+    guardMemory(o.output, [&] { writeImage(o.output, image); });
 }
 
 Flags<ColorMappingExclude> parseExclude(String const& text) {
@@ -271,7 +272,8 @@ void runUnmap(UnmapOptions const& o) {
     for (float v : o.rgb)
         if (!std::isfinite(v)) throw CommandError{"unmap expects finite values"};
     Flags<ColorMappingExclude> const exclude = parseExclude(o.exclude);
-    ColorMapping mapping(loadPipeline(o.pipelinePath, false));
+    ColorMapping mapping(loadPipelineFile(o.pipelinePath));
+    requirePipelineFiles(mapping);
     Rgb const r = mapping.unmap(Rgb(o.rgb[0], o.rgb[1], o.rgb[2]), exclude);
     std::printf("%.6f %.6f %.6f\n", r.r, r.g, r.b);
 }

@@ -2,6 +2,7 @@
 // Sub-commands of the `ferrim` program, each in its own source.
 #include <CLI/CLI.hpp>
 #include <functional>
+#include <new>
 
 #include "QuelinLib/Base.h"
 
@@ -12,12 +13,24 @@ struct CommandError {
     Quelin::String message;
 };
 
+/// Runs `work` for `file`, turning an allocation failure into an error that
+/// names the file.
+template <typename F> decltype(auto) guardMemory(Quelin::String const& file, F&& work) {
+    try {
+        return work();
+    } catch (std::bad_alloc const&) {
+        throw CommandError{"not enough memory for \"" + file + "\""};
+    }
+}
+
 /// A sub-command adds its options to `app` and returns what runs it.
 void addTypesCommand(CLI::App& app);
 void addRenderCommand(CLI::App& app);
 /// `ferrim tonemap` and `ferrim unmap`.
 void addColorCommands(CLI::App& app);
 void addSkyCommand(CLI::App& app);
+/// `ferrim textures`: the texture cache and its out-of-core report.
+void addTexturesCommand(CLI::App& app);
 
 /// A one-line progress bar on standard error; quiet when not a terminal and CI is set.
 class ProgressBar {

@@ -1,12 +1,112 @@
 #include "Scene.h"
 
+#include <OpenImageIO/filesystem.h>
+#include <OpenImageIO/imageio.h>
+
+#include <cmath>
+
+#include "Ferrim/TextureMap/TextureMap.h"
+#include "QuelinLib/DataSource.h"
+#include "QuelinLibImage/Image.h"
+
+using namespace Quelin;
+
 namespace FerrimTool {
+
+namespace {
+
+std::uint32_t hash2(int x, int y) {
+    std::uint32_t h = std::uint32_t(x) * 0x9E3779B1u ^ std::uint32_t(y) * 0x85EBCA77u;
+    h ^= h >> 15;
+    h *= 0x2C1B3C6Du;
+    h ^= h >> 12;
+    return h;
+}
+
+/// Bricks with mortar joints, each brick its own shade, speckled: 8-bit RGBA.
+Image makeBrickImage() {
+    int const size = 256, brickW = 64, brickH = 32, joint = 3;
+    Image image(Image::Descriptor(Pixel(size, size), PixelFormat::Rgba8));
+    for (int y = 0; y < size; ++y) {
+        int const course = y / brickH;
+        int const shift = (course & 1) * brickW / 2;
+        for (int x = 0; x < size; ++x) {
+            int const bx = (x + shift) % size / brickW;
+            bool const mortar = y % brickH < joint || (x + shift) % brickW < joint;
+            float const speckle = float(hash2(x, y) & 255) / 255.f * 0.12f;
+            float const tone = float(hash2(bx, course) % 100) / 100.f;
+            Rgb const c = mortar ? Rgb(0.78f, 0.76f, 0.7f) : Rgb(0.55f + 0.25f * tone, 0.2f + 0.1f * tone, 0.12f);
+            image.setRgbAlpha(x, y, RgbAlpha(c * (0.94f + speckle), 1.f));
+        }
+    }
+    return image;
+}
+
+/// A latitude-longitude sky over a chequered ground with a small bright sun:
+/// float RGB, top row +z, u = 0 along +x.
+Image makeSkyImage() {
+    int const w = 512, h = 256;
+    Dir const sun = normalize(Dir(0.5f, 0.8f, 0.35f));
+    Image image(Image::Descriptor(Pixel(w, h), PixelFormat::RgbFloat));
+    for (int y = 0; y < h; ++y) {
+        float const theta = (float(y) + 0.5f) / float(h) * PI;
+        for (int x = 0; x < w; ++x) {
+            float const phi = (float(x) + 0.5f) / float(w) * TWO_PI;
+            Dir const d(std::sin(theta) * std::cos(phi), std::sin(theta) * std::sin(phi), std::cos(theta));
+            Rgb c;
+            if (d.z >= 0.f) {
+                float const t = std::pow(d.z, 0.6f);
+                c = Rgb(0.85f, 0.88f, 0.95f) * (1.f - t) + Rgb(0.12f, 0.3f, 0.85f) * t;
+                float const s = dot(d, sun);
+                if (s > 0.9995f) c += Rgb(60.f, 55.f, 45.f);
+                else c += Rgb(1.f, 0.8f, 0.5f) * (0.6f * std::pow(std::max(s, 0.f), 64.f));
+            } else {
+                bool const tile = ((x * 24 / w) + (y * 12 / h)) & 1;
+                c = tile ? Rgb(0.35f, 0.3f, 0.22f) : Rgb(0.16f, 0.2f, 0.12f);
+            }
+            image.setRgbAlpha(x, y, RgbAlpha(c, 1.f));
+        }
+    }
+    return image;
+}
+
+/// The image encoded as a file of the format `extension` names, in memory.
+Expected<String> encodeInMemory(Image const& image, char const* extension) {
+    OIIO::TypeDesc const type = getChannelType(image.getFormat()) == ChannelType::Float ? OIIO::TypeDesc::FLOAT
+                                                                                        : OIIO::TypeDesc::UINT8;
+    std::vector<unsigned char> bytes;
+    OIIO::Filesystem::IOVecOutput proxy(bytes);
+    auto out = OIIO::ImageOutput::create(extension);
+    if (!out) return makeError(String("cannot encode a demo image as ") + extension);
+    OIIO::ImageSpec spec(image.getWidth(), image.getHeight(), getChannelCount(image.getFormat()), type);
+    void* proxyPointer = &proxy;
+    spec.attribute("oiio:ioproxy", OIIO::TypeDesc::PTR, &proxyPointer);
+    if (!out->open(String("demo.") + extension, spec) || !out->write_image(type, image.getData()) || !out->close())
+        return makeError(String("cannot encode a demo image: ") + out->geterror());
+    return String(reinterpret_cast<char const*>(bytes.data()), bytes.size());
+}
+
+Expected<Swatch> textureSwatch(String label, SwatchShape shape, Image const& image, char const* extension,
+                               Function<void(TextureMap&)> const& configure) {
+    auto bytes = encodeInMemory(image, extension);
+    if (!bytes) return makeError(bytes.error());
+    auto map = makeSharedPtr<TextureMap>();
+    map->set("imageSource", EntityHolder<Entity>(MemoryDataSource::make(std::move(*bytes), extension)));
+    configure(*map);
+    Swatch s;
+    s.label = std::move(label);
+    s.shape = shape;
+    s.map = EntityHolder<IMap>(map);
+    return s;
+}
+
+} // namespace
 
 // The contact sheet that `ferrim` renders without a scene file: every map of
 // the library, two nested graphs, a material slot and a bump-shaded swatch.
 Quelin::StringView getDemoSceneText() {
     return R"json({
-  "columns": 5,
+  "columns": 4,
   "samples": 4,
   "swatches": [
     {"label": "checker, soft edges", "shape": "sphere",
@@ -56,6 +156,23 @@ Quelin::StringView getDemoSceneText() {
      "map": {"@class": "Zatho.CellularMap", "shape": "CHIPS", "size": 0.1}}
   ]
 })json";
+}
+
+Expected<Scene> makeDemoScene() {
+    auto scene = parseScene(getDemoSceneText(), "demo scene");
+    if (!scene) return scene;
+    auto bricks = textureSwatch("image texture made in memory, bicubic", SwatchShape::Sphere, makeBrickImage(), "png",
+                                [](TextureMap& map) {
+                                    map.set("interpolation", InterpolationMode::Bicubic);
+                                    map.get<EntityHolder<UvMapper>>("uvMapper")->set("scale", Pos(2, 2, 1));
+                                });
+    if (!bricks) return makeError(bricks.error());
+    auto sky = textureSwatch("latitude-longitude environment in a mirror ball", SwatchShape::Environment,
+                             makeSkyImage(), "exr", [](TextureMap&) {});
+    if (!sky) return makeError(sky.error());
+    scene->swatches.push_back(std::move(*bricks));
+    scene->swatches.push_back(std::move(*sky));
+    return scene;
 }
 
 } // namespace FerrimTool

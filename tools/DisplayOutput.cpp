@@ -3,32 +3,48 @@
 #include <cmath>
 #include <cstdio>
 
-#include "Ferrim/ColorMapping.h"
 #include "Ferrim/colorMappingOperators/ColorMappingPipeline.h"
+#include "Commands.h"
+#include "QuelinLib/MessageText.h"
 #include "QuelinLibImage/Image.h"
 
 using namespace Quelin;
 
 namespace FerrimTool {
 
-Expected<void> writeDisplayImage(LinearImage& image, nlohmann::json const& pipeline, String const& path) {
+namespace {
+EntityHolder<IColorMappingOperator> takeLoaded(Expected<LoadedPipeline> loaded) {
+    if (!loaded) throw CommandError{loaded.error()};
+    if (!loaded->warning.empty()) std::fprintf(stderr, "ferrim: warning: %s\n", singleLine(loaded->warning).c_str());
+    return loaded->pipeline;
+}
+} // namespace
+
+EntityHolder<IColorMappingOperator> loadPipelineFile(String const& path) {
+    if (path.empty()) return createDefaultPipeline();
+    return takeLoaded(guardMemory(path, [&] { return loadPipelinePreset(path); }));
+}
+
+EntityHolder<IColorMappingOperator> loadScenePipeline(nlohmann::json const& pipeline, String const& source) {
+    if (pipeline.is_null()) return createDefaultPipeline();
+    auto loaded = guardMemory(source, [&] { return pipelineFromJson(pipeline); });
+    if (!loaded) return takeLoaded(makeError(source + ": \"pipeline\": " + loaded.error()));
+    EntityHolder<IColorMappingOperator> chain = takeLoaded(std::move(loaded));
+    requirePipelineFiles(ColorMapping(chain));
+    return chain;
+}
+
+void requirePipelineFiles(ColorMapping const& mapping) {
+    if (auto error = findPipelineLoadError(mapping.getAppliedChain())) throw CommandError{"LUT " + *error};
+}
+
+Expected<void> writeDisplayImage(LinearImage& image, EntityHolder<IColorMappingOperator> const& pipeline, String const& path) {
     Io::Path const out(path);
     String ext = out.extension().string();
     for (char& c : ext) c = char(std::tolower(static_cast<unsigned char>(c)));
     bool const hdr = ext == ".exr" || ext == ".hdr";
-    if (!hdr) {
-        // HDR files keep scene radiance; display files go through the pipeline.
-        EntityHolder<IColorMappingOperator> chain;
-        if (pipeline.is_null()) {
-            chain = createDefaultPipeline();
-        } else {
-            auto loaded = deserializePipeline(pipeline.dump());
-            if (!loaded) return makeError("scene pipeline: " + loaded.error());
-            if (!loaded->warning.empty()) std::fprintf(stderr, "ferrim: warning: %s\n", loaded->warning.c_str());
-            chain = loaded->pipeline;
-        }
-        mapLinearImageToDisplay(chain, image.rgba, image.width, image.height);
-    }
+    // HDR files keep scene radiance; display files go through the pipeline.
+    if (!hdr) mapLinearImageToDisplay(pipeline, image.rgba, image.width, image.height);
     Image result(Image::Descriptor(Pixel(image.width, image.height), hdr ? PixelFormat::RgbaFloat : PixelFormat::Rgba8));
     for (int y = 0; y < image.height; ++y)
         for (int x = 0; x < image.width; ++x) {

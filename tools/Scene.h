@@ -9,15 +9,19 @@
 //                   { "label": "slot", "shape": "plane", "slot": { ... } } ] }
 //
 // A file that holds just one entity ({"@class": ...}) or {"map": ...} is a
-// one-swatch scene. Unknown keys are errors that name them.
+// one-swatch scene. Unknown keys are errors that name them. A relative "path"
+// of a file data source (an image texture) is relative to the scene file.
+// The "environment" shape shows a map's environment lookups: a mirror ball in
+// front of the environment, seen looking along +y with +z up.
 #include <nlohmann/json.hpp>
 
 #include "Ferrim/IMap.h"
 #include "Ferrim/MaterialMapSlot.h"
+#include "QuelinLib/Io.h"
 
 namespace FerrimTool {
 
-enum class SwatchShape { Plane, Sphere };
+enum class SwatchShape { Plane, Sphere, Environment };
 
 struct Swatch {
     Quelin::String label;
@@ -36,9 +40,17 @@ struct Scene {
     nlohmann::json pipeline; ///< null: the default pipeline
 };
 
-/// Reads a scene from JSON text; `source` names the file in errors.
-Quelin::Expected<Scene> parseScene(Quelin::StringView text, Quelin::String const& source);
+/// Reads a scene from JSON text; `source` names the file in errors, relative
+/// file paths inside are taken from `baseFolder`.
+Quelin::Expected<Scene> parseScene(Quelin::StringView text, Quelin::String const& source,
+                                   Quelin::Io::Path const& baseFolder = {});
 /// The scene built into the program.
 Quelin::StringView getDemoSceneText();
+/// The demo scene with its image-texture swatches, whose images the program
+/// makes and hands over as memory data sources.
+Quelin::Expected<Scene> makeDemoScene();
+/// Loads every image texture of the scene (all requested first, then waited
+/// for); the first that failed gives one line naming the swatch and the error.
+Quelin::Expected<void> loadSceneTextures(Scene const& scene, Quelin::String const& source);
 
 } // namespace FerrimTool

@@ -21,6 +21,7 @@ struct SwatchPoint {
     Dir dpdu{1, 0, 0}, dpdv{0, 1, 0};
     Dir view{0, 0, -1};
     float footprint = 0;
+    ShadedKind kind = ShadedKind::Surface;
     Pixel pixel, imageSize;
 };
 
@@ -44,7 +45,7 @@ public:
     bool isBackFace() const override { return false; }
     int getFaceIndex() const override { return 0; }
     RayKind getRayKind() const override { return RayKind::Camera; }
-    ShadedKind getShadedKind() const override { return ShadedKind::Surface; }
+    ShadedKind getShadedKind() const override { return mP.kind; }
     int getRayDepth() const override { return 0; }
     bool wantsFilteredLookup() const override { return true; }
     float getTime() const override { return 0.f; }
@@ -89,6 +90,32 @@ float shade(Dir const& n) { return 0.15f + 0.85f * std::max(0.f, dot(n, LIGHT));
 
 /// Fills the point for cell coordinates (x, y) in [0, 1] (y down); false on background.
 bool makePoint(Swatch const& s, float x, float y, float pixelSize, SwatchPoint& p) {
+    p.kind = ShadedKind::Surface;
+    p.view = Dir(0, 0, -1);
+    if (s.shape == SwatchShape::Environment) {
+        // A mirror ball filling 90% of the cell in front of the environment, seen
+        // through a camera with a 53-degree view. Swatch space (x right, y up, z
+        // toward the viewer) becomes the world's z-up frame looking along +y.
+        float const r = 0.45f;
+        float const sx = (x - 0.5f) / r, sy = (0.5f - y) / r;
+        float const d2 = sx * sx + sy * sy;
+        Dir d;
+        if (d2 <= 1.f) {
+            float const sz = std::sqrt(1.f - d2);
+            Dir const n(sx, sy, sz), view(0, 0, -1);
+            d = view - n * (2.f * dot(view, n));
+            p.position = Pos(n.x, -n.z, n.y);
+            // The reflection turns twice as fast as the normal, which grazing angles stretch.
+            p.footprint = std::min(2.f * pixelSize / (r * std::max(sz, 0.05f)), 1.f);
+        } else {
+            d = normalize(Dir(0.5f * sx, 0.5f * sy, -1.f));
+            p.position = Pos(0, 0, 0);
+            p.footprint = 0.5f * pixelSize / r;
+        }
+        p.view = Dir(d.x, -d.z, d.y);
+        p.kind = ShadedKind::Environment;
+        return true;
+    }
     if (s.shape == SwatchShape::Plane) {
         float const u = x * s.tiling, v = (1.f - y) * s.tiling;
         p.uvw = Pos(u, v, 0);
@@ -150,7 +177,9 @@ LinearImage renderScene(Scene const& scene, int width, int height, std::function
         evaluators.push_back(std::move(e));
     }
 
-    auto const [cols, rows] = gridOf(scene);
+    // Plain names: clang 14 cannot capture structured bindings in lambdas.
+    std::pair<int, int> const grid = gridOf(scene);
+    int const cols = grid.first, rows = grid.second;
     int const cellW = std::max(1, width / cols), cellH = std::max(1, height / rows);
     int const side = std::max(1, int(std::lround(std::sqrt(double(scene.samples)))));
     std::atomic<int> rowsDone{0};

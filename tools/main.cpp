@@ -4,6 +4,7 @@
 
 #include "Commands.h"
 #include "Ferrim/Ferrim.h"
+#include "QuelinLib/MessageText.h"
 
 int main(int argc, char** argv) {
     CLI::App app{"ferrim: previews of shading maps, colour mapping of images and the library's data types.\n"
@@ -13,6 +14,7 @@ int main(int argc, char** argv) {
     FerrimTool::addRenderCommand(app);
     FerrimTool::addColorCommands(app);
     FerrimTool::addSkyCommand(app);
+    FerrimTool::addTexturesCommand(app);
 
     Quelin::Ferrim::startup();
     int code = 0;
@@ -28,10 +30,13 @@ int main(int argc, char** argv) {
         code = app.exit(e);
         if (code != 0) code = 1;
     } catch (FerrimTool::CommandError const& e) {
-        std::fprintf(stderr, "ferrim: error: %s\n", e.message.c_str());
+        std::fprintf(stderr, "ferrim: error: %s\n", Quelin::singleLine(e.message).c_str());
+        code = 1;
+    } catch (std::bad_alloc const&) {
+        std::fprintf(stderr, "ferrim: error: not enough memory\n");
         code = 1;
     } catch (std::exception const& e) {
-        std::fprintf(stderr, "ferrim: error: %s\n", e.what());
+        std::fprintf(stderr, "ferrim: error: %s\n", Quelin::singleLine(e.what()).c_str());
         code = 1;
     }
     Quelin::Ferrim::shutdown();

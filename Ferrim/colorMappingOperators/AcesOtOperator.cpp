@@ -1,4 +1,5 @@
 #include "Ferrim/colorMappingOperators/AcesOtOperator.h"
+#include "Ferrim/colorMappingOperators/ColorProgram.h"
 
 #include <cmath>
 
@@ -187,6 +188,35 @@ Rgb AcesOtOperator::unmapImpl(Rgb const& color, Flags<ColorMappingExclude> exclu
                          sqrt(((Float4(240.43175f) - Float4(193.59424f) * a) * a + Float4(0.24962097f)) / (d * d)) +
                      (Float4(-0.22005603f) - Float4(0.2112032f) / (a - Float4(1.0165402f)));
     return toRgb(max(multiply(INVERSE_INPUT, x), Float4(0.f)));
+}
+
+void AcesOtOperator::compileMapping(ColorProgramBuilder& builder) const {
+    if (isNeutral()) return;
+    using Kind = ColorProgramBuilder::Kind;
+    if (mOpacity == 1.f) {
+        // Unfaded, the transform is matrix, curve, matrix, clamp: the input
+        // matrix can join the affine operators before it.
+        builder.appendAffine(inputMatrix());
+        ColorProgramBuilder::Step curve;
+        curve.kind = Kind::AcesCurve;
+        builder.append(curve);
+        builder.appendAffine(outputMatrix());
+        ColorProgramBuilder::Step clamp;
+        clamp.kind = Kind::Clamp;
+        clamp.p[0] = 0.f;
+        clamp.p[1] = 1.f;
+        builder.append(clamp);
+        return;
+    }
+    ColorProgramBuilder::Step blend;
+    blend.kind = Kind::AcesBlend;
+    blend.p[0] = mOpacity;
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 3; ++j) {
+            blend.p[1 + 3 * i + j] = inputMatrix().m[i][j];
+            blend.p[10 + 3 * i + j] = outputMatrix().m[i][j];
+        }
+    builder.append(blend);
 }
 
 FERRIM_REGISTER_COLOR_OPERATOR(AcesOtOperator, "ACES Output Transform");

@@ -32,6 +32,7 @@ public:
 
     AcesOtOperator();
     SharedPtr<Entity> createNewInstance() const override;
+    void compileMapping(ColorProgramBuilder& builder) const override;
     Float4 mapLanes(Float4 c) const;
     /// The same for four pixels given as colour planes (bit for bit equal).
     void mapPlanes(Float4& r, Float4& g, Float4& b) const;

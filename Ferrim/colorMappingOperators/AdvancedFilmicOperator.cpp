@@ -1,4 +1,5 @@
 #include "Ferrim/colorMappingOperators/AdvancedFilmicOperator.h"
+#include "Ferrim/colorMappingOperators/ColorProgram.h"
 
 #include <algorithm>
 #include <cmath>
@@ -112,6 +113,15 @@ Rgb AdvancedFilmicOperator::unmapImpl(Rgb const& color, Flags<ColorMappingExclud
         c = (c - Rgb(luma) * a) / (1.f - a);
     }
     return {inverseCurve(c.r), inverseCurve(c.g), inverseCurve(c.b)};
+}
+
+void AdvancedFilmicOperator::compileMapping(ColorProgramBuilder& builder) const {
+    if (isNeutral()) return;
+    ColorProgramBuilder::Step s;
+    s.kind = ColorProgramBuilder::Kind::AdvancedFilmic;
+    float const p[] = {mContrast, mToe, mToeScale, mShoulder, mInvWhite2, mDesaturation};
+    std::copy(std::begin(p), std::end(p), s.p);
+    builder.append(s);
 }
 
 FERRIM_REGISTER_COLOR_OPERATOR(AdvancedFilmicOperator, "Advanced Filmic Mapping");

@@ -49,6 +49,7 @@ public:
     };
     AdvancedFilmicOperator();
     SharedPtr<Entity> createNewInstance() const override { return makeSharedPtr<AdvancedFilmicOperator>(); }
+    void compileMapping(ColorProgramBuilder& builder) const override;
 
 protected:
     Rgb mapImpl(Rgb const& color, Pixel pixel) const override;

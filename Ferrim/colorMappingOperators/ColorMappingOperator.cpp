@@ -1,6 +1,7 @@
 #include "Ferrim/colorMappingOperators/ColorMappingOperator.h"
 
 #include <atomic>
+#include <unordered_set>
 
 namespace Quelin {
 
@@ -20,6 +21,38 @@ UniqueIdGenerator& operatorIds() {
     static UniqueIdGenerator sIds;
     return sIds;
 }
+} // namespace
+
+namespace {
+/// The operators of a chain, first first. Chains are walked with loops, not
+/// recursion, since they can be long; a chain of up to INLINE operators (any
+/// chain a user builds) needs no heap, so mapping one colour stays arithmetic.
+template <typename Op> class ChainOrder {
+public:
+    /// From `last` back to the first operator.
+    explicit ChainOrder(Op* last) {
+        for (Op* op = last; op; op = op->getPredecessorPointer()) push(op);
+    }
+    template <typename F> void forEachFirstToLast(F&& f) const {
+        Op* const* ops = mHeap.empty() ? mInline.data() : mHeap.data();
+        for (std::size_t i = mCount; i-- > 0;) f(ops[i]);
+    }
+
+private:
+    void push(Op* op) {
+        if (mCount < INLINE) {
+            mInline[mCount] = op;
+        } else {
+            if (mHeap.empty()) mHeap.assign(mInline.begin(), mInline.end());
+            mHeap.push_back(op);
+        }
+        ++mCount;
+    }
+    static constexpr std::size_t INLINE = 32;
+    std::array<Op*, INLINE> mInline;  // only the first mCount are set
+    Stack<Op*> mHeap;
+    std::size_t mCount = 0;
+};
 } // namespace
 
 int UnaryColorMappingOperator::generateId() { return int(operatorIds().next() & 0x7FFFFFFFu); }
@@ -45,22 +78,26 @@ UnaryColorMappingOperator::UnaryColorMappingOperator(SharedPtr<DataObjectDefinit
 }
 
 void UnaryColorMappingOperator::map(std::span<Rgb> pixels, Pixel origin, Pixel extent) const {
-    if (mPredecessor) mPredecessor->map(pixels, origin, extent);
-    mapImpl(pixels, origin, extent);
+    ChainOrder<UnaryColorMappingOperator const>(this).forEachFirstToLast(
+        [&](UnaryColorMappingOperator const* op) { op->mapImpl(pixels, origin, extent); });
 }
 
 void UnaryColorMappingOperator::map(std::span<RgbAlpha> pixels, Pixel origin, Pixel extent) const {
-    if (mPredecessor) mPredecessor->map(pixels, origin, extent);
-    mapImpl(pixels, origin, extent);
+    ChainOrder<UnaryColorMappingOperator const>(this).forEachFirstToLast(
+        [&](UnaryColorMappingOperator const* op) { op->mapImpl(pixels, origin, extent); });
 }
 
 Rgb UnaryColorMappingOperator::map(Rgb const& color, Pixel pixel) const {
-    return mapImpl(mPredecessor ? mPredecessor->map(color, pixel) : color, pixel);
+    Rgb c = color;
+    ChainOrder<UnaryColorMappingOperator const>(this).forEachFirstToLast(
+        [&](UnaryColorMappingOperator const* op) { c = op->mapImpl(c, pixel); });
+    return c;
 }
 
 Rgb UnaryColorMappingOperator::unmap(Rgb const& color, Flags<ColorMappingExclude> exclude) const {
-    Rgb const c = unmapImpl(color, exclude);
-    return mPredecessor ? mPredecessor->unmap(c, exclude) : c;
+    Rgb c = color;
+    for (UnaryColorMappingOperator const* op = this; op; op = op->getPredecessorPointer()) c = op->unmapImpl(c, exclude);
+    return c;
 }
 
 void UnaryColorMappingOperator::mapImpl(std::span<Rgb> pixels, Pixel origin, Pixel extent) const {
@@ -96,26 +133,52 @@ void UnaryColorMappingOperator::setPredecessor(EntityHolder<IColorMappingOperato
 }
 
 void UnaryColorMappingOperator::update(GenericDataObject const& data) {
-    if (auto r = setData(data); !r) throw Exception(r.error());
-    auto const source = data.get<EntityHolder<UnaryColorMappingOperator>>("predecessor");
-    if (!source) return;
     // Rebuild the chain below from the records so that this operator owns its
-    // own copy; a type the factory does not know (a legacy operator) is kept
-    // as it is, for the pipeline's clean-up to find.
-    auto rebuilt = ColorMappingOperatorFactory::getInstance().createOperator(source->getData());
-    if (rebuilt) setPredecessor(rebuilt);
+    // own copy, first operator first; a type the factory does not know (a
+    // legacy operator) is kept as it is, with what lies below it, for the
+    // pipeline's clean-up to find.
+    auto const& factory = ColorMappingOperatorFactory::getInstance();
+    Stack<EntityHolder<UnaryColorMappingOperator>> sources;  // nearest first
+    EntityHolder<UnaryColorMappingOperator> below;
+    for (auto source = data.get<EntityHolder<UnaryColorMappingOperator>>("predecessor"); source;
+         source = source->getData().get<EntityHolder<UnaryColorMappingOperator>>("predecessor")) {
+        if (!factory.containsDescriptor(source->getClassName())) {
+            below = source;
+            break;
+        }
+        sources.push_back(source);
+    }
+    for (auto it = sources.rbegin(); it != sources.rend(); ++it) {
+        GenericDataObject record = (*it)->getData();
+        if (auto r = record.setValue("predecessor", EntityHolder<Entity>()); !r) throw Exception(r.error());
+        auto copy = factory.createOperator(record);
+        if (below) copy->setPredecessor(below);
+        below = std::move(copy);
+    }
+    GenericDataObject own = data;
+    if (!sources.empty()) {
+        if (auto r = own.setValue("predecessor", EntityHolder<Entity>(below)); !r) throw Exception(r.error());
+    }
+    if (auto r = setData(own); !r) throw Exception(r.error());
 }
 
 void UnaryColorMappingOperator::prepareForApplication(ColorMappingContext const& context) {
-    refreshPredecessor();
-    if (mPredecessor) mPredecessor->prepareForApplication(context);
-    prepareForApplicationImpl(context);
+    // The records may have been edited: take the links from them, and refuse
+    // a chain edited into a loop, which would never end.
+    std::unordered_set<UnaryColorMappingOperator const*> seen;
+    for (UnaryColorMappingOperator* op = this; op; op = op->getPredecessorPointer()) {
+        if (!seen.insert(op).second)
+            throw Exception("The colour-mapping chain of \"" + getClassName() + "\" loops back on itself");
+        op->refreshPredecessor();
+    }
+    ChainOrder<UnaryColorMappingOperator>(this).forEachFirstToLast(
+        [&](UnaryColorMappingOperator* op) { op->prepareForApplicationImpl(context); });
 }
 
 void UnaryColorMappingOperator::applyOverrides(std::span<ToneMappingPropertyOverride const> overrides,
                                                String& errorInfo) {
-    if (mPredecessor) mPredecessor->applyOverrides(overrides, errorInfo);
-    applyOverridesImpl(overrides, errorInfo);
+    ChainOrder<UnaryColorMappingOperator>(this).forEachFirstToLast(
+        [&](UnaryColorMappingOperator* op) { op->applyOverridesImpl(overrides, errorInfo); });
 }
 
 void UnaryColorMappingOperator::applyOverridesImpl(std::span<ToneMappingPropertyOverride const> overrides,

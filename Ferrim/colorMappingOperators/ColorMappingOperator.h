@@ -110,6 +110,7 @@ struct ToneMappingPropertyOverride {
 };
 
 class UnaryColorMappingOperator;
+class ColorProgramBuilder;
 
 /// A colour-mapping operator: an entity whose record holds its parameters.
 class FERRIM_EXPORT IColorMappingOperator : public Entity {
@@ -153,6 +154,8 @@ public:
     OperatorColorEncoding getInputEncoding() const final { return mInputEncoding; }
     OperatorGroup getGroup() const final { return mGroup; }
     EntityHolder<IColorMappingOperator> getPredecessor() const final { return mPredecessor; }
+    /// The predecessor without taking a reference, for loops over a chain.
+    UnaryColorMappingOperator* getPredecessorPointer() const { return mPredecessor.get(); }
     /// Stores the predecessor in the record's "predecessor" and uses it.
     void setPredecessor(EntityHolder<IColorMappingOperator> predecessor) final;
     /// Convenience for a concrete operator: `b->setPredecessor(a)`.
@@ -169,6 +172,12 @@ public:
 
     /// A fresh value for a record's "id", unique within the process.
     static int generateId();
+
+    /// Appends this operator's own mapping (not its predecessors') to a
+    /// colour program being compiled from the prepared chain (ColorProgram.h).
+    /// The default leaves a neutral operator out and otherwise maps pixel by
+    /// pixel through mapImpl; operators with a vector form append their steps.
+    virtual void compileMapping(ColorProgramBuilder& builder) const;
 
 protected:
     UnaryColorMappingOperator(SharedPtr<DataObjectDefinition const> definition, OperatorColorEncoding input,
@@ -200,6 +209,9 @@ protected:
         if (extent.x <= 0 || extent.y <= 0) return 0;
         return std::min(available, std::size_t(extent.x) * std::size_t(extent.y));
     }
+
+    /// The callback of the default compileMapping: mapImpl of one colour.
+    static void mapOneForProgram(void const* self, float* rgb, int x, int y);
 
 private:
     void refreshPredecessor();

@@ -2,12 +2,13 @@
 
 #include <fstream>
 #include <set>
-#include <sstream>
 
 #include "Ferrim/Ferrim.h"
 #include "Ferrim/colorMappingOperators/AcesOtOperator.h"
+#include "Ferrim/colorMappingOperators/LutOperator.h"
 #include "Ferrim/colorMappingOperators/MiscOperators.h"
 #include "Ferrim/colorMappingOperators/ObsoleteOperator.h"
+#include "QuelinLib/Io.h"
 #include "QuelinLib/Json.h"
 
 namespace Quelin {
@@ -212,20 +213,31 @@ String serializePipeline(EntityHolder<const IColorMappingOperator> pipeline) {
     return root.dump(2);
 }
 
+namespace {
+Unexpected<String> corrupted(String const& detail) { return makeError(String(PIPELINE_CORRUPTED_MESSAGE) + " " + detail); }
+} // namespace
+
 Expected<LoadedPipeline> deserializePipeline(StringView text) {
-    auto corrupted = [](String const& detail) { return makeError(String(PIPELINE_CORRUPTED_MESSAGE) + " " + detail); };
     auto parsed = parseJson(text);
     if (!parsed) return corrupted(parsed.error());
-    nlohmann::json const& root = *parsed;
+    return pipelineFromJson(*parsed);
+}
+
+Expected<LoadedPipeline> pipelineFromJson(nlohmann::json const& root) {
     if (!root.is_object()) return corrupted("The text is not a JSON object.");
     auto mime = root.find("mimeType");
     if (mime == root.end() || !mime->is_string() || mime->get<String>() != Ferrim::MIME_COLOR_MAPPING)
         return corrupted("It does not declare \"mimeType\": \"" + Ferrim::MIME_COLOR_MAPPING + "\".");
     auto version = root.find("version");
-    if (version != root.end() && (!version->is_number_integer() || version->get<int>() > 1))
-        return corrupted("Unsupported version " + version->dump() + ".");
+    if (version != root.end()) {
+        auto const v = jsonToInt(*version);
+        if (!v || *v > 1) return corrupted("Unsupported version " + describeJson(*version) + ".");
+    }
     auto ops = root.find("operators");
     if (ops == root.end() || !ops->is_array()) return corrupted("It has no \"operators\" array.");
+    if (ops->size() > MAX_PIPELINE_OPERATORS)
+        return corrupted("It has " + std::to_string(ops->size()) + " operators; at most " +
+                         std::to_string(MAX_PIPELINE_OPERATORS) + " are accepted.");
 
     Stack<GenericDataObject> records;
     for (std::size_t i = 0; i < ops->size(); ++i) {
@@ -238,7 +250,7 @@ Expected<LoadedPipeline> deserializePipeline(StringView text) {
         SharedPtr<DataObjectDefinition const> def;
         if (auto const* d = factory().findDescriptor(type)) def = d->definition;
         else def = ObsoleteUnaryColorMappingOperator::findDefinition(type);
-        if (!def) return corrupted(where + " has the unknown type \"" + type + "\".");
+        if (!def) return corrupted(where + " has the unknown type " + describeJson(*cls) + ".");
         GenericDataObject record(def);
         if (auto r = fromJson(j, record); !r) return corrupted(where + ": " + r.error());
         records.push_back(std::move(record));
@@ -259,13 +271,18 @@ Expected<void> savePipelinePreset(String const& path, EntityHolder<const IColorM
 }
 
 Expected<LoadedPipeline> loadPipelinePreset(String const& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return makeError(path + ": cannot open the file");
-    std::ostringstream ss;
-    ss << in.rdbuf();
-    auto loaded = deserializePipeline(ss.str());
+    auto text = Io::readTextFile(Io::pathFromUtf8(path), MAX_PIPELINE_FILE_BYTES);
+    if (!text) return makeError(text.error());
+    auto loaded = deserializePipeline(*text);
     if (!loaded) return makeError(path + ": " + loaded.error());
     return loaded;
+}
+
+Optional<String> findPipelineLoadError(EntityHolder<const IColorMappingOperator> pipeline) {
+    for (auto const& op : getPipelineOperators(pipeline))
+        if (auto const* lut = dynamic_cast<LutOperator const*>(op.get()); lut && !lut->getLoadError().empty())
+            return lut->getLoadError();
+    return std::nullopt;
 }
 
 } // namespace Quelin

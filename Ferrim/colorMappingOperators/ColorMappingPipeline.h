@@ -7,6 +7,8 @@
 // A pipeline is the holder of its last operator; an empty holder is an empty
 // pipeline. The flat form lists one record per operator, first operator
 // first, every "predecessor" empty: the order alone carries the chain.
+#include <nlohmann/json_fwd.hpp>
+
 #include "Ferrim/colorMappingOperators/ColorMappingOperator.h"
 
 namespace Quelin {
@@ -60,15 +62,31 @@ struct LoadedPipeline {
     String warning;
 };
 
+/// Most operators a stored pipeline may hold. Real pipelines have a handful;
+/// the bound keeps a hostile file from making every pixel run through
+/// thousands of them.
+inline constexpr std::size_t MAX_PIPELINE_OPERATORS = 1000;
+/// Largest ".ctm" file read: far above any pipeline of MAX_PIPELINE_OPERATORS.
+inline constexpr std::int64_t MAX_PIPELINE_FILE_BYTES = 16 << 20;
+
 /// The serialised pipeline: {"mimeType": MIME_COLOR_MAPPING, "version": 1,
 /// "operators": [records in the Skip form, each with its "@class"]}.
 FERRIM_EXPORT String serializePipeline(EntityHolder<const IColorMappingOperator> pipeline);
 /// Reads the serialised form; anything that is not a pipeline gives
 /// PIPELINE_CORRUPTED_MESSAGE followed by what was wrong.
 FERRIM_EXPORT Expected<LoadedPipeline> deserializePipeline(StringView text);
+/// The same for the form already parsed (a pipeline inside a scene file).
+FERRIM_EXPORT Expected<LoadedPipeline> pipelineFromJson(nlohmann::json const& root);
 /// ".ctm" preset files hold the serialised form. Errors name the file.
 FERRIM_EXPORT Expected<void> savePipelinePreset(String const& path, EntityHolder<const IColorMappingOperator> pipeline);
 FERRIM_EXPORT Expected<LoadedPipeline> loadPipelinePreset(String const& path);
 inline constexpr StringView PIPELINE_PRESET_EXTENSION = "ctm";
+
+/// The first operator of a prepared chain that could not use its file (a
+/// LUT that is missing, truncated or malformed), as that operator's error
+/// text naming the file; empty when every operator could. Such an operator
+/// leaves colours unchanged, so callers that must not silently lose a look
+/// report this after preparing.
+FERRIM_EXPORT Optional<String> findPipelineLoadError(EntityHolder<const IColorMappingOperator> pipeline);
 
 } // namespace Quelin

@@ -1,4 +1,5 @@
 #include "Ferrim/colorMappingOperators/CurvesOperator.h"
+#include "Ferrim/colorMappingOperators/ColorProgram.h"
 
 #include <algorithm>
 #include <cmath>
@@ -216,6 +217,25 @@ void CurvesOperator::mapImpl(std::span<Rgb> pixels, Pixel, Pixel) const {
 Rgb CurvesOperator::unmapImpl(Rgb const& color, Flags<ColorMappingExclude> exclude) const {
     if (exclude.has(ColorMappingExclude::Curves) || isNeutral()) return color;
     return {mChannel[0].invert(color.r), mChannel[1].invert(color.g), mChannel[2].invert(color.b)};
+}
+
+namespace {
+/// A curve's table into step parameters p[0..4] and its table pointer.
+void putCurve(ColorProgramBuilder::Step& s, int slot, MonotoneCurve const& curve) {
+    MonotoneCurve::View const v = curve.view();
+    float* p = s.p + 5 * slot;
+    p[0] = v.xMin, p[1] = v.xMax, p[2] = v.scale, p[3] = v.slopeLow, p[4] = v.slopeHigh;
+    s.table[slot] = v.y;
+    s.ints[0] = v.size;
+}
+} // namespace
+
+void CurvesOperator::compileMapping(ColorProgramBuilder& builder) const {
+    if (isNeutral()) return;
+    ColorProgramBuilder::Step s;
+    s.kind = ColorProgramBuilder::Kind::Curves;
+    for (int ch = 0; ch < 3; ++ch) putCurve(s, ch, mChannel[ch]);
+    builder.append(s);
 }
 
 FERRIM_REGISTER_COLOR_OPERATOR(CurvesOperator, "Curves");

@@ -62,6 +62,16 @@ public:
     /// The curve that applies `first`, then this one.
     MonotoneCurve composedAfter(MonotoneCurve const& first) const;
 
+    /// What evaluate() reads, for vector forms of it: the table spans
+    /// [xMin, xMax] with `scale` samples per unit and continues with the
+    /// slopes beyond.
+    struct View {
+        float xMin, xMax, scale, slopeLow, slopeHigh;
+        float const* y;
+        int size;
+    };
+    View view() const { return {mXMin, mXMax, mScale, mSlopeLow, mSlopeHigh, mY.data(), int(mY.size())}; }
+
 private:
     float mXMin = 0.f, mXMax = 1.f, mScale = float(TABLE_SIZE - 1);
     float mSlopeLow = 1.f, mSlopeHigh = 1.f;
@@ -82,6 +92,7 @@ public:
     };
     CurvesOperator();
     SharedPtr<Entity> createNewInstance() const override { return makeSharedPtr<CurvesOperator>(); }
+    void compileMapping(ColorProgramBuilder& builder) const override;
 
 protected:
     Rgb mapImpl(Rgb const& color, Pixel pixel) const override;

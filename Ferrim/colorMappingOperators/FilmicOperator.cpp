@@ -1,4 +1,5 @@
 #include "Ferrim/colorMappingOperators/FilmicOperator.h"
+#include "Ferrim/colorMappingOperators/ColorProgram.h"
 
 #include <cmath>
 
@@ -71,6 +72,15 @@ Rgb FilmicOperator::unmapImpl(Rgb const& color, Flags<ColorMappingExclude> exclu
         x = x - f / slope;
     }
     return toRgb((lo + hi) * Float4(0.5f));
+}
+
+void FilmicOperator::compileMapping(ColorProgramBuilder& builder) const {
+    if (isNeutral()) return;
+    ColorProgramBuilder::Step s;
+    s.kind = ColorProgramBuilder::Kind::Filmic;
+    s.p[0] = mHighlights;
+    s.p[1] = mShadows;
+    builder.append(s);
 }
 
 FERRIM_REGISTER_COLOR_OPERATOR(FilmicOperator, "Filmic Mapping");

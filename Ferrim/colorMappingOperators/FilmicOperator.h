@@ -28,6 +28,7 @@ public:
 
     FilmicOperator();
     SharedPtr<Entity> createNewInstance() const override;
+    void compileMapping(ColorProgramBuilder& builder) const override;
     /// x + w(x) (g(x) - x), w(x) = S + (H - S) min(x, 1). No clamping.
     Float4 mapLanes(Float4 x) const {
         if (isNeutral()) return x;

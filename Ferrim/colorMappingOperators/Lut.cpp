@@ -8,6 +8,8 @@
 #include <sstream>
 
 #include "QuelinLib/Float4.h"
+#include "QuelinLib/Io.h"
+#include "QuelinLib/MessageText.h"
 
 namespace Quelin {
 
@@ -308,22 +310,19 @@ Unexpected<String> lineError(StringView name, int line, String const& problem) {
     return makeError(String(name) + ":" + std::to_string(line) + ": " + problem);
 }
 
-String quoted(StringView s) {
-    String r;
-    r.reserve(s.size() + 2);
-    r += '"';
-    r.append(s);
-    r += '"';
-    return r;
-}
+/// Text from the file for a message: quoted, cut, and printable (a damaged
+/// file may hold binary).
+String quoted(StringView s) { return '"' + printableText(s, 40) + '"'; }
 
 Expected<String> readWholeFile(String const& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return makeError(path + ": cannot open the file");
-    std::ostringstream ss;
-    ss << in.rdbuf();
-    if (in.bad()) return makeError(path + ": cannot read the file");
-    return ss.str();
+    return Io::readTextFile(Io::pathFromUtf8(path), MAX_LUT_FILE_BYTES);
+}
+
+/// A writer's own keyword ("LUT_IN_VIDEO_RANGE"): a capital letter, then
+/// capitals, digits and underscores.
+bool looksLikeKeyword(StringView token) {
+    if (token.empty() || token[0] < 'A' || token[0] > 'Z') return false;
+    return std::all_of(token.begin(), token.end(), [](char c) { return (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_'; });
 }
 
 bool isDigitStart(StringView token) {
@@ -382,6 +381,12 @@ Expected<Lut> parseCubeLut(StringView text, StringView name) {
                 if (!lo) return lineError(name, ln, quoted(tokens[1]) + " is not a number");
                 if (!hi) return lineError(name, ln, quoted(tokens[2]) + " is not a number");
                 (key == "LUT_1D_INPUT_RANGE" ? range1d : range3d) = std::pair(*lo, *hi);
+            } else if (tokens.size() == 3 && parseFloat(tokens[1]) && parseFloat(tokens[2])) {
+                // Shaped like an entry whose first value is damaged ("nan",
+                // "x.5"): the table would silently lose a line.
+                return lineError(name, ln, quoted(key) + " is not a number");
+            } else if (!looksLikeKeyword(key)) {
+                return lineError(name, ln, quoted(key) + " is neither a keyword nor a number");
             } else {
                 // Writers add their own keywords (video range flags and the
                 // like); they do not change the table, so they are skipped.
@@ -478,6 +483,9 @@ Expected<Lut> parse3dlLut(StringView text, StringView name) {
             // mesh line declares the input and output depths in bits.
             if (tokens[0] == "Mesh" && tokens.size() == 3) {
                 if (auto b = parseInt(tokens[2]); b && *b >= 8 && *b <= 16) declaredOutputBits = int(*b);
+            } else if (tokens.size() == 3 && parseInt(tokens[1]) && parseInt(tokens[2])) {
+                // Shaped like an entry whose first value is damaged.
+                return lineError(name, ln, quoted(tokens[0]) + " is not an integer");
             }
             continue;
         }
@@ -489,6 +497,14 @@ Expected<Lut> parse3dlLut(StringView text, StringView name) {
             values.push_back(*v);
         }
         if (values.size() > 3 && dataLines == 0 && mesh.empty()) {
+            // The mesh holds input codes of at most 16 bits, one per lattice
+            // plane, so its values and its length are bounded before use.
+            if (values.size() > std::size_t(MAX_3DL_MESH_POINTS))
+                return lineError(name, ln,
+                                 "the mesh line has " + std::to_string(values.size()) + " points, more than " +
+                                     std::to_string(MAX_3DL_MESH_POINTS));
+            for (long v : values)
+                if (v > 65535) return lineError(name, ln, "mesh value " + std::to_string(v) + " is above the largest 16-bit code");
             mesh = std::move(values);
             meshLine = ln;
             continue;

@@ -77,9 +77,17 @@ struct FERRIM_EXPORT Lut {
     }
 };
 
+/// Largest LUT file read, far above the 65^3 and 129^3 tables in use (about
+/// 10 and 80 MB as text); larger files are refused before they are read.
+inline constexpr std::int64_t MAX_LUT_FILE_BYTES = std::int64_t(512) << 20;
+/// Most input mesh points of a ".3dl" file (its lattice size).
+inline constexpr int MAX_3DL_MESH_POINTS = 256;
+
 /// Reads a ".cube" file: "TITLE", "LUT_1D_SIZE", "LUT_3D_SIZE", "DOMAIN_MIN",
 /// "DOMAIN_MAX" (and the "LUT_1D_INPUT_RANGE"/"LUT_3D_INPUT_RANGE" variant),
-/// '#' comments, blank lines and CR-LF line ends. Errors read
+/// '#' comments, blank lines and CR-LF line ends. Other keywords before the
+/// table (capitals, digits and underscores) are skipped; any other line that
+/// does not start with a number is an error. Errors read
 /// "<path>:<line>: <problem>".
 FERRIM_EXPORT Expected<Lut> readCubeLut(String const& path);
 /// The same for text already in memory; `name` stands for the path in errors.

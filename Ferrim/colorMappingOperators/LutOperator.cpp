@@ -1,7 +1,9 @@
 #include "Ferrim/colorMappingOperators/LutOperator.h"
+#include "Ferrim/colorMappingOperators/ColorProgram.h"
 
 #include <cmath>
 #include <filesystem>
+#include <new>
 
 namespace Quelin {
 
@@ -64,7 +66,12 @@ void LutOperator::prepareForApplicationImpl(ColorMappingContext const& context) 
     String const resolvedText = resolved.string();
     std::int64_t const time = fileTime(resolved);
     if (!mLut || resolvedText != mLoadedPath || time != mLoadedTime) {
-        auto lut = readLutFile(resolvedText);
+        Expected<Lut> lut = makeError(resolvedText + ": not enough memory for the table");
+        try {
+            lut = readLutFile(resolvedText);
+        } catch (std::bad_alloc const&) {
+            // Kept as the load error like any other, so the file is named.
+        }
         if (!lut) {
             // Neutral, with the reason kept for the user.
             mLut.reset();
@@ -171,6 +178,32 @@ Rgb LutOperator::unmapImpl(Rgb const& color, Flags<ColorMappingExclude> exclude)
         }
     }
     return best;
+}
+
+void LutOperator::compileMapping(ColorProgramBuilder& builder) const {
+    if (isNeutral() || !mLut) return;
+    if (!mLut->lut3d) {
+        UnaryColorMappingOperator::compileMapping(builder);  // a 1D-only table: pixel by pixel
+        return;
+    }
+    ColorProgramBuilder::Step s;
+    s.kind = ColorProgramBuilder::Kind::Lut;
+    Lut3D const& cube = *mLut->lut3d;
+    s.table[0] = cube.values.data();
+    s.ints[0] = cube.size;
+    for (int ch = 0; ch < 3; ++ch) s.p[ch] = cube.indexScale[ch], s.p[3 + ch] = cube.indexOffset[ch];
+    if (mLut->lut1d) {
+        Lut1D const& shaper = *mLut->lut1d;
+        s.table[1] = shaper.values.data();
+        s.ints[1] = shaper.size;
+        for (int ch = 0; ch < 3; ++ch) s.p[6 + ch] = shaper.indexScale[ch], s.p[9 + ch] = shaper.indexOffset[ch];
+    }
+    s.p[12] = mEncode;
+    s.p[13] = mDecode;
+    s.p[14] = mOpacity;
+    s.p[15] = mInterpolation == LutInterpolation::Tetrahedral ? 1.f : 0.f;
+    s.p[16] = mInSrgb ? 1.f : 0.f;
+    builder.append(s, mLut);
 }
 
 FERRIM_REGISTER_COLOR_OPERATOR(LutOperator, "LUT");

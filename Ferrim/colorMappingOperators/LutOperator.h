@@ -44,6 +44,7 @@ public:
     };
     LutOperator();
     SharedPtr<Entity> createNewInstance() const override { return makeSharedPtr<LutOperator>(); }
+    void compileMapping(ColorProgramBuilder& builder) const override;
 
     /// Why the last preparation could not use the file; empty when it could
     /// (or when no file is set).

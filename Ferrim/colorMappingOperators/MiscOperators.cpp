@@ -1,4 +1,5 @@
 #include "Ferrim/colorMappingOperators/MiscOperators.h"
+#include "Ferrim/colorMappingOperators/ColorProgram.h"
 
 #include <cmath>
 #include "QuelinLib/ColorMath.h"
@@ -591,6 +592,61 @@ SharedPtr<Entity> IdentityOperator::createNewInstance() const { return makeShare
 void IdentityOperator::prepareForApplicationImpl(ColorMappingContext const&) { setNeutral(true); }
 
 Rgb IdentityOperator::unmapImpl(Rgb const& color, Flags<ColorMappingExclude>) const { return color; }
+
+// ---------------------------------------------------------------- compiled forms
+
+void SimpleExposureOperator::compileMapping(ColorProgramBuilder& builder) const {
+    if (!isNeutral()) builder.appendScale(Rgb(mMultiplier));
+}
+
+void PhotographicExposureOperator::compileMapping(ColorProgramBuilder& builder) const {
+    if (!isNeutral()) builder.appendScale(Rgb(mMultiplier));
+}
+
+void WhiteBalanceOperator::compileMapping(ColorProgramBuilder& builder) const {
+    if (!isNeutral()) builder.appendScale(toRgb(mFactor));
+}
+
+void TintOperator::compileMapping(ColorProgramBuilder& builder) const {
+    if (!isNeutral()) builder.appendScale(toRgb(mFactor));
+}
+
+namespace {
+ColorProgramBuilder::Step programStep(ColorProgramBuilder::Kind kind, std::initializer_list<float> params) {
+    ColorProgramBuilder::Step s;
+    s.kind = kind;
+    std::copy(params.begin(), params.end(), s.p);
+    return s;
+}
+} // namespace
+
+void GreenMagentaTintOperator::compileMapping(ColorProgramBuilder& builder) const {
+    if (mActive) builder.append(programStep(ColorProgramBuilder::Kind::SignedPow, {mExponents[0], mExponents[1], mExponents[2]}));
+}
+
+void SaturationOperator::compileMapping(ColorProgramBuilder& builder) const {
+    if (mAmount != 0.f) builder.append(programStep(ColorProgramBuilder::Kind::Saturation, {mAmount}));
+}
+
+void ContrastOperator::compileMapping(ColorProgramBuilder& builder) const {
+    if (mActive)
+        builder.append(programStep(ColorProgramBuilder::Kind::Contrast,
+                                   {mSlope, mScale, mOffset, mLow, mHigh, mSteepening ? 1.f : 0.f}));
+}
+
+void VignetteOperator::compileMapping(ColorProgramBuilder& builder) const {
+    if (mActive)
+        builder.append(programStep(ColorProgramBuilder::Kind::Vignette, {mStartRadius2, mSteepness, mScale, mCenterX,
+                                                                         mCenterY, mOffsetX, mOffsetY}));
+}
+
+void LinearToSrgbOperator::compileMapping(ColorProgramBuilder& builder) const {
+    if (!isNeutral()) builder.append(programStep(ColorProgramBuilder::Kind::Pow, {mExponent, mExponent, mExponent}));
+}
+
+void SrgbToLinearOperator::compileMapping(ColorProgramBuilder& builder) const {
+    if (!isNeutral()) builder.append(programStep(ColorProgramBuilder::Kind::SignedPow, {mExponent, mExponent, mExponent}));
+}
 
 FERRIM_REGISTER_COLOR_OPERATOR(ContrastOperator, "Contrast");
 FERRIM_REGISTER_COLOR_OPERATOR(GreenMagentaTintOperator, "Green-Magenta Tint");

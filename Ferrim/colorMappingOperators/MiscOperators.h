@@ -24,6 +24,7 @@ public:
     };
     SimpleExposureOperator();
     SharedPtr<Entity> createNewInstance() const override;
+    void compileMapping(ColorProgramBuilder& builder) const override;
     Float4 mapLanes(Float4 c) const { return c * Float4(mMultiplier); }
     float getMultiplier() const { return mMultiplier; }
 
@@ -46,6 +47,7 @@ public:
     };
     PhotographicExposureOperator();
     SharedPtr<Entity> createNewInstance() const override;
+    void compileMapping(ColorProgramBuilder& builder) const override;
     Float4 mapLanes(Float4 c) const { return c * Float4(mMultiplier); }
     float getMultiplier() const { return mMultiplier; }
 
@@ -67,6 +69,7 @@ public:
     };
     WhiteBalanceOperator();
     SharedPtr<Entity> createNewInstance() const override;
+    void compileMapping(ColorProgramBuilder& builder) const override;
     Float4 mapLanes(Float4 c) const { return c * mFactor; }
     Rgb getFactor() const { return toRgb(mFactor); }
 
@@ -88,6 +91,7 @@ public:
     };
     TintOperator();
     SharedPtr<Entity> createNewInstance() const override;
+    void compileMapping(ColorProgramBuilder& builder) const override;
     Float4 mapLanes(Float4 c) const { return c * mFactor; }
 
 protected:
@@ -111,6 +115,7 @@ public:
     };
     GreenMagentaTintOperator();
     SharedPtr<Entity> createNewInstance() const override;
+    void compileMapping(ColorProgramBuilder& builder) const override;
     Float4 mapLanes(Float4 c) const { return mActive ? applyExponents(c, mExponents) : c; }
 
 protected:
@@ -135,6 +140,7 @@ public:
     };
     SaturationOperator();
     SharedPtr<Entity> createNewInstance() const override;
+    void compileMapping(ColorProgramBuilder& builder) const override;
     Float4 mapLanes(Float4 c) const { return mAmount == 0.f ? c : shiftSaturation(max(c, Float4(0.f)), mAmount, false); }
 
 protected:
@@ -158,6 +164,7 @@ public:
     };
     ContrastOperator();
     SharedPtr<Entity> createNewInstance() const override;
+    void compileMapping(ColorProgramBuilder& builder) const override;
     Float4 mapLanes(Float4 c) const;
 
 protected:
@@ -183,6 +190,7 @@ public:
     };
     VignetteOperator();
     SharedPtr<Entity> createNewInstance() const override;
+    void compileMapping(ColorProgramBuilder& builder) const override;
 
 protected:
     Rgb mapImpl(Rgb const& color, Pixel pixel) const override;
@@ -209,6 +217,7 @@ public:
     };
     LinearToSrgbOperator();
     SharedPtr<Entity> createNewInstance() const override;
+    void compileMapping(ColorProgramBuilder& builder) const override;
     /// Each channel is encoded on its own, so buckets map as flat float runs.
     static constexpr bool CHANNEL_INDEPENDENT = true;
     Float4 mapLanes(Float4 c) const;
@@ -229,6 +238,7 @@ public:
     };
     SrgbToLinearOperator();
     SharedPtr<Entity> createNewInstance() const override;
+    void compileMapping(ColorProgramBuilder& builder) const override;
     /// Each channel is encoded on its own, so buckets map as flat float runs.
     static constexpr bool CHANNEL_INDEPENDENT = true;
     Float4 mapLanes(Float4 c) const;

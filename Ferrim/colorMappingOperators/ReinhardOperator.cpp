@@ -1,4 +1,5 @@
 #include "Ferrim/colorMappingOperators/ReinhardOperator.h"
+#include "Ferrim/colorMappingOperators/ColorProgram.h"
 
 #include <cmath>
 
@@ -50,6 +51,15 @@ Rgb ReinhardOperator::unmapImpl(Rgb const& color, Flags<ColorMappingExclude> exc
     Float4 const large = (root - b) / (Float4(2.f) * k);
     Float4 const small = Float4(2.f) * c / (root + b);
     return toRgb(select(b > Float4(0.f), small, large));
+}
+
+void ReinhardOperator::compileMapping(ColorProgramBuilder& builder) const {
+    // Always applied: switched off (k = 1) the curve still takes negative
+    // values to 0.
+    ColorProgramBuilder::Step s;
+    s.kind = ColorProgramBuilder::Kind::Reinhard;
+    s.p[0] = getCoefficient();
+    builder.append(s);
 }
 
 FERRIM_REGISTER_COLOR_OPERATOR(ReinhardOperator, "Reinhard Highlight Compression");

@@ -17,6 +17,7 @@ public:
     };
     ReinhardOperator();
     SharedPtr<Entity> createNewInstance() const override;
+    void compileMapping(ColorProgramBuilder& builder) const override;
     /// max(0, (k c + 1) c / (c + 1)), written as c (k + (1 - k) / (c + 1)):
     /// exactly c for k = 1, k c at +infinity, and NaN maps to 0. The channel
     /// is taken as it is: values from -1 to 0 give 0, and beyond the pole at

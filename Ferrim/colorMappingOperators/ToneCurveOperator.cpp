@@ -1,4 +1,5 @@
 #include "Ferrim/colorMappingOperators/ToneCurveOperator.h"
+#include "Ferrim/colorMappingOperators/ColorProgram.h"
 
 #include <algorithm>
 #include <cmath>
@@ -72,6 +73,18 @@ Rgb ToneCurveOperator::unmapImpl(Rgb const& color, Flags<ColorMappingExclude> ex
         return color * (unmapValue(m) / m);
     }
     return {unmapValue(color.r), unmapValue(color.g), unmapValue(color.b)};
+}
+
+void ToneCurveOperator::compileMapping(ColorProgramBuilder& builder) const {
+    if (isNeutral()) return;
+    ColorProgramBuilder::Step s;
+    s.kind = ColorProgramBuilder::Kind::ToneCurve;
+    MonotoneCurve::View const v = mCurve.view();
+    float const p[] = {v.xMin, v.xMax, v.scale, v.slopeLow, v.slopeHigh, mGrey, mInvGrey, mPreserveColor ? 1.f : 0.f};
+    std::copy(std::begin(p), std::end(p), s.p);
+    s.table[0] = v.y;
+    s.ints[0] = v.size;
+    builder.append(s);
 }
 
 FERRIM_REGISTER_COLOR_OPERATOR(ToneCurveOperator, "Tone Curve");

@@ -39,6 +39,7 @@ public:
     };
     ToneCurveOperator();
     SharedPtr<Entity> createNewInstance() const override { return makeSharedPtr<ToneCurveOperator>(); }
+    void compileMapping(ColorProgramBuilder& builder) const override;
 
 protected:
     Rgb mapImpl(Rgb const& color, Pixel pixel) const override;

@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <limits>
+
 #include "QuelinLib/Json.h"
+#include "QuelinLib/MessageText.h"
 
 using namespace Quelin;
 
@@ -162,4 +166,134 @@ TEST(Identifiers, UuidsAndClassIds) {
     UniqueIdGenerator g;
     EXPECT_EQ(g.next(), 1u);
     EXPECT_EQ(g.next(), 2u);
+}
+
+namespace {
+/// A chain root -> child -> ... of `length` entities, built in code.
+SharedPtr<TestEntity> makeChain(std::size_t length) {
+    auto root = makeSharedPtr<TestEntity>();
+    auto last = root;
+    for (std::size_t i = 1; i < length; ++i) {
+        auto next = makeSharedPtr<TestEntity>();
+        last->set("child", EntityHolder<TestEntity>(next));
+        last = next;
+    }
+    return root;
+}
+
+/// {"@class": "Test.Entity", "child": {...}} nested `depth` entities deep.
+String nestedEntityText(int depth) {
+    String text;
+    for (int i = 0; i < depth; ++i) text += R"({"@class": "Test.Entity", "child": )";
+    text += "null";
+    text.append(std::size_t(depth), '}');
+    return text;
+}
+} // namespace
+
+TEST_F(DataObjectsTest, LongChainsAreVisitedAndDestroyedWithoutRecursion) {
+    // Deep enough that one stack frame per entity would overflow any stack.
+    std::size_t const length = 100000;
+    auto root = makeChain(length);
+    std::size_t visits = 0;
+    visitEntityGraphNodes(*root, [&](Entity const&) { ++visits; return VisitEntityGraphAction::Continue; });
+    EXPECT_EQ(visits, length);
+    EntityHolder<TestEntity> end(root);
+    while (auto next = end->get<EntityHolder<TestEntity>>("child")) end = next;
+    WeakPtr<TestEntity> const last = end.getShared();
+    end = {};
+    root.reset();
+    EXPECT_TRUE(last.expired());
+}
+
+TEST_F(DataObjectsTest, EntityNestingIsBoundedWhenReadAndWritten) {
+    auto const atLimit = parseJson(nestedEntityText(MAX_ENTITY_NESTING));
+    ASSERT_TRUE(atLimit) << atLimit.error();
+    auto loaded = entityFromJson(*atLimit);
+    ASSERT_TRUE(loaded) << loaded.error();
+    EXPECT_NO_THROW(entityToJson(**loaded));
+
+    // One more level, whether from text or built in memory, is refused with
+    // one short line before anything recursive runs.
+    auto const deeper = entityFromJson(*parseJson(nestedEntityText(MAX_ENTITY_NESTING + 1)));
+    ASSERT_FALSE(deeper);
+    EXPECT_EQ(deeper.error(), "entities nested deeper than 100 levels");
+    EXPECT_THROW(entityToJson(*makeChain(MAX_ENTITY_NESTING + 1)), Exception);
+
+    nlohmann::json deepArray = nlohmann::json::array();
+    for (int i = 0; i < 100000; ++i) deepArray = nlohmann::json::array({std::move(deepArray)});
+    nlohmann::json entity = {{"@class", "Test.Entity"}};
+    entity["items"] = std::move(deepArray);  // moved: a copy would recurse
+    auto const arrays = entityFromJson(entity);
+    ASSERT_FALSE(arrays);
+    EXPECT_NE(arrays.error().find("nested deeper than 256"), String::npos) << arrays.error();
+}
+
+TEST(Json, ParseErrorsAreOneLineWithThePosition) {
+    struct Case {
+        String text, needle;
+    };
+    String const deep = "{\"version\":\n" + String(200000, '[') + String(200000, ']') + "}";
+    for (Case const& c : {Case{deep, "nested deeper than 256 levels at line 2"},
+                          Case{"[1e400]", "number overflow"},
+                          Case{"{\"a\": \"\xff\xfe\x01\"}", "\\xFF"},
+                          Case{"{\"a\":\n  tru}", "line 2"}}) {
+        auto const r = parseJson(c.text);
+        ASSERT_FALSE(r) << c.needle;
+        EXPECT_NE(r.error().find(c.needle), String::npos) << r.error();
+        EXPECT_EQ(r.error().find('\n'), String::npos) << r.error();
+        EXPECT_EQ(r.error(), printableText(r.error(), String::npos)) << "raw bytes in " << r.error();
+    }
+    auto const ok = parseJson("[" + String(MAX_JSON_DEPTH - 1, '[') + String(MAX_JSON_DEPTH, ']'));
+    EXPECT_TRUE(ok) << ok.error();
+}
+
+TEST_F(DataObjectsTest, NumbersBeyondTheirPropertyAreRefusedWithTheProperty) {
+    struct Case {
+        char const* json;
+        char const* needle;
+    };
+    TestEntity e;
+    for (Case const& c : {Case{R"({"size": 1e39})", "property \"size\": 1e+39 is beyond the range of a float"},
+                          Case{R"({"size": -1e39})", "beyond the range of a float"},
+                          Case{R"({"tint": [0, 3.5e38, 0]})", "property \"tint\" expects an array of 3 numbers"},
+                          Case{R"({"type": 4294967297})", "4294967297 is not a value of \"Test.Kind\""},
+                          Case{R"({"type": -4294967296})", "is not a value"},
+                          Case{R"({"items": [{"position": 1e300}]})", "item 1"}}) {
+        auto const r = e.loadInternalData(nlohmann::json::parse(c.json));
+        ASSERT_FALSE(r) << c.json;
+        EXPECT_NE(r.error().find(c.needle), String::npos) << r.error();
+    }
+    EXPECT_FLOAT_EQ(e.get<float>("size"), 1.f);
+}
+
+TEST(Json, IntegerAndFloatConversionsStopAtTheTypesRange) {
+    using nlohmann::json;
+    EXPECT_EQ(jsonToInt(json(2147483647)), 2147483647);
+    EXPECT_EQ(jsonToInt(json(-2147483647 - 1)), -2147483647 - 1);
+    EXPECT_EQ(jsonToInt(json(2147483648u)), std::nullopt);
+    EXPECT_EQ(jsonToInt(json(4294967297ull)), std::nullopt) << "must not wrap to 1";
+    EXPECT_EQ(jsonToInt(json(-2147483649ll)), std::nullopt);
+    EXPECT_EQ(jsonToInt(json(1.0)), std::nullopt);
+    float const largest = std::numeric_limits<float>::max();
+    // The shortest text of the largest float reads back as a double just above it.
+    EXPECT_EQ(jsonToFloat(json::parse("3.4028235e+38")), largest);
+    EXPECT_EQ(jsonToFloat(json(3.4028237e38)), std::nullopt);
+    EXPECT_EQ(jsonToFloat(json(1e39)), std::nullopt);
+    EXPECT_EQ(jsonToFloat(json("1.5")), std::nullopt);
+}
+
+TEST_F(DataObjectsTest, NonFiniteFloatsRoundTripThroughText) {
+    TestEntity e;
+    float const inf = std::numeric_limits<float>::infinity();
+    e.set("size", inf);
+    e.set("tint", Rgb(-inf, std::numeric_limits<float>::quiet_NaN(), 0.5f));
+    auto const text = entityToJson(e).dump();
+    auto loaded = entityFromJson(*parseJson(text));
+    ASSERT_TRUE(loaded) << text << ": " << loaded.error();
+    EXPECT_EQ((*loaded)->get<float>("size"), inf);
+    Rgb const tint = (*loaded)->get<Rgb>("tint");
+    EXPECT_EQ(tint.r, -inf);
+    EXPECT_TRUE(std::isnan(tint.g));
+    EXPECT_EQ(tint.b, 0.5f);
 }

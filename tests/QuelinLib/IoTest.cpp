@@ -225,3 +225,26 @@ TEST(IoPathTest, Utf8RoundTrip) {
     String const text = "textures/\xC3\xA9t\xC3\xA9/\xE6\x97\xA5.exr";
     EXPECT_EQ(Io::pathToUtf8(Io::pathFromUtf8(text)), text);
 }
+
+TEST_F(IoTest, TextFilesAreReadOnlyWhenRegularAndWithinTheLimit) {
+    Io::Path const text = writeText("a.txt", "hello");
+    auto const ok = Io::readTextFile(text, 5);
+    ASSERT_TRUE(ok) << ok.error();
+    EXPECT_EQ(*ok, "hello");
+
+    struct Case {
+        Io::Path path;
+        String problem;
+    };
+    // A device would be read forever and a folder cannot be read: both are
+    // refused by what they are, before any byte is read.
+    for (Case const& c : {Case{text, "larger than the limit of 4 bytes"},
+                          Case{mFolder / "missing.txt", "cannot open the file"},
+                          Case{mFolder, "not a regular file"},
+                          Case{"/dev/zero", "not a regular file"}}) {
+        auto const r = Io::readTextFile(c.path, 4);
+        ASSERT_FALSE(r) << c.path;
+        EXPECT_EQ(r.error().rfind(Io::pathToUtf8(c.path) + ": ", 0), 0u) << r.error();
+        EXPECT_NE(r.error().find(c.problem), String::npos) << r.error();
+    }
+}

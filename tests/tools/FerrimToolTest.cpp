@@ -49,6 +49,20 @@ protected:
     fs::path mDir;
 };
 
+/// A Radiance HDR file of flat scanlines; the header may claim more pixels
+/// than follow.
+std::string hdrText(int width, int height, int pixelsWritten) {
+    std::string text = "#?RADIANCE\nFORMAT=32-bit_rle_rgbe\n\n-Y " + std::to_string(height) + " +X " + std::to_string(width) + "\n";
+    for (int i = 0; i < pixelsWritten; ++i) text += std::string("\x80\x80\x80\x81", 4);  // grey 1.0
+    return text;
+}
+
+std::string const PIPELINE_START = R"({"mimeType": "application/vnd.zatho.ostrel.color-mapping", "version": 1, "operators": [)";
+
+std::string lutPipeline(std::string const& lutPath) {
+    return PIPELINE_START + R"({"@class": "Zatho.LutOperator", "path": ")" + lutPath + R"("}]})";
+}
+
 /// Width and height from a PNG's header.
 std::pair<std::uint32_t, std::uint32_t> pngSize(fs::path const& p) {
     std::ifstream in(p, std::ios::binary);
@@ -108,4 +122,88 @@ TEST_F(FerrimTool, TypesAsJsonDescribeProperties) {
             EXPECT_TRUE(p["metadata"].contains("Zatho.Ui.Name"));
         }
     EXPECT_TRUE(sawColor);
+}
+
+TEST_F(FerrimTool, HostileInputsGiveOneLineNamingTheFile) {
+    std::string const testdata = FERRIM_TESTDATA_DIR;
+    fs::path const image = write("in.hdr", hdrText(2, 2, 4));
+    fs::path const huge = write("huge.hdr", hdrText(30000, 30000, 4));
+    fs::path const lies = write("lies.hdr", hdrText(8000, 8000, 4));
+    fs::path const missingLut = write("missing-lut.ctm", lutPipeline((mDir / "missing.cube").string()));
+    fs::path const truncatedLut = write("truncated-lut.ctm", lutPipeline(testdata + "/lut/error_truncated_file.3dl"));
+    // A device never ends: it must be refused, not read.
+    fs::create_symlink("/dev/zero", mDir / "zero.cube");
+    fs::path const deviceLut = write("device-lut.ctm", lutPipeline((mDir / "zero.cube").string()));
+    std::string operators;
+    for (int i = 0; i < 40000; ++i) operators += std::string(i ? "," : "") + R"({"@class": "Zatho.IdentityOperator"})";
+    fs::path const longPipeline = write("long.ctm", PIPELINE_START + operators + "]}");
+    fs::path const deepVersion = write("version.ctm", R"({"mimeType": "application/vnd.zatho.ostrel.color-mapping", "version": )" +
+                                                          std::string(200000, '[') + std::string(200000, ']') + R"(, "operators": []})");
+    std::string predecessors = "null";
+    for (int i = 0; i < 8000; ++i) predecessors = R"({"@class": "Zatho.IdentityOperator", "predecessor": )" + predecessors + "}";
+    fs::path const deepChain = write("chain.ctm", PIPELINE_START + predecessors + "]}");
+    auto nestedMaps = [](int depth) {
+        std::string map = R"({"@class": "Zatho.ConstantColorMap"})";
+        for (int i = 0; i < depth; ++i) map = R"({"@class": "Zatho.CheckerMap", "color1": {"map": )" + map + "}}";
+        return R"({"map": )" + map + "}";
+    };
+    std::string swatches;
+    for (int i = 0; i < 2000; ++i) swatches += std::string(i ? "," : "") + R"({"map": {"@class": "Zatho.ConstantColorMap"}})";
+    std::string const constant = R"({"map": {"@class": "Zatho.ConstantColorMap"}})";
+
+    struct Case {
+        std::string args, needles;  ///< needles separated by '|'
+    };
+    auto render = [&](char const* name, std::string const& text) { return "render " + write(name, text).string(); };
+    for (Case const& c : {
+             Case{"tonemap " + huge.string() + " -o " + (mDir / "o.png").string(), "huge.hdr|268435456 pixels"},
+             Case{"tonemap " + lies.string() + " -o " + (mDir / "o.png").string(), "lies.hdr|more than the file's"},
+             Case{"tonemap " + image.string() + " -o " + (mDir / "o.png").string() + " --pipeline " + missingLut.string(),
+                  "missing.cube|cannot open"},
+             Case{"tonemap " + image.string() + " -o " + (mDir / "o.png").string() + " --pipeline " + truncatedLut.string(),
+                  "error_truncated_file.3dl:375"},
+             Case{"unmap 0.5 0.5 0.5 --pipeline " + deviceLut.string(), "zero.cube: not a regular file"},
+             Case{"unmap 0.5 0.5 0.5 --pipeline " + longPipeline.string(), "long.ctm|40000 operators"},
+             Case{"unmap 0.5 0.5 0.5 --pipeline " + deepVersion.string(), "version.ctm|nested deeper than 256"},
+             Case{"unmap 0.5 0.5 0.5 --pipeline " + deepChain.string(), "chain.ctm|nested deeper than 256"},
+             Case{render("lut.json", R"({"pipeline": )" + lutPipeline((mDir / "gone.cube").string()) + R"(, "swatches": [)" + constant + "]}"),
+                  "gone.cube|cannot open"},
+             Case{render("many.json", R"({"swatches": [)" + swatches + "]}"), "many.json|2000 swatches|--size"},
+             Case{render("columns.json", R"({"columns": 4294967297, "swatches": [)" + constant + "]}"), "columns.json|\"columns\""},
+             Case{render("samples.json", R"({"samples": 1e400, "swatches": [)" + constant + "]}"), "samples.json|number overflow"},
+             Case{render("size.json", R"({"map": {"@class": "Zatho.NoiseMap", "size": 1e39}})"), "size.json|\"size\": 1e+39"},
+             Case{render("deep-pipeline.json", R"({"pipeline": )" + std::string(200000, '[') + std::string(200000, ']') +
+                                                   R"(, "swatches": [)" + constant + "]}"),
+                  "deep-pipeline.json|nested deeper than 256"},
+             Case{render("deep-maps.json", nestedMaps(4000)), "deep-maps.json|nested deeper than 256"},
+             Case{render("nested-maps.json", nestedMaps(110)), "nested-maps.json|entities nested deeper than 100"},
+         }) {
+        ToolRun const r = runTool(c.args);
+        std::string const what = c.args.substr(0, 120);
+        EXPECT_EQ(r.code, 1) << what << " -> " << r.err;
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << what << " -> " << r.err;
+        std::size_t start = 0;
+        while (start <= c.needles.size()) {
+            std::size_t const end = std::min(c.needles.find('|', start), c.needles.size());
+            std::string const needle = c.needles.substr(start, end - start);
+            EXPECT_NE(r.err.find(needle), std::string::npos) << what << " -> " << r.err << " lacks " << needle;
+            start = end + 1;
+        }
+    }
+    EXPECT_FALSE(fs::exists(mDir / "o.png")) << "an image was written without its LUT";
+}
+
+TEST_F(FerrimTool, DamagedExrFilesAreRefusedByName) {
+    // Files that once broke EXR readers: each is refused, never a crash, a
+    // multi-line library message or an allocation of many gigabytes.
+    int files = 0;
+    for (auto const& e : fs::directory_iterator(fs::path(FERRIM_TESTDATA_DIR) / "exr-damaged")) {
+        if (e.path().extension() != ".exr") continue;
+        ++files;
+        ToolRun const r = runTool("tonemap " + e.path().string() + " -o " + (mDir / "out.png").string());
+        EXPECT_EQ(r.code, 1) << e.path() << " -> " << r.err;
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << e.path() << " -> " << r.err;
+        EXPECT_NE(r.err.find(e.path().filename().string()), std::string::npos) << r.err;
+    }
+    EXPECT_GE(files, 10);
 }

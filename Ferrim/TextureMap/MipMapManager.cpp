@@ -1,0 +1,567 @@
+#include "Ferrim/TextureMap/MipMapManager.h"
+
+#include "Ferrim/TextureMap/ImageTexture.h"
+#include "Ferrim/TextureMap/ImageTextureCache.h"
+#include "Ferrim/TextureMap/ImageTextureCacheDetail.h"
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <limits>
+#include <sstream>
+
+namespace Quelin {
+
+// ================================================================= mip filter
+
+namespace {
+
+/// Which source pixels along one axis make up each destination pixel, and
+/// with what weight: destination j covers [j r, (j + 1) r) of the source, r =
+/// n / m, and each source pixel contributes the part of it inside that span
+/// over r. Every source pixel's weights add up to 1 / r, so the mean stays.
+struct AxisTaps {
+    static constexpr int MAX_TAPS = 4; // r < 3 for n >= 2 (r = 3 only for n = 3): at most 4 pixels touched
+    Stack<int> first;
+    Stack<int> count;
+    Stack<float> weights; // MAX_TAPS per destination pixel
+
+    AxisTaps(int n, int m) : first(std::size_t(m)), count(std::size_t(m)), weights(std::size_t(m) * MAX_TAPS, 0.f) {
+        double const r = double(n) / double(m);
+        for (int j = 0; j < m; ++j) {
+            double const begin = j * r, end = (j + 1) * r;
+            int const i0 = int(std::floor(begin));
+            int const i1 = std::min(n, int(std::ceil(end)));
+            first[std::size_t(j)] = i0;
+            count[std::size_t(j)] = i1 - i0;
+            for (int i = i0; i < i1; ++i) {
+                double const overlap = std::min<double>(i + 1, end) - std::max<double>(i, begin);
+                weights[std::size_t(j) * MAX_TAPS + std::size_t(i - i0)] = float(overlap / r);
+            }
+        }
+    }
+    float weight(int j, int t) const { return weights[std::size_t(j) * MAX_TAPS + std::size_t(t)]; }
+};
+
+// Decoded channel count of each level format.
+int floatChannels(PixelFormat format) { return getChannelType(format) == ChannelType::SharedExponent ? 3 : getChannelCount(format); }
+
+/// One row of any format as float channels in its own units (0..255 for 8-bit).
+void rowToFloat(Image const& image, int y, float* out) {
+    int const width = image.getWidth();
+    std::byte const* row = image.getData() + std::int64_t(y) * image.getRowBytes();
+    int const channels = getChannelCount(image.getFormat());
+    std::size_t const count = std::size_t(width) * std::size_t(channels);
+    switch (getChannelType(image.getFormat())) {
+    case ChannelType::UInt8: {
+        auto const* p = reinterpret_cast<std::uint8_t const*>(row);
+        for (std::size_t i = 0; i < count; ++i) out[i] = float(p[i]);
+        break;
+    }
+    case ChannelType::UInt16: {
+        auto const* p = reinterpret_cast<std::uint16_t const*>(row);
+        for (std::size_t i = 0; i < count; ++i) out[i] = float(p[i]);
+        break;
+    }
+    case ChannelType::Float: std::memcpy(out, row, count * sizeof(float)); break;
+    case ChannelType::SharedExponent:
+        if (image.getFormat() == PixelFormat::Rgbe) {
+            auto const* p = reinterpret_cast<PixelRgbe const*>(row);
+            for (int x = 0; x < width; ++x) {
+                Rgb const c = p[x].toRgb();
+                out[3 * x] = c.r, out[3 * x + 1] = c.g, out[3 * x + 2] = c.b;
+            }
+        } else {
+            auto const* p = reinterpret_cast<PixelMonoWithExp const*>(row);
+            for (int x = 0; x < width; ++x) out[3 * x] = out[3 * x + 1] = out[3 * x + 2] = p[x].toFloat();
+        }
+        break;
+    }
+}
+
+/// Stores float channels into a row of a plain format, rounding to the nearest
+/// (ties to even, so rounding adds no bias to the mean) and clamping.
+void rowFromFloat(float const* in, Image& image, int y) {
+    std::byte* row = image.getData() + std::int64_t(y) * image.getRowBytes();
+    std::size_t const count = std::size_t(image.getWidth()) * std::size_t(getChannelCount(image.getFormat()));
+    switch (getChannelType(image.getFormat())) {
+    case ChannelType::UInt8: {
+        auto* p = reinterpret_cast<std::uint8_t*>(row);
+        for (std::size_t i = 0; i < count; ++i) p[i] = std::uint8_t(std::clamp(std::nearbyint(in[i]), 0.f, 255.f));
+        break;
+    }
+    case ChannelType::UInt16: {
+        auto* p = reinterpret_cast<std::uint16_t*>(row);
+        for (std::size_t i = 0; i < count; ++i) p[i] = std::uint16_t(std::clamp(std::nearbyint(in[i]), 0.f, 65535.f));
+        break;
+    }
+    case ChannelType::Float: std::memcpy(row, in, count * sizeof(float)); break;
+    case ChannelType::SharedExponent: Detail::throwStopException("TextureMap/MipMapManager", __LINE__);
+    }
+}
+
+/// Any sizes and formats: separable exact-area weights.
+void downsampleRows(Image const& src, Image& dst, AxisTaps const& tx, AxisTaps const& ty, int y0, int y1) {
+    int const channels = floatChannels(src.getFormat());
+    int const dstWidth = dst.getWidth();
+    Stack<float> line(std::size_t(src.getWidth()) * std::size_t(channels));
+    Stack<float> sum(std::size_t(dstWidth) * std::size_t(channels));
+    for (int y = y0; y < y1; ++y) {
+        std::fill(sum.begin(), sum.end(), 0.f);
+        for (int t = 0; t < ty.count[std::size_t(y)]; ++t) {
+            float const wy = ty.weight(y, t);
+            rowToFloat(src, ty.first[std::size_t(y)] + t, line.data());
+            for (int x = 0; x < dstWidth; ++x) {
+                float* out = sum.data() + std::size_t(x) * std::size_t(channels);
+                int const i0 = tx.first[std::size_t(x)];
+                for (int u = 0; u < tx.count[std::size_t(x)]; ++u) {
+                    float const w = wy * tx.weight(x, u);
+                    float const* in = line.data() + std::size_t(i0 + u) * std::size_t(channels);
+                    for (int c = 0; c < channels; ++c) out[c] += w * in[c];
+                }
+            }
+        }
+        rowFromFloat(sum.data(), dst, y);
+    }
+}
+
+/// Even sizes: the plain 2 x 2 average, the common case, kept tight. Integer
+/// channels sum exactly and round half to even like the general path.
+template <typename T, int C> void box2x2Rows(Image const& src, Image& dst, int y0, int y1) {
+    int const width = dst.getWidth();
+    auto const srcRow = [&](int y) { return reinterpret_cast<T const*>(src.getData() + std::int64_t(y) * src.getRowBytes()); };
+    for (int y = y0; y < y1; ++y) {
+        T const* a = srcRow(2 * y);
+        T const* b = srcRow(2 * y + 1);
+        T* d = reinterpret_cast<T*>(dst.getData() + std::int64_t(y) * dst.getRowBytes());
+        for (int x = 0; x < width; ++x) {
+            for (int c = 0; c < C; ++c) {
+                std::size_t const i = std::size_t(2 * x) * C + std::size_t(c);
+                if constexpr (std::is_same_v<T, float>) {
+                    d[std::size_t(x) * C + std::size_t(c)] = ((a[i] + a[i + C]) + (b[i] + b[i + C])) * 0.25f;
+                } else {
+                    std::uint32_t const s = std::uint32_t(a[i]) + a[i + C] + b[i] + b[i + C];
+                    d[std::size_t(x) * C + std::size_t(c)] = T((s + 1 + ((s >> 2) & 1)) >> 2);
+                }
+            }
+        }
+    }
+}
+
+template <typename T> void box2x2ByChannels(int channels, Image const& src, Image& dst, int y0, int y1) {
+    switch (channels) {
+    case 1: box2x2Rows<T, 1>(src, dst, y0, y1); break;
+    case 2: box2x2Rows<T, 2>(src, dst, y0, y1); break;
+    case 3: box2x2Rows<T, 3>(src, dst, y0, y1); break;
+    default: box2x2Rows<T, 4>(src, dst, y0, y1); break;
+    }
+}
+
+} // namespace
+
+namespace MipMapManager {
+
+int getLevelCount(Pixel resolution) {
+    int levels = 1;
+    for (int w = resolution.x, h = resolution.y; w > 1 || h > 1; ++levels) w = std::max(1, w / 2), h = std::max(1, h / 2);
+    return levels;
+}
+
+Pixel getLevelResolution(Pixel resolution, int level) {
+    for (int i = 0; i < level; ++i) resolution = {std::max(1, resolution.x / 2), std::max(1, resolution.y / 2)};
+    return resolution;
+}
+
+PixelFormat getLevelFormat(PixelFormat level0Format) {
+    return getChannelType(level0Format) == ChannelType::SharedExponent ? PixelFormat::RgbFloat : level0Format;
+}
+
+Image downsample(Image const& finer, TaskScheduler& scheduler) {
+    Pixel const size = finer.getResolution();
+    Image coarser(Image::Descriptor(getLevelResolution(size, 1), getLevelFormat(finer.getFormat())));
+    int const width = coarser.getWidth(), height = coarser.getHeight();
+    // About 64 Ki destination pixels per task: enough work to outweigh scheduling.
+    std::int64_t const grain = std::max(1, 65536 / width);
+    ChannelType const type = getChannelType(finer.getFormat());
+    if (size.x % 2 == 0 && size.y % 2 == 0 && type != ChannelType::SharedExponent) {
+        int const channels = getChannelCount(finer.getFormat());
+        scheduler.parallelFor(0, height, grain, [&](std::int64_t y0, std::int64_t y1) {
+            if (type == ChannelType::UInt8) box2x2ByChannels<std::uint8_t>(channels, finer, coarser, int(y0), int(y1));
+            else if (type == ChannelType::UInt16) box2x2ByChannels<std::uint16_t>(channels, finer, coarser, int(y0), int(y1));
+            else box2x2ByChannels<float>(channels, finer, coarser, int(y0), int(y1));
+        });
+    } else {
+        AxisTaps const tx(size.x, width), ty(size.y, height);
+        scheduler.parallelFor(0, height, grain, [&](std::int64_t y0, std::int64_t y1) {
+            downsampleRows(finer, coarser, tx, ty, int(y0), int(y1));
+        });
+    }
+    return coarser;
+}
+
+Stack<Image> buildMipChain(Image const& level0, TaskScheduler* scheduler) {
+    TaskScheduler& s = scheduler ? *scheduler : TaskScheduler::getDefault();
+    Stack<Image> levels;
+    int const count = getLevelCount(level0.getResolution());
+    levels.reserve(std::size_t(std::max(0, count - 1)));
+    for (int i = 1; i < count; ++i) levels.push_back(downsample(i == 1 ? level0 : levels.back(), s));
+    return levels;
+}
+
+} // namespace MipMapManager
+
+// ================================================================== offload
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::int64_t microsecondsSince(Clock::time_point start) {
+    return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count();
+}
+
+/// The manager's bookkeeping. Its mutex is taken last (after a texture's), so
+/// that offloading under a texture's lock can reserve budget and
+/// `getMemoryUsage` can run under the cache's lock without ordering trouble.
+struct OffloadState {
+    Mutex mutex;
+    Io::Path folder;
+    std::int64_t budget = 0;
+    std::int64_t used = 0;
+    std::atomic<std::int64_t> offloadingUs{0};
+    std::atomic<std::int64_t> reloadingUs{0};
+    std::atomic<std::int64_t> levelsWritten{0};
+    std::atomic<std::int64_t> levelsRead{0};
+};
+
+OffloadState& state() {
+    // Never destroyed: textures released by static destructors still return their bytes.
+    static OffloadState* const sState = [] {
+        auto* s = new OffloadState;
+        s->folder = MipMapManager::getDefaultOffloadDirectory();
+        return s;
+    }();
+    return *sState;
+}
+
+bool reserve(std::int64_t bytes) {
+    auto& s = state();
+    std::lock_guard lock(s.mutex);
+    if (s.used + bytes > s.budget)
+        return false;
+    s.used += bytes;
+    return true;
+}
+
+void unreserve(std::int64_t bytes) {
+    auto& s = state();
+    std::lock_guard lock(s.mutex);
+    s.used = std::max<std::int64_t>(0, s.used - bytes);
+}
+
+String const TEXTURE_FOLDER_PREFIX = "Ostrel_Out_Of_Core_Texture_";
+String const LEVEL_FILE_PREFIX = "Ostrel_Mip_Map_";
+
+Io::Path levelFile(MipChain& chain, int level) { return MipChainAccess::folder(chain) / (LEVEL_FILE_PREFIX + std::to_string(level)); }
+
+void removeFolderIfEmpty(Io::Path const& folder) {
+    std::error_code ec;
+    if (!folder.empty() && std::filesystem::is_empty(folder, ec))
+        std::filesystem::remove(folder, ec);
+}
+
+Expected<void> writeLevel(Image const& level, Io::Path const& path) {
+    auto out = Io::FileOutputStream::open(path);
+    if (!out)
+        return makeError(out.error());
+    Io::BinaryOutputStream binary(**out);
+    if (auto r = binary.write(level.getData(), std::size_t(level.getByteSize())); !r)
+        return r;
+    return (*out)->close();
+}
+
+String formatBytes(std::int64_t bytes) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.2f MiB", double(bytes) / double(1 << 20));
+    return text;
+}
+
+String resolutionText(ImageTexture const& t) {
+    auto const r = t.getDescriptor().resolution;
+    return std::to_string(r.x) + "x" + std::to_string(r.y);
+}
+
+/// CSV fields are quoted when they hold a separator, a quote or a line break.
+String csvField(String const& text) {
+    if (text.find_first_of(",\"\n\r") == String::npos)
+        return text;
+    String out = "\"";
+    for (char c : text) {
+        if (c == '"')
+            out += '"';
+        out += c;
+    }
+    return out + "\"";
+}
+
+} // namespace
+
+MipChain::~MipChain() { MipMapManager::Detail::discardOffloaded(*this); }
+
+std::int64_t MipChain::getMemoryUsage() const {
+    // From the descriptors and k, not the buffers: readable without the texture's lock.
+    std::int64_t bytes = 0;
+    for (int i = getOffloadedCount(); i < getLevelCount(); ++i) bytes += mLevels[std::size_t(i)].getByteSize();
+    return bytes;
+}
+
+std::int64_t MipChain::getTotalSize() const {
+    std::int64_t bytes = 0;
+    for (auto const& level : mLevels) bytes += level.getByteSize();
+    return bytes;
+}
+
+std::int64_t MipChain::getOffloadedSize() const { return getTotalSize() - getMemoryUsage(); }
+
+namespace MipMapManager {
+
+void Detail::discardOffloaded(MipChain& chain) {
+    int const k = chain.getOffloadedCount();
+    if (k == 0)
+        return;
+    std::int64_t bytes = 0;
+    for (int level = 0; level < k; ++level) {
+        (void)Io::removeFile(levelFile(chain, level));
+        bytes += chain.getLevel(level).getByteSize();
+    }
+    MipChainAccess::offloaded(chain).store(0);
+    unreserve(bytes);
+    removeFolderIfEmpty(MipChainAccess::folder(chain));
+}
+
+Io::Path getDefaultOffloadDirectory() { return Io::StandardPaths::temporary() / "OstrelRenderer" / "ImageTextureCache"; }
+
+Io::Path getOffloadDirectory() {
+    auto& s = state();
+    std::lock_guard lock(s.mutex);
+    return s.folder;
+}
+
+std::int64_t getBudget() {
+    auto& s = state();
+    std::lock_guard lock(s.mutex);
+    return s.budget;
+}
+
+std::int64_t getOffloadedBytes() {
+    auto& s = state();
+    std::lock_guard lock(s.mutex);
+    return s.used;
+}
+
+void resetOffloadState() {
+    auto& s = state();
+    std::lock_guard lock(s.mutex);
+    s.folder = getDefaultOffloadDirectory();
+    s.budget = 0;
+    // Bytes still on disk stay counted until their textures read them back or end.
+}
+
+int offload(ImageTexture const& texture, Io::Path const& folder) {
+    std::lock_guard lock(texture.getMutex());
+    MipChain& chain = texture.getMipChain();
+    int const count = chain.getLevelCount();
+    int k = chain.getOffloadedCount();
+    if (!chain.isOffloadable() || k == count || getBudget() == 0)
+        return 0;
+    auto const start = Clock::now();
+    // Levels already on disk stay where they are; new ones join them.
+    if (k == 0)
+        MipChainAccess::folder(chain) = folder / (TEXTURE_FOLDER_PREFIX + chain.getId());
+    int written = 0;
+    if (Io::createDirs(MipChainAccess::folder(chain))) {
+        for (; k < count; ++k, ++written) {
+            Image& level = MipChainAccess::levels(chain)[std::size_t(k)];
+            std::int64_t const bytes = level.getByteSize();
+            if (!reserve(bytes))
+                break;
+            Io::Path const path = levelFile(chain, k);
+            if (!writeLevel(level, path)) {
+                // A full or failing disk: keep the level in memory.
+                unreserve(bytes);
+                (void)Io::removeFile(path);
+                break;
+            }
+            level.releasePixels();
+            MipChainAccess::offloaded(chain).store(k + 1, std::memory_order_release);
+            state().levelsWritten.fetch_add(1);
+        }
+    }
+    if (chain.getOffloadedCount() == 0)
+        removeFolderIfEmpty(MipChainAccess::folder(chain));
+    state().offloadingUs.fetch_add(microsecondsSince(start));
+    return written;
+}
+
+void readBack(ImageTexture const& texture, int level) {
+    MipChain& chain = texture.getMipChain();
+    int const k = chain.getOffloadedCount();
+    level = std::max(level, 0);
+    if (level >= k)
+        return;
+    auto const start = Clock::now();
+    // Coarsest first, k lowered after each level: a failure leaves every level
+    // from k up resident and the rest on disk, as k says.
+    for (int i = k - 1; i >= level; --i) {
+        Image& image = MipChainAccess::levels(chain)[std::size_t(i)];
+        Io::Path const path = levelFile(chain, i);
+        image.allocatePixels();
+        auto in = Io::FileInputStream::open(path);
+        bool ok = bool(in);
+        if (ok) {
+            Io::BinaryInputStream binary(**in);
+            ok = (*in)->getSize().value_or(-1) == image.getByteSize() &&
+                 binary.read(image.getData(), std::size_t(image.getByteSize())).has_value();
+        }
+        if (!ok) {
+            image.releasePixels();
+            state().reloadingUs.fetch_add(microsecondsSince(start));
+            throw Exception("EOF while reading mip map data! (" + Io::pathToUtf8(path) + ")");
+        }
+        in->reset();
+        state().levelsRead.fetch_add(1);
+        (void)Io::removeFile(path);
+        unreserve(image.getByteSize());
+        MipChainAccess::offloaded(chain).store(i, std::memory_order_release);
+    }
+    if (level == 0)
+        removeFolderIfEmpty(MipChainAccess::folder(chain));
+    state().reloadingUs.fetch_add(microsecondsSince(start));
+}
+
+Expected<std::true_type, String> updateCache(bool enabled, Optional<float> sizeGiB, Optional<float> percent, Io::Path folder) {
+    Optional<String> error;
+    // The folder must take a file: create it, and a file in it, and remove that.
+    Expected<Io::Path> probe = makeError("");
+    if (Io::createDirs(folder))
+        probe = Io::createRandomNamedFile(folder, "probe_");
+    if (!probe || !Io::removeFile(*probe)) {
+        error = "Unable to store files in the given out-of-core textures folder: " + Io::pathToUtf8(folder);
+        enabled = false;
+    }
+    std::int64_t budget = 0;
+    if (enabled) {
+        budget = std::numeric_limits<std::int64_t>::max();
+        if (sizeGiB) {
+            float const bytes = *sizeGiB * 1073741824.f;
+            budget = bytes >= 9.2e18f ? budget : std::int64_t(std::max(bytes, 0.f));
+        }
+        if (percent) {
+            if (auto space = Io::getDiskSpace(folder))
+                budget = std::min(budget, space->free - std::int64_t(double(space->total) * double(*percent) * 0.01));
+        }
+        budget = std::max<std::int64_t>(budget, 0);
+    }
+
+    bool below;
+    {
+        auto& s = state();
+        std::lock_guard lock(s.mutex);
+        if (budget == s.budget) {
+            s.folder = folder;
+            if (error)
+                return makeError(*error);
+            return std::true_type{};
+        }
+        s.budget = budget;
+        s.folder = folder;
+        below = budget < s.used;
+    }
+    Stack<SharedPtr<ImageTexture>> const textures = ImageTextureCache::getReadyTextures();
+    if (below) {
+        for (auto const& texture : textures) {
+            try {
+                std::lock_guard lock(texture->getMutex());
+                readBack(*texture, 0);
+            } catch (Exception const& e) {
+                if (!error)
+                    error = e.what();
+            }
+            if (getOffloadedBytes() <= getBudget())
+                break;
+        }
+    } else {
+        for (auto const& texture : textures) offload(*texture, folder);
+    }
+    if (error)
+        return makeError(*error);
+    return std::true_type{};
+}
+
+Stats getStats() {
+    auto& s = state();
+    return {s.offloadingUs.load() / 1000, s.reloadingUs.load() / 1000, s.levelsWritten.load(), s.levelsRead.load()};
+}
+
+void resetStats() {
+    auto& s = state();
+    s.offloadingUs.exchange(0);
+    s.reloadingUs.exchange(0);
+    s.levelsWritten.exchange(0);
+    s.levelsRead.exchange(0);
+}
+
+String getStatsAndSaveReport() {
+    Stack<SharedPtr<ImageTexture>> textures = ImageTextureCache::getReadyTextures();
+    std::erase_if(textures, [](auto const& t) { return !t->hasPixels(); });
+    std::sort(textures.begin(), textures.end(), [](auto const& a, auto const& b) { return a->getTotalSize() > b->getTotalSize(); });
+    std::int64_t loaded = 0, total = 0;
+    for (auto const& t : textures) loaded += t->getMemoryUsage(), total += t->getTotalSize();
+
+    auto const levelsText = [](ImageTexture const& t) {
+        return std::to_string(t.getLevelCount() - t.getOffloadedCount()) + "/" + std::to_string(t.getLevelCount());
+    };
+    constexpr std::size_t HEAVIEST = 10;
+    std::ostringstream report;
+    report << "Loaded mip maps size: " << formatBytes(loaded) << " out of " << formatBytes(total) << "\n";
+    report << "The heaviest textures are:\n";
+    report << "[Name] [Resolution] [Loaded/Total size] [Loaded/Total mip map levels]\n";
+    for (std::size_t i = 0; i < std::min(HEAVIEST, textures.size()); ++i) {
+        ImageTexture const& t = *textures[i];
+        report << t.getName() << " " << resolutionText(t) << " " << formatBytes(t.getMemoryUsage()) << "/"
+               << formatBytes(t.getTotalSize()) << " " << levelsText(t) << "\n";
+    }
+
+    Stats const stats = getStats();
+    std::ostringstream csv;
+    csv << "Loaded mip maps size, Total mip maps size\n" << loaded << ", " << total << "\n";
+    csv << "Offloading time, Reloading time\n" << stats.offloadingMs << ", " << stats.reloadingMs << "\n";
+    csv << "Name, Resolution, Loaded size, Total size, Loaded levels, Total levels\n";
+    for (auto const& t : textures)
+        csv << csvField(t->getName()) << ", " << resolutionText(*t) << ", " << t->getMemoryUsage() << ", " << t->getTotalSize()
+            << ", " << (t->getLevelCount() - t->getOffloadedCount()) << ", " << t->getLevelCount() << "\n";
+
+    Io::Path const folder = getOffloadDirectory();
+    Io::Path const path = folder / "textureStats.csv";
+    String const text = csv.str();
+    auto const writeCsv = [&]() -> Expected<void> {
+        if (auto made = Io::createDirs(folder); !made)
+            return made;
+        auto out = Io::FileOutputStream::open(path);
+        if (!out)
+            return makeError(out.error());
+        if (auto r = (*out)->write(text.data(), text.size()); !r)
+            return r;
+        return (*out)->close();
+    };
+    Expected<void> const written = writeCsv();
+    report << "\nAdditional texture statistics were dumped in this file:\n" << Io::pathToUtf8(path);
+    if (!written)
+        report << " (not written: " << written.error() << ")";
+    report << "\n";
+    return report.str();
+}
+
+} // namespace MipMapManager
+} // namespace Quelin

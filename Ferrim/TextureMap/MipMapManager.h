@@ -1,0 +1,125 @@
+#pragma once
+// Mip chains of image textures, and the out-of-core store that moves their
+// finest levels to disk under a budget and reads them back on demand.
+//
+// Mip filter: exact-area box filter. Level i + 1 has max(1, floor(w / 2)) x
+// max(1, floor(h / 2)) pixels of level i; each of its pixels is the average of
+// the rectangle of level i that it covers, with partly covered edge pixels
+// weighted by the covered fraction. Every source pixel's weights add up to the
+// same share, so each level keeps level 0's mean (up to float rounding, and for
+// integer channels up to the rounding to the channel), and odd or
+// non-power-of-two sizes lose no row or column. Even sizes reduce to the usual
+// 2 x 2 average. Channels are accumulated in float; alpha is averaged like the
+// colour channels (straight alpha, as decoded).
+#include "Ferrim/Export.h"
+#include "QuelinLib/Io.h"
+#include "QuelinLib/TaskScheduler.h"
+#include "QuelinLibImage/Image.h"
+#include <atomic>
+
+namespace Quelin {
+
+class ImageTexture;
+
+/// The levels of one texture and how many of the finest are on disk.
+/// Guarded by the owning texture's mutex, except `getOffloadedCount`, which may
+/// be read without it as a first test.
+class FERRIM_EXPORT MipChain : Noncopyable {
+  public:
+    MipChain() = default;
+    ~MipChain();
+
+    int getLevelCount() const { return int(mLevels.size()); }
+    /// The level's descriptor is always valid; its pixels only when it is
+    /// resident (index >= getOffloadedCount()).
+    Image const& getLevel(int level) const { return mLevels[std::size_t(level)]; }
+    /// k: levels 0 to k - 1 are on disk and not in memory.
+    int getOffloadedCount() const { return mOffloaded.load(std::memory_order_acquire); }
+    bool isOffloadable() const { return mOffloadable; }
+    /// Unique within the process's offload folder; names the texture's folder.
+    String const& getId() const { return mId; }
+
+    /// Bytes of the levels held in memory now.
+    std::int64_t getMemoryUsage() const;
+    /// Bytes of all levels, resident or not.
+    std::int64_t getTotalSize() const;
+    /// Bytes of the levels now on disk.
+    std::int64_t getOffloadedSize() const;
+
+  private:
+    friend class ImageTexture;
+    friend struct MipChainAccess;
+    Stack<Image> mLevels;
+    std::atomic<int> mOffloaded{0};
+    bool mOffloadable = false;
+    String mId;
+    /// The folder holding the level files while any level is offloaded.
+    Io::Path mFolder;
+};
+
+namespace MipMapManager {
+
+/// Levels of a full chain for a level-0 resolution (1 for an empty image).
+FERRIM_EXPORT int getLevelCount(Pixel resolution);
+/// Resolution of `level` in a chain whose level 0 is `resolution`.
+FERRIM_EXPORT Pixel getLevelResolution(Pixel resolution, int level);
+/// Pixel format of levels 1 and up: the shared-exponent formats give RgbFloat,
+/// every other format keeps its own.
+FERRIM_EXPORT PixelFormat getLevelFormat(PixelFormat level0Format);
+
+/// The next coarser level of `finer`, rows computed in parallel on `scheduler`.
+FERRIM_EXPORT Image downsample(Image const& finer, TaskScheduler& scheduler);
+/// Levels 1 to n - 1 of the chain of `level0` (level 0 itself is not copied),
+/// each built in parallel on `scheduler` (the calling thread's default when null).
+FERRIM_EXPORT Stack<Image> buildMipChain(Image const& level0, TaskScheduler* scheduler = nullptr);
+
+/// The system's temporary folder joined with "OstrelRenderer/ImageTextureCache".
+FERRIM_EXPORT Io::Path getDefaultOffloadDirectory();
+/// The folder in use (the default until `updateCache` sets another).
+FERRIM_EXPORT Io::Path getOffloadDirectory();
+
+/// Sets the offload folder and the disk budget, then offloads the finest
+/// levels of the cache's ready textures while the budget allows, or reads
+/// levels back while more is on disk than the new budget allows. Budget:
+/// unlimited, or `sizeGiB` GiB, capped so that `percent` per cent of the
+/// folder's disk stays free; 0 when `enabled` is false or the folder is not
+/// usable, in which case the error is "Unable to store files in the given
+/// out-of-core textures folder: " and the folder. The same budget as before
+/// changes nothing. Offloading frees level memory: call it between renders,
+/// not while render threads sample the cache's textures.
+FERRIM_EXPORT Expected<std::true_type, String> updateCache(bool enabled, Optional<float> sizeGiB, Optional<float> percent,
+                                                          Io::Path folder);
+
+/// The budget in bytes and the bytes now offloaded.
+FERRIM_EXPORT std::int64_t getBudget();
+FERRIM_EXPORT std::int64_t getOffloadedBytes();
+
+/// Writes levels k, k + 1, ... of the texture to disk (finest first) while the
+/// budget has room, freeing their memory. Takes the texture's mutex; the caller
+/// must not hold the cache's. Returns the number of levels written.
+FERRIM_EXPORT int offload(ImageTexture const& texture, Io::Path const& folder);
+/// Makes levels `level` and up resident: reads levels `level` to k - 1 back
+/// from disk, removing their files. The caller holds the texture's mutex (see
+/// `ImageTexture::requireLevel`). A missing or short level file throws
+/// `Exception` "EOF while reading mip map data!".
+FERRIM_EXPORT void readBack(ImageTexture const& texture, int level);
+
+/// Offloading and reloading time in milliseconds since the last reset.
+struct Stats {
+    std::int64_t offloadingMs = 0;
+    std::int64_t reloadingMs = 0;
+    std::int64_t levelsWritten = 0; ///< level files written
+    std::int64_t levelsRead = 0;    ///< level files read back
+};
+FERRIM_EXPORT Stats getStats();
+FERRIM_EXPORT void resetStats();
+/// A text report of the cache's textures (sizes, the heaviest ones) that also
+/// names the CSV file "textureStats.csv" it writes into the offload folder.
+FERRIM_EXPORT String getStatsAndSaveReport();
+
+/// Forgets the budget, the folder and the offloaded bytes (the cache's start
+/// and stop).
+FERRIM_EXPORT void resetOffloadState();
+
+} // namespace MipMapManager
+} // namespace Quelin

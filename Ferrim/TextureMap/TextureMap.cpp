@@ -1,0 +1,474 @@
+#include "Ferrim/TextureMap/TextureMap.h"
+
+#include <cmath>
+#include <limits>
+
+#include "Ferrim/Ferrim.h"
+#include "Ferrim/ShadingDataObjectBuilder.h"
+#include "Ferrim/TextureMap/ImageTextureCache.h"
+#include "Ferrim/maps/BumpConverterMap.h"
+#include "Ferrim/maps/ProceduralSupport.h"
+
+namespace Quelin {
+
+using namespace TextureSampling;
+
+// ------------------------------------------------------------------ record
+
+namespace {
+
+constexpr StringView SOURCE = "maps/TextureMap";
+
+SharedPtr<TypeDefinition const> const& interpolationType() {
+    static auto const t = TypeDefinition::makeEnum("Zatho.InterpolationMode", {{0, "Bilinear"}, {1, "Bicubic"}, {2, "Nearest"}});
+    return t;
+}
+SharedPtr<TypeDefinition const> const& monoOutputType() {
+    static auto const t = TypeDefinition::makeEnum("Zatho.MonoOutput", {{0, "RgbIntensity"}, {1, "Alpha"}});
+    return t;
+}
+SharedPtr<TypeDefinition const> const& rgbOutputType() {
+    static auto const t = TypeDefinition::makeEnum("Zatho.RgbOutput", {{0, "Rgb"}, {1, "Alpha"}});
+    return t;
+}
+SharedPtr<TypeDefinition const> const& alphaSourceType() {
+    static auto const t =
+        TypeDefinition::makeEnum("Zatho.AlphaSource", {{0, "ImageAlpha"}, {1, "RgbIntensity"}, {2, "None"}});
+    return t;
+}
+SharedPtr<TypeDefinition const> const& transformationModeType() {
+    static auto const t = TypeDefinition::makeEnum("Zatho.TextureTransformationMode", {{0, "Clip"}, {1, "Placement"}});
+    return t;
+}
+SharedPtr<TypeDefinition const> const& environmentMappingType() {
+    static auto const t = TypeDefinition::makeEnum(
+        "Zatho.EnvironmentMapping", {{0, "Spherical"}, {1, "Screen"}, {2, "Dome"}, {3, "Cross"}, {4, "MirrorBall"}});
+    return t;
+}
+SharedPtr<TypeDefinition const> const& environmentModeType() {
+    static auto const t =
+        TypeDefinition::makeEnum("Zatho.EnvironmentMode", {{0, "Auto"}, {1, "Environment"}, {2, "Texture"}});
+    return t;
+}
+
+MetadataPredicate whenSet(String property) {
+    return {property, [property](GenericDataObject const& d) { return d.get<bool>(property); }};
+}
+
+MetadataPredicate whenDome() {
+    return {"enviroMode.mapping == Dome", [](GenericDataObject const& d) {
+                return d.get<GenericDataObject>("enviroMode").get<EnvironmentMapping>("mapping") == EnvironmentMapping::Dome;
+            }};
+}
+
+} // namespace
+
+SharedPtr<DataObjectDefinition const> const& TextureMap::Data::enviroModeDefinition() {
+    static SharedPtr<DataObjectDefinition const> const sDefinition = [] {
+        ShadingDataObjectBuilder b;
+        b.addEnum("mapping", environmentMappingType(), int(EnvironmentMapping::Spherical), "Mapping",
+                  "How a direction finds its place in the image: latitude-longitude, screen backplate, "
+                  "ground-projected dome, vertical cross of cube faces, or mirror ball");
+        b.addEnum("mode", environmentModeType(), int(EnvironmentMode::Auto), "Lookup",
+                  "Auto looks up environment and background rays by direction and surfaces through the UV "
+                  "mapper; Environment always by direction; Texture always through the UV mapper");
+        b.addFloat("blur", 1.f, "Blur", "Widens the filter footprint of environment lookups")
+            .addValidator(makeSharedPtr<ClampValueToRangeValidator<float>>(0.f, std::numeric_limits<float>::infinity()));
+        return b.build("Zatho.TextureMapEnviroMode");
+    }();
+    return sDefinition;
+}
+
+SharedPtr<DataObjectDefinition const> const& TextureMap::Data::definition() {
+    static SharedPtr<DataObjectDefinition const> const sDefinition = [] {
+        ShadingDataObjectBuilder b(ShadingDataObjectBuilder::Option::GroupByPrefix);
+        b.addEntityRef("imageSource", TypeDefinition::makeEntityRef<IDataSource>("Zatho.IDataSource"), "Image",
+                       "The image: a file, or a block of memory held by the scene");
+        b.addUvMapper();
+        b.addEnum("interpolation", interpolationType(), int(InterpolationMode::Bilinear), "Filtering",
+                  "Lookup filter: bilinear, smooth bicubic (no overshoot) or nearest texel");
+        b.addFloat("bumpStrength", 1.f, "Bump strength",
+                   "Scale of the bump: the texture's value as a height in units of its placement");
+        b.addBool("customGamma", false, "Custom gamma", "Override loaded texture image gamma.");
+        b.addFloat("gamma", 2.2f, "Gamma", "Gamma the image's values are decoded with when the custom gamma is on")
+            .addValidator(makeSharedPtr<MinimumValueValidator<float>>(0.f))
+            .setMetadata(Metadata::UI_ENABLED_IF, whenSet("customGamma"));
+        b.addEnum("monoOutput", monoOutputType(), int(MonoOutput::RgbIntensity), "Mono output",
+                  "What the scalar output returns: the mean of the colour or the alpha");
+        b.addEnum("rgbOutput", rgbOutputType(), int(RgbOutput::Rgb), "Color output",
+                  "What the colour output returns: the colour or the alpha as grey");
+        b.addEnum("alphaSource", alphaSourceType(), int(AlphaSource::ImageAlpha), "Alpha source",
+                  "Where the colour output's alpha comes from: the image, the mean of the colour, or none (opaque)");
+        b.addBool("transformation_enabled", false, "Crop / place", "Enables the crop or placement rectangle");
+        b.addEnum("transformation_mode", transformationModeType(), int(TransformationMode::Clip), "Mode",
+                  "Clip shows the rectangle's part of the image over the whole texture; Placement puts the whole "
+                  "image inside the rectangle")
+            .setMetadata(Metadata::UI_ENABLED_IF, whenSet("transformation_enabled"));
+        b.addVector2("transformation_lowerLeft", Vector2(0, 0), "Lower left", "Lower-left corner of the rectangle in UV")
+            .setMetadata(Metadata::UI_ENABLED_IF, whenSet("transformation_enabled"));
+        b.addVector2("transformation_upperRight", Vector2(1, 1), "Upper right",
+                     "Upper-right corner of the rectangle in UV")
+            .setMetadata(Metadata::UI_ENABLED_IF, whenSet("transformation_enabled"));
+        b.addGroup("enviroMode", Data::enviroModeDefinition(), "Environment", "Lookups by direction");
+        b.addVector3("dome_origin", Pos(0, 0, 0), "Dome origin",
+                     "Centre of the dome's floor, under the camera that took the panorama")
+            .setMetadata(Metadata::QUANTITY, String("length"))
+            .setMetadata(Metadata::UI_VISIBLE_IF, whenDome());
+        b.addFloat("dome_radius", 100.f, "Dome radius", "Radius of the dome the panorama is projected on")
+            .addValidator(makeSharedPtr<MinimumValueValidator<float>>(0.f))
+            .setMetadata(Metadata::QUANTITY, String("length"))
+            .setMetadata(Metadata::UI_VISIBLE_IF, whenDome());
+        b.addFloat("dome_cameraHeight", 1.7f, "Camera height",
+                   "Height above the floor of the camera that took the panorama")
+            .addValidator(makeSharedPtr<MinimumValueValidator<float>>(0.f))
+            .setMetadata(Metadata::QUANTITY, String("length"))
+            .setMetadata(Metadata::UI_VISIBLE_IF, whenDome());
+        return b.build("Zatho.TextureMap");
+    }();
+    return sDefinition;
+}
+
+TextureMap::Settings TextureMap::Settings::fromData(GenericDataObject const& d) {
+    Settings s;
+    s.interpolation = d.get<InterpolationMode>("interpolation");
+    s.bumpStrength = d.get<float>("bumpStrength");
+    if (d.get<bool>("customGamma")) s.customGamma = d.get<float>("gamma");
+    s.monoOutput = d.get<MonoOutput>("monoOutput");
+    s.rgbOutput = d.get<RgbOutput>("rgbOutput");
+    s.alphaSource = d.get<AlphaSource>("alphaSource");
+    s.cropEnabled = d.get<bool>("transformation_enabled");
+    s.cropMode = d.get<TransformationMode>("transformation_mode");
+    s.cropLowerLeft = d.get<Vector2>("transformation_lowerLeft");
+    s.cropUpperRight = d.get<Vector2>("transformation_upperRight");
+    GenericDataObject const enviro = d.get<GenericDataObject>("enviroMode");
+    s.environmentMapping = enviro.get<EnvironmentMapping>("mapping");
+    s.environmentMode = enviro.get<EnvironmentMode>("mode");
+    s.blur = enviro.get<float>("blur");
+    s.dome.origin = d.get<Pos>("dome_origin");
+    s.dome.radius = d.get<float>("dome_radius");
+    s.dome.cameraHeight = d.get<float>("dome_cameraHeight");
+    return s;
+}
+
+// --------------------------------------------------------------------- map
+
+FERRIM_REGISTER_ENTITY(TextureMap);
+
+TextureMap::TextureMap() : IMap(Data::definition()) {}
+
+SharedPtr<Entity> TextureMap::createNewInstance() const { return makeSharedPtr<TextureMap>(); }
+
+Optional<int> TextureMap::getOwnUvChannel() const { return MapsDetail::ownUvChannel(getData()); }
+
+IMap::OptimizedResult TextureMap::getEvaluatorImpl() const {
+    GenericDataObject const& d = getData();
+    EntityHolder<IDataSource const> const source = d.get<EntityHolder<IDataSource>>("imageSource");
+    auto evaluator = makeSharedPtr<Evaluator>(ImageTextureCache::getOrCreate(source), MapsDetail::evaluatorUvMapper(d),
+                                              Settings::fromData(d));
+    {
+        std::lock_guard lock(mEvaluatorMutex);
+        mEvaluator = evaluator;
+    }
+    OptimizedResult result;
+    result.evaluator = std::move(evaluator);
+    return result;
+}
+
+SharedPtr<TextureMap::Evaluator> TextureMap::currentEvaluator() const {
+    {
+        std::lock_guard lock(mEvaluatorMutex);
+        if (mEvaluator) return mEvaluator;
+    }
+    getEvaluatorImpl();
+    std::lock_guard lock(mEvaluatorMutex);
+    return mEvaluator;
+}
+
+void TextureMap::onDataChanged(StringView) {
+    std::lock_guard lock(mEvaluatorMutex);
+    mEvaluator.reset();
+}
+
+Expected<TextureMap::TextureInfo, String> TextureMap::getTextureInfo() const {
+    SharedPtr<Evaluator> const e = currentEvaluator();
+    ImageTexture const& t = e->getTexture();
+    Image::Descriptor const descriptor = t.getDescriptor();
+    if (t.hasPixels() && t.getLevelCount() >= 1 && !descriptor.isEmpty())
+        return TextureInfo{descriptor, t.getName(), e->getGamma()};
+    if (!t.getError().empty()) return makeError(t.getError());
+    return makeError(t.getName() + ": the texture has no pixels");
+}
+
+float TextureMap::defaultGamma(PixelFormat format) {
+    ChannelType const type = getChannelType(format);
+    return type == ChannelType::UInt8 || type == ChannelType::UInt16 ? 2.2f : 1.f;
+}
+
+// --------------------------------------------------------------- evaluator
+
+namespace {
+
+Address addressOf(WrapMode mode) {
+    switch (mode) {
+    case WrapMode::NoTiling:
+    case WrapMode::Clamp: return Address::Clamp;
+    case WrapMode::Repeat: return Address::Repeat;
+    case WrapMode::Mirror: return Address::Mirror;
+    }
+    Quelin::Detail::throwStopException("UvMapper", __LINE__);
+}
+
+bool isEnvironmentKind(ShadedKind kind) { return kind == ShadedKind::Environment || kind == ShadedKind::Background; }
+
+inline float clamp01(float x) { return x > 0.f ? (x < 1.f ? x : 1.f) : 0.f; }  // NaN gives 0
+
+/// Wraps one coordinate; false when a NoTiling axis leaves [0, 1]. NaN and
+/// infinities wrap to 0 in the tiling modes, as the UV mapper's own wrap does.
+inline bool wrapAxis(float& t, WrapMode mode) {
+    switch (mode) {
+    case WrapMode::NoTiling: return t >= 0.f && t <= 1.f;
+    case WrapMode::Repeat:
+        t -= std::floor(t);
+        if (!(t >= 0.f)) t = 0.f;
+        return true;
+    case WrapMode::Mirror: {
+        // Period 2: forward over even tiles, reflected over odd ones.
+        float const a = std::fabs(t);
+        float const m = a - 2.f * std::floor(a * 0.5f), f = a - std::floor(a);
+        t = m >= 1.f ? 1.f - f : f;
+        if (!(t >= 0.f)) t = 0.f;
+        return true;
+    }
+    case WrapMode::Clamp: t = clamp01(t); return true;
+    }
+    Quelin::Detail::throwStopException("UvMapper", __LINE__);
+}
+
+RgbAlpha toRgbAlpha(Float4 c) {
+    alignas(16) float v[4];
+    _mm_store_ps(v, c.v);
+    return RgbAlpha(v[0], v[1], v[2], v[3]);
+}
+
+} // namespace
+
+TextureMap::Evaluator::Evaluator(SharedPtr<ImageTexture const> texture, SharedPtr<UvMapper const> uvMapper,
+                                 Settings const& settings)
+    : mTexture(texture ? std::move(texture) : makeSharedPtr<ImageTexture const>(EntityHolder<IDataSource const>())),
+      mUvMapper(uvMapper ? std::move(uvMapper) : makeSharedPtr<UvMapper const>()), mSettings(settings) {
+    // Enumerations are resolved here so a bad value stops at set-up, not in a render.
+    auto const checkRange = [](int value, int count) {
+        if (value < 0 || value >= count) Quelin::Detail::throwStopException(SOURCE, __LINE__);
+    };
+    checkRange(int(settings.interpolation), 3);
+    checkRange(int(settings.monoOutput), 2);
+    checkRange(int(settings.rgbOutput), 2);
+    checkRange(int(settings.alphaSource), 3);
+    checkRange(int(settings.cropMode), 2);
+    checkRange(int(settings.environmentMapping), 5);
+    checkRange(int(settings.environmentMode), 3);
+    mWrapU = mUvMapper->getMapping().wrapU;
+    mWrapV = mUvMapper->getMapping().wrapV;
+    mUvAddressing = {addressOf(mWrapU), addressOf(mWrapV)};
+
+    ImageTexture const& t = *mTexture;
+    if (!t.hasPixels() || t.getLevelCount() < 1) {
+        mGamma = settings.customGamma.value_or(1.f);
+        return;
+    }
+    PixelFormat const format = t.getLevel(0).getFormat();
+    mGamma = settings.customGamma.value_or(defaultGamma(format));
+    // The pixels are stored as decoded: the texture's own gamma is 1.
+    constexpr float TEXTURE_GAMMA = 1.f;
+    Conversion conversion;
+    if (getChannelType(format) == ChannelType::UInt8) {
+        conversion = Conversion::Table8;
+        if (mGamma == 2.2f && TEXTURE_GAMMA == 1.f) {
+            mConversion.table = gamma22Table();
+        } else {
+            mTable = makeTable8(mGamma == TEXTURE_GAMMA ? 1.f : mGamma / TEXTURE_GAMMA);
+            mConversion.table = mTable.data();
+        }
+    } else if (mGamma == TEXTURE_GAMMA) {
+        conversion = Conversion::None;
+    } else {
+        conversion = Conversion::Power;
+        mConversion.power = mGamma / TEXTURE_GAMMA;
+    }
+    int const n = t.getLevelCount();
+    mLevels.reserve(std::size_t(n));
+    for (int i = 0; i < n; ++i) {
+        // Descriptors stay valid while a level is offloaded; its pixels are
+        // looked up at each sample, after the residency test.
+        Image const& level = t.getLevel(i);
+        mLevels.push_back({selectSampleFunction(level.getFormat(), settings.interpolation, conversion),
+                           LevelShape::of(level.getWidth(), level.getHeight(), level.getFormat()), &level});
+    }
+    mTopLevel = float(n - 1);
+    // The bump converter's smallest step is STEP_FRACTION times its scale: half a texel of level 0.
+    Pixel const size = t.getLevel(0).getResolution();
+    mBumpScale = 0.5f / (float(std::max(size.x, size.y)) * BumpConverterMap::STEP_FRACTION);
+}
+
+[[gnu::noinline]] void TextureMap::Evaluator::readBack(int level) const {
+    // Second test under the lock: of several threads needing the level, one reads it back.
+    std::lock_guard lock(mTexture->getMutex());
+    if (level < mTexture->getOffloadedCount()) MipMapManager::readBack(*mTexture, level);
+}
+
+inline void TextureMap::Evaluator::requireResident(int level) const {
+    if (level < mTexture->getOffloadedCount()) [[unlikely]]
+        readBack(level);
+}
+
+inline Float4 TextureMap::Evaluator::sampleLevel(int level, float u, float v, Addressing addressing) const {
+    Level const& l = mLevels[std::size_t(level)];
+    return l.sample(l.image->getData(), l.shape, u, v, addressing, mConversion);
+}
+
+inline Optional<RgbAlpha> TextureMap::Evaluator::findWrapped(float u, float v, float du, float dv, bool filtered,
+                                                              Addressing addressing) const {
+    if (mLevels.empty()) return std::nullopt;
+    if (mSettings.cropEnabled) {
+        Vector2 const ll = mSettings.cropLowerLeft, ur = mSettings.cropUpperRight;
+        float const w = ur.x - ll.x, h = ur.y - ll.y;
+        if (mSettings.cropMode == TransformationMode::Placement) {
+            if (!(u >= ll.x && u <= ur.x && v >= ll.y && v <= ur.y)) return std::nullopt;
+            u = (u - ll.x) / w;
+            v = (v - ll.y) / h;
+            du /= std::fabs(w);
+            dv /= std::fabs(h);
+        } else {
+            u = ll.x + u * w;
+            v = ll.y + v * h;
+            du *= std::fabs(w);
+            dv *= std::fabs(h);
+        }
+    }
+    // Kernels read inside the level only for coordinates in [0, 1].
+    u = clamp01(u);
+    v = clamp01(v);
+    Float4 c;
+    if (!filtered) {
+        requireResident(0);
+        c = sampleLevel(0, u, v, addressing);
+    } else {
+        float w = du < dv ? du : dv;
+        if (!(w >= 1e-8f)) w = 1e-8f;  // NaN too
+        float const level = log2Approx(Float4(w)).x() + mTopLevel;
+        if (level <= 0.f) {
+            requireResident(0);
+            c = sampleLevel(0, u, v, addressing);
+        } else if (level >= mTopLevel) {
+            int const top = int(mTopLevel);
+            requireResident(top);
+            c = sampleLevel(top, u, v, addressing);
+        } else {
+            int const i = int(level);
+            float const f = level - float(i);
+            requireResident(i);  // makes level i + 1 resident too
+            Float4 const a = sampleLevel(i, u, v, addressing);
+            Float4 const b = sampleLevel(i + 1, u, v, addressing);
+            c = a + (b - a) * Float4(f);
+        }
+    }
+    c = min(c, Float4(std::numeric_limits<float>::infinity(), std::numeric_limits<float>::infinity(),
+                      std::numeric_limits<float>::infinity(), 1.f));
+    return toRgbAlpha(c);
+}
+
+inline bool TextureMap::Evaluator::usesEnvironment(IShadeContext const& context) const {
+    switch (mSettings.environmentMode) {
+    case EnvironmentMode::Environment: return true;
+    case EnvironmentMode::Texture: return false;
+    case EnvironmentMode::Auto: break;
+    }
+    return isEnvironmentKind(context.getShadedKind());
+}
+
+Optional<RgbAlpha> TextureMap::Evaluator::findEnvironment(IShadeContext const& context) const {
+    bool const filtered = context.wantsFilteredLookup();
+    EnvironmentMapping const mapping = mSettings.environmentMapping;
+    Addressing addressing;
+    Vector2 uv, footprint;
+    if (mapping == EnvironmentMapping::Screen) {
+        // Any point on the ray projects to where the ray crosses the image plane.
+        PrecisePos p = context.getPosition();
+        if (isEnvironmentKind(context.getShadedKind())) {
+            Dir const d = context.getViewDirection();
+            p = PrecisePos(p.x + double(d.x), p.y + double(d.y), p.z + double(d.z));
+        }
+        uv = context.unprojectPoint(p, IShadeContext::UnprojectPoint::Normalized);
+        Pixel const size = context.getImageSize();
+        footprint = Vector2(size.x > 0 ? 1.f / float(size.x) : 0.f, size.y > 0 ? 1.f / float(size.y) : 0.f);
+    } else {
+        UvMapper::UvMapping const& m = mUvMapper->getMapping();
+        Dir d = normalize(context.getViewDirection());
+        if (mapping == EnvironmentMapping::Dome)
+            d = EnvironmentMappings::domeDirection(mSettings.dome, context.getPosition().toPos(), d);
+        if (m.rotateEnviro) d = normalize(m.enviroTransform.transformDir(d));
+        switch (mapping) {
+        case EnvironmentMapping::Spherical:
+        case EnvironmentMapping::Dome:
+            uv = EnvironmentMappings::spherical(d);
+            addressing.u = Address::Repeat;
+            break;
+        case EnvironmentMapping::Cross: uv = EnvironmentMappings::cross(d, mLevels.empty() ? 1 : mLevels[0].shape.width / 3); break;
+        case EnvironmentMapping::MirrorBall: uv = EnvironmentMappings::mirrorBall(d); break;
+        default: Quelin::Detail::throwStopException(SOURCE, __LINE__);
+        }
+        footprint = EnvironmentMappings::footprintPerRadian(mapping) * context.getPositionFootprint();
+    }
+    footprint = footprint * mSettings.blur;
+    return findWrapped(uv.x, uv.y, footprint.x, footprint.y, filtered, addressing);
+}
+
+inline Optional<RgbAlpha> TextureMap::Evaluator::find(IShadeContext const& context) const {
+    if (usesEnvironment(context)) return findEnvironment(context);
+    bool const filtered = context.wantsFilteredLookup();
+    Pos const uvw = mUvMapper->computeUvw(context);
+    float u = uvw.x, v = uvw.y;
+    if (!wrapAxis(u, mWrapU) || !wrapAxis(v, mWrapV)) return std::nullopt;
+    Dir const footprint = filtered ? mUvMapper->computeDUvw(context) : Dir();
+    return findWrapped(u, v, footprint.x, footprint.y, filtered, mUvAddressing);
+}
+
+Optional<RgbAlpha> TextureMap::Evaluator::lookup(IShadeContext const& context) const { return find(context); }
+
+Optional<RgbAlpha> TextureMap::Evaluator::lookupWrapped(float u, float v, float du, float dv, bool filtered,
+                                                        Addressing addressing) const {
+    return findWrapped(u, v, du, dv, filtered, addressing);
+}
+
+RgbAlpha TextureMap::Evaluator::evalColor(IShadeContext const& context, MapCache*) const {
+    Optional<RgbAlpha> const c = find(context);
+    if (!c) return RgbAlpha(0.f, 0.f, 0.f, 0.f);
+    switch (mSettings.rgbOutput) {
+    case RgbOutput::Alpha: return RgbAlpha(c->alpha, c->alpha, c->alpha, c->alpha);
+    case RgbOutput::Rgb: break;
+    default: Quelin::Detail::throwStopException(SOURCE, __LINE__);
+    }
+    switch (mSettings.alphaSource) {
+    case AlphaSource::ImageAlpha: return *c;
+    case AlphaSource::RgbIntensity: return RgbAlpha(c->r, c->g, c->b, channelMean(c->r, c->g, c->b));
+    case AlphaSource::None: return RgbAlpha(c->r, c->g, c->b, 1.f);
+    }
+    Quelin::Detail::throwStopException(SOURCE, __LINE__);
+}
+
+MonoAlpha TextureMap::Evaluator::evalMono(IShadeContext const& context, MapCache*) const {
+    Optional<RgbAlpha> const c = find(context);
+    if (!c) return MonoAlpha(0.f, 1.f);
+    switch (mSettings.monoOutput) {
+    case MonoOutput::Alpha: return MonoAlpha(c->alpha, 1.f);
+    case MonoOutput::RgbIntensity: return MonoAlpha(channelMean(c->r, c->g, c->b), 1.f);
+    }
+    Quelin::Detail::throwStopException(SOURCE, __LINE__);
+}
+
+Dir TextureMap::Evaluator::evalBump(IShadeContext const& context, MapCache*) const {
+    if (mLevels.empty() || usesEnvironment(context)) return Dir();
+    return BumpConverterMap::evalBump(context, *this, *mUvMapper, mSettings.bumpStrength / mBumpScale, mBumpScale);
+}
+
+} // namespace Quelin

@@ -1,0 +1,178 @@
+#pragma once
+// The map that samples an image texture at a shading point.
+//
+// A lookup: the UV mapper gives the placed UVW and its footprint; U and V are
+// wrapped by the mapper's wrap modes (a NoTiling axis outside [0, 1] makes the
+// point outside); the crop rectangle ("transformation_*") either selects the
+// part of the image that fills [0, 1] (Clip, footprint scaled by the
+// rectangle's size) or places the whole image inside the rectangle
+// (Placement, points outside it are outside, footprint divided by the size).
+// Without filtering, level 0 is sampled (offloaded levels are read back
+// first); with filtering the level is L = log2(min(du, dv)) + (n - 1) with a
+// linear blend between the two nearest levels. Texels go to linear light
+// before filtering (see TextureSampling.h); alpha is clamped to at most 1.
+//
+// Gamma: the texture's pixels are used as decoded (encoding gamma 1). The
+// gamma in effect is "gamma" when "customGamma" is set, otherwise 2.2 for
+// 8-bit and 16-bit images (display-referred files) and 1.0 for float and
+// shared-exponent ones (scene-linear files).
+//
+// Environment lookups ("enviroMode"): with "mode" Auto, environment and
+// background rays look up by their direction through "mapping" (see
+// EnvironmentMapping.h) and surfaces use the UV mapper; Environment uses the
+// direction everywhere, Texture the UV mapper everywhere. The mapper's
+// "enviroTransform" turns the direction when "rotateEnviro" is set. "blur"
+// multiplies the footprint. Spherical and Dome repeat across the panorama's
+// vertical seam; the other mappings clamp at the image's border.
+//
+// Bump: the gradient of the scalar output over the placed (u, v), through the
+// bump converter with the step tied to the footprint (half of it, and at
+// least half a texel of level 0), times "bumpStrength": a texture whose value
+// rises by 1 over one unit of u tilts the normal by bumpStrength along dP/du.
+// The value is a height measured in units of the texture's placement.
+// Environment lookups have no bump.
+#include "Ferrim/IMap.h"
+#include "Ferrim/TextureMap/EnvironmentMapping.h"
+#include "Ferrim/TextureMap/ImageTexture.h"
+#include "Ferrim/TextureMap/TextureSampling.h"
+#include "Ferrim/UvMapper.h"
+
+#if defined(__GNUC__)
+#define FERRIM_TEXTURE_INTERNAL [[gnu::visibility("hidden")]]
+#else
+#define FERRIM_TEXTURE_INTERNAL
+#endif
+
+namespace Quelin {
+
+class FERRIM_EXPORT TextureMap : public IMap {
+public:
+    enum class MonoOutput : int { RgbIntensity = 0, Alpha = 1 };
+    enum class RgbOutput : int { Rgb = 0, Alpha = 1 };
+    enum class AlphaSource : int { ImageAlpha = 0, RgbIntensity = 1, None = 2 };
+    enum class TransformationMode : int { Clip = 0, Placement = 1 };
+    /// When lookups go by direction instead of through the UV mapper.
+    enum class EnvironmentMode : int { Auto = 0, Environment = 1, Texture = 2 };
+
+    /// "imageSource", "uvMapper", "interpolation", "bumpStrength", "customGamma",
+    /// "gamma", "monoOutput", "rgbOutput", "alphaSource", "transformation_enabled",
+    /// "transformation_mode", "transformation_lowerLeft",
+    /// "transformation_upperRight", "enviroMode" (group "mapping", "mode",
+    /// "blur"), "dome_origin", "dome_radius", "dome_cameraHeight".
+    struct Data {
+        static SharedPtr<DataObjectDefinition const> const& definition();
+        static SharedPtr<DataObjectDefinition const> const& enviroModeDefinition();
+    };
+
+    /// What the host shows about the image.
+    struct TextureInfo {
+        Image::Descriptor descriptor;
+        String name;   ///< the texture's display name (the file's path for files)
+        float gamma;   ///< the gamma in effect
+    };
+
+    /// Everything a lookup needs besides the texture and mapper, read from the
+    /// record once.
+    struct Settings {
+        InterpolationMode interpolation = InterpolationMode::Bilinear;
+        float bumpStrength = 1.f;
+        Optional<float> customGamma;  ///< set: overrides the texture's default gamma
+        MonoOutput monoOutput = MonoOutput::RgbIntensity;
+        RgbOutput rgbOutput = RgbOutput::Rgb;
+        AlphaSource alphaSource = AlphaSource::ImageAlpha;
+        bool cropEnabled = false;
+        TransformationMode cropMode = TransformationMode::Clip;
+        Vector2 cropLowerLeft{0, 0}, cropUpperRight{1, 1};
+        EnvironmentMapping environmentMapping = EnvironmentMapping::Spherical;
+        EnvironmentMode environmentMode = EnvironmentMode::Auto;
+        float blur = 1.f;
+        EnvironmentMappings::DomeShape dome;
+
+        static Settings fromData(GenericDataObject const& data);
+    };
+
+    class Evaluator;
+
+    TextureMap();
+    SharedPtr<Entity> createNewInstance() const override;
+    Optional<int> getOwnUvChannel() const override;
+    /// A new evaluator (waiting for the texture to load), also kept as the
+    /// map's current one.
+    OptimizedResult getEvaluatorImpl() const override;
+    /// The image's descriptor, name and gamma, or the texture's error text when
+    /// it has no pixels. Uses the current evaluator (built if there is none).
+    Expected<TextureInfo, String> getTextureInfo() const;
+
+    /// The gamma a texture of this format is read with when "customGamma" is off.
+    static float defaultGamma(PixelFormat format);
+
+protected:
+    void onDataChanged(StringView propertyName) override;
+
+private:
+    SharedPtr<Evaluator> currentEvaluator() const;
+    mutable Mutex mEvaluatorMutex;
+    mutable SharedPtr<Evaluator> mEvaluator;
+};
+
+/// Immutable after construction and shared by render threads. The only
+/// shared state it touches is the texture's offloaded levels, read back under
+/// the texture's mutex when a lookup needs one.
+class FERRIM_EXPORT TextureMap::Evaluator : public IMapEvaluator {
+public:
+    /// An unknown enumeration value in `settings` or a wrap mode of the
+    /// mapper is an internal stop.
+    Evaluator(SharedPtr<ImageTexture const> texture, SharedPtr<UvMapper const> uvMapper, Settings const& settings);
+
+    RgbAlpha evalColor(IShadeContext const& context, MapCache* cache) const override;
+    MonoAlpha evalMono(IShadeContext const& context, MapCache* cache) const override;
+    Dir evalBump(IShadeContext const& context, MapCache* cache) const override;
+
+    /// The colour with alpha at a shading point, before the output choices;
+    /// empty when the point is outside the image.
+    Optional<RgbAlpha> lookup(IShadeContext const& context) const;
+    /// The same from wrapped coordinates in [0, 1] and their footprint: crop,
+    /// level choice, filtering and conversion.
+    Optional<RgbAlpha> lookupWrapped(float u, float v, float du, float dv, bool filtered,
+                                     TextureSampling::Addressing addressing) const;
+
+    ImageTexture const& getTexture() const { return *mTexture; }
+    SharedPtr<ImageTexture const> const& getTexturePtr() const { return mTexture; }
+    UvMapper const& getUvMapper() const { return *mUvMapper; }
+    /// The gamma in effect.
+    float getGamma() const { return mGamma; }
+
+private:
+    struct Level {
+        TextureSampling::SampleFunction sample;
+        TextureSampling::LevelShape shape;
+        Image const* image;
+    };
+
+    // The per-sample path, kept out of the library's exported symbols so that
+    // calls inside it are direct and inlined.
+    FERRIM_TEXTURE_INTERNAL Optional<RgbAlpha> find(IShadeContext const& context) const;
+    FERRIM_TEXTURE_INTERNAL Optional<RgbAlpha> findWrapped(float u, float v, float du, float dv, bool filtered,
+                                                           TextureSampling::Addressing addressing) const;
+    FERRIM_TEXTURE_INTERNAL Float4 sampleLevel(int level, float u, float v,
+                                               TextureSampling::Addressing addressing) const;
+    /// Makes `level` and coarser levels resident (double-checked under the texture's mutex).
+    FERRIM_TEXTURE_INTERNAL void requireResident(int level) const;
+    FERRIM_TEXTURE_INTERNAL void readBack(int level) const;
+    FERRIM_TEXTURE_INTERNAL bool usesEnvironment(IShadeContext const& context) const;
+    FERRIM_TEXTURE_INTERNAL Optional<RgbAlpha> findEnvironment(IShadeContext const& context) const;
+
+    SharedPtr<ImageTexture const> mTexture;
+    SharedPtr<UvMapper const> mUvMapper;
+    Settings mSettings;
+    float mGamma = 1.f;
+    Stack<Level> mLevels;   ///< empty when the texture has no pixels
+    float mTopLevel = 0.f;  ///< n - 1
+    TextureSampling::TexelConversion mConversion;
+    StaticArray<float, 256> mTable{};  ///< 8-bit table for exponents other than 2.2
+    WrapMode mWrapU = WrapMode::Repeat, mWrapV = WrapMode::Repeat;
+    TextureSampling::Addressing mUvAddressing;
+    float mBumpScale = 1.f;  ///< the bump converter's scale: sets its smallest step
+};
+
+} // namespace Quelin

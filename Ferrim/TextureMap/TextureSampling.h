@@ -1,0 +1,279 @@
+#pragma once
+// Sampling kernels of image textures over one mip level, specialised per pixel
+// format, texel conversion and filter. The texture map picks one routine when
+// its evaluator is built; a routine does arithmetic and loads only.
+//
+// Coordinates: u grows to the right and v upwards over [0, 1]; rows are stored
+// top first, so v = 1 is the top row. Texel i of a level of n texels has its
+// centre at (i + 0.5) / n.
+//
+// Filters:
+// - Nearest: the texel that contains the point (u = 1 belongs to the last one).
+// - Bilinear: the four texels around the point, weighted by distance.
+// - Bicubic: the uniform cubic B-spline over the 4 x 4 texels around the point.
+//   It is C2-smooth (smooth highlights and bump), its weights are never
+//   negative, so a result never leaves the range of its texels (no ringing at
+//   edges), and it reproduces linear ramps exactly. It smooths a little more
+//   than an interpolating cubic; that is the price of no overshoot.
+//
+// Texels beyond a border are found by the addressing of each axis: Clamp
+// repeats the edge texel, Repeat takes them from the opposite border (seamless
+// tiling) and Mirror reflects the level about its border.
+//
+// Conversion to linear light, per texel and before filtering:
+// - Table8: 8-bit channels through a 256-entry table (the fixed (i/255)^2.2
+//   table, or one made for another exponent when the evaluator is built);
+// - None: the stored value (integer channels scaled to [0, 1]);
+// - Power: sign(x) |x|^p (16-bit, float and shared-exponent texels).
+// Alpha is never converted.
+#include <cstddef>
+#include <cstring>
+
+#include "Ferrim/Export.h"
+#include "QuelinLib/Base.h"
+#include "QuelinLib/ColorMath.h"
+#include "QuelinLib/Float4.h"
+#include "QuelinLibImage/Pixel.h"
+
+namespace Quelin {
+
+/// Lookup filter of the texture map; the values are those of its enumeration.
+enum class InterpolationMode : int { Bilinear = 0, Bicubic = 1, Nearest = 2 };
+
+namespace TextureSampling {
+
+enum class Address : std::uint8_t { Clamp, Repeat, Mirror };
+
+/// Addressing of the two axes.
+struct Addressing {
+    Address u = Address::Clamp;
+    Address v = Address::Clamp;
+};
+
+/// The shape of one level: what the kernels need besides its pixels.
+struct LevelShape {
+    int width = 0, height = 0;
+    float widthF = 0.f, heightF = 0.f;
+    std::int64_t rowBytes = 0;
+
+    static LevelShape of(int width, int height, PixelFormat format) {
+        return {width, height, float(width), float(height), std::int64_t(width) * getPixelBytes(format)};
+    }
+};
+
+enum class Conversion : std::uint8_t { Table8, None, Power };
+
+/// Per-evaluator parameters of the texel conversion.
+struct TexelConversion {
+    float const* table = nullptr;  ///< 256 entries, Table8 only
+    float power = 1.f;             ///< Power only
+};
+
+/// The fixed table of 8-bit texels: entry i is (i / 255)^2.2, a pure power law.
+FERRIM_EXPORT float const* gamma22Table();
+/// A 256-entry table of (i / 255)^p (i / 255 itself for p = 1).
+FERRIM_EXPORT StaticArray<float, 256> makeTable8(float power);
+
+/// A kernel: the filtered, converted colour with alpha (r, g, b, a) at (u, v)
+/// in [0, 1]^2 of one level.
+using SampleFunction = Float4 (*)(std::byte const* pixels, LevelShape const& level, float u, float v,
+                                  Addressing addressing, TexelConversion const& conversion);
+
+/// The specialised kernel of a format, filter and conversion. Table8 applies to
+/// 8-bit formats only; other formats with Table8 (or a shared-exponent format
+/// asked for anything but None or Power) get None's routine.
+FERRIM_EXPORT SampleFunction selectSampleFunction(PixelFormat format, InterpolationMode mode, Conversion conversion);
+
+// ---------------------------------------------------------------- kernels
+
+namespace Detail {
+
+constexpr int channelsOf(PixelFormat f) {
+    switch (f) {
+    case PixelFormat::Mono8: case PixelFormat::Mono16: case PixelFormat::MonoFloat: case PixelFormat::MonoWithExp: return 1;
+    case PixelFormat::MonoAlpha8: case PixelFormat::MonoAlpha16: case PixelFormat::MonoAlphaFloat: return 2;
+    case PixelFormat::Rgb8: case PixelFormat::Rgb16: case PixelFormat::RgbFloat: case PixelFormat::Rgbe: return 3;
+    case PixelFormat::Rgba8: case PixelFormat::Rgba16: case PixelFormat::RgbaFloat: return 4;
+    }
+    return 0;
+}
+
+constexpr int bytesOf(PixelFormat f) {
+    switch (f) {
+    case PixelFormat::Rgbe: return 4;
+    case PixelFormat::MonoWithExp: return 2;
+    case PixelFormat::Mono8: case PixelFormat::MonoAlpha8: case PixelFormat::Rgb8: case PixelFormat::Rgba8:
+        return channelsOf(f);
+    case PixelFormat::Mono16: case PixelFormat::MonoAlpha16: case PixelFormat::Rgb16: case PixelFormat::Rgba16:
+        return 2 * channelsOf(f);
+    default: return 4 * channelsOf(f);
+    }
+}
+
+inline float u8(std::byte b) { return float(std::to_integer<unsigned>(b)); }
+
+/// sign(x) |x|^p on the colour lanes; the alpha lane is kept.
+inline Float4 signedPower(Float4 x, float p) {
+    Float4 const sign = x & Float4(-0.f);
+    Float4 const r = powApprox(abs(x), p) | sign;
+    Float4 const alphaLane = asFloat4(Int4(0, 0, 0, -1));
+    return select(alphaLane, x, r);
+}
+
+template <typename T> inline T loadAs(std::byte const* p) {
+    T t;
+    std::memcpy(&t, p, sizeof(T));
+    return t;
+}
+
+/// One texel as (r, g, b, a) in linear light.
+template <PixelFormat F, Conversion C> inline Float4 texel(std::byte const* p, TexelConversion const& cv) {
+    constexpr float INV255 = 1.f / 255.f, INV65535 = 1.f / 65535.f;
+    Float4 raw;
+    if constexpr (F == PixelFormat::Mono8 || F == PixelFormat::MonoAlpha8 || F == PixelFormat::Rgb8 ||
+                  F == PixelFormat::Rgba8) {
+        constexpr int N = channelsOf(F);
+        if constexpr (C == Conversion::Table8) {
+            float const* t = cv.table;
+            unsigned const c0 = std::to_integer<unsigned>(p[0]);
+            if constexpr (N == 1) return Float4(t[c0], t[c0], t[c0], 1.f);
+            if constexpr (N == 2) return Float4(t[c0], t[c0], t[c0], u8(p[1]) * INV255);
+            unsigned const c1 = std::to_integer<unsigned>(p[1]), c2 = std::to_integer<unsigned>(p[2]);
+            if constexpr (N == 3) return Float4(t[c0], t[c1], t[c2], 1.f);
+            if constexpr (N == 4) return Float4(t[c0], t[c1], t[c2], u8(p[3]) * INV255);
+        } else {
+            if constexpr (N == 1) raw = Float4(u8(p[0]) * INV255, u8(p[0]) * INV255, u8(p[0]) * INV255, 1.f);
+            if constexpr (N == 2) raw = Float4(u8(p[0]) * INV255, u8(p[0]) * INV255, u8(p[0]) * INV255, u8(p[1]) * INV255);
+            if constexpr (N == 3) raw = Float4(u8(p[0]) * INV255, u8(p[1]) * INV255, u8(p[2]) * INV255, 1.f);
+            if constexpr (N == 4) raw = Float4(_mm_cvtepi32_ps(_mm_cvtepu8_epi32(_mm_cvtsi32_si128(loadAs<int>(p))))) * Float4(INV255);
+        }
+    } else if constexpr (F == PixelFormat::Mono16 || F == PixelFormat::MonoAlpha16 || F == PixelFormat::Rgb16 ||
+                         F == PixelFormat::Rgba16) {
+        constexpr int N = channelsOf(F);
+        std::uint16_t c[4] = {0, 0, 0, 65535};
+        std::memcpy(c, p, sizeof(std::uint16_t) * N);
+        if constexpr (N == 1) raw = Float4(float(c[0]), float(c[0]), float(c[0]), 65535.f) * Float4(INV65535);
+        if constexpr (N == 2) raw = Float4(float(c[0]), float(c[0]), float(c[0]), float(c[1])) * Float4(INV65535);
+        if constexpr (N >= 3) raw = Float4(float(c[0]), float(c[1]), float(c[2]), float(c[3])) * Float4(INV65535);
+    } else if constexpr (F == PixelFormat::MonoFloat) {
+        float const m = loadAs<float>(p);
+        raw = Float4(m, m, m, 1.f);
+    } else if constexpr (F == PixelFormat::MonoAlphaFloat) {
+        float c[2];
+        std::memcpy(c, p, sizeof c);
+        raw = Float4(c[0], c[0], c[0], c[1]);
+    } else if constexpr (F == PixelFormat::RgbFloat) {
+        float c[3];
+        std::memcpy(c, p, sizeof c);
+        raw = Float4(c[0], c[1], c[2], 1.f);
+    } else if constexpr (F == PixelFormat::RgbaFloat) {
+        raw = Float4::load(reinterpret_cast<float const*>(p));
+    } else if constexpr (F == PixelFormat::Rgbe) {
+        Rgb const c = loadAs<PixelRgbe>(p).toRgb();
+        raw = Float4(c.r, c.g, c.b, 1.f);
+    } else if constexpr (F == PixelFormat::MonoWithExp) {
+        float const m = loadAs<PixelMonoWithExp>(p).toFloat();
+        raw = Float4(m, m, m, 1.f);
+    }
+    if constexpr (C == Conversion::Power) return signedPower(raw, cv.power);
+    return raw;
+}
+
+/// The index of tap t (possibly beyond a border) on an axis of n texels.
+inline int address(int t, int n, Address mode) {
+    if (t < 0 || t >= n) {
+        if (mode == Address::Repeat) t = t < 0 ? t + n : t - n;
+        else if (mode == Address::Mirror) t = t < 0 ? -1 - t : 2 * n - 1 - t;
+        // Levels narrower than the kernel: whatever is left is clamped.
+        t = t < 0 ? 0 : (t >= n ? n - 1 : t);
+    }
+    return t;
+}
+
+/// Pixels of the texel in column x, row y (rows from the top).
+inline std::byte const* at(std::byte const* pixels, LevelShape const& l, int bytes, int x, int y) {
+    return pixels + std::int64_t(y) * l.rowBytes + std::int64_t(x) * bytes;
+}
+
+template <PixelFormat F, Conversion C>
+Float4 sampleNearest(std::byte const* pixels, LevelShape const& l, float u, float v, Addressing,
+                     TexelConversion const& cv) {
+    int x = int(u * l.widthF), y = int((1.f - v) * l.heightF);
+    x = x < l.width ? x : l.width - 1;
+    y = y < l.height ? y : l.height - 1;
+    return texel<F, C>(at(pixels, l, bytesOf(F), x, y), cv);
+}
+
+template <PixelFormat F, Conversion C>
+Float4 sampleBilinear(std::byte const* pixels, LevelShape const& l, float u, float v, Addressing a,
+                      TexelConversion const& cv) {
+    // u in [0, 1] puts x in [-0.5, n - 0.5]: only the first tap can fall
+    // before the border and only the second beyond it.
+    float const x = u * l.widthF - 0.5f, y = (1.f - v) * l.heightF - 0.5f;
+    float const fx0 = std::floor(x), fy0 = std::floor(y);
+    float const fx = x - fx0, fy = y - fy0;
+    int x0 = int(fx0), y0 = int(fy0), x1 = x0 + 1, y1 = y0 + 1;
+    if (x0 < 0) x0 = a.u == Address::Repeat ? l.width - 1 : 0;
+    if (x1 >= l.width) x1 = a.u == Address::Repeat ? 0 : l.width - 1;
+    if (y0 < 0) y0 = a.v == Address::Repeat ? l.height - 1 : 0;
+    if (y1 >= l.height) y1 = a.v == Address::Repeat ? 0 : l.height - 1;
+    constexpr int B = bytesOf(F);
+    std::byte const* r0 = pixels + std::int64_t(y0) * l.rowBytes;
+    std::byte const* r1 = pixels + std::int64_t(y1) * l.rowBytes;
+    Float4 const t00 = texel<F, C>(r0 + std::int64_t(x0) * B, cv), t01 = texel<F, C>(r0 + std::int64_t(x1) * B, cv);
+    Float4 const t10 = texel<F, C>(r1 + std::int64_t(x0) * B, cv), t11 = texel<F, C>(r1 + std::int64_t(x1) * B, cv);
+    Float4 const wx(fx);
+    Float4 const top = t00 + (t01 - t00) * wx;
+    Float4 const bottom = t10 + (t11 - t10) * wx;
+    return top + (bottom - top) * Float4(fy);
+}
+
+/// Uniform cubic B-spline weights at fraction f.
+inline void bsplineWeights(float f, float w[4]) {
+    float const f2 = f * f, f3 = f2 * f, g = 1.f - f;
+    constexpr float SIXTH = 1.f / 6.f;
+    w[0] = g * g * g * SIXTH;
+    w[1] = (3.f * f3 - 6.f * f2 + 4.f) * SIXTH;
+    w[2] = (-3.f * f3 + 3.f * f2 + 3.f * f + 1.f) * SIXTH;
+    w[3] = f3 * SIXTH;
+}
+
+template <PixelFormat F, Conversion C>
+Float4 sampleBicubic(std::byte const* pixels, LevelShape const& l, float u, float v, Addressing a,
+                     TexelConversion const& cv) {
+    float const x = u * l.widthF - 0.5f, y = (1.f - v) * l.heightF - 0.5f;
+    float const fx0 = std::floor(x), fy0 = std::floor(y);
+    int const x0 = int(fx0), y0 = int(fy0);
+    float wx[4], wy[4];
+    bsplineWeights(x - fx0, wx);
+    bsplineWeights(y - fy0, wy);
+    int xs[4], ys[4];
+    for (int k = 0; k < 4; ++k) {
+        xs[k] = address(x0 - 1 + k, l.width, a.u);
+        ys[k] = address(y0 - 1 + k, l.height, a.v);
+    }
+    constexpr int B = bytesOf(F);
+    Float4 sum;
+    for (int j = 0; j < 4; ++j) {
+        std::byte const* row = pixels + std::int64_t(ys[j]) * l.rowBytes;
+        Float4 line = texel<F, C>(row + std::int64_t(xs[0]) * B, cv) * Float4(wx[0]);
+        for (int i = 1; i < 4; ++i) line += texel<F, C>(row + std::int64_t(xs[i]) * B, cv) * Float4(wx[i]);
+        sum += line * Float4(wy[j]);
+    }
+    return sum;
+}
+
+template <PixelFormat F, Conversion C>
+constexpr SampleFunction kernelFor(InterpolationMode mode) {
+    switch (mode) {
+    case InterpolationMode::Nearest: return &sampleNearest<F, C>;
+    case InterpolationMode::Bicubic: return &sampleBicubic<F, C>;
+    case InterpolationMode::Bilinear: break;
+    }
+    return &sampleBilinear<F, C>;
+}
+
+} // namespace Detail
+
+} // namespace TextureSampling
+} // namespace Quelin

@@ -1,0 +1,338 @@
+#include "Ferrim/colorMappingOperators/ColorProgram.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace Quelin {
+
+namespace {
+
+using ColorKernels::StepKind;
+
+/// Pixels per chunk: three planes of it (3 KiB) and the pixels stay in the
+/// first-level cache while every step passes over them.
+constexpr int CHUNK = 256;
+
+ColorKernels::Table const* kernelsFor(WideIsa isa) {
+    switch (isa) {
+    case WideIsa::Avx512: return ColorKernels::avx512Kernels();
+    case WideIsa::Avx2: return ColorKernels::avx2Kernels();
+    case WideIsa::Sse41: return ColorKernels::sse41Kernels();
+    case WideIsa::Scalar: return ColorKernels::scalarKernels();
+    }
+    return ColorKernels::scalarKernels();
+}
+
+using Affine = double[3][4];
+
+/// Whether b after a can be one matrix within float rounding of the two:
+/// each entry of the product must not come from cancelling larger terms
+/// (then the chained form's rounding would be far above the folded one's),
+/// and no intermediate value may leave the range the chained form keeps.
+bool canFold(Affine const& a, Affine const& b) {
+    for (int i = 0; i < 3; ++i) {
+        double rowScale = 0.0;
+        double sums[4], products[4];
+        for (int j = 0; j < 4; ++j) {
+            double s = 0.0, p = j == 3 ? b[i][3] : 0.0;
+            for (int k = 0; k < 3; ++k) {
+                s += std::abs(b[i][k] * a[k][j]);
+                p += b[i][k] * a[k][j];
+            }
+            if (j == 3) s += std::abs(b[i][3]);
+            sums[j] = s, products[j] = p;
+            rowScale = std::max(rowScale, s);
+        }
+        for (int j = 0; j < 4; ++j)
+            if (sums[j] > 4.0 * std::abs(products[j]) + 1e-7 * rowScale) return false;
+    }
+    for (Affine const* m : {&a, &b})
+        for (auto const& row : *m)
+            for (double v : row)
+                if (std::abs(v) > 1e30) return false;
+    return true;
+}
+
+void multiply(Affine const& a, Affine const& b, Affine& out) {
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 4; ++j) {
+            double s = j == 3 ? b[i][3] : 0.0;
+            for (int k = 0; k < 3; ++k) s += b[i][k] * a[k][j];
+            out[i][j] = s;
+        }
+}
+
+bool isIdentityMatrix(Affine const& m) {
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 4; ++j)
+            if (m[i][j] != (i == j ? 1.0 : 0.0)) return false;
+    return true;
+}
+
+bool isDiagonal(Affine const& m) {
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 4; ++j)
+            if (i != j && m[i][j] != 0.0) return false;
+    return true;
+}
+
+char const* kindName(StepKind kind) {
+    switch (kind) {
+    case StepKind::Scale: return "scale";
+    case StepKind::Affine: return "affine";
+    case StepKind::Clamp: return "clamp";
+    case StepKind::Pow: return "pow";
+    case StepKind::SignedPow: return "signed pow";
+    case StepKind::PowFixed: return "pow";
+    case StepKind::AcesCurve: return "aces curve";
+    case StepKind::AcesTone: return "aces";
+    case StepKind::AcesBlend: return "aces blend";
+    case StepKind::Reinhard: return "reinhard";
+    case StepKind::Filmic: return "filmic";
+    case StepKind::Contrast: return "contrast";
+    case StepKind::Saturation: return "saturation";
+    case StepKind::Vignette: return "vignette";
+    case StepKind::AdvancedFilmic: return "advanced filmic";
+    case StepKind::Curves: return "curves";
+    case StepKind::ToneCurve: return "tone curve";
+    case StepKind::Lut: return "lut";
+    case StepKind::Callback: return "callback";
+    case StepKind::Count: break;
+    }
+    return "?";
+}
+
+/// The tables of a PowFixed step for x^e (see ColorProgramKernels.h): the
+/// mantissa polynomial interpolates (1.5 + t)^e at the Chebyshev nodes of
+/// [-0.5, 0.5], solved for its monomial coefficients in double precision.
+/// Empty when the polynomial would miss by more than 1e-7 (exponents far
+/// from the display range): the general pow serves those.
+SharedPtr<StaticArray<float, ColorKernels::POW_TABLE_SIZE> const> powerTables(double e) {
+    constexpr int N = ColorKernels::POW_DEGREE + 1;
+    double a[N][N + 1];
+    for (int i = 0; i < N; ++i) {
+        double const x = 0.5 * std::cos(3.14159265358979323846 * (2.0 * i + 1.0) / (2.0 * N));
+        double power = 1.0;
+        for (int j = 0; j < N; ++j, power *= x) a[i][j] = power;
+        a[i][N] = std::pow(1.5 + x, e);
+    }
+    for (int col = 0; col < N; ++col) {  // Gauss-Jordan with partial pivoting
+        int pivot = col;
+        for (int row = col + 1; row < N; ++row)
+            if (std::abs(a[row][col]) > std::abs(a[pivot][col])) pivot = row;
+        std::swap(a[col], a[pivot]);
+        for (int row = 0; row < N; ++row) {
+            if (row == col) continue;
+            double const f = a[row][col] / a[col][col];
+            for (int k = col; k <= N; ++k) a[row][k] -= f * a[col][k];
+        }
+    }
+    double c[N];
+    for (int j = 0; j < N; ++j) c[j] = a[j][N] / a[j][j];
+    for (int i = 0; i <= 1000; ++i) {
+        double const t = -0.5 + i / 1000.0;
+        double p = 0.0;
+        for (int j = N - 1; j >= 0; --j) p = p * t + c[j];
+        if (!(std::abs(p / std::pow(1.5 + t, e) - 1.0) <= 1e-7)) return {};
+    }
+    auto tables = makeSharedPtr<StaticArray<float, ColorKernels::POW_TABLE_SIZE>>();
+    auto& t = *tables;
+    t.fill(0.f);
+    for (int q = 0; q < 32; ++q) t[std::size_t(q)] = float(std::exp2(double(8 * q - 127) * e));
+    for (int r = 0; r < 8; ++r) t[std::size_t(32 + r)] = float(std::exp2(double(r) * e));
+    for (int j = 0; j < N; ++j) std::fill_n(t.begin() + 48 + 16 * j, 16, float(c[j]));
+    return tables;
+}
+
+bool finite(Rgb const& c) { return std::isfinite(c.r) && std::isfinite(c.g) && std::isfinite(c.b); }
+
+} // namespace
+
+// ---------------------------------------------------------------- builder
+
+void ColorProgramBuilder::appendAffine(Matrix33 const& m, Rgb const& offset) {
+    Entry e;
+    e.affine = true;
+    e.step.kind = Kind::Affine;
+    for (int i = 0; i < 3; ++i) {
+        for (int j = 0; j < 3; ++j) e.matrix[i][j] = m.m[i][j];
+        e.matrix[i][3] = offset[i];
+    }
+    mEntries.push_back(std::move(e));
+}
+
+void ColorProgramBuilder::append(Step const& step, SharedPtr<void const> keepAlive) {
+    Entry e;
+    e.step = step;
+    e.keepAlive = std::move(keepAlive);
+    mEntries.push_back(std::move(e));
+}
+
+void ColorProgramBuilder::appendCallback(void (*callback)(void const*, float*, int, int), void const* owner) {
+    Step s;
+    s.kind = Kind::Callback;
+    s.callback = callback;
+    s.owner = owner;
+    append(s);
+}
+
+// ---------------------------------------------------------------- the operators' default
+
+void UnaryColorMappingOperator::mapOneForProgram(void const* self, float* rgb, int x, int y) {
+    Rgb const c = static_cast<UnaryColorMappingOperator const*>(self)->mapImpl(Rgb(rgb[0], rgb[1], rgb[2]), Pixel(x, y));
+    rgb[0] = c.r, rgb[1] = c.g, rgb[2] = c.b;
+}
+
+void UnaryColorMappingOperator::compileMapping(ColorProgramBuilder& builder) const {
+    if (!isNeutral()) builder.appendCallback(&mapOneForProgram, this);
+}
+
+// ---------------------------------------------------------------- program
+
+ColorProgram ColorProgram::compile(EntityHolder<IColorMappingOperator> const& last, WideIsa isa) {
+    ColorProgram program;
+    program.mChain = last;
+    if (!isWideIsaSupported(isa)) isa = bestWideIsa();
+    // A build without the wider kernels (another compiler or processor family)
+    // steps down to the next width it has.
+    while (!kernelsFor(isa) && isa != WideIsa::Scalar) isa = WideIsa(int(isa) - 1);
+    program.mIsa = isa;
+    program.mKernels = kernelsFor(isa);
+
+    // The chain from first to last.
+    Stack<UnaryColorMappingOperator const*> chain;
+    for (IColorMappingOperator const* op = last.get(); op; op = op->getPredecessor().get()) {
+        auto const* unary = dynamic_cast<UnaryColorMappingOperator const*>(op);
+        if (!unary) throw Exception("ColorProgram: an operator of the chain is not a unary operator");
+        chain.push_back(unary);
+    }
+    ColorProgramBuilder builder;
+    for (auto it = chain.rbegin(); it != chain.rend(); ++it) (*it)->compileMapping(builder);
+
+    // Fold runs of affine steps.
+    Stack<ColorProgramBuilder::Entry> folded;
+    for (auto& e : builder.mEntries) {
+        if (e.affine && !folded.empty() && folded.back().affine && canFold(folded.back().matrix, e.matrix)) {
+            Affine product;
+            multiply(folded.back().matrix, e.matrix, product);
+            std::copy(&product[0][0], &product[0][0] + 12, &folded.back().matrix[0][0]);
+            continue;
+        }
+        folded.push_back(std::move(e));
+    }
+    // Matrix, ACES curve, matrix, clamp: one pass (the unfaded ACES transform
+    // with whatever folded into its input matrix).
+    for (std::size_t i = 0; i + 3 < folded.size(); ++i) {
+        auto& a = folded[i];
+        if (!(a.affine && folded[i + 1].step.kind == StepKind::AcesCurve && folded[i + 2].affine &&
+              folded[i + 3].step.kind == StepKind::Clamp))
+            continue;
+        ColorProgramBuilder::Step tone;
+        tone.kind = StepKind::AcesTone;
+        for (int m = 0; m < 2; ++m) {
+            Affine const& src = folded[i + 2 * std::size_t(m)].matrix;
+            for (int r = 0; r < 3; ++r) {
+                for (int c = 0; c < 3; ++c) tone.p[12 * m + 3 * r + c] = float(src[r][c]);
+                tone.p[12 * m + 9 + r] = float(src[r][3]);
+            }
+        }
+        tone.p[24] = folded[i + 3].step.p[0];
+        tone.p[25] = folded[i + 3].step.p[1];
+        a.affine = false;
+        a.step = tone;
+        folded.erase(folded.begin() + std::ptrdiff_t(i) + 1, folded.begin() + std::ptrdiff_t(i) + 4);
+    }
+    for (auto& e : folded) {
+        if (e.affine) {
+            if (isIdentityMatrix(e.matrix)) continue;
+            if (isDiagonal(e.matrix)) {
+                e.step.kind = StepKind::Scale;
+                for (int i = 0; i < 3; ++i) e.step.p[i] = float(e.matrix[i][i]);
+            } else {
+                e.step.kind = StepKind::Affine;
+                for (int i = 0; i < 3; ++i) {
+                    for (int j = 0; j < 3; ++j) e.step.p[3 * i + j] = float(e.matrix[i][j]);
+                    e.step.p[9 + i] = float(e.matrix[i][3]);
+                }
+            }
+        }
+        // One positive exponent for all three channels (the display
+        // encodings): the power from tables made here.
+        bool const power = e.step.kind == StepKind::Pow || e.step.kind == StepKind::SignedPow;
+        auto tables = power && e.step.p[0] > 0.f && e.step.p[0] == e.step.p[1] && e.step.p[0] == e.step.p[2]
+                          ? powerTables(double(e.step.p[0]))
+                          : nullptr;
+        if (tables) {
+            e.step.p[0] = e.step.kind == StepKind::SignedPow ? 1.f : 0.f;
+            e.step.kind = StepKind::PowFixed;
+            e.step.table[0] = tables->data();
+            e.keepAlive = std::move(tables);
+        }
+        if (e.step.kind == StepKind::Vignette || e.step.kind == StepKind::Callback) program.mNeedsPixel = true;
+        BoundStep bound;
+        bound.step = e.step;
+        bound.run = program.mKernels->steps[int(e.step.kind)];
+        bound.keepAlive = std::move(e.keepAlive);
+        program.mSteps.push_back(std::move(bound));
+    }
+    return program;
+}
+
+Stack<String> ColorProgram::describe() const {
+    Stack<String> names;
+    for (auto const& s : mSteps) names.push_back(kindName(s.step.kind));
+    return names;
+}
+
+void ColorProgram::map(std::span<Rgb> pixels, Pixel origin, Pixel extent) const {
+    static_assert(sizeof(Rgb) == 3 * sizeof(float), "Rgb buckets are read as packed floats");
+    if (extent.x <= 0 || extent.y <= 0) return;
+    std::size_t const n = std::min(pixels.size(), std::size_t(extent.x) * std::size_t(extent.y));
+    mapFloats(reinterpret_cast<float*>(pixels.data()), 3, n, origin, extent);
+}
+
+void ColorProgram::map(std::span<RgbAlpha> pixels, Pixel origin, Pixel extent) const {
+    static_assert(sizeof(RgbAlpha) == 4 * sizeof(float), "RgbAlpha buckets are read as packed floats");
+    if (extent.x <= 0 || extent.y <= 0) return;
+    std::size_t const n = std::min(pixels.size(), std::size_t(extent.x) * std::size_t(extent.y));
+    mapFloats(reinterpret_cast<float*>(pixels.data()), 4, n, origin, extent);
+}
+
+void ColorProgram::mapFloats(float* data, int stride, std::size_t count, Pixel origin, Pixel extent) const {
+    if (mSteps.empty() || !mKernels) return;
+    alignas(64) float r[CHUNK], g[CHUNK], b[CHUNK], xs[CHUNK], ys[CHUNK];
+    int const lanes = mKernels->lanes;
+    std::size_t const width = std::size_t(extent.x);
+    auto position = [&](std::size_t k) {
+        return Pixel(origin.x + std::int32_t(k % width), origin.y + std::int32_t(k / width));
+    };
+    for (std::size_t start = 0; start < count; start += CHUNK) {
+        int const n = int(std::min<std::size_t>(CHUNK, count - start));
+        ColorKernels::Planes const planes{r, g, b, xs, ys, n, (n + lanes - 1) / lanes * lanes};
+        float* const src = data + start * std::size_t(stride);
+        bool suspicious = mKernels->load(src, stride, planes);
+        if (mNeedsPixel) {
+            Pixel p = position(start);
+            for (int k = 0; k < planes.padded; ++k) {
+                xs[k] = float(p.x), ys[k] = float(p.y);
+                if (++p.x == origin.x + extent.x) p.x = origin.x, ++p.y;
+            }
+        }
+        for (auto const& s : mSteps) s.run(s.step, planes);
+        suspicious = suspicious || mKernels->anyNonFinite(planes);
+        if (suspicious) {
+            // Non-finite input or result: the chain itself decides, as it
+            // always did for such values.
+            for (int k = 0; k < n; ++k) {
+                float const* p = src + std::size_t(k) * std::size_t(stride);
+                Rgb const in(p[0], p[1], p[2]);
+                if (finite(in) && finite(Rgb(r[k], g[k], b[k]))) continue;
+                Rgb const out = mChain->map(in, position(start + std::size_t(k)));
+                r[k] = out.r, g[k] = out.g, b[k] = out.b;
+            }
+        }
+        mKernels->store(planes, src, stride);
+    }
+}
+
+} // namespace Quelin

@@ -1,0 +1,102 @@
+#pragma once
+// The interface between a compiled colour program and its kernels. Kernels are
+// built once per instruction set (ColorProgramScalar/Sse41/Avx2/Avx512.cpp,
+// each with its own compiler flags), so this header holds plain data only:
+// nothing here may instantiate code that the wider builds would compile with
+// instructions the baseline lacks.
+#include <cstdint>
+
+namespace Quelin::ColorKernels {
+
+/// What a step does to the three colour planes. Parameters `p` per kind:
+enum class StepKind : int {
+    Scale,           ///< c *= p[0..2]
+    Affine,          ///< c = M c + t: rows of M in p[0..8], t in p[9..11]
+    Clamp,           ///< min(p[1], max(p[0], c))
+    Pow,             ///< max(c, 0)^p[0..2], the fast pow
+    SignedPow,       ///< sign(c) |c|^p[0..2]
+    PowFixed,        ///< Pow (p[0] == 0) or SignedPow (p[0] != 0) for one exponent, from the tables of table[0]
+    AcesCurve,       ///< the ACES rational curve on each channel
+    AcesTone,        ///< Affine p[0..11], AcesCurve, Affine p[12..23], Clamp p[24..25] in one pass
+    AcesBlend,       ///< whole ACES output transform faded by p[0]: A in p[1..9], B in p[10..18]
+    Reinhard,        ///< max(0, (p[0] c + 1) c / (c + 1))
+    Filmic,          ///< H p[0], S p[1]
+    Contrast,        ///< slope p[0], scale p[1], offset p[2], low p[3], high p[4], steepening p[5] != 0
+    Saturation,      ///< offset p[0]
+    Vignette,        ///< r0 p[0], K p[1], s p[2], centre p[3..4], offset p[5..6]
+    AdvancedFilmic,  ///< contrast p[0], toe p[1], toe scale p[2], shoulder p[3], 1/white^2 p[4], desaturation p[5]
+    Curves,          ///< per channel k: table[k], xMin p[5k], xMax p[5k+1], scale p[5k+2], slopes p[5k+3..4]; size ints[0]
+    ToneCurve,       ///< table[0] as Curves' p[0..4], grey p[5], 1/grey p[6], preserve colour p[7] != 0; size ints[0]
+    Lut,             ///< see LutStep below
+    Callback,        ///< the operator's own single-colour mapping, pixel by pixel
+    Count
+};
+
+/// Tables of a PowFixed step, for x = 2^(b - 127) m with biased exponent b
+/// and mantissa m in [1, 2): x^e = A[b >> 3] B[b & 7] P(m - 1.5), A at
+/// [0, 32), B at [32, 48) (padded), then the POW_DEGREE + 1 coefficients of P
+/// (constant first), each repeated 16 times so that any width loads it as a
+/// whole vector.
+constexpr int POW_DEGREE = 7;
+constexpr int POW_TABLE_SIZE = 48 + 16 * (POW_DEGREE + 1);
+
+/// Parameters of a Lut step: 3D table table[0] (size ints[0], four floats an
+/// entry, red fastest), optional 1D shaper table[1] (size ints[1], three floats
+/// an entry). p: 3D index scale [0..2] and offset [3..5], 1D scale [6..8] and
+/// offset [9..11], encode exponent [12], decode exponent [13], opacity [14],
+/// tetrahedral [15] != 0, apply in sRGB [16] != 0.
+constexpr int PARAM_COUNT = 28;
+
+struct Step {
+    StepKind kind = StepKind::Callback;
+    float p[PARAM_COUNT] = {};
+    float const* table[3] = {nullptr, nullptr, nullptr};
+    int ints[2] = {0, 0};
+    /// Callback: maps rgb[0..2] in place for the pixel (x, y).
+    void (*callback)(void const* owner, float* rgb, int x, int y) = nullptr;
+    void const* owner = nullptr;
+};
+
+/// One chunk of a bucket as colour planes. Planes hold `padded` floats (the
+/// count rounded up to whole vectors; the padding is finite).
+struct Planes {
+    float* r;
+    float* g;
+    float* b;
+    float const* x;  ///< pixel positions, filled when a step needs them
+    float const* y;
+    int count;
+    int padded;
+};
+
+using StepFn = void (*)(Step const& step, Planes const& planes);
+
+/// The kernels of one instruction set.
+struct Table {
+    int lanes;
+    StepFn steps[int(StepKind::Count)];
+    /// Packed pixels of `stride` floats (3: RGB, 4: RGB and alpha) into the
+    /// planes; true when some input channel is not finite.
+    bool (*load)(float const* src, int stride, Planes const& planes);
+    /// The planes back into the pixels; the fourth float of stride 4 is kept.
+    void (*store)(Planes const& planes, float* dst, int stride);
+    /// True when some plane value is not finite.
+    bool (*anyNonFinite)(Planes const& planes);
+};
+
+/// Null where the build has no such kernels (another processor family).
+/// Each ISA file defines its function with one of the two macros below.
+Table const* scalarKernels();
+Table const* sse41Kernels();
+Table const* avx2Kernels();
+Table const* avx512Kernels();
+
+} // namespace Quelin::ColorKernels
+
+/// Defines `function` as returning no kernels (the file was built without the
+/// instruction set); the kernels themselves come from
+/// FERRIM_DEFINE_COLOR_KERNELS in ColorProgramKernelsImpl.h.
+#define FERRIM_NO_COLOR_KERNELS(function)                                                                              \
+    namespace Quelin::ColorKernels {                                                                                  \
+    Table const* function() { return nullptr; }                                                                       \
+    }

@@ -1,0 +1,305 @@
+#include "QuelinLibImage/ImageDecode.h"
+
+#include <OpenImageIO/filesystem.h>
+#include <OpenImageIO/imageio.h>
+#include <algorithm>
+#include <cctype>
+
+namespace Quelin {
+
+namespace {
+
+struct FormatEntry {
+    ImageFormat format;
+    char const* name;       // for messages
+    char const* pluginName; // the codec library's reader
+};
+constexpr FormatEntry FORMATS[] = {
+    {ImageFormat::Exr, "EXR", "openexr"},  {ImageFormat::Hdr, "HDR", "hdr"},   {ImageFormat::Png, "PNG", "png"},
+    {ImageFormat::Jpeg, "JPEG", "jpeg"},   {ImageFormat::Tiff, "TIFF", "tiff"}, {ImageFormat::Tga, "TGA", "targa"},
+    {ImageFormat::Bmp, "BMP", "bmp"},
+};
+
+FormatEntry const& entry(ImageFormat format) {
+    for (auto const& e : FORMATS)
+        if (e.format == format)
+            return e;
+    Detail::throwStopException("QuelinLibImage/ImageDecode", __LINE__);
+}
+
+struct ContentType {
+    char const* text;
+    ImageFormat format;
+};
+// MIME types (registered and the common unregistered x- forms) and extensions.
+constexpr ContentType CONTENT_TYPES[] = {
+    {"image/x-exr", ImageFormat::Exr},       {"image/exr", ImageFormat::Exr},       {"exr", ImageFormat::Exr},
+    {"image/vnd.radiance", ImageFormat::Hdr}, {"image/x-hdr", ImageFormat::Hdr},     {"image/hdr", ImageFormat::Hdr},
+    {"hdr", ImageFormat::Hdr},                {"rgbe", ImageFormat::Hdr},            {"pic", ImageFormat::Hdr},
+    {"image/png", ImageFormat::Png},          {"png", ImageFormat::Png},             {"image/jpeg", ImageFormat::Jpeg},
+    {"image/jpg", ImageFormat::Jpeg},         {"image/pjpeg", ImageFormat::Jpeg},    {"jpg", ImageFormat::Jpeg},
+    {"jpeg", ImageFormat::Jpeg},              {"jpe", ImageFormat::Jpeg},            {"image/tiff", ImageFormat::Tiff},
+    {"image/tif", ImageFormat::Tiff},         {"tif", ImageFormat::Tiff},            {"tiff", ImageFormat::Tiff},
+    {"tx", ImageFormat::Tiff},                {"image/x-tga", ImageFormat::Tga},     {"image/x-targa", ImageFormat::Tga},
+    {"image/tga", ImageFormat::Tga},          {"image/targa", ImageFormat::Tga},     {"tga", ImageFormat::Tga},
+    {"targa", ImageFormat::Tga},              {"image/bmp", ImageFormat::Bmp},       {"image/x-bmp", ImageFormat::Bmp},
+    {"image/x-ms-bmp", ImageFormat::Bmp},     {"bmp", ImageFormat::Bmp},             {"dib", ImageFormat::Bmp},
+};
+
+/// Error texts of the codec library span lines and may quote bytes of the
+/// file: one line of printable text, of a readable length.
+String toOneLine(StringView text) {
+    constexpr std::size_t MAX_LENGTH = 300;
+    String out;
+    bool space = false;
+    for (char c : text) {
+        auto const u = static_cast<unsigned char>(c);
+        if (u == '\n' || u == '\r' || u == '\t' || u == ' ') {
+            space = !out.empty();
+            continue;
+        }
+        if (space)
+            out.push_back(' ');
+        space = false;
+        out.push_back(u >= 0x20 && u < 0x7F ? c : '?');
+        if (out.size() >= MAX_LENGTH) {
+            out += "...";
+            break;
+        }
+    }
+    return out;
+}
+
+/// The codec library reads our streams through this proxy: files and memory alike.
+class StreamProxy final : public OIIO::Filesystem::IOProxy {
+  public:
+    explicit StreamProxy(Io::InputStream& stream) : IOProxy(stream.getName(), Read), mStream(stream) {
+        auto size = stream.getSize();
+        mSize = size ? std::size_t(std::max<std::int64_t>(*size, 0)) : 0;
+    }
+    char const* proxytype() const override { return "quelin-stream"; }
+    bool seek(std::int64_t offset) override {
+        if (offset < 0)
+            return false;
+        m_pos = offset;
+        return true;
+    }
+    std::size_t read(void* buffer, std::size_t size) override {
+        std::size_t const n = pread(buffer, size, m_pos);
+        m_pos += std::int64_t(n);
+        return n;
+    }
+    std::size_t pread(void* buffer, std::size_t size, std::int64_t offset) override {
+        std::lock_guard lock(mMutex);
+        if (offset < 0 || std::size_t(offset) >= mSize)
+            return 0;
+        // Readers mostly read on: seek only when they jump (a seek drops the file stream's buffer).
+        if (mStream.tell() != offset && !mStream.seek(offset, Io::SeekOrigin::Begin))
+            return 0;
+        std::size_t done = 0;
+        while (done < size) {
+            std::size_t const n = mStream.readSome(static_cast<char*>(buffer) + done, size - done);
+            if (n == 0)
+                break;
+            done += n;
+        }
+        return done;
+    }
+    std::size_t size() const override { return mSize; }
+
+  private:
+    Io::InputStream& mStream;
+    std::size_t mSize = 0;
+    Mutex mMutex;
+};
+
+PixelFormat pixelFormatFor(int channels, OIIO::TypeDesc type) {
+    static constexpr PixelFormat BY_CHANNELS[4][3] = {
+        {PixelFormat::Mono8, PixelFormat::Mono16, PixelFormat::MonoFloat},
+        {PixelFormat::MonoAlpha8, PixelFormat::MonoAlpha16, PixelFormat::MonoAlphaFloat},
+        {PixelFormat::Rgb8, PixelFormat::Rgb16, PixelFormat::RgbFloat},
+        {PixelFormat::Rgba8, PixelFormat::Rgba16, PixelFormat::RgbaFloat},
+    };
+    int const depth = type == OIIO::TypeDesc::UINT8 ? 0 : type == OIIO::TypeDesc::UINT16 ? 1 : 2;
+    return BY_CHANNELS[std::clamp(channels, 1, 4) - 1][depth];
+}
+
+OIIO::TypeDesc channelTypeOf(PixelFormat format) {
+    switch (getChannelType(format)) {
+    case ChannelType::UInt8: return OIIO::TypeDesc::UINT8;
+    case ChannelType::UInt16: return OIIO::TypeDesc::UINT16;
+    default: return OIIO::TypeDesc::FLOAT;
+    }
+}
+
+/// One decode: the reader, opened on the stream, with the texts for errors.
+class Decoder {
+  public:
+    Decoder(Io::InputStream& stream, ImageFormat format, TaskProgress& progress)
+        : mProxy(stream), mFormat(format), mProgress(progress), mName(stream.getName()) {
+        mInput = OIIO::ImageInput::create(entry(format).pluginName);
+        if (!mInput)
+            fail("no " + String(entry(format).name) + " reader: " + OIIO::geterror());
+        OIIO::ImageSpec config;
+        // Textures keep alpha as stored; the reader would otherwise premultiply.
+        config.attribute("oiio:UnassociatedAlpha", 1);
+        mInput->set_ioproxy(&mProxy);
+        OIIO::ImageSpec spec;
+        if (!mInput->open(mName, spec, config))
+            fail("not a readable " + String(entry(format).name) + " image: " + mInput->geterror());
+    }
+    ~Decoder() {
+        if (mInput)
+            mInput->close();
+    }
+
+    [[noreturn]] void fail(String const& reason) const { throw Exception(toOneLine(mName + ": " + reason)); }
+
+    Stack<Image> readLevels(bool allLevels) {
+        Stack<Image> levels;
+        for (int level = 0; allLevels || level == 0; ++level) {
+            if (!mInput->seek_subimage(0, level))
+                break;
+            OIIO::ImageSpec const& spec = mInput->spec();
+            PixelFormat format;
+            if (level == 0) {
+                checkSpec(spec);
+                format = mFormat == ImageFormat::Hdr ? PixelFormat::Rgbe : pixelFormatFor(spec.nchannels, spec.format);
+            } else {
+                Pixel const finer = levels.back().getResolution();
+                // A level that is not smaller than the one before is not a mip chain.
+                if (spec.nchannels != mChannels || spec.width > finer.x || spec.height > finer.y ||
+                    (spec.width == finer.x && spec.height == finer.y) || spec.width < 1 || spec.height < 1 || spec.depth != 1)
+                    break;
+                format = levels.front().getFormat();
+            }
+            levels.push_back(format == PixelFormat::Rgbe ? readRgbe(spec) : read(level, spec, format));
+        }
+        return levels;
+    }
+
+  private:
+    void checkSpec(OIIO::ImageSpec const& spec) {
+        if (spec.deep)
+            fail("deep images are not supported");
+        if (spec.depth != 1)
+            fail("volume images are not supported");
+        if (spec.nchannels < 1)
+            fail("the image has no channels");
+        mChannels = spec.nchannels;
+        PixelFormat const format = mFormat == ImageFormat::Hdr ? PixelFormat::Rgbe : pixelFormatFor(spec.nchannels, spec.format);
+        if (auto ok = checkImageSize(spec.width, spec.height, format, mName); !ok)
+            throw Exception(ok.error());
+    }
+
+    static bool onProgress(void* opaque, float portionDone) {
+        auto* self = static_cast<Decoder*>(opaque);
+        std::int64_t const done = std::int64_t(double(portionDone) * double(self->mRows));
+        if (done > self->mRowsReported) {
+            self->mProgress.addDone(done - self->mRowsReported);
+            self->mRowsReported = done;
+        }
+        return self->mProgress.isCancelled(); // true stops the reader
+    }
+
+    Image read(int level, OIIO::ImageSpec const& spec, PixelFormat format) {
+        Image image(Image::Descriptor({spec.width, spec.height}, format));
+        mRows = spec.height;
+        mRowsReported = 0;
+        mProgress.addTotal(mRows);
+        int const channels = getChannelCount(format);
+        bool const ok = mInput->read_image(0, level, 0, channels, channelTypeOf(format), image.getData(), OIIO::AutoStride,
+                                           OIIO::AutoStride, OIIO::AutoStride, &Decoder::onProgress, this);
+        if (!ok)
+            fail(mProgress.isCancelled() ? String("decoding cancelled") : "decoding failed: " + mInput->geterror());
+        mProgress.addDone(mRows - mRowsReported);
+        return image;
+    }
+
+    /// Radiance files decode to float; they are kept in their own shared-exponent
+    /// form, a quarter of the memory, converted a band of rows at a time.
+    Image readRgbe(OIIO::ImageSpec const& spec) {
+        Image image(Image::Descriptor({spec.width, spec.height}, PixelFormat::Rgbe));
+        constexpr int BAND = 64;
+        Stack<float> band(std::size_t(spec.width) * BAND * 3);
+        mProgress.addTotal(spec.height);
+        for (int y0 = 0; y0 < spec.height; y0 += BAND) {
+            int const y1 = std::min(spec.height, y0 + BAND);
+            if (!mInput->read_scanlines(0, 0, spec.y + y0, spec.y + y1, 0, 0, 3, OIIO::TypeDesc::FLOAT, band.data()))
+                fail("decoding failed: " + mInput->geterror());
+            for (int y = y0; y < y1; ++y) {
+                float const* src = band.data() + std::size_t(y - y0) * std::size_t(spec.width) * 3;
+                PixelRgbe* row = image.getRow<PixelRgbe>(y);
+                for (int x = 0; x < spec.width; ++x, src += 3)
+                    row[x] = PixelRgbe::fromRgb({src[0], src[1], src[2]});
+            }
+            mProgress.addDone(y1 - y0);
+            if (mProgress.isCancelled())
+                fail("decoding cancelled");
+        }
+        return image;
+    }
+
+    StreamProxy mProxy;
+    ImageFormat mFormat;
+    TaskProgress& mProgress;
+    String mName;
+    std::unique_ptr<OIIO::ImageInput> mInput;
+    int mChannels = 0;
+    std::int64_t mRows = 0;
+    std::int64_t mRowsReported = 0;
+};
+
+} // namespace
+
+char const* getImageFormatName(ImageFormat format) { return entry(format).name; }
+
+ImageFormat getImageFormatFromContentType(StringView contentType, StringView sourceName) {
+    String type;
+    for (char c : contentType.substr(0, contentType.find(';')))
+        if (!std::isspace(static_cast<unsigned char>(c)))
+            type.push_back(char(std::tolower(static_cast<unsigned char>(c))));
+    if (!type.empty() && type.front() == '.')
+        type.erase(0, 1);
+    for (auto const& c : CONTENT_TYPES)
+        if (type == c.text)
+            return c.format;
+    String const prefix = sourceName.empty() ? String() : String(sourceName) + ": ";
+    if (type.empty())
+        throw Exception(prefix + "no image content type given");
+    throw Exception(toOneLine(prefix + "unknown image content type \"" + String(contentType) + "\""));
+}
+
+Expected<void> checkImageSize(std::int64_t width, std::int64_t height, PixelFormat format, StringView sourceName) {
+    String const size = std::to_string(width) + " x " + std::to_string(height);
+    if (width < 1 || height < 1)
+        return makeError(String(sourceName) + ": invalid image size " + size);
+    if (width > MAX_IMAGE_SIDE || height > MAX_IMAGE_SIDE)
+        return makeError(String(sourceName) + ": image size " + size + " exceeds the limit of " +
+                         std::to_string(MAX_IMAGE_SIDE) + " pixels per side");
+    // Both sides are at most 2^16, so the product cannot overflow.
+    std::int64_t const bytes = width * height * getPixelBytes(format);
+    if (bytes > MAX_IMAGE_BYTES)
+        return makeError(String(sourceName) + ": image size " + size + " (" + getPixelFormatName(format) +
+                         ") needs " + std::to_string(bytes >> 20) + " MiB, more than the limit of " +
+                         std::to_string(MAX_IMAGE_BYTES >> 20) + " MiB");
+    return {};
+}
+
+Image makeImage(Io::InputStream& stream, ImageFormat format, TaskProgress& progress) {
+    Decoder decoder(stream, format, progress);
+    Stack<Image> levels = decoder.readLevels(false);
+    if (levels.empty())
+        decoder.fail("the file holds no image");
+    return std::move(levels.front());
+}
+
+Stack<Image> makeImageLevels(Io::InputStream& stream, ImageFormat format, TaskProgress& progress) {
+    Decoder decoder(stream, format, progress);
+    Stack<Image> levels = decoder.readLevels(true);
+    if (levels.empty())
+        decoder.fail("the file holds no image");
+    return levels;
+}
+
+} // namespace Quelin

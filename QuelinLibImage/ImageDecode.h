@@ -1,0 +1,47 @@
+#pragma once
+// Decoding of image files (from disk or from memory) into `Image`.
+#include "QuelinLib/Exception.h"
+#include "QuelinLib/Io.h"
+#include "QuelinLib/TaskScheduler.h"
+#include "QuelinLibImage/Image.h"
+
+namespace Quelin {
+
+enum class ImageFormat : std::uint8_t { Exr, Hdr, Png, Jpeg, Tiff, Tga, Bmp };
+
+/// Text for messages ("PNG").
+char const* getImageFormatName(ImageFormat format);
+
+/// Maps a MIME type ("image/png", "image/x-exr", "image/vnd.radiance") or a
+/// file extension with or without its dot ("png", ".EXR", "jpg") to a format.
+/// An unknown or empty type throws `Exception`; `sourceName` (a path) is named
+/// in its text when given.
+ImageFormat getImageFormatFromContentType(StringView contentType, StringView sourceName = {});
+
+/// The largest image the decoder accepts, checked from the header before any
+/// pixel memory is allocated: each side at most MAX_IMAGE_SIDE pixels and the
+/// decoded level 0 at most MAX_IMAGE_BYTES. 64 Ki pixels covers every texture
+/// a renderer meets (16K and 32K panoramas included); 4 GiB for one image
+/// keeps a corrupt header from asking for all of memory.
+inline constexpr std::int64_t MAX_IMAGE_SIDE = 65536;
+inline constexpr std::int64_t MAX_IMAGE_BYTES = std::int64_t(4) << 30;
+/// Null when width x height of `format` is within the limits, otherwise a
+/// one-line error naming `sourceName` and the declared size.
+Expected<void> checkImageSize(std::int64_t width, std::int64_t height, PixelFormat format, StringView sourceName);
+
+/// Decodes the stream's image (the first subimage, its finest level) as
+/// `format`. The pixel format follows the file: 1 to 4 channels (grey, grey
+/// with alpha, RGB, RGBA; more channels keep the first four) with 8-bit,
+/// 16-bit or float channels (half and 32-bit integer channels become float);
+/// Radiance HDR files keep their shared-exponent pixels (`PixelRgbe`).
+/// Rows are top first. Progress counts scanlines.
+/// A file that fails to decode throws `Exception` whose one-line text names
+/// the stream and the reason.
+Image makeImage(Io::InputStream& stream, ImageFormat format, TaskProgress& progress);
+
+/// Like `makeImage`, but also the coarser levels when the file stores a mip
+/// chain (tiled, mip-mapped EXR and TIFF): level 0 first. A file without one
+/// gives one level.
+Stack<Image> makeImageLevels(Io::InputStream& stream, ImageFormat format, TaskProgress& progress);
+
+} // namespace Quelin

@@ -1,0 +1,274 @@
+#include "Ferrim/TextureMap/ImageTextureCache.h"
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <thread>
+
+#include "Ferrim/Ferrim.h"
+#include "QuelinLib/Thread.h"
+#include "TestSupport/TempFolderTest.h"
+
+using namespace Quelin;
+namespace fs = std::filesystem;
+
+namespace {
+
+/// A file source that counts how often its bytes are opened, i.e. decodes.
+class CountingFileSource final : public FileDataSource {
+  public:
+    explicit CountingFileSource(Io::Path const& path, std::atomic<int>& opens) : mOpens(opens) {
+        set("path", Io::pathToUtf8(path));
+    }
+    Expected<std::unique_ptr<Io::InputStream>> openStream() const override {
+        ++mOpens;
+        return FileDataSource::openStream();
+    }
+
+  private:
+    std::atomic<int>& mOpens;
+};
+
+class ImageTextureCacheTest : public Testing::TempFolderTest {
+  protected:
+    void SetUp() override {
+        TempFolderTest::SetUp();
+        Ferrim::startup();
+    }
+    void TearDown() override {
+        ImageTextureCache::resume();
+        Ferrim::shutdown();
+        TempFolderTest::TearDown();
+    }
+
+    /// A solid-colour 8-bit RGBA PNG.
+    Io::Path writePng(String const& name, Pixel size, std::uint8_t value) {
+        Image image(Image::Descriptor(size, PixelFormat::Rgba8));
+        for (auto& p : image.getPixels<PixelRgba8>()) p = {value, value, value, 255};
+        Io::Path const path = mFolder / name;
+        EXPECT_TRUE(writeImage(image, path));
+        return path;
+    }
+
+    EntityHolder<IDataSource const> countingSource(Io::Path const& path) {
+        return EntityHolder<IDataSource const>(makeSharedPtr<CountingFileSource>(path, mOpens));
+    }
+
+    static bool waitUntil(Function<bool()> const& condition) {
+        for (int i = 0; i < 2000 && !condition(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        return condition();
+    }
+
+    std::atomic<int> mOpens{0};
+};
+
+TEST_F(ImageTextureCacheTest, TwoRequestsBeforeTheLoadShareOneDecodeAndEachCallbackRunsOnce) {
+    Io::Path const path = writePng("a.png", {8, 8}, 10);
+    ImageTextureCache::suspend();
+    int first = 0, second = 0;
+    auto a = ImageTextureCache::getOrCreate(countingSource(path), [&](ImageTexture const&) { ++first; });
+    // Another source entity for the same file joins the queued record.
+    auto b = ImageTextureCache::getOrCreate(countingSource(path), [&](ImageTexture const&) { ++second; });
+    EXPECT_FALSE(a.isReady());
+    ImageTextureCache::resume();
+    SharedPtr<ImageTexture> const ta = a.getImageTexture();
+    SharedPtr<ImageTexture> const tb = b.getImageTexture();
+    EXPECT_EQ(ta, tb);
+    EXPECT_EQ(mOpens, 1);
+    EXPECT_EQ(first, 1);
+    EXPECT_EQ(second, 1);
+    // A request for a ready texture calls back at once, on this thread.
+    std::thread::id caller;
+    ImageTextureCache::getOrCreate(countingSource(path), [&](ImageTexture const&) { caller = std::this_thread::get_id(); });
+    EXPECT_EQ(caller, std::this_thread::get_id());
+    EXPECT_EQ(mOpens, 1);
+}
+
+TEST_F(ImageTextureCacheTest, TheLoaderThreadDecodesQueuedRequests) {
+    Io::Path const path = writePng("a.png", {4, 4}, 10);
+    String threadName;
+    auto future = ImageTextureCache::getOrCreate(countingSource(path), [&](ImageTexture const&) { threadName = getThreadName(); });
+    ASSERT_TRUE(waitUntil([&] { return future.isReady(); }));
+    // Linux keeps the first 15 bytes of a thread's name.
+    EXPECT_FALSE(threadName.empty());
+    EXPECT_TRUE(String("Ostrel.ImageTextureCache.Loader").starts_with(threadName)) << threadName;
+}
+
+TEST_F(ImageTextureCacheTest, SuspendedLoaderDecodesNothingButCallersStillBuildTheirOwn) {
+    Io::Path const path = writePng("a.png", {4, 4}, 10);
+    ImageTextureCache::suspend();
+    std::thread::id builder;
+    auto future = ImageTextureCache::getOrCreate(countingSource(path), [&](ImageTexture const&) { builder = std::this_thread::get_id(); });
+    // A negative check: give a wrongly running loader ample time to take the request.
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(mOpens, 0);
+    EXPECT_FALSE(future.isReady());
+    SharedPtr<ImageTexture> const texture = future.getImageTexture();
+    EXPECT_EQ(builder, std::this_thread::get_id());
+    EXPECT_TRUE(texture->hasPixels());
+    EXPECT_EQ(mOpens, 1);
+    ImageTextureCache::resume();
+    // The loader skips the record later: it is ready.
+    auto second = ImageTextureCache::getOrCreate(countingSource(writePng("b.png", {4, 4}, 20)), {});
+    ASSERT_TRUE(waitUntil([&] { return second.isReady(); }));
+    EXPECT_EQ(mOpens, 2);
+}
+
+TEST_F(ImageTextureCacheTest, AChangedFileDecodesAgainWhileOldReferencesKeepTheirPixels) {
+    Io::Path const path = writePng("a.png", {4, 4}, 10);
+    SharedPtr<ImageTexture> const before = ImageTextureCache::getOrCreate(countingSource(path));
+    EXPECT_EQ(ImageTextureCache::getOrCreate(countingSource(path)), before) << "unchanged file";
+
+    // Rewritten with other content and the old time stamp restored: a rewrite
+    // within one tick of the file clock. The size tells it apart.
+    auto const stamp = fs::last_write_time(path);
+    writePng("a.png", {16, 16}, 200);
+    fs::last_write_time(path, stamp);
+    SharedPtr<ImageTexture> const after = ImageTextureCache::getOrCreate(countingSource(path));
+    ASSERT_NE(after, before);
+    EXPECT_EQ(mOpens, 2);
+    EXPECT_EQ(after->getDescriptor().resolution, (Pixel{16, 16}));
+    EXPECT_EQ(before->getDescriptor().resolution, (Pixel{4, 4}));
+    EXPECT_EQ(before->getLevel(0).getPixel<PixelRgba8>(3, 3).r, 10);
+
+    // Same size, new time stamp: also a change.
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    writePng("a.png", {16, 16}, 100);
+    SharedPtr<ImageTexture> const third = ImageTextureCache::getOrCreate(countingSource(path));
+    EXPECT_NE(third, after);
+    EXPECT_EQ(third->getLevel(0).getPixel<PixelRgba8>(0, 0).r, 100);
+}
+
+TEST_F(ImageTextureCacheTest, MemorySourcesNeverGoStaleAndEachIsItsOwnTexture) {
+    std::ifstream in(writePng("a.png", {4, 4}, 10), std::ios::binary);
+    String const bytes(std::istreambuf_iterator<char>(in), {});
+    auto const source = MemoryDataSource::make(bytes, "image/png");
+    SharedPtr<ImageTexture> const first = ImageTextureCache::getOrCreate(source);
+    ASSERT_TRUE(first->hasPixels()) << first->getError();
+    EXPECT_EQ(ImageTextureCache::getOrCreate(source), first);
+    EXPECT_NE(ImageTextureCache::getOrCreate(MemoryDataSource::make(bytes, "image/png")), first);
+}
+
+TEST_F(ImageTextureCacheTest, AThrowingCallbackLeavesReadyUnsetAndTheOthersStillRun) {
+    Io::Path const path = writePng("a.png", {4, 4}, 10);
+    ImageTextureCache::suspend();
+    Stack<int> calls;
+    auto future = ImageTextureCache::getOrCreate(countingSource(path), [&](ImageTexture const&) {
+        calls.push_back(1);
+        throw Exception("callback failed");
+    });
+    ImageTextureCache::getOrCreate(countingSource(path), [&](ImageTexture const&) { calls.push_back(2); });
+    EXPECT_THROW(future.getImageTexture(), Exception);
+    EXPECT_FALSE(future.isReady());
+    EXPECT_EQ(calls, (Stack<int>{1, 2}));
+    // The next request finishes the record without decoding or calling anyone again.
+    SharedPtr<ImageTexture> const texture = future.getImageTexture();
+    EXPECT_TRUE(future.isReady());
+    EXPECT_TRUE(texture->hasPixels());
+    EXPECT_EQ(calls.size(), 2u);
+    EXPECT_EQ(mOpens, 1);
+}
+
+TEST_F(ImageTextureCacheTest, MemoryUsageFollowsLoadsAndReleases) {
+    EXPECT_EQ(ImageTextureCache::getMemoryUsage(), 0);
+    SharedPtr<ImageTexture> texture = ImageTextureCache::getOrCreate(countingSource(writePng("a.png", {64, 32}, 10)));
+    // 64 x 32 RGBA 8-bit and its chain: 8192 + 2048 + 512 + 128 + 32 + 8 + 4.
+    EXPECT_EQ(ImageTextureCache::getMemoryUsage(), 10924);
+    EXPECT_EQ(texture->getLevelCount(), 7);
+    texture.reset();
+    EXPECT_EQ(ImageTextureCache::getMemoryUsage(), 0) << "the index keeps no texture alive";
+}
+
+TEST_F(ImageTextureCacheTest, SourcesThatCannotLoadGiveTheirErrorText) {
+    EXPECT_EQ(ImageTextureCache::getOrCreate(EntityHolder<IDataSource const>())->getError(), "No texture source specified");
+    Io::Path const noExtension = writeText("image", "whatever");
+    EXPECT_EQ(ImageTextureCache::getOrCreate(FileDataSource::make(noExtension))->getError(),
+              "Texture source's content type not specified");
+    auto const unknown = ImageTextureCache::getOrCreate(FileDataSource::make(noExtension, "image/x-unknown"));
+    EXPECT_NE(unknown->getError().find(Io::pathToUtf8(noExtension)), String::npos) << unknown->getError();
+    auto const missing = ImageTextureCache::getOrCreate(FileDataSource::make(mFolder / "missing.png"));
+    EXPECT_FALSE(missing->hasPixels());
+    EXPECT_NE(missing->getError().find("missing.png"), String::npos) << missing->getError();
+    EXPECT_EQ(missing->getName(), Io::pathToUtf8(mFolder / "missing.png"));
+}
+
+TEST(ImageTextureCacheHookTest, TheCacheStartsAfterTheObsoleteOperatorsWhateverTheInitialisationOrder) {
+    Stack<String> names;
+    for (auto const& hook : Ferrim::getHooks()) names.emplace_back(hook.name);
+    auto const obsolete = std::find(names.begin(), names.end(), "Register obsolete operators");
+    auto const cache = std::find(names.begin(), names.end(), "Image Texture cache");
+    ASSERT_NE(cache, names.end());
+    EXPECT_LT(obsolete, cache);
+    EXPECT_FALSE(ImageTextureCache::isStarted());
+    Ferrim::startup();
+    EXPECT_TRUE(ImageTextureCache::isStarted());
+    Ferrim::shutdown();
+    EXPECT_FALSE(ImageTextureCache::isStarted());
+}
+
+// ------------------------------------------------------------ damaged files
+
+/// Damaged files: the shared collection, and truncated and bit-flipped copies
+/// of good files made here. Each must leave an error text (or, for a flip the
+/// format cannot notice, a whole image) and never crash.
+class DamagedFileTest : public ImageTextureCacheTest {
+  protected:
+    void expectRefusedCleanly(Io::Path const& path, bool mayDecode) {
+        SCOPED_TRACE(Io::pathToUtf8(path));
+        SharedPtr<ImageTexture> const texture = ImageTextureCache::getOrCreate(FileDataSource::make(path));
+        if (texture->hasPixels()) {
+            EXPECT_TRUE(mayDecode) << "decoded a damaged file";
+            EXPECT_FALSE(texture->getDescriptor().isEmpty());
+            return;
+        }
+        String const& error = texture->getError();
+        EXPECT_FALSE(error.empty());
+        EXPECT_EQ(error.find('\n'), String::npos) << error;
+        EXPECT_TRUE(std::all_of(error.begin(), error.end(), [](char c) { return c >= 0x20 && c < 0x7F; })) << error;
+        EXPECT_NE(error.find(path.filename().string()), String::npos) << error;
+        EXPECT_EQ(texture->getLevelCount(), 0);
+    }
+
+    Io::Path damagedCopy(Io::Path const& original, String const& name, Function<void(String&)> const& damage) {
+        std::ifstream in(original, std::ios::binary);
+        String bytes(std::istreambuf_iterator<char>(in), {});
+        damage(bytes);
+        Io::Path const path = mFolder / name;
+        std::ofstream(path, std::ios::binary) << bytes;
+        return path;
+    }
+};
+
+TEST_F(DamagedFileTest, EveryFileOfTheDamagedCollectionIsRefused) {
+    int files = 0;
+    for (auto const& entry : fs::directory_iterator(Io::Path(FERRIM_TESTDATA_DIR) / "exr-damaged"))
+        if (entry.path().extension() == ".exr") {
+            expectRefusedCleanly(entry.path(), false);
+            ++files;
+        }
+    EXPECT_GE(files, 10);
+}
+
+TEST_F(DamagedFileTest, TruncatedAndBitFlippedCopiesAreRefused) {
+    Io::Path const data(FERRIM_TESTDATA_DIR);
+    for (Io::Path const& original : {data / "exr" / "Desk.exr", data / "exr" / "ColorCodedLevels.exr", data / "png" / "basn6a16.png",
+                                     data / "png" / "ibasn2c08.png"}) {
+        String const stem = original.stem().string(), extension = original.extension().string();
+        for (double keep : {0.0, 0.01, 0.3, 0.9}) {
+            Io::Path const cut = damagedCopy(original, stem + "_cut" + std::to_string(int(keep * 100)) + extension,
+                                             [keep](String& b) { b.resize(std::size_t(double(b.size()) * keep)); });
+            expectRefusedCleanly(cut, false);
+        }
+        // Flips in the header and throughout the data; checksums (PNG) or the
+        // decompressor (EXR) catch most, a flip in raw samples is undetectable.
+        for (std::size_t step : {7u, 61u, 997u}) {
+            Io::Path const flipped = damagedCopy(original, stem + "_flip" + std::to_string(step) + extension, [step](String& b) {
+                for (std::size_t i = 20; i < b.size(); i += step) b[i] = char(b[i] ^ 0x5A);
+            });
+            expectRefusedCleanly(flipped, true);
+        }
+    }
+}
+
+} // namespace

@@ -1,0 +1,295 @@
+#include "Ferrim/TextureMap/MipMapManager.h"
+
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <random>
+#include <thread>
+
+#include "Ferrim/Ferrim.h"
+#include "Ferrim/TextureMap/ImageTextureCache.h"
+#include "TestSupport/TempFolderTest.h"
+
+using namespace Quelin;
+namespace fs = std::filesystem;
+
+namespace {
+
+// ---------------------------------------------------------------- the filter
+
+TEST(MipLevelsTest, CountsAndResolutionsRoundDownToOnePixel) {
+    struct Case {
+        Pixel size;
+        int count;
+        Pixel level1;
+    };
+    for (Case const& c : {Case{{1, 1}, 1, {1, 1}}, Case{{2, 1}, 2, {1, 1}}, Case{{5, 3}, 3, {2, 1}}, Case{{4096, 4096}, 13, {2048, 2048}},
+                          Case{{1000, 1}, 10, {500, 1}}, Case{{7, 7}, 3, {3, 3}}}) {
+        EXPECT_EQ(MipMapManager::getLevelCount(c.size), c.count) << c.size.x << "x" << c.size.y;
+        EXPECT_EQ(MipMapManager::getLevelResolution(c.size, 1), c.level1);
+        EXPECT_EQ(MipMapManager::getLevelResolution(c.size, c.count - 1), (Pixel{1, 1}));
+    }
+}
+
+TEST(MipFilterTest, OddSizesWeighTheSharedPixelByHalfAndDropNothing) {
+    // Five pixels into two: each covers 2.5 source pixels, the middle one shared.
+    Image row(Image::Descriptor({5, 1}, PixelFormat::MonoFloat));
+    float const values[] = {0.f, 0.f, 10.f, 0.f, 20.f};
+    std::copy(std::begin(values), std::end(values), &row.getPixel<PixelMonoF>(0, 0).value);
+    Stack<Image> const chain = MipMapManager::buildMipChain(row);
+    ASSERT_EQ(chain.size(), 2u);
+    EXPECT_FLOAT_EQ(chain[0].getPixel<PixelMonoF>(0, 0).value, 2.f);  // (0 + 0 + 0.5 * 10) / 2.5
+    EXPECT_FLOAT_EQ(chain[0].getPixel<PixelMonoF>(1, 0).value, 10.f); // (0.5 * 10 + 0 + 20) / 2.5
+    EXPECT_FLOAT_EQ(chain[1].getPixel<PixelMonoF>(0, 0).value, 6.f);
+}
+
+struct MeanCase {
+    PixelFormat format;
+    Pixel size;
+};
+
+class MipMeanTest : public ::testing::TestWithParam<MeanCase> {
+  protected:
+    static Image randomImage(MeanCase const& c) {
+        Image image(Image::Descriptor(c.size, c.format));
+        std::mt19937 rng(7);
+        std::uniform_real_distribution<float> value(0.f, 4.f);
+        for (int y = 0; y < c.size.y; ++y)
+            for (int x = 0; x < c.size.x; ++x) image.setRgbAlpha(x, y, {value(rng), value(rng), value(rng), value(rng) / 4.f});
+        return image;
+    }
+    static RgbAlpha mean(Image const& image) {
+        double sum[4] = {};
+        for (int y = 0; y < image.getHeight(); ++y)
+            for (int x = 0; x < image.getWidth(); ++x) {
+                RgbAlpha const p = image.getRgbAlpha(x, y);
+                sum[0] += p.r, sum[1] += p.g, sum[2] += p.b, sum[3] += p.alpha;
+            }
+        double const n = double(image.getWidth()) * image.getHeight();
+        return {float(sum[0] / n), float(sum[1] / n), float(sum[2] / n), float(sum[3] / n)};
+    }
+};
+
+TEST_P(MipMeanTest, EveryLevelKeepsTheMeanOfLevelZero) {
+    Image const level0 = randomImage(GetParam());
+    Stack<Image> const chain = MipMapManager::buildMipChain(level0);
+    ASSERT_EQ(int(chain.size()), MipMapManager::getLevelCount(level0.getResolution()) - 1);
+    RgbAlpha const want = mean(level0);
+    // Integer channels round once per level (half a step at worst); floats only by float rounding.
+    ChannelType const type = getChannelType(level0.getFormat());
+    float const step = type == ChannelType::UInt8 ? 1.f / 255.f : type == ChannelType::UInt16 ? 1.f / 65535.f : 0.f;
+    for (std::size_t i = 0; i < chain.size(); ++i) {
+        SCOPED_TRACE("level " + std::to_string(i + 1));
+        Image const& level = chain[i];
+        EXPECT_EQ(level.getResolution(), MipMapManager::getLevelResolution(level0.getResolution(), int(i) + 1));
+        EXPECT_EQ(level.getFormat(), MipMapManager::getLevelFormat(level0.getFormat()));
+        RgbAlpha const got = mean(level);
+        float const tolerance = 0.5f * step * float(i + 1) + 2e-5f;
+        EXPECT_NEAR(got.r, want.r, tolerance);
+        EXPECT_NEAR(got.g, want.g, tolerance);
+        EXPECT_NEAR(got.b, want.b, tolerance);
+        EXPECT_NEAR(got.alpha, want.alpha, tolerance);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    FormatsAndSizes, MipMeanTest,
+    ::testing::Values(MeanCase{PixelFormat::Mono8, {7, 5}}, MeanCase{PixelFormat::Mono16, {64, 64}},
+                      MeanCase{PixelFormat::MonoFloat, {1, 9}}, MeanCase{PixelFormat::MonoAlpha8, {100, 60}},
+                      MeanCase{PixelFormat::MonoAlpha16, {33, 17}}, MeanCase{PixelFormat::MonoAlphaFloat, {2, 2}},
+                      MeanCase{PixelFormat::Rgb8, {64, 64}}, MeanCase{PixelFormat::Rgb16, {13, 1}},
+                      MeanCase{PixelFormat::RgbFloat, {99, 31}}, MeanCase{PixelFormat::Rgba8, {257, 255}},
+                      MeanCase{PixelFormat::Rgba16, {6, 10}}, MeanCase{PixelFormat::RgbaFloat, {128, 3}},
+                      MeanCase{PixelFormat::Rgbe, {9, 9}}, MeanCase{PixelFormat::MonoWithExp, {6, 3}}));
+
+TEST(MipThreadsTest, OneThreadAndAllThreadsBuildTheSameLevels) {
+    Image level0(Image::Descriptor({301, 200}, PixelFormat::Rgba8));
+    std::mt19937 rng(3);
+    for (auto& byte : std::span(level0.getData(), std::size_t(level0.getByteSize()))) byte = std::byte(rng());
+    TaskScheduler one("one", 1);
+    Stack<Image> const serial = MipMapManager::buildMipChain(level0, &one);
+    Stack<Image> const parallel = MipMapManager::buildMipChain(level0);
+    ASSERT_EQ(serial.size(), parallel.size());
+    for (std::size_t i = 0; i < serial.size(); ++i)
+        EXPECT_EQ(0, std::memcmp(serial[i].getData(), parallel[i].getData(), std::size_t(serial[i].getByteSize()))) << i;
+}
+
+// ------------------------------------------------------------------ offload
+
+/// 64 x 64 RGBA 8-bit textures: 7 levels of 16384, 4096, 1024, 256, 64, 16 and 4 bytes.
+class OffloadTest : public Testing::TempFolderTest {
+  protected:
+    static constexpr std::int64_t TOTAL = 21844;
+
+    void SetUp() override {
+        TempFolderTest::SetUp();
+        Ferrim::startup();
+        mStore = mFolder / "store";
+    }
+    void TearDown() override {
+        Ferrim::shutdown();
+        TempFolderTest::TearDown();
+    }
+
+    SharedPtr<ImageTexture> load(String const& name) {
+        Image image(Image::Descriptor({64, 64}, PixelFormat::Rgba8));
+        std::mt19937 rng(std::uint32_t(name.size()));
+        for (auto& byte : std::span(image.getData(), std::size_t(image.getByteSize()))) byte = std::byte(rng());
+        Io::Path const path = mFolder / name;
+        EXPECT_TRUE(writeImage(image, path));
+        auto texture = ImageTextureCache::getOrCreate(FileDataSource::make(path));
+        EXPECT_TRUE(texture->hasPixels()) << texture->getError();
+        return texture;
+    }
+
+    static Expected<std::true_type, String> budgetBytes(std::int64_t bytes, Io::Path const& folder) {
+        return MipMapManager::updateCache(true, float(double(bytes) / 1073741824.0), std::nullopt, folder);
+    }
+
+    Io::Path levelFile(ImageTexture const& texture, int level) const {
+        return mStore / ("Ostrel_Out_Of_Core_Texture_" + texture.getMipChain().getId()) / ("Ostrel_Mip_Map_" + std::to_string(level));
+    }
+
+    Io::Path mStore;
+};
+
+TEST_F(OffloadTest, UnlimitedBudgetOffloadsEverythingAndZeroReadsItAllBackIntact) {
+    SharedPtr<ImageTexture> const texture = load("a.png");
+    Image const original = texture->getLevel(0).clone();
+    EXPECT_EQ(ImageTextureCache::getMemoryUsage(), TOTAL);
+
+    ASSERT_TRUE(MipMapManager::updateCache(true, std::nullopt, std::nullopt, mStore));
+    EXPECT_EQ(texture->getOffloadedCount(), 7);
+    EXPECT_EQ(ImageTextureCache::getMemoryUsage(), 0);
+    EXPECT_EQ(MipMapManager::getOffloadedBytes(), TOTAL);
+    EXPECT_EQ(fs::file_size(levelFile(*texture, 0)), 16384u) << "raw pixel bytes, no header";
+    EXPECT_EQ(MipMapManager::getOffloadDirectory(), mStore);
+
+    ASSERT_TRUE(MipMapManager::updateCache(true, 0.f, std::nullopt, mStore));
+    EXPECT_EQ(texture->getOffloadedCount(), 0);
+    EXPECT_EQ(ImageTextureCache::getMemoryUsage(), TOTAL);
+    EXPECT_EQ(MipMapManager::getOffloadedBytes(), 0);
+    EXPECT_FALSE(fs::exists(levelFile(*texture, 0).parent_path()));
+    EXPECT_EQ(0, std::memcmp(texture->getLevel(0).getData(), original.getData(), std::size_t(original.getByteSize())));
+}
+
+TEST_F(OffloadTest, BudgetsBySizeAndByPercentageOffloadFinestFirstWhileTheyFit) {
+    SharedPtr<ImageTexture> const texture = load("a.png");
+    ASSERT_TRUE(budgetBytes(16384 + 4096 + 1000, mStore)); // room for levels 0 and 1, not 2
+    EXPECT_EQ(texture->getOffloadedCount(), 2);
+    EXPECT_EQ(MipMapManager::getOffloadedBytes(), 16384 + 4096);
+    EXPECT_TRUE(fs::exists(levelFile(*texture, 1)));
+    EXPECT_FALSE(fs::exists(levelFile(*texture, 2)));
+
+    // Keeping the whole disk free leaves no budget: everything comes back.
+    ASSERT_TRUE(MipMapManager::updateCache(true, std::nullopt, 100.f, mStore));
+    EXPECT_EQ(MipMapManager::getBudget(), 0);
+    EXPECT_EQ(texture->getOffloadedCount(), 0);
+    // Keeping nothing free: the disk's free space is the budget.
+    ASSERT_TRUE(MipMapManager::updateCache(true, std::nullopt, 0.f, mStore));
+    EXPECT_GT(MipMapManager::getBudget(), TOTAL);
+    EXPECT_EQ(texture->getOffloadedCount(), 7);
+    // Disabled: as a budget of 0.
+    ASSERT_TRUE(MipMapManager::updateCache(false, std::nullopt, std::nullopt, mStore));
+    EXPECT_EQ(texture->getOffloadedCount(), 0);
+}
+
+TEST_F(OffloadTest, TheSameBudgetTwiceDoesNothing) {
+    SharedPtr<ImageTexture> const a = load("a.png");
+    ASSERT_TRUE(MipMapManager::updateCache(true, std::nullopt, std::nullopt, mStore));
+    EXPECT_EQ(a->getOffloadedCount(), 7);
+    SharedPtr<ImageTexture> const b = load("bb.png");
+    ASSERT_TRUE(MipMapManager::updateCache(true, std::nullopt, std::nullopt, mStore));
+    EXPECT_EQ(b->getOffloadedCount(), 0) << "an unchanged budget rebalances nothing";
+    ASSERT_TRUE(budgetBytes(TOTAL * 2, mStore));
+    EXPECT_EQ(b->getOffloadedCount(), 7);
+}
+
+TEST_F(OffloadTest, NeedingLevelTwoReadsBackLevelsTwoAndThreeOnly) {
+    SharedPtr<ImageTexture> const texture = load("a.png");
+    ASSERT_TRUE(budgetBytes(16384 + 4096 + 1024 + 256, mStore));
+    ASSERT_EQ(texture->getOffloadedCount(), 4);
+    MipMapManager::resetStats();
+    texture->requireLevel(2);
+    EXPECT_EQ(texture->getOffloadedCount(), 2);
+    EXPECT_EQ(MipMapManager::getStats().levelsRead, 2);
+    EXPECT_TRUE(fs::exists(levelFile(*texture, 0)));
+    EXPECT_TRUE(fs::exists(levelFile(*texture, 1)));
+    EXPECT_FALSE(fs::exists(levelFile(*texture, 2)));
+    EXPECT_EQ(MipMapManager::getOffloadedBytes(), 16384 + 4096);
+    EXPECT_EQ(ImageTextureCache::getMemoryUsage(), TOTAL - 16384 - 4096);
+}
+
+TEST_F(OffloadTest, ATruncatedLevelFileGivesTheEofErrorAndKeepsTheRestConsistent) {
+    SharedPtr<ImageTexture> const texture = load("a.png");
+    ASSERT_TRUE(MipMapManager::updateCache(true, std::nullopt, std::nullopt, mStore));
+    fs::resize_file(levelFile(*texture, 3), 100);
+    try {
+        texture->requireLevel(0);
+        FAIL() << "read a truncated level";
+    } catch (Exception const& e) {
+        EXPECT_TRUE(String(e.what()).starts_with("EOF while reading mip map data!")) << e.what();
+    }
+    // Levels 4 to 6 came back; 3 and finer are still on disk.
+    EXPECT_EQ(texture->getOffloadedCount(), 4);
+    EXPECT_EQ(ImageTextureCache::getMemoryUsage(), 64 + 16 + 4);
+}
+
+TEST_F(OffloadTest, AnUnusableFolderIsAnErrorAndABudgetOfZero) {
+    SharedPtr<ImageTexture> const texture = load("a.png");
+    ASSERT_TRUE(MipMapManager::updateCache(true, std::nullopt, std::nullopt, mStore));
+    ASSERT_EQ(texture->getOffloadedCount(), 7);
+    Io::Path const blocked = writeText("plain-file", "x") / "sub";
+    auto const result = MipMapManager::updateCache(true, std::nullopt, std::nullopt, blocked);
+    ASSERT_FALSE(result);
+    EXPECT_EQ(result.error(), "Unable to store files in the given out-of-core textures folder: " + Io::pathToUtf8(blocked));
+    EXPECT_EQ(MipMapManager::getBudget(), 0);
+    EXPECT_EQ(texture->getOffloadedCount(), 0) << "offloaded levels come back";
+}
+
+TEST_F(OffloadTest, ManyThreadsNeedingTheSameLevelReadItOnce) {
+    SharedPtr<ImageTexture> const texture = load("a.png");
+    Image const original = texture->getLevel(0).clone();
+    ASSERT_TRUE(MipMapManager::updateCache(true, std::nullopt, std::nullopt, mStore));
+    MipMapManager::resetStats();
+    std::atomic<bool> go{false};
+    std::atomic<int> intact{0};
+    Stack<std::thread> threads;
+    for (int t = 0; t < 8; ++t)
+        threads.emplace_back([&, t] {
+            while (!go) std::this_thread::yield();
+            texture->requireLevel(t % 2); // some need level 0, some level 1
+            texture->requireLevel(0);
+            intact += std::memcmp(texture->getLevel(0).getData(), original.getData(), std::size_t(original.getByteSize())) == 0;
+        });
+    go = true;
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(MipMapManager::getStats().levelsRead, 7);
+    EXPECT_EQ(intact, 8);
+}
+
+TEST_F(OffloadTest, TheReportSumsTheTexturesAndWritesThreeCsvSections) {
+    SharedPtr<ImageTexture> const a = load("a.png");
+    SharedPtr<ImageTexture> const b = load("bb.png");
+    ASSERT_TRUE(budgetBytes(16384, mStore));
+    String const report = MipMapManager::getStatsAndSaveReport();
+    EXPECT_TRUE(report.starts_with("Loaded mip maps size: ")) << report;
+    EXPECT_NE(report.find(" out of "), String::npos);
+    EXPECT_NE(report.find("The heaviest textures are:\n[Name] [Resolution] [Loaded/Total size] [Loaded/Total mip map levels]\n"),
+              String::npos);
+    EXPECT_NE(report.find(a->getName() + " 64x64 "), String::npos) << report;
+    EXPECT_NE(report.find(" 6/7\n"), String::npos) << "one texture lost its finest level: " << report;
+    Io::Path const csvPath = mStore / "textureStats.csv";
+    EXPECT_NE(report.find("\nAdditional texture statistics were dumped in this file:\n" + Io::pathToUtf8(csvPath)), String::npos);
+
+    std::ifstream in(csvPath);
+    Stack<String> lines;
+    for (String line; std::getline(in, line);) lines.push_back(line);
+    ASSERT_EQ(lines.size(), 7u);
+    EXPECT_EQ(lines[0], "Loaded mip maps size, Total mip maps size");
+    EXPECT_EQ(lines[1], std::to_string(2 * TOTAL - 16384) + ", " + std::to_string(2 * TOTAL));
+    EXPECT_EQ(lines[2], "Offloading time, Reloading time");
+    EXPECT_EQ(lines[4], "Name, Resolution, Loaded size, Total size, Loaded levels, Total levels");
+}
+
+} // namespace

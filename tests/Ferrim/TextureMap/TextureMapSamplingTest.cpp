@@ -1,0 +1,107 @@
+#include "Ferrim/TextureMap/TextureSampling.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "QuelinLibImage/Image.h"
+
+namespace Quelin {
+namespace {
+
+using namespace TextureSampling;
+
+/// A float mono level whose texel (x, row) holds f(x, row), rows from the top.
+template <typename F> Image monoLevel(int w, int h, F f) {
+    Image image(Image::Descriptor(Pixel(w, h), PixelFormat::MonoFloat));
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) image.getPixel<PixelMonoF>(x, y).value = float(f(x, y));
+    return image;
+}
+
+float sample(Image const& level, InterpolationMode mode, float u, float v, Addressing a = {}) {
+    TexelConversion const none;
+    auto const fn = selectSampleFunction(level.getFormat(), mode, Conversion::None);
+    LevelShape const shape = LevelShape::of(level.getWidth(), level.getHeight(), level.getFormat());
+    return fn(level.getData(), shape, u, v, a, none)[0];
+}
+
+struct BorderCase {
+    Address address;
+    InterpolationMode mode;
+    float expected;  ///< at u = 0 (half a texel before the first centre)
+};
+
+class TextureSamplingBorders : public ::testing::TestWithParam<BorderCase> {};
+
+TEST_P(TextureSamplingBorders, TapsBeyondTheBorderFollowTheAddressing) {
+    // Columns 0, 1, 2, 3 hold 1, 0, 0, 5: repeating pulls in the last column.
+    Image const level = monoLevel(4, 1, [](int x, int) { return x == 0 ? 1.f : (x == 3 ? 5.f : 0.f); });
+    auto const c = GetParam();
+    EXPECT_NEAR(sample(level, c.mode, 0.f, 0.5f, {c.address, Address::Clamp}), c.expected, 1e-6f);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, TextureSamplingBorders,
+    ::testing::Values(BorderCase{Address::Clamp, InterpolationMode::Bilinear, 1.f},
+                      BorderCase{Address::Mirror, InterpolationMode::Bilinear, 1.f},
+                      BorderCase{Address::Repeat, InterpolationMode::Bilinear, 3.f},
+                      // B-spline at fraction 0.5 weighs taps -2, -1, 0, 1 by 1/48, 23/48, 23/48, 1/48.
+                      BorderCase{Address::Clamp, InterpolationMode::Bicubic, (1 + 23 + 23 + 0) / 48.f},
+                      BorderCase{Address::Mirror, InterpolationMode::Bicubic, (0 + 23 + 23 + 0) / 48.f},
+                      BorderCase{Address::Repeat, InterpolationMode::Bicubic, (0 + 5 * 23 + 23 + 0) / 48.f}));
+
+TEST(TextureSamplingBicubic, ReproducesLinearRampsExactly) {
+    // 3x - 2 row: a ramp across both axes.
+    Image const level = monoLevel(16, 16, [](int x, int y) { return 3 * x - 2 * y; });
+    for (float u : {0.19f, 0.25f, 0.5f, 0.6173f, 0.8f})
+        for (float v : {0.2f, 0.47f, 0.75f}) {
+            float const x = u * 16.f - 0.5f, row = (1.f - v) * 16.f - 0.5f;
+            EXPECT_NEAR(sample(level, InterpolationMode::Bicubic, u, v), 3.f * x - 2.f * row, 2e-5f) << u << ", " << v;
+        }
+}
+
+TEST(TextureSamplingBicubic, StaysWithinTheTexelRangeOnAStep) {
+    // A hard step from 0 to 1 between columns 7 and 8: an interpolating cubic overshoots here.
+    Image const level = monoLevel(16, 4, [](int x, int) { return x >= 8 ? 1.f : 0.f; });
+    float previous = -1.f;
+    for (int i = 0; i <= 400; ++i) {
+        float const u = float(i) / 400.f;
+        float const s = sample(level, InterpolationMode::Bicubic, u, 0.5f);
+        // Float rounding of the weights aside; an interpolating cubic overshoots by 7 %.
+        EXPECT_GE(s, -1e-6f) << u;
+        EXPECT_LE(s, 1.f + 1e-6f) << u;
+        EXPECT_GE(s, previous - 1e-6f) << "not monotonic at " << u;
+        previous = s;
+    }
+    EXPECT_GT(sample(level, InterpolationMode::Bicubic, 0.55f, 0.5f), 0.5f);
+}
+
+class TextureSamplingFormats : public ::testing::TestWithParam<PixelFormat> {};
+
+TEST_P(TextureSamplingFormats, TexelsDecodeAsTheImageReadsThem) {
+    // The image's own (slow, general) conversion is the reference for every format.
+    PixelFormat const format = GetParam();
+    Image level(Image::Descriptor(Pixel(2, 1), format));
+    level.setRgbAlpha(0, 0, RgbAlpha(0.25f, 0.5f, 0.75f, 0.5f));
+    level.setRgbAlpha(1, 0, RgbAlpha(1.f, 0.125f, 0.f, 1.f));
+    for (int x = 0; x < 2; ++x) {
+        RgbAlpha const expected = level.getRgbAlpha(x, 0);
+        auto const fn = selectSampleFunction(format, InterpolationMode::Nearest, Conversion::None);
+        Float4 const c = fn(level.getData(), LevelShape::of(2, 1, format), 0.25f + 0.5f * float(x), 0.5f, {}, {});
+        EXPECT_NEAR(c[0], expected.r, 1e-6f) << getPixelFormatName(format);
+        EXPECT_NEAR(c[1], expected.g, 1e-6f) << getPixelFormatName(format);
+        EXPECT_NEAR(c[2], expected.b, 1e-6f) << getPixelFormatName(format);
+        EXPECT_NEAR(c[3], expected.alpha, 1e-6f) << getPixelFormatName(format);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(All, TextureSamplingFormats,
+                         ::testing::Values(PixelFormat::Mono8, PixelFormat::Mono16, PixelFormat::MonoFloat,
+                                           PixelFormat::MonoAlpha8, PixelFormat::MonoAlpha16,
+                                           PixelFormat::MonoAlphaFloat, PixelFormat::Rgb8, PixelFormat::Rgb16,
+                                           PixelFormat::RgbFloat, PixelFormat::Rgba8, PixelFormat::Rgba16,
+                                           PixelFormat::RgbaFloat, PixelFormat::Rgbe, PixelFormat::MonoWithExp));
+
+} // namespace
+} // namespace Quelin

@@ -1,0 +1,378 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <random>
+
+#include "Ferrim/ColorMapping.h"
+#include "Ferrim/colorMappingOperators/ColorProgram.h"
+#include "Ferrim/colorMappingOperators/CurvesOperator.h"
+#include "Ferrim/colorMappingOperators/Lut.h"
+#include "Ferrim/colorMappingOperators/LutOperator.h"
+
+#if FERRIM_HAVE_OCIO
+#include <OpenColorIO/OpenColorIO.h>
+#endif
+
+using namespace Quelin;
+
+namespace {
+
+constexpr float INF = std::numeric_limits<float>::infinity();
+constexpr float NaN = std::numeric_limits<float>::quiet_NaN();
+constexpr WideIsa ALL_ISAS[] = {WideIsa::Scalar, WideIsa::Sse41, WideIsa::Avx2, WideIsa::Avx512};
+
+using Setup = Function<void(UnaryColorMappingOperator&)>;
+
+EntityHolder<UnaryColorMappingOperator> makeOperator(StringView type, Setup const& setup = {}) {
+    auto op = ColorMappingOperatorFactory::getInstance().createOperator("Zatho." + String(type));
+    if (setup) setup(*op);
+    return op;
+}
+
+/// Channel values from zero and denormal-adjacent tiny ones to large ones,
+/// with negatives, as 3 x 3 x 3 combinations of the pool, then the
+/// non-finite ones. `nonNegative` drops the negatives.
+Stack<Rgb> gridColours(bool nonNegative = false) {
+    Stack<float> pool = {0.f, 1e-30f, 3e-6f, 0.0123f, 0.18f, 0.5f, 0.999f, 1.f, 2.5f, 60.f, 1e4f};
+    if (!nonNegative) pool.insert(pool.end(), {-0.3f, -2.f});
+    Stack<Rgb> colours;
+    std::mt19937 rng(7);
+    std::uniform_int_distribution<std::size_t> pick(0, pool.size() - 1);
+    for (float v : pool) colours.push_back(Rgb(v));  // greys
+    for (int i = 0; i < 400; ++i) colours.push_back(Rgb(pool[pick(rng)], pool[pick(rng)], pool[pick(rng)]));
+    for (float bad : {NaN, INF, -INF}) {
+        colours.push_back(Rgb(bad, 0.2f, 0.4f));
+        colours.push_back(Rgb(0.3f, 0.1f, bad));
+        colours.push_back(Rgb(bad));
+    }
+    return colours;
+}
+
+/// Equal within `relative` of the larger of the value, the input's largest
+/// channel `scale` (an operator that mixes channels rounds on their scale)
+/// and 1; or both NaN; or the same infinity.
+::testing::AssertionResult close(float actual, float expected, float relative, float scale = 1.f) {
+    if (std::isnan(expected) || std::isinf(expected)) {
+        if ((std::isnan(expected) && std::isnan(actual)) || actual == expected) return ::testing::AssertionSuccess();
+    } else if (std::abs(actual - expected) <= relative * std::max({std::abs(expected), scale, 1.f})) {
+        return ::testing::AssertionSuccess();
+    }
+    return ::testing::AssertionFailure() << actual << " instead of " << expected;
+}
+
+/// The program of `chain` for `isa` against the chain's own bucket mapping,
+/// on the colours laid out as a bucket `width` wide at `origin`.
+void expectProgramMatchesChain(EntityHolder<IColorMappingOperator> const& chain, WideIsa isa, Stack<Rgb> const& colours,
+                               float relative, int width = 23, Pixel origin = Pixel(5, 9)) {
+    ColorProgram const program = ColorProgram::compile(chain, isa);
+    ASSERT_EQ(program.getIsa(), isa);
+    Pixel const extent(width, int((colours.size() + std::size_t(width) - 1) / std::size_t(width)));
+    Stack<Rgb> expected = colours, actual = colours;
+    expected.resize(std::size_t(extent.x) * std::size_t(extent.y), Rgb(0.25f));
+    actual.resize(expected.size(), Rgb(0.25f));
+    chain->map(std::span<Rgb>(expected), origin, extent);
+    program.map(std::span<Rgb>(actual), origin, extent);
+    // Frames with alpha take the same path with a stride of four floats.
+    Stack<RgbAlpha> withAlpha;
+    for (std::size_t i = 0; i < actual.size(); ++i) withAlpha.push_back(RgbAlpha(i < colours.size() ? colours[i] : Rgb(0.25f), float(i)));
+    program.map(std::span<RgbAlpha>(withAlpha), origin, extent);
+    for (std::size_t i = 0; i < actual.size(); ++i) {
+        Rgb const in = i < colours.size() ? colours[i] : Rgb(0.25f);
+        float const scale = std::max({std::abs(in.r), std::abs(in.g), std::abs(in.b)});
+        for (int ch = 0; ch < 3; ++ch) {
+            ASSERT_TRUE(close(actual[i][ch], expected[i][ch], relative, std::isfinite(scale) ? scale : 1.f))
+                << "colour " << i << " (" << colours[std::min(i, colours.size() - 1)].r << ", "
+                << colours[std::min(i, colours.size() - 1)].g << ", " << colours[std::min(i, colours.size() - 1)].b
+                << ") channel " << ch << ", " << wideIsaName(isa);
+            ASSERT_TRUE(close(withAlpha[i].rgb()[ch], actual[i][ch], 0.f) || std::isnan(actual[i][ch])) << i;
+        }
+        ASSERT_EQ(withAlpha[i].alpha, float(i));
+    }
+}
+
+struct OperatorCase {
+    char const* name;
+    char const* type;
+    Setup setup;
+    float relative = 2e-6f;     ///< operators on std::pow/log2/exp2 get the fast ones: 1e-5
+    bool applyOperators = true;
+};
+
+void PrintTo(OperatorCase const& c, std::ostream* os) { *os << c.name; }
+
+Setup setFloat(char const* name, float value) { return [=](UnaryColorMappingOperator& op) { op.set(name, value); }; }
+Setup disabled() { return [](UnaryColorMappingOperator& op) { op.set("enabled", false); }; }
+Setup lut(int interpolation, bool inSrgb, float opacity) {
+    return [=](UnaryColorMappingOperator& op) {
+        op.set("path", getDefaultLut());
+        op.set("lut_interpolation", interpolation);
+        op.set("lut_applyInSrgb", inSrgb);
+        op.set("lut_opacity", opacity);
+    };
+}
+
+// Each of the eighteen operator types alone: on, off, at several settings.
+OperatorCase const OPERATOR_CASES[] = {
+    {"exposure_up", "SimpleExposureOperator", setFloat("simpleExposure", 2.5f)},
+    {"exposure_min", "SimpleExposureOperator", setFloat("simpleExposure", -20.f)},
+    {"exposure_off", "SimpleExposureOperator", disabled()},
+    {"photographic", "PhotographicExposureOperator", {}},
+    {"photographic_not_applied", "PhotographicExposureOperator", {}, 2e-6f, false},
+    {"white_balance_warm", "WhiteBalanceOperator", setFloat("colorTemperature", 3000.f)},
+    {"white_balance_cool", "WhiteBalanceOperator", setFloat("colorTemperature", 20000.f)},
+    {"white_balance_off", "WhiteBalanceOperator", disabled()},
+    {"tint", "TintOperator", [](UnaryColorMappingOperator& op) { op.set("tint", Rgb(1.f, 0.5f, 0.f)); }},
+    {"green_magenta_green", "GreenMagentaTintOperator", setFloat("greenMagentaTint", 0.7f)},
+    {"green_magenta_magenta", "GreenMagentaTintOperator", setFloat("greenMagentaTint", -1.f)},
+    {"green_magenta_below_threshold", "GreenMagentaTintOperator", setFloat("greenMagentaTint", 0.00005f)},
+    {"saturation_up", "SaturationOperator", setFloat("saturation", 0.6f)},
+    {"saturation_down", "SaturationOperator", setFloat("saturation", -0.3f)},
+    {"saturation_grey", "SaturationOperator", setFloat("saturation", -1.f)},
+    // The contrast curves amplify rounding near black and white.
+    {"contrast_steeper", "ContrastOperator", setFloat("contrast", 2.f), 1e-5f},
+    {"contrast_flatter", "ContrastOperator", setFloat("contrast", 0.4f), 1e-5f},
+    {"contrast_off", "ContrastOperator", disabled()},
+    {"vignette", "VignetteOperator",
+     [](UnaryColorMappingOperator& op) { op.set("intensity", 0.8f), op.set("falloff", 0.5f); }},
+    {"vignette_off", "VignetteOperator", disabled()},
+    {"linear_to_srgb", "LinearToSrgbOperator", {}},
+    {"srgb_to_linear", "SrgbToLinearOperator", {}},
+    {"srgb_to_linear_not_applied", "SrgbToLinearOperator", {}, 2e-6f, false},
+    {"identity", "IdentityOperator", {}},
+    {"aces", "AcesOtOperator", {}},
+    {"aces_faded", "AcesOtOperator", setFloat("opacity", 0.4f)},
+    {"aces_off", "AcesOtOperator", disabled()},
+    {"reinhard", "ReinhardOperator", setFloat("highlightCompression", 4.f)},
+    {"reinhard_off", "ReinhardOperator", disabled()},
+    {"filmic", "FilmicOperator", {}},
+    {"filmic_mixed", "FilmicOperator",
+     [](UnaryColorMappingOperator& op) { op.set("highlightCompression", 0.3f), op.set("richShadows", 0.8f); }},
+    {"advanced_filmic", "AdvancedFilmicOperator", {}, 1e-5f},
+    {"advanced_filmic_off", "AdvancedFilmicOperator", disabled()},
+    {"curves", "CurvesOperator",
+     [](UnaryColorMappingOperator& op) {
+         op.set("curves_master", makeCurvePoints({{0.f, 0.f}, {0.3f, 0.2f}, {0.8f, 0.9f}, {1.f, 1.f}}));
+         op.set("curves_blue", makeCurvePoints({{0.f, 0.05f}, {1.f, 0.9f}}));
+     }},
+    {"tone_curve", "ToneCurveOperator",
+     [](UnaryColorMappingOperator& op) { op.set("toneCurve_points", makeCurvePoints({{-8.f, -7.f}, {0.f, 0.f}, {5.f, 2.f}})); },
+     1e-5f},
+    {"tone_curve_preserving", "ToneCurveOperator",
+     [](UnaryColorMappingOperator& op) {
+         op.set("toneCurve_points", makeCurvePoints({{-6.f, -6.5f}, {0.f, 0.f}, {6.f, 3.f}}));
+         op.set("toneCurve_preserveColor", true);
+     },
+     1e-5f},
+    {"lut_tetrahedral_srgb", "LutOperator", lut(int(LutInterpolation::Tetrahedral), true, 1.f), 1e-5f},
+    {"lut_trilinear_linear_faded", "LutOperator", lut(int(LutInterpolation::Trilinear), false, 0.6f)},
+    {"lut_off", "LutOperator", disabled()},
+};
+
+class ColorProgramOperator : public ::testing::TestWithParam<std::tuple<OperatorCase, WideIsa>> {};
+
+TEST_P(ColorProgramOperator, MatchesTheOperatorByOperatorPath) {
+    auto const& [c, isa] = GetParam();
+    if (!isWideIsaSupported(isa)) GTEST_SKIP() << wideIsaName(isa) << " is not available here";
+    auto op = makeOperator(c.type, c.setup);
+    ColorMappingContext context;
+    context.applyOperators = c.applyOperators;
+    context.imageSize = Vector2(64.f, 48.f);
+    context.regionOffset = Vector2(3.f, 2.f);
+    op->prepareForApplication(context);
+    expectProgramMatchesChain(op, isa, gridColours(), c.relative);
+}
+
+INSTANTIATE_TEST_SUITE_P(EachType, ColorProgramOperator,
+                         ::testing::Combine(::testing::ValuesIn(OPERATOR_CASES), ::testing::ValuesIn(ALL_ISAS)),
+                         [](auto const& info) {
+                             return String(std::get<0>(info.param).name) + "_" +
+                                    String(wideIsaName(std::get<1>(info.param)) == "sse4.1" ? "sse41"
+                                                                                            : wideIsaName(std::get<1>(info.param)));
+                         });
+
+class ColorProgramIsa : public ::testing::TestWithParam<WideIsa> {
+protected:
+    void SetUp() override {
+        if (!isWideIsaSupported(GetParam())) GTEST_SKIP() << wideIsaName(GetParam()) << " is not available here";
+    }
+};
+
+TEST_P(ColorProgramIsa, DefaultPipelineMatchesTheChain) {
+    ColorMapping mapping;
+    // Scene values as a render gives them, and the grid.
+    Stack<Rgb> colours = gridColours();
+    std::mt19937 rng(11);
+    std::exponential_distribution<float> e(2.f);
+    for (int i = 0; i < 3000; ++i) colours.push_back(Rgb(e(rng), e(rng), e(rng)));
+    expectProgramMatchesChain(mapping.getAppliedChain(), GetParam(), colours, 1e-6f, 97);
+}
+
+TEST_P(ColorProgramIsa, RandomChainsMatchTheChain) {
+    std::mt19937 rng(1234);
+    Stack<std::size_t> candidates;
+    for (std::size_t i = 0; i < std::size(OPERATOR_CASES); ++i)
+        if (OPERATOR_CASES[i].applyOperators) candidates.push_back(i);
+    for (int trial = 0; trial < 12; ++trial) {
+        EntityHolder<UnaryColorMappingOperator> chain;
+        float relative = 2e-6f;
+        String names;
+        for (int k = 0; k < 5; ++k) {
+            OperatorCase const& c = OPERATOR_CASES[candidates[rng() % candidates.size()]];
+            auto op = makeOperator(c.type, c.setup);
+            if (chain) op->setPredecessor(chain);
+            chain = op;
+            relative = std::max(relative, c.relative);
+            names += String(c.name) + " ";
+        }
+        // Errors of one operator are carried and scaled by the ones after it.
+        ColorMappingContext context;
+        context.imageSize = Vector2(40.f, 40.f);
+        chain->prepareForApplication(context);
+        SCOPED_TRACE(names);
+        expectProgramMatchesChain(chain, GetParam(), gridColours(true), relative * 50.f);
+    }
+}
+
+TEST_P(ColorProgramIsa, FinitePixelsGiveTheSameResultsAtEveryWidth) {
+    ColorMapping mapping;
+    std::mt19937 rng(5);
+    std::uniform_real_distribution<float> u(-0.5f, 8.f);
+    Stack<Rgb> colours(5000);
+    for (Rgb& c : colours) c = Rgb(u(rng), u(rng), u(rng));
+    Stack<Rgb> wide = colours, scalar = colours;
+    Pixel const extent(int(colours.size()), 1);
+    ColorProgram::compile(mapping.getAppliedChain(), GetParam()).map(std::span<Rgb>(wide), {}, extent);
+    ColorProgram::compile(mapping.getAppliedChain(), WideIsa::Scalar).map(std::span<Rgb>(scalar), {}, extent);
+    for (std::size_t i = 0; i < colours.size(); ++i)
+        for (int ch = 0; ch < 3; ++ch) ASSERT_NEAR(wide[i][ch], scalar[i][ch], 1e-6f) << i;
+}
+
+INSTANTIATE_TEST_SUITE_P(Widths, ColorProgramIsa, ::testing::ValuesIn(ALL_ISAS),
+                         [](auto const& info) { return wideIsaName(info.param) == "sse4.1" ? String("sse41") : String(wideIsaName(info.param)); });
+
+// ---------------------------------------------------------------- the program's shape
+
+Stack<String> stepsOf(std::initializer_list<EntityHolder<UnaryColorMappingOperator>> ops) {
+    EntityHolder<UnaryColorMappingOperator> chain;
+    for (auto const& op : ops) {
+        if (chain) op->setPredecessor(chain);
+        chain = op;
+    }
+    chain->prepareForApplication({});
+    return ColorProgram::compile(chain).describe();
+}
+
+TEST(ColorProgramShape, AffineRunsFoldIntoOneMatrixButNeverAcrossOtherSteps) {
+    auto exposure = [](float stops) { return makeOperator("SimpleExposureOperator", setFloat("simpleExposure", stops)); };
+    auto warm = [] { return makeOperator("WhiteBalanceOperator", setFloat("colorTemperature", 3500.f)); };
+    auto aces = [] { return makeOperator("AcesOtOperator"); };
+    auto saturation = [] { return makeOperator("SaturationOperator", setFloat("saturation", 0.5f)); };
+    // Exposure and white balance join the ACES input matrix (matrix, curve,
+    // matrix and clamp then run as one "aces" pass).
+    EXPECT_EQ(stepsOf({exposure(1.f), warm(), aces()}), (Stack<String>{"aces"}));
+    EXPECT_EQ(stepsOf({exposure(1.f), warm(), makeOperator("TintOperator")}), (Stack<String>{"scale"}));
+    // A step that is not affine keeps the matrices on either side apart.
+    EXPECT_EQ(stepsOf({exposure(1.f), saturation(), exposure(2.f)}), (Stack<String>{"scale", "saturation", "scale"}));
+    EXPECT_EQ(stepsOf({exposure(1.f), makeOperator("ContrastOperator", setFloat("contrast", 2.f)), aces()}),
+              (Stack<String>{"scale", "contrast", "aces"}));
+    // Neutral operators vanish, and so do matrices that cancel.
+    EXPECT_EQ(stepsOf({exposure(0.f), saturation(), makeOperator("IdentityOperator")}), (Stack<String>{"saturation"}));
+    EXPECT_TRUE(ColorProgram::compile(makeOperator("IdentityOperator")).isIdentity());
+    EXPECT_EQ(stepsOf({exposure(3.f), exposure(-3.f)}), Stack<String>{});
+    // A faded ACES transform needs its input: one step of its own.
+    EXPECT_EQ(stepsOf({exposure(1.f), makeOperator("AcesOtOperator", setFloat("opacity", 0.5f))}),
+              (Stack<String>{"scale", "aces blend"}));
+}
+
+TEST(ColorProgramShape, DefaultMappingIsAcesThenTheDisplayPower) {
+    ColorMapping mapping;
+    EXPECT_EQ(mapping.getProgram().describe(), (Stack<String>{"aces", "pow"}));
+    EXPECT_EQ(mapping.getProgram().getIsa(), bestWideIsa());
+    // Preparing again (a new context) compiles again.
+    ColorMappingContext context;
+    context.applyOperators = false;
+    mapping.setContext(context);
+    EXPECT_TRUE(mapping.getProgram().isIdentity());
+}
+
+TEST(ColorProgramShape, FramesRunTheProgramWithUnfoldedNonFinitePixels) {
+    // A frame with a NaN and an infinity next to ordinary pixels, through
+    // ColorMapping: the ordinary ones take the program, the others the chain.
+    ColorMapping mapping;
+    Stack<Rgb> frame(300, Rgb(0.3f, 0.2f, 0.1f));
+    frame[17] = Rgb(NaN, 0.2f, 0.1f);
+    frame[250] = Rgb(INF);
+    Stack<Rgb> const source = frame;
+    mapping.mapFrameBuffer(std::span<Rgb>(frame), 30, 10, 2);
+    for (std::size_t i : {std::size_t(0), std::size_t(17), std::size_t(250)}) {
+        Rgb const one = mapping.map(source[i], Pixel(int(i % 30), int(i / 30)));
+        for (int ch = 0; ch < 3; ++ch) EXPECT_TRUE(close(frame[i][ch], one[ch], 1e-6f)) << i;
+    }
+}
+
+// ---------------------------------------------------------------- LUT files
+
+struct LutFileCase {
+    char const* file;
+    LutInterpolation interpolation;
+};
+
+class ColorProgramLutFile : public ::testing::TestWithParam<std::tuple<LutFileCase, WideIsa>> {
+protected:
+    EntityHolder<UnaryColorMappingOperator> lutOperator() const {
+        auto const& [c, isa] = GetParam();
+        auto op = makeOperator("LutOperator", [&](UnaryColorMappingOperator& o) {
+            o.set("path", String(FERRIM_TESTDATA_DIR) + "/lut/" + c.file);
+            o.set("lut_interpolation", int(c.interpolation));
+            o.set("lut_applyInSrgb", false);
+        });
+        op->prepareForApplication({});
+        return op;
+    }
+    static Stack<Rgb> probes() {
+        Stack<Rgb> colours = {Rgb(0.f), Rgb(1.f), Rgb(-0.5f, 1.5f, 0.2f), Rgb(2.5f, -1.f, 1.2f)};
+        std::mt19937 rng(3);
+        std::uniform_real_distribution<float> u(-0.1f, 1.1f);
+        for (int i = 0; i < 1000; ++i) colours.push_back(Rgb(u(rng), u(rng), u(rng)));
+        return colours;
+    }
+    void SetUp() override {
+        if (!isWideIsaSupported(std::get<1>(GetParam()))) GTEST_SKIP() << "not available here";
+    }
+};
+
+TEST_P(ColorProgramLutFile, MatchesTheOperatorPath) {
+    auto const op = lutOperator();
+    // A table with no 3D part has no vector form: the operator maps pixel by pixel.
+    bool const only1d = !op.cast<LutOperator>()->getLut()->lut3d;
+    EXPECT_EQ(ColorProgram::compile(op).describe(), Stack<String>{only1d ? "callback" : "lut"});
+    expectProgramMatchesChain(op, std::get<1>(GetParam()), probes(), 2e-6f);
+}
+
+#if FERRIM_HAVE_OCIO
+TEST_P(ColorProgramLutFile, StaysWithinOneHundredThousandthOfOpenColorIO) {
+    auto const& [c, isa] = GetParam();
+    namespace OCIO = OCIO_NAMESPACE;
+    auto transform = OCIO::FileTransform::Create();
+    transform->setSrc((String(FERRIM_TESTDATA_DIR) + "/lut/" + c.file).c_str());
+    transform->setInterpolation(c.interpolation == LutInterpolation::Tetrahedral ? OCIO::INTERP_TETRAHEDRAL
+                                                                                 : OCIO::INTERP_LINEAR);
+    auto cpu = OCIO::Config::CreateRaw()->getProcessor(transform)->getDefaultCPUProcessor();
+    Stack<Rgb> ours = probes(), theirs = ours;
+    ColorProgram::compile(lutOperator(), isa).map(std::span<Rgb>(ours), {}, Pixel(int(ours.size()), 1));
+    OCIO::PackedImageDesc image(reinterpret_cast<float*>(theirs.data()), long(theirs.size()), 1, 3);
+    cpu->apply(image);
+    for (std::size_t i = 0; i < ours.size(); ++i)
+        for (int ch = 0; ch < 3; ++ch) ASSERT_NEAR(ours[i][ch], theirs[i][ch], 1e-5f) << i << " channel " << ch;
+}
+#endif
+
+INSTANTIATE_TEST_SUITE_P(SharedFiles, ColorProgramLutFile,
+                         ::testing::Combine(::testing::Values(LutFileCase{"iridas_1d.cube", LutInterpolation::Trilinear},
+                                                              LutFileCase{"iridas_3d.cube", LutInterpolation::Trilinear},
+                                                              LutFileCase{"iridas_3d.cube", LutInterpolation::Tetrahedral},
+                                                              LutFileCase{"discreet-3d-lut.3dl", LutInterpolation::Tetrahedral}),
+                                            ::testing::ValuesIn(ALL_ISAS)));
+
+} // namespace
