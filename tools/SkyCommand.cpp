@@ -40,7 +40,7 @@ Stack<std::int32_t> parseIndices(String const& text, std::size_t count, char con
 
 String megabytes(std::int64_t bytes) {
     char text[32];
-    std::snprintf(text, sizeof text, "%.1f MB", double(bytes) / (1024.0 * 1024.0));
+    std::snprintf(text, sizeof text, "%.1f MiB", double(bytes) / (1024.0 * 1024.0));
     return text;
 }
 

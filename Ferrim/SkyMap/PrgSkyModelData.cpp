@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <cmath>
 #include <cstring>
+#include <deque>
 
 namespace Quelin {
 
@@ -65,60 +66,62 @@ String PrgSkyModelData::Configuration::toString() const {
            std::to_string(channelIndex[2]) + "," + std::to_string(indexA) + "," + std::to_string(indexB);
 }
 
-/// Reading and converting the slabs, shared by the threads that call work():
-/// one thread at a time reads, in file order, on the one stream (forward seeks
-/// only); the others convert the slabs already read. A thread waits only while
-/// another holds the work it could take, so a single thread never waits.
+/// Reading and converting the slabs, shared by the threads that call work().
+/// The first thread in reads, in file order on the one stream (forward seeks
+/// only), and never waits for the others: when every buffer awaits
+/// conversion it converts a piece itself. Later threads convert pieces of the
+/// slabs already read, and wait while there are none.
 class PrgSkyModelData::SlabPipeline : Noncopyable {
   public:
     SlabPipeline(PrgSkyModelData& data, Detail::SkyDataReader& reader, Stack<Slab> const& slabs,
                  Function<void()> readRest)
         : mData(data), mReader(reader), mSlabs(slabs), mReadRest(std::move(readRest)) {
-        for (auto& buffer : mBuffers)
-            buffer = std::make_unique_for_overwrite<std::byte[]>(std::size_t(2 * B_STRIDE));
-        for (auto& buffer : mBuffers)
-            mFree.push_back(buffer.get());
+        for (auto& buffer : mBuffers) {
+            buffer.bytes = std::make_unique_for_overwrite<std::byte[]>(std::size_t(2 * B_STRIDE));
+            mFree.push_back(&buffer);
+        }
     }
 
     void work() {
         std::unique_lock lock(mMutex);
-        while (!mError && (mConverted < mSlabs.size() || mNextRead <= mSlabs.size())) {
-            try {
-                if (!mReady.empty()) {
-                    auto const [slab, bytes] = mReady.front();
-                    mReady.erase(mReady.begin());
-                    lock.unlock();
-                    mData.convertRecords(*slab, bytes, mReader.getStream().getName());
-                    lock.lock();
-                    ++mConverted;
-                    mFree.push_back(bytes);
-                } else if (!mReading && mNextRead < mSlabs.size() && !mFree.empty()) {
-                    Slab const& slab = mSlabs[mNextRead++];
-                    std::byte* const bytes = mFree.back();
+        bool const reader = !std::exchange(mReaderTaken, true);
+        try {
+            if (reader) {
+                for (Slab const& slab : mSlabs) {
+                    while (mFree.empty() && !mError) { // every buffer holds a slab not yet converted
+                        if (mPieces.empty())
+                            mChanged.wait(lock); // their last pieces are with the other threads
+                        else
+                            convertOne(lock);
+                    }
+                    if (mError)
+                        return;
+                    Buffer* const buffer = mFree.back();
                     mFree.pop_back();
-                    mReading = true;
                     lock.unlock();
                     mReader.skip(slab.fileOffset - mReader.getStream().tell());
-                    readSlab(mReader, slab, bytes);
+                    readSlab(mReader, slab, buffer->bytes.get());
                     lock.lock();
-                    mReading = false;
-                    mReady.emplace_back(&slab, bytes);
-                } else if (!mReading && mNextRead == mSlabs.size()) {
-                    ++mNextRead; // the sections after the radiance records
-                    mReading = true;
-                    lock.unlock();
-                    mReadRest();
-                    lock.lock();
-                    mReading = false;
-                } else {
-                    mChanged.wait(lock);
-                    continue;
+                    for (int first = 0; first < slab.records; first += RECORDS_PER_PIECE, ++buffer->pieces)
+                        mPieces.push_back({&slab, buffer, first, std::min(first + RECORDS_PER_PIECE, slab.records)});
+                    mChanged.notify_all();
                 }
-            } catch (...) {
-                if (!lock.owns_lock())
-                    lock.lock();
-                mError = std::current_exception();
+                lock.unlock();
+                mReadRest();
+                lock.lock();
+                mReadingDone = true;
+                mChanged.notify_all();
             }
+            while (!mError && (!mPieces.empty() || !mReadingDone)) {
+                if (mPieces.empty())
+                    mChanged.wait(lock);
+                else
+                    convertOne(lock);
+            }
+        } catch (...) {
+            if (!lock.owns_lock())
+                lock.lock();
+            mError = std::current_exception();
             mChanged.notify_all();
         }
     }
@@ -129,17 +132,44 @@ class PrgSkyModelData::SlabPipeline : Noncopyable {
     }
 
   private:
+    // A slab of two B entries makes four pieces: small enough that no thread
+    // holds work long, large enough to keep the locking rare.
+    static constexpr int RECORDS_PER_PIECE = 15;
+
+    struct Buffer {
+        std::unique_ptr<std::byte[]> bytes;
+        int pieces = 0; // not yet converted
+    };
+    struct Piece {
+        Slab const* slab;
+        Buffer* buffer;
+        int begin, end;
+    };
+
+    /// Converts the first queued piece; called with the lock held and a piece queued.
+    void convertOne(std::unique_lock<Mutex>& lock) {
+        Piece const piece = mPieces.front();
+        mPieces.pop_front();
+        lock.unlock();
+        mData.convertRecords(*piece.slab, piece.buffer->bytes.get(), piece.begin, piece.end,
+                             mReader.getStream().getName());
+        lock.lock();
+        if (--piece.buffer->pieces == 0) {
+            mFree.push_back(piece.buffer);
+            mChanged.notify_all();
+        }
+    }
+
     PrgSkyModelData& mData;
     Detail::SkyDataReader& mReader;
     Stack<Slab> const& mSlabs;
     Function<void()> mReadRest;
-    StaticArray<std::unique_ptr<std::byte[]>, 3> mBuffers; // a third lets reading run ahead
+    StaticArray<Buffer, 3> mBuffers; // a third lets the reader run ahead
     Mutex mMutex;
     std::condition_variable mChanged;
-    Stack<std::byte*> mFree;
-    Stack<std::pair<Slab const*, std::byte*>> mReady; // read, not yet taken for conversion
-    std::size_t mNextRead = 0, mConverted = 0;
-    bool mReading = false;
+    Stack<Buffer*> mFree;
+    std::deque<Piece> mPieces; // read, not yet taken for conversion
+    bool mReaderTaken = false, mReadingDone = false;
     std::exception_ptr mError;
 };
 
@@ -199,9 +229,10 @@ void PrgSkyModelData::readSlab(Detail::SkyDataReader& reader, Slab const& slab, 
     }
 }
 
-void PrgSkyModelData::convertRecords(Slab const& slab, std::byte const* bytes, String const& fileName) {
+void PrgSkyModelData::convertRecords(Slab const& slab, std::byte const* bytes, int begin, int end,
+                                     String const& fileName) {
     // The loaded B entries are neighbours in both the file and memory.
-    for (int r = 0; r < slab.records; ++r)
+    for (int r = begin; r < end; ++r)
         convertRecord(bytes + r * RECORD_BYTES, mRecords.get() + (slab.firstRecord + std::size_t(r)) * RECORD_FLOATS,
                       fileName, slab.fileOffset + r * RECORD_BYTES);
 }

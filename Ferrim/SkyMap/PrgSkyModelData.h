@@ -68,7 +68,7 @@ class FERRIM_EXPORT PrgSkyModelData : Noncopyable {
     class SlabPipeline;
 
     static void readSlab(Detail::SkyDataReader& reader, Slab const& slab, std::byte* bytes);
-    void convertRecords(Slab const& slab, std::byte const* bytes, String const& fileName);
+    void convertRecords(Slab const& slab, std::byte const* bytes, int begin, int end, String const& fileName);
 
     Configuration mConfiguration;
     std::unique_ptr<float[]> mRecords; // [channel][slot two][slot A][slot B][record][RECORD_FLOATS]
