@@ -303,7 +303,9 @@ TextureMap::Evaluator::Evaluator(SharedPtr<ImageTexture const> texture, SharedPt
         // looked up at each sample, after the residency test.
         Image const& level = t.getLevel(i);
         mLevels.push_back({selectSampleFunction(level.getFormat(), settings.interpolation, conversion),
-                           LevelShape::of(level.getWidth(), level.getHeight(), level.getFormat()), &level,
+                           LevelShape{level.getWidth(), level.getHeight(), float(level.getWidth()),
+                                      float(level.getHeight()), level.getRowBytes()},
+                           &level,
                            level.getFormat() == format});
     }
     mSample = dispatch(format, conversion, settings.interpolation,
