@@ -244,8 +244,8 @@ inline bool wrapAxis(float& t, WrapMode mode) {
 }
 
 RgbAlpha toRgbAlpha(Float4 c) {
-    alignas(16) float v[4];
-    _mm_store_ps(v, c.v);
+    float v[4];
+    c.store(v);
     return RgbAlpha(v[0], v[1], v[2], v[3]);
 }
 
