@@ -97,6 +97,16 @@ Image::Image(Descriptor const& descriptor) : mDescriptor(descriptor) {
     allocatePixels();
 }
 
+Image Image::makeForOverwrite(Descriptor const& descriptor) {
+    if (descriptor.resolution.x < 0 || descriptor.resolution.y < 0)
+        return Image(descriptor); // its error
+    Image image;
+    (void)info(descriptor.format);
+    image.mDescriptor = descriptor;
+    image.allocatePixelsForOverwrite();
+    return image;
+}
+
 Image Image::clone() const {
     Image copy;
     copy.mDescriptor = mDescriptor;
@@ -104,7 +114,12 @@ Image Image::clone() const {
     return copy;
 }
 
-void Image::releasePixels() { Stack<std::byte>().swap(mPixels); }
+void Image::releasePixels() { decltype(mPixels)().swap(mPixels); }
+
+void Image::allocatePixelsForOverwrite() {
+    if (mPixels.empty())
+        mPixels.resize(std::size_t(mDescriptor.getByteSize()));
+}
 
 void Image::allocatePixels() {
     if (mPixels.empty())

@@ -9,6 +9,24 @@
 
 namespace Quelin {
 
+namespace Detail {
+/// Leaves new elements uninitialised, so that a buffer about to be overwritten
+/// (decoded, filtered, read from disk) is not written twice.
+template <typename T> struct DefaultInitAllocator : std::allocator<T> {
+    template <typename U> struct rebind {
+        using other = DefaultInitAllocator<U>;
+    };
+    DefaultInitAllocator() = default;
+    template <typename U> DefaultInitAllocator(DefaultInitAllocator<U> const&) noexcept {}
+    template <typename U, typename... Args> void construct(U* p, Args&&... args) {
+        if constexpr (sizeof...(Args) == 0)
+            ::new (static_cast<void*>(p)) U;
+        else
+            ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
+    }
+};
+} // namespace Detail
+
 class Image {
   public:
     struct Descriptor {
@@ -26,6 +44,8 @@ class Image {
     Image() = default;
     /// Pixels start at zero. A negative resolution is an Exception.
     explicit Image(Descriptor const& descriptor);
+    /// Pixels left uninitialised, for an image whose every pixel is written next.
+    static Image makeForOverwrite(Descriptor const& descriptor);
     Image(Image&&) noexcept = default;
     Image& operator=(Image&&) noexcept = default;
     /// Images are big: copies are explicit.
@@ -43,6 +63,8 @@ class Image {
     bool hasPixels() const { return !mPixels.empty() || mDescriptor.getByteSize() == 0; }
     void releasePixels();
     void allocatePixels();
+    /// Like `allocatePixels`, without zeroing: the caller writes every byte.
+    void allocatePixelsForOverwrite();
     /// Bytes of pixel memory held now.
     std::int64_t getMemoryUsage() const { return std::int64_t(mPixels.capacity()); }
 
@@ -81,7 +103,7 @@ class Image {
     }
 
     Descriptor mDescriptor;
-    Stack<std::byte> mPixels;
+    std::vector<std::byte, Detail::DefaultInitAllocator<std::byte>> mPixels;
 };
 
 /// Channel type of a written file. Auto keeps the image's depth: 8 and 16 bits

@@ -203,7 +203,7 @@ class Decoder {
     }
 
     Image read(int level, OIIO::ImageSpec const& spec, PixelFormat format) {
-        Image image(Image::Descriptor({spec.width, spec.height}, format));
+        Image image = Image::makeForOverwrite(Image::Descriptor({spec.width, spec.height}, format));
         mRows = spec.height;
         mRowsReported = 0;
         mProgress.addTotal(mRows);
@@ -219,7 +219,7 @@ class Decoder {
     /// Radiance files decode to float; they are kept in their own shared-exponent
     /// form, a quarter of the memory, converted a band of rows at a time.
     Image readRgbe(OIIO::ImageSpec const& spec) {
-        Image image(Image::Descriptor({spec.width, spec.height}, PixelFormat::Rgbe));
+        Image image = Image::makeForOverwrite(Image::Descriptor({spec.width, spec.height}, PixelFormat::Rgbe));
         constexpr int BAND = 64;
         Stack<float> band(std::size_t(spec.width) * BAND * 3);
         mProgress.addTotal(spec.height);

@@ -179,7 +179,7 @@ PixelFormat getLevelFormat(PixelFormat level0Format) {
 
 Image downsample(Image const& finer, TaskScheduler& scheduler) {
     Pixel const size = finer.getResolution();
-    Image coarser(Image::Descriptor(getLevelResolution(size, 1), getLevelFormat(finer.getFormat())));
+    Image coarser = Image::makeForOverwrite(Image::Descriptor(getLevelResolution(size, 1), getLevelFormat(finer.getFormat())));
     int const width = coarser.getWidth(), height = coarser.getHeight();
     // About 64 Ki destination pixels per task: enough work to outweigh scheduling.
     std::int64_t const grain = std::max(1, 65536 / width);
@@ -416,7 +416,7 @@ void readBack(ImageTexture const& texture, int level) {
     for (int i = k - 1; i >= level; --i) {
         Image& image = MipChainAccess::levels(chain)[std::size_t(i)];
         Io::Path const path = levelFile(chain, i);
-        image.allocatePixels();
+        image.allocatePixelsForOverwrite();
         auto in = Io::FileInputStream::open(path);
         bool ok = bool(in);
         if (ok) {

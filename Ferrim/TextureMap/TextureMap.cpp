@@ -179,9 +179,8 @@ SharedPtr<TextureMap::Evaluator> TextureMap::currentEvaluator() const {
         std::lock_guard lock(mEvaluatorMutex);
         if (mEvaluator) return mEvaluator;
     }
-    getEvaluatorImpl();
-    std::lock_guard lock(mEvaluatorMutex);
-    return mEvaluator;
+    // The one just built, even if an edit has dropped it from the map meanwhile.
+    return std::static_pointer_cast<Evaluator>(getEvaluatorImpl().evaluator);
 }
 
 void TextureMap::onDataChanged(StringView) {
@@ -245,8 +244,8 @@ inline bool wrapAxis(float& t, WrapMode mode) {
 }
 
 RgbAlpha toRgbAlpha(Float4 c) {
-    alignas(16) float v[4];
-    _mm_store_ps(v, c.v);
+    float v[4];
+    c.store(v);
     return RgbAlpha(v[0], v[1], v[2], v[3]);
 }
 
@@ -267,6 +266,8 @@ TextureMap::Evaluator::Evaluator(SharedPtr<ImageTexture const> texture, SharedPt
     checkRange(int(settings.cropMode), 2);
     checkRange(int(settings.environmentMapping), 5);
     checkRange(int(settings.environmentMode), 3);
+    if (mUvMapper->getMappingMode() == UvMappingMode::UvChannel && mUvMapper->getTransform() == AffineTm::identity())
+        mFootprintChannel = mUvMapper->getChannel();
     mWrapU = mUvMapper->getMapping().wrapU;
     mWrapV = mUvMapper->getMapping().wrapV;
     mUvAddressing = {addressOf(mWrapU), addressOf(mWrapV)};
@@ -302,8 +303,15 @@ TextureMap::Evaluator::Evaluator(SharedPtr<ImageTexture const> texture, SharedPt
         // looked up at each sample, after the residency test.
         Image const& level = t.getLevel(i);
         mLevels.push_back({selectSampleFunction(level.getFormat(), settings.interpolation, conversion),
-                           LevelShape::of(level.getWidth(), level.getHeight(), level.getFormat()), &level});
+                           LevelShape{level.getWidth(), level.getHeight(), float(level.getWidth()),
+                                      float(level.getHeight()), level.getRowBytes()},
+                           &level,
+                           level.getFormat() == format});
     }
+    mSample = dispatch(format, conversion, settings.interpolation,
+                       []<PixelFormat F, Conversion C, InterpolationMode I>() -> SampleTexture {
+                           return &Evaluator::sampleTexture<F, C, I>;
+                       });
     mTopLevel = float(n - 1);
     // The bump converter's smallest step is STEP_FRACTION times its scale: half a texel of level 0.
     Pixel const size = t.getLevel(0).getResolution();
@@ -321,9 +329,36 @@ inline void TextureMap::Evaluator::requireResident(int level) const {
         readBack(level);
 }
 
-inline Float4 TextureMap::Evaluator::sampleLevel(int level, float u, float v, Addressing addressing) const {
-    Level const& l = mLevels[std::size_t(level)];
-    return l.sample(l.image->getData(), l.shape, u, v, addressing, mConversion);
+template <PixelFormat F, Conversion C, InterpolationMode I>
+Float4 TextureMap::Evaluator::sampleTexture(Evaluator const& e, float u, float v, float du, float dv, bool filtered,
+                                            Addressing addressing) {
+    auto const level = [&](int i) {
+        Level const& l = e.mLevels[std::size_t(i)];
+        if (l.likeFirst) [[likely]]
+            return sample<F, C, I>(l.image->getData(), l.shape, u, v, addressing, e.mConversion);
+        return l.sample(l.image->getData(), l.shape, u, v, addressing, e.mConversion);
+    };
+    if (!filtered) {
+        e.requireResident(0);
+        return level(0);
+    }
+    float w = du < dv ? du : dv;
+    if (!(w >= 1e-8f)) w = 1e-8f;  // NaN too
+    float const lod = log2Approx(Float4(w)).x() + e.mTopLevel;
+    if (lod <= 0.f) {
+        e.requireResident(0);
+        return level(0);
+    }
+    if (lod >= e.mTopLevel) {
+        int const top = int(e.mTopLevel);
+        e.requireResident(top);
+        return level(top);
+    }
+    int const i = int(lod);
+    float const f = lod - float(i);
+    e.requireResident(i);  // makes level i + 1 resident too
+    Float4 const a = level(i);
+    return a + (level(i + 1) - a) * Float4(f);
 }
 
 inline Optional<RgbAlpha> TextureMap::Evaluator::findWrapped(float u, float v, float du, float dv, bool filtered,
@@ -346,32 +381,7 @@ inline Optional<RgbAlpha> TextureMap::Evaluator::findWrapped(float u, float v, f
         }
     }
     // Kernels read inside the level only for coordinates in [0, 1].
-    u = clamp01(u);
-    v = clamp01(v);
-    Float4 c;
-    if (!filtered) {
-        requireResident(0);
-        c = sampleLevel(0, u, v, addressing);
-    } else {
-        float w = du < dv ? du : dv;
-        if (!(w >= 1e-8f)) w = 1e-8f;  // NaN too
-        float const level = log2Approx(Float4(w)).x() + mTopLevel;
-        if (level <= 0.f) {
-            requireResident(0);
-            c = sampleLevel(0, u, v, addressing);
-        } else if (level >= mTopLevel) {
-            int const top = int(mTopLevel);
-            requireResident(top);
-            c = sampleLevel(top, u, v, addressing);
-        } else {
-            int const i = int(level);
-            float const f = level - float(i);
-            requireResident(i);  // makes level i + 1 resident too
-            Float4 const a = sampleLevel(i, u, v, addressing);
-            Float4 const b = sampleLevel(i + 1, u, v, addressing);
-            c = a + (b - a) * Float4(f);
-        }
-    }
+    Float4 c = mSample(*this, clamp01(u), clamp01(v), du, dv, filtered, addressing);
     c = min(c, Float4(std::numeric_limits<float>::infinity(), std::numeric_limits<float>::infinity(),
                       std::numeric_limits<float>::infinity(), 1.f));
     return toRgbAlpha(c);
@@ -429,7 +439,8 @@ inline Optional<RgbAlpha> TextureMap::Evaluator::find(IShadeContext const& conte
     Pos const uvw = mUvMapper->computeUvw(context);
     float u = uvw.x, v = uvw.y;
     if (!wrapAxis(u, mWrapU) || !wrapAxis(v, mWrapV)) return std::nullopt;
-    Dir const footprint = filtered ? mUvMapper->computeDUvw(context) : Dir();
+    Dir footprint;
+    if (filtered) footprint = mFootprintChannel ? context.getDUvw(*mFootprintChannel) : mUvMapper->computeDUvw(context);
     return findWrapped(u, v, footprint.x, footprint.y, filtered, mUvAddressing);
 }
 

@@ -144,18 +144,23 @@ public:
 
 private:
     struct Level {
-        TextureSampling::SampleFunction sample;
+        TextureSampling::SampleFunction sample;  ///< for a level whose format differs from level 0's
         TextureSampling::LevelShape shape;
         Image const* image;
+        bool likeFirst;  ///< of level 0's pixel format
     };
+    /// Level choice, residency and filtering, specialised for level 0's format.
+    using SampleTexture = Float4 (*)(Evaluator const& e, float u, float v, float du, float dv, bool filtered,
+                                     TextureSampling::Addressing addressing);
+    template <PixelFormat F, TextureSampling::Conversion C, InterpolationMode I>
+    FERRIM_TEXTURE_INTERNAL static Float4 sampleTexture(Evaluator const& e, float u, float v, float du, float dv,
+                                                        bool filtered, TextureSampling::Addressing addressing);
 
     // The per-sample path, kept out of the library's exported symbols so that
     // calls inside it are direct and inlined.
     FERRIM_TEXTURE_INTERNAL Optional<RgbAlpha> find(IShadeContext const& context) const;
     FERRIM_TEXTURE_INTERNAL Optional<RgbAlpha> findWrapped(float u, float v, float du, float dv, bool filtered,
                                                            TextureSampling::Addressing addressing) const;
-    FERRIM_TEXTURE_INTERNAL Float4 sampleLevel(int level, float u, float v,
-                                               TextureSampling::Addressing addressing) const;
     /// Makes `level` and coarser levels resident (double-checked under the texture's mutex).
     FERRIM_TEXTURE_INTERNAL void requireResident(int level) const;
     FERRIM_TEXTURE_INTERNAL void readBack(int level) const;
@@ -167,12 +172,15 @@ private:
     Settings mSettings;
     float mGamma = 1.f;
     Stack<Level> mLevels;   ///< empty when the texture has no pixels
+    SampleTexture mSample = nullptr;
     float mTopLevel = 0.f;  ///< n - 1
     TextureSampling::TexelConversion mConversion;
     StaticArray<float, 256> mTable{};  ///< 8-bit table for exponents other than 2.2
     WrapMode mWrapU = WrapMode::Repeat, mWrapV = WrapMode::Repeat;
     TextureSampling::Addressing mUvAddressing;
     float mBumpScale = 1.f;  ///< the bump converter's scale: sets its smallest step
+    /// A UV channel placed as it is: its footprint is the context's, read directly.
+    Optional<int> mFootprintChannel;
 };
 
 } // namespace Quelin

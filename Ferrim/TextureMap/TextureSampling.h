@@ -31,6 +31,7 @@
 
 #include "Ferrim/Export.h"
 #include "QuelinLib/Base.h"
+#include "QuelinLib/Exception.h"
 #include "QuelinLib/ColorMath.h"
 #include "QuelinLib/Float4.h"
 #include "QuelinLibImage/Pixel.h"
@@ -79,14 +80,19 @@ FERRIM_EXPORT StaticArray<float, 256> makeTable8(float power);
 using SampleFunction = Float4 (*)(std::byte const* pixels, LevelShape const& level, float u, float v,
                                   Addressing addressing, TexelConversion const& conversion);
 
-/// The specialised kernel of a format, filter and conversion. Table8 applies to
-/// 8-bit formats only; other formats with Table8 (or a shared-exponent format
-/// asked for anything but None or Power) get None's routine.
+/// The specialised kernel of a format, filter and conversion (see `dispatch`).
 FERRIM_EXPORT SampleFunction selectSampleFunction(PixelFormat format, InterpolationMode mode, Conversion conversion);
 
 // ---------------------------------------------------------------- kernels
 
 namespace Detail {
+
+// Kernels are small and sit in the per-sample loop of their callers: always inlined there.
+#if defined(__GNUC__)
+#define QUELIN_TEXTURE_KERNEL [[gnu::always_inline]] inline
+#else
+#define QUELIN_TEXTURE_KERNEL inline
+#endif
 
 constexpr int channelsOf(PixelFormat f) {
     switch (f) {
@@ -145,7 +151,7 @@ template <PixelFormat F, Conversion C> inline Float4 texel(std::byte const* p, T
             if constexpr (N == 1) raw = Float4(u8(p[0]) * INV255, u8(p[0]) * INV255, u8(p[0]) * INV255, 1.f);
             if constexpr (N == 2) raw = Float4(u8(p[0]) * INV255, u8(p[0]) * INV255, u8(p[0]) * INV255, u8(p[1]) * INV255);
             if constexpr (N == 3) raw = Float4(u8(p[0]) * INV255, u8(p[1]) * INV255, u8(p[2]) * INV255, 1.f);
-            if constexpr (N == 4) raw = Float4(_mm_cvtepi32_ps(_mm_cvtepu8_epi32(_mm_cvtsi32_si128(loadAs<int>(p))))) * Float4(INV255);
+            if constexpr (N == 4) raw = Float4(u8(p[0]), u8(p[1]), u8(p[2]), u8(p[3])) * Float4(INV255);
         }
     } else if constexpr (F == PixelFormat::Mono16 || F == PixelFormat::MonoAlpha16 || F == PixelFormat::Rgb16 ||
                          F == PixelFormat::Rgba16) {
@@ -196,7 +202,7 @@ inline std::byte const* at(std::byte const* pixels, LevelShape const& l, int byt
 }
 
 template <PixelFormat F, Conversion C>
-Float4 sampleNearest(std::byte const* pixels, LevelShape const& l, float u, float v, Addressing,
+QUELIN_TEXTURE_KERNEL Float4 sampleNearest(std::byte const* pixels, LevelShape const& l, float u, float v, Addressing,
                      TexelConversion const& cv) {
     int x = int(u * l.widthF), y = int((1.f - v) * l.heightF);
     x = x < l.width ? x : l.width - 1;
@@ -205,7 +211,7 @@ Float4 sampleNearest(std::byte const* pixels, LevelShape const& l, float u, floa
 }
 
 template <PixelFormat F, Conversion C>
-Float4 sampleBilinear(std::byte const* pixels, LevelShape const& l, float u, float v, Addressing a,
+QUELIN_TEXTURE_KERNEL Float4 sampleBilinear(std::byte const* pixels, LevelShape const& l, float u, float v, Addressing a,
                       TexelConversion const& cv) {
     // u in [0, 1] puts x in [-0.5, n - 0.5]: only the first tap can fall
     // before the border and only the second beyond it.
@@ -263,17 +269,58 @@ Float4 sampleBicubic(std::byte const* pixels, LevelShape const& l, float u, floa
     return sum;
 }
 
-template <PixelFormat F, Conversion C>
-constexpr SampleFunction kernelFor(InterpolationMode mode) {
-    switch (mode) {
-    case InterpolationMode::Nearest: return &sampleNearest<F, C>;
-    case InterpolationMode::Bicubic: return &sampleBicubic<F, C>;
-    case InterpolationMode::Bilinear: break;
-    }
-    return &sampleBilinear<F, C>;
+constexpr bool isEightBit(PixelFormat f) {
+    return f == PixelFormat::Mono8 || f == PixelFormat::MonoAlpha8 || f == PixelFormat::Rgb8 || f == PixelFormat::Rgba8;
 }
 
 } // namespace Detail
+
+/// The kernel of a format, conversion and filter, chosen at compile time.
+template <PixelFormat F, Conversion C, InterpolationMode I>
+QUELIN_TEXTURE_KERNEL Float4 sample(std::byte const* pixels, LevelShape const& level, float u, float v, Addressing addressing,
+              TexelConversion const& conversion) {
+    if constexpr (I == InterpolationMode::Nearest) return Detail::sampleNearest<F, C>(pixels, level, u, v, addressing, conversion);
+    else if constexpr (I == InterpolationMode::Bicubic) return Detail::sampleBicubic<F, C>(pixels, level, u, v, addressing, conversion);
+    else return Detail::sampleBilinear<F, C>(pixels, level, u, v, addressing, conversion);
+}
+
+/// Turns a format, conversion and filter known at run time into template
+/// arguments: returns visit.template operator()<F, C, I>(). Table8 applies to
+/// 8-bit formats only (None for the others); an unknown format is an internal stop.
+template <typename Visitor>
+auto dispatch(PixelFormat format, Conversion conversion, InterpolationMode mode, Visitor&& visit) {
+    auto const byMode = [&]<PixelFormat F, Conversion C>() {
+        switch (mode) {
+        case InterpolationMode::Nearest: return visit.template operator()<F, C, InterpolationMode::Nearest>();
+        case InterpolationMode::Bicubic: return visit.template operator()<F, C, InterpolationMode::Bicubic>();
+        case InterpolationMode::Bilinear: break;
+        }
+        return visit.template operator()<F, C, InterpolationMode::Bilinear>();
+    };
+    auto const byConversion = [&]<PixelFormat F>() {
+        if constexpr (Detail::isEightBit(F))
+            if (conversion == Conversion::Table8) return byMode.template operator()<F, Conversion::Table8>();
+        if (conversion == Conversion::Power) return byMode.template operator()<F, Conversion::Power>();
+        return byMode.template operator()<F, Conversion::None>();
+    };
+    switch (format) {
+    case PixelFormat::Mono8: return byConversion.template operator()<PixelFormat::Mono8>();
+    case PixelFormat::Mono16: return byConversion.template operator()<PixelFormat::Mono16>();
+    case PixelFormat::MonoFloat: return byConversion.template operator()<PixelFormat::MonoFloat>();
+    case PixelFormat::MonoAlpha8: return byConversion.template operator()<PixelFormat::MonoAlpha8>();
+    case PixelFormat::MonoAlpha16: return byConversion.template operator()<PixelFormat::MonoAlpha16>();
+    case PixelFormat::MonoAlphaFloat: return byConversion.template operator()<PixelFormat::MonoAlphaFloat>();
+    case PixelFormat::Rgb8: return byConversion.template operator()<PixelFormat::Rgb8>();
+    case PixelFormat::Rgb16: return byConversion.template operator()<PixelFormat::Rgb16>();
+    case PixelFormat::RgbFloat: return byConversion.template operator()<PixelFormat::RgbFloat>();
+    case PixelFormat::Rgba8: return byConversion.template operator()<PixelFormat::Rgba8>();
+    case PixelFormat::Rgba16: return byConversion.template operator()<PixelFormat::Rgba16>();
+    case PixelFormat::RgbaFloat: return byConversion.template operator()<PixelFormat::RgbaFloat>();
+    case PixelFormat::Rgbe: return byConversion.template operator()<PixelFormat::Rgbe>();
+    case PixelFormat::MonoWithExp: return byConversion.template operator()<PixelFormat::MonoWithExp>();
+    }
+    Quelin::Detail::throwStopException("TextureMap/TextureSampling", __LINE__);
+}
 
 } // namespace TextureSampling
 } // namespace Quelin
