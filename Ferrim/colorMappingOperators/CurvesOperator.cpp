@@ -209,9 +209,9 @@ Rgb CurvesOperator::mapImpl(Rgb const& color, Pixel) const {
     return {mChannel[0].evaluate(color.r), mChannel[1].evaluate(color.g), mChannel[2].evaluate(color.b)};
 }
 
-void CurvesOperator::mapImpl(std::span<Rgb> pixels, Pixel, Pixel) const {
+void CurvesOperator::mapImpl(std::span<Rgb> pixels, Pixel, Pixel extent) const {
     if (isNeutral()) return;
-    for (Rgb& p : pixels) p = Rgb(mChannel[0].evaluate(p.r), mChannel[1].evaluate(p.g), mChannel[2].evaluate(p.b));
+    for (Rgb& p : pixels.first(bucketSize(pixels.size(), extent))) p = Rgb(mChannel[0].evaluate(p.r), mChannel[1].evaluate(p.g), mChannel[2].evaluate(p.b));
 }
 
 Rgb CurvesOperator::unmapImpl(Rgb const& color, Flags<ColorMappingExclude> exclude) const {

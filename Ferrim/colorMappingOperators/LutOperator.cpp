@@ -108,8 +108,9 @@ Rgb LutOperator::mapImpl(Rgb const& color, Pixel) const {
     return apply(color);
 }
 
-void LutOperator::mapImpl(std::span<Rgb> pixels, Pixel, Pixel) const {
+void LutOperator::mapImpl(std::span<Rgb> row, Pixel, Pixel extent) const {
     if (isNeutral() || !mLut) return;
+    std::span<Rgb> const pixels = row.first(bucketSize(row.size(), extent));
     static_assert(sizeof(Rgb) == 3 * sizeof(float), "Rgb rows are read as packed floats");
     if (!mInSrgb && mOpacity >= 1.f && !mLut->lut1d && mLut->lut3d) {
         // The plain case: the table straight over the packed row.

@@ -49,7 +49,7 @@ def test_properties_take_values_as_the_library_validates_them(name, value, expec
 
 @pytest.mark.parametrize("name, value, message", [
     ("size", -1.0, r'"size": value -1 is below the minimum'),
-    ("size", "big", r'"size" expects a number'),
+    ("size", "big", r'property "size": "big" is not a number'),
     ("type", "WAVY", r'"WAVY" is not one of "REGULAR", "FRACTAL"'),
     ("color1", {"colour": [1, 0, 0]}, r'has no property "colour"'),
     ("sise", 1.0, r'"Zatho.NoiseMap" has no property "sise"'),
