@@ -12,12 +12,7 @@ using namespace Quelin;
 
 namespace {
 
-class ColorMappingTest : public Testing::LibraryFixture {
-protected:
-    static GenericDataObject record(StringView type) {
-        return GenericDataObject(ColorMappingOperatorFactory::getInstance().findDescriptor(type)->definition);
-    }
-};
+using ColorMappingTest = Testing::LibraryFixture;
 
 Stack<Rgb> frame(int count, float hi) {
     std::mt19937 rng(3);
@@ -38,7 +33,8 @@ TEST_F(ColorMappingTest, ChainsEndInLinearAndInDisplayEncoding) {
     EXPECT_EQ(mapping.getDisplayChain()->getPredecessor(), pipeline);
     EXPECT_EQ(mapping.getAppliedChain(), mapping.getDisplayChain());
     // One ending in sRGB is decoded, then encoded again.
-    auto const srgb = createPipeline({record("Zatho.CurvesOperator")});
+    auto const& curves = ColorMappingOperatorFactory::getInstance().findDescriptor("Zatho.CurvesOperator")->definition;
+    auto const srgb = createPipeline({GenericDataObject(curves)});
     mapping.setPipeline(srgb);
     EXPECT_EQ(mapping.getLinearChain()->getClassName(), "Zatho.SrgbToLinearOperator");
     EXPECT_EQ(mapping.getLinearChain()->getPredecessor(), srgb);

@@ -26,49 +26,37 @@ Ferrim::HookRegistrar const sObjects(Ferrim::Hook{
     nullptr, makeSharedPtr<Function<void()>>([] { journal().push_back("objects+"); }), nullptr,
     makeSharedPtr<Function<void()>>([] { journal().push_back("objects-"); }), "Test objects"});
 
-class LifecycleTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        ASSERT_FALSE(Ferrim::isStarted()) << "another test left the library started";
-        journal().clear();
-    }
-};
-
-TEST_F(LifecycleTest, NestedStartupsCountHooksRunOnceInOrderAndAgainOnRestart) {
+TEST(LifecycleTest, HooksAndTypesLiveFromTheFirstStartupToTheLastShutdown) {
+    ASSERT_FALSE(Ferrim::isStarted()) << "another test left the library started";
+    journal().clear(); // other tests' start-ups ran the hooks too
+    EXPECT_FALSE(EntityDatabase::isRegistered("Zatho.UvMapper"));
     Ferrim::startup();
     Ferrim::startup();
     EXPECT_TRUE(Ferrim::isStarted());
     EXPECT_FALSE(Ferrim::isInTransition());
     EXPECT_EQ(journal(), (Stack<String>{"first+", "startOnly+", "objects+"}));
-    Ferrim::shutdown();
-    EXPECT_TRUE(Ferrim::isStarted());
-    EXPECT_EQ(journal().size(), 3u) << "no shut-down before the last one";
-    Ferrim::shutdown();
-    EXPECT_FALSE(Ferrim::isStarted());
-    EXPECT_FALSE(Ferrim::isInTransition());
-    // Reverse order; the hook without a shut-down is skipped.
-    EXPECT_EQ(journal(), (Stack<String>{"first+", "startOnly+", "objects+", "objects-", "first-"}));
-    Ferrim::startup();
-    Ferrim::shutdown();
-    EXPECT_EQ(std::count(journal().begin(), journal().end(), "first+"), 2);
-    EXPECT_EQ(std::count(journal().begin(), journal().end(), "first-"), 2);
-}
-
-TEST_F(LifecycleTest, TypesLiveBetweenFirstStartupAndLastShutdown) {
-    EXPECT_FALSE(EntityDatabase::isRegistered("Zatho.UvMapper"));
-    Ferrim::startup();
     for (StringView name : {"Zatho.ConstantColorMap", "Zatho.UnsupportedMap", "Zatho.UvMapper"}) {
         EXPECT_TRUE(EntityDatabase::isRegistered(name)) << name;
         EXPECT_TRUE(DataObjects::TypeDatabase::findType(name)) << name;
     }
     EXPECT_TRUE(std::dynamic_pointer_cast<UvMapper>(EntityDatabase::create("Zatho.UvMapper")));
-    Ferrim::startup();
     Ferrim::shutdown();
+    EXPECT_TRUE(Ferrim::isStarted());
+    EXPECT_EQ(journal().size(), 3u) << "no shut-down before the last one";
     EXPECT_TRUE(EntityDatabase::isRegistered("Zatho.UvMapper")) << "still started once";
     Ferrim::shutdown();
+    EXPECT_FALSE(Ferrim::isStarted());
+    EXPECT_FALSE(Ferrim::isInTransition());
+    // Reverse order; the hook without a shut-down is skipped.
+    EXPECT_EQ(journal(), (Stack<String>{"first+", "startOnly+", "objects+", "objects-", "first-"}));
     EXPECT_FALSE(EntityDatabase::isRegistered("Zatho.UvMapper"));
     EXPECT_FALSE(DataObjects::TypeDatabase::findType("Zatho.ColorOrMap"));
     EXPECT_FALSE(EntityDatabase::create("Zatho.ConstantColorMap"));
+    // A restart runs the hooks again.
+    Ferrim::startup();
+    Ferrim::shutdown();
+    EXPECT_EQ(std::count(journal().begin(), journal().end(), "first+"), 2);
+    EXPECT_EQ(std::count(journal().begin(), journal().end(), "first-"), 2);
 }
 
 } // namespace

@@ -22,13 +22,11 @@ struct ValueContext : NullShadeContext {
 // A map that is not constant: it answers what the context carries.
 class VaryingMap : public IMap {
 public:
-    struct Data {
-        static SharedPtr<DataObjectDefinition const> const& definition() {
-            static SharedPtr<DataObjectDefinition const> const sDef = ShadingDataObjectBuilder().build("Zatho.TestVaryingMap");
-            return sDef;
-        }
-    };
-    VaryingMap() : IMap(Data::definition()) {}
+    VaryingMap() : IMap(record()) {}
+    static SharedPtr<DataObjectDefinition const> const& record() {
+        static auto const sDef = ShadingDataObjectBuilder().build("Zatho.TestVaryingMap");
+        return sDef;
+    }
     SharedPtr<Entity> createNewInstance() const override { return makeSharedPtr<VaryingMap>(); }
     OptimizedResult getEvaluatorImpl() const override {
         struct Eval : IMapEvaluator {
@@ -52,13 +50,11 @@ MaterialMapSlot makeSlot(Interpolation mode, float base, EntityHolder<IMap> map,
     return MaterialMapSlot(Rgb(base), map, true, Rgb(1, 1, 1), 1.f, mode, k);
 }
 
+// Expected: plain from evalColor and evalMono, working clamped below at 0, clamped to [0, 1].
 struct BlendCase {
     char const* name;
     Interpolation mode;
-    float base, map, alpha, k;
-    float plain;    // evalColor and evalMono
-    float working;  // clamped below at 0
-    float clamped;  // clamped to [0, 1]
+    float base, map, alpha, k, plain, working, clamped;
 };
 
 class SlotBlendTest : public ::testing::TestWithParam<BlendCase> {};
@@ -273,22 +269,16 @@ TEST_F(SlotJsonTest, RoundTripThroughText) {
 
 TEST_F(SlotJsonTest, ErrorsNameTheKeyAndChangeNothing) {
     MaterialMapSlot const original(Rgb(0.1f, 0.2f, 0.3f), {}, true, Rgb(1, 1, 1), 1.f, Interpolation::Mix, 0.5f);
-    struct Bad {
-        char const* text;
-        char const* key;
-    };
-    for (Bad const bad : {Bad{R"({"mapTint": "red"})", "mapTint"},
-                          Bad{R"({"color": [1, 2]})", "color"},
-                          Bad{R"({"mapOn": 1})", "mapOn"},
-                          Bad{R"({"interpolationMode": "Blend"})", "interpolationMode"},
-                          Bad{R"({"interpolationMode": 7})", "interpolationMode"},
-                          Bad{R"({"map": {"@class": "Zatho.NoSuchMap"}})", "map"},
-                          Bad{R"({"intensityMultiplier": 2, "colour": [1, 1, 1]})", "colour"}}) {
+    for (auto const& [text, key] :
+         {std::pair{R"({"mapTint": "red"})", "mapTint"}, {R"({"color": [1, 2]})", "color"},
+          {R"({"mapOn": 1})", "mapOn"}, {R"({"interpolationMode": "Blend"})", "interpolationMode"},
+          {R"({"interpolationMode": 7})", "interpolationMode"}, {R"({"map": {"@class": "Zatho.NoSuchMap"}})", "map"},
+          {R"({"intensityMultiplier": 2, "colour": [1, 1, 1]})", "colour"}}) {
         MaterialMapSlot slot = original;
-        auto const r = fromJson(nlohmann::json::parse(bad.text), slot);
-        ASSERT_FALSE(r) << bad.text;
-        EXPECT_NE(r.error().find(bad.key), String::npos) << r.error();
-        EXPECT_TRUE(slot == original) << bad.text;
+        auto const r = fromJson(nlohmann::json::parse(text), slot);
+        ASSERT_FALSE(r) << text;
+        EXPECT_NE(r.error().find(key), String::npos) << r.error();
+        EXPECT_TRUE(slot == original) << text;
         EXPECT_EQ(slot.getBaseColor(), original.getBaseColor());
     }
     MaterialMapSlot slot = original;

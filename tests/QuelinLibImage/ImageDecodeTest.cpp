@@ -4,96 +4,74 @@
 #include <gtest/gtest.h>
 #include <random>
 
+#include "QuelinLibImage/ImageLimits.h"
 #include "TestSupport/TempFolderTest.h"
 
 using namespace Quelin;
-namespace fs = std::filesystem;
 
 namespace {
 
 Io::Path const PNG_DIR = Io::Path(FERRIM_TESTDATA_DIR) / "png";
 Io::Path const EXR_DIR = Io::Path(FERRIM_TESTDATA_DIR) / "exr";
 
+Image decode(Io::InputStream& stream, ImageFormat format) {
+    TaskProgress progress;
+    return makeImage(stream, format, progress);
+}
+
 Image decodeFile(Io::Path const& path, ImageFormat format) {
     auto stream = Io::FileInputStream::open(path);
     if (!stream)
         throw Exception(stream.error());
-    TaskProgress progress;
-    return makeImage(**stream, format, progress);
+    return decode(**stream, format);
 }
 
-String readBytes(Io::Path const& path) {
-    std::ifstream in(path, std::ios::binary);
-    return String(std::istreambuf_iterator<char>(in), {});
+/// The text of the exception `f` throws, or "no error".
+template <typename F> String errorOf(F&& f) {
+    try {
+        f();
+    } catch (Exception const& e) {
+        return e.what();
+    }
+    return "no error";
 }
 
-struct ContentTypeCase {
-    char const* type;
-    ImageFormat format;
-};
-
-class ContentTypeTest : public ::testing::TestWithParam<ContentTypeCase> {};
-
-TEST_P(ContentTypeTest, MapsMimeTypesAndExtensions) {
-    EXPECT_EQ(getImageFormatFromContentType(GetParam().type), GetParam().format) << GetParam().type;
-}
-
-INSTANTIATE_TEST_SUITE_P(Formats, ContentTypeTest,
-                         ::testing::Values(ContentTypeCase{"image/x-exr", ImageFormat::Exr}, ContentTypeCase{".EXR", ImageFormat::Exr},
-                                           ContentTypeCase{"image/vnd.radiance", ImageFormat::Hdr},
-                                           ContentTypeCase{"hdr", ImageFormat::Hdr}, ContentTypeCase{"image/png", ImageFormat::Png},
-                                           ContentTypeCase{"IMAGE/PNG; charset=binary", ImageFormat::Png},
-                                           ContentTypeCase{"image/jpeg", ImageFormat::Jpeg}, ContentTypeCase{"jpg", ImageFormat::Jpeg},
-                                           ContentTypeCase{"image/tiff", ImageFormat::Tiff}, ContentTypeCase{"tif", ImageFormat::Tiff},
-                                           ContentTypeCase{"image/x-tga", ImageFormat::Tga}, ContentTypeCase{"tga", ImageFormat::Tga},
-                                           ContentTypeCase{"image/bmp", ImageFormat::Bmp}, ContentTypeCase{".bmp", ImageFormat::Bmp}));
-
-TEST(ContentTypeErrorTest, UnknownAndEmptyTypesThrowNamingTheSource) {
+TEST(ContentTypeTest, MapsMimeTypesAndExtensionsAndRefusesOthersNamingTheSource) {
+    for (auto const& [type, format] :
+         {std::pair{"image/x-exr", ImageFormat::Exr}, {".EXR", ImageFormat::Exr}, {"hdr", ImageFormat::Hdr},
+          {"image/vnd.radiance", ImageFormat::Hdr}, {"image/png", ImageFormat::Png}, {"jpg", ImageFormat::Jpeg},
+          {"IMAGE/PNG; charset=binary", ImageFormat::Png}, {"image/jpeg", ImageFormat::Jpeg},
+          {"image/tiff", ImageFormat::Tiff}, {"tif", ImageFormat::Tiff}, {"image/x-tga", ImageFormat::Tga},
+          {"tga", ImageFormat::Tga}, {"image/bmp", ImageFormat::Bmp}, {".bmp", ImageFormat::Bmp}})
+        EXPECT_EQ(getImageFormatFromContentType(type), format) << type;
     for (StringView type : {"image/gif", "", "png2", "application/octet-stream"}) {
-        try {
-            getImageFormatFromContentType(type, "/data/a.img");
-            ADD_FAILURE() << "accepted \"" << type << "\"";
-        } catch (Exception const& e) {
-            EXPECT_NE(String(e.what()).find("/data/a.img"), String::npos) << e.what();
-        }
+        String const error = errorOf([&] { getImageFormatFromContentType(type, "/data/a.img"); });
+        EXPECT_NE(error.find("/data/a.img"), String::npos) << "\"" << type << "\": " << error;
     }
 }
 
-struct PngCase {
-    char const* file;
-    PixelFormat format;
-};
-
-class PngSuiteTest : public ::testing::TestWithParam<PngCase> {};
-
 // Every bit depth and colour type lands on the matching pixel format; palette
 // and low bit depths widen to 8 bits.
-TEST_P(PngSuiteTest, DecodesToTheFilesPixelFormat) {
-    Image const image = decodeFile(PNG_DIR / GetParam().file, ImageFormat::Png);
-    EXPECT_EQ(image.getFormat(), GetParam().format) << getPixelFormatName(image.getFormat());
-    EXPECT_EQ(image.getResolution(), (Pixel{32, 32}));
-}
-
-INSTANTIATE_TEST_SUITE_P(Suite, PngSuiteTest,
-                         ::testing::Values(PngCase{"basn0g01.png", PixelFormat::Mono8}, PngCase{"basn0g08.png", PixelFormat::Mono8},
-                                           PngCase{"basn0g16.png", PixelFormat::Mono16}, PngCase{"basn2c08.png", PixelFormat::Rgb8},
-                                           PngCase{"basn2c16.png", PixelFormat::Rgb16}, PngCase{"basn3p04.png", PixelFormat::Rgb8},
-                                           PngCase{"basn4a08.png", PixelFormat::MonoAlpha8},
-                                           PngCase{"basn4a16.png", PixelFormat::MonoAlpha16},
-                                           PngCase{"basn6a08.png", PixelFormat::Rgba8}, PngCase{"basn6a16.png", PixelFormat::Rgba16},
-                                           PngCase{"ibasn6a08.png", PixelFormat::Rgba8}));
-
-TEST(PngSuiteValuesTest, GreyRampAndStraightAlphaAreKeptAsStored) {
-    // basn0g08: grey ramp, value x + y over the 32 x 32 image (mod 256).
+TEST(PngSuiteTest, DecodesToTheFilesPixelFormatKeepingValuesAsStored) {
+    for (auto const& [file, format] :
+         {std::pair{"basn0g01.png", PixelFormat::Mono8}, {"basn0g08.png", PixelFormat::Mono8},
+          {"basn0g16.png", PixelFormat::Mono16}, {"basn2c08.png", PixelFormat::Rgb8},
+          {"basn2c16.png", PixelFormat::Rgb16}, {"basn3p04.png", PixelFormat::Rgb8},
+          {"basn4a08.png", PixelFormat::MonoAlpha8}, {"basn4a16.png", PixelFormat::MonoAlpha16},
+          {"basn6a08.png", PixelFormat::Rgba8}, {"basn6a16.png", PixelFormat::Rgba16},
+          {"ibasn6a08.png", PixelFormat::Rgba8}}) {
+        Image const image = decodeFile(PNG_DIR / file, ImageFormat::Png);
+        EXPECT_EQ(image.getFormat(), format) << file << ": " << getPixelFormatName(image.getFormat());
+        EXPECT_EQ(image.getResolution(), (Pixel{32, 32})) << file;
+    }
+    // basn0g08: a grey ramp, x + y.
     Image const grey = decodeFile(PNG_DIR / "basn0g08.png", ImageFormat::Png);
     EXPECT_EQ(grey.getPixel<PixelMono8>(0, 0).value, 0);
     EXPECT_EQ(grey.getPixel<PixelMono8>(31, 0).value, 31);
     // A transparent pixel keeps its colour: the decoder must not premultiply.
     Image const rgba = decodeFile(PNG_DIR / "basn6a08.png", ImageFormat::Png);
-    bool foundColourUnderZeroAlpha = false;
-    for (auto const& p : rgba.getPixels<PixelRgba8>())
-        foundColourUnderZeroAlpha |= p.a == 0 && (p.r | p.g | p.b) != 0;
-    EXPECT_TRUE(foundColourUnderZeroAlpha);
+    auto const pixels = rgba.getPixels<PixelRgba8>();
+    EXPECT_TRUE(std::any_of(pixels.begin(), pixels.end(), [](auto& p) { return p.a == 0 && (p.r | p.g | p.b) != 0; }));
 }
 
 TEST(ExrDecodeTest, HalfChannelsWidenToFloatAndMipChainsComeFromTheFile) {
@@ -144,16 +122,13 @@ TEST_F(DecodeRoundTripTest, LosslessFormatsFromFileAndMemory) {
         Image const original = randomImage(c.pixels, {13, 7}, 42);
         Io::Path const path = mFolder / (String("image.") + c.extension);
         ASSERT_TRUE(writeImage(original, path, {c.channelType, {}}));
-        Image const fromFile = decodeFile(path, c.format);
-        ASSERT_EQ(fromFile.getDescriptor(), original.getDescriptor());
-        EXPECT_EQ(0, std::memcmp(fromFile.getData(), original.getData(), std::size_t(original.getByteSize())));
-
-        String const bytes = readBytes(path);
+        std::ifstream file(path, std::ios::binary);
+        String const bytes(std::istreambuf_iterator<char>(file), {});
         Io::MemoryInputStream memory(bytes.data(), bytes.size());
-        TaskProgress progress;
-        Image const fromMemory = makeImage(memory, c.format, progress);
-        ASSERT_EQ(fromMemory.getDescriptor(), original.getDescriptor());
-        EXPECT_EQ(0, std::memcmp(fromMemory.getData(), original.getData(), std::size_t(original.getByteSize())));
+        for (Image const& decoded : {decodeFile(path, c.format), decode(memory, c.format)}) {
+            ASSERT_EQ(decoded.getDescriptor(), original.getDescriptor());
+            EXPECT_EQ(0, std::memcmp(decoded.getData(), original.getData(), std::size_t(original.getByteSize())));
+        }
     }
 }
 
@@ -179,45 +154,33 @@ TEST_F(DecodeRoundTripTest, RadianceFilesKeepSharedExponentPixels) {
 TEST_F(DecodeRoundTripTest, AFileOfAnotherFormatIsAOneLineErrorNamingIt) {
     Io::Path const path = mFolder / "not-really.exr";
     ASSERT_TRUE(writeImage(randomImage(PixelFormat::Rgb8, {4, 4}, 1), mFolder / "real.png"));
-    fs::copy_file(mFolder / "real.png", path);
-    try {
-        decodeFile(path, ImageFormat::Exr);
-        FAIL() << "a PNG decoded as EXR";
-    } catch (Exception const& e) {
-        String const text = e.what();
-        EXPECT_NE(text.find(Io::pathToUtf8(path)), String::npos) << text;
-        EXPECT_EQ(text.find('\n'), String::npos) << text;
-    }
+    std::filesystem::copy_file(mFolder / "real.png", path);
+    String const error = errorOf([&] { decodeFile(path, ImageFormat::Exr); });
+    EXPECT_NE(error.find(Io::pathToUtf8(path)), String::npos) << error;
+    EXPECT_EQ(error.find('\n'), String::npos) << error;
 }
 
 // A PNG header claiming a huge image is refused from the header alone.
 TEST(ImageLimitsTest, OversizedHeaderIsRefusedBeforeAllocating) {
-    auto const crc32 = [](char const* data, std::size_t size) {
+    auto const crc32 = [](String const& data) {
         std::uint32_t c = 0xFFFFFFFFu;
-        for (std::size_t i = 0; i < size; ++i) {
-            c ^= std::uint8_t(data[i]);
+        for (char const byte : data) {
+            c ^= std::uint8_t(byte);
             for (int k = 0; k < 8; ++k) c = (c >> 1) ^ (0xEDB88320u & (0u - (c & 1u)));
         }
         return ~c;
     };
-    auto const bigEndian = [](std::uint32_t v) {
-        return String{char(v >> 24), char(v >> 16), char(v >> 8), char(v)};
-    };
+    auto const bigEndian = [](std::uint32_t v) { return String{char(v >> 24), char(v >> 16), char(v >> 8), char(v)}; };
     auto const chunk = [&](String const& typeAndData) {
-        return bigEndian(std::uint32_t(typeAndData.size() - 4)) + typeAndData + bigEndian(crc32(typeAndData.data(), typeAndData.size()));
+        return bigEndian(std::uint32_t(typeAndData.size() - 4)) + typeAndData + bigEndian(crc32(typeAndData));
     };
     // 200000 x 100000 RGBA 8-bit: 80 GB if anyone believed it. The data is an empty zlib stream.
     String const png = "\x89PNG\r\n\x1a\n" + chunk("IHDR" + bigEndian(200000) + bigEndian(100000) + String{8, 6, 0, 0, 0}) +
                        chunk(String("IDAT\x78\x9c\x03\x00\x00\x00\x00\x01", 12)) + chunk("IEND");
     Io::MemoryInputStream stream(png.data(), png.size(), "huge.png");
-    TaskProgress progress;
-    try {
-        makeImage(stream, ImageFormat::Png, progress);
-        FAIL() << "decoded an 80 GB image";
-    } catch (Exception const& e) {
-        EXPECT_NE(String(e.what()).find("huge.png"), String::npos) << e.what();
-        EXPECT_NE(String(e.what()).find("200000 x 100000"), String::npos) << e.what();
-    }
+    String const error = errorOf([&] { decode(stream, ImageFormat::Png); });
+    EXPECT_NE(error.find("huge.png"), String::npos) << error;
+    EXPECT_NE(error.find("200000 x 100000"), String::npos) << error;
 }
 
 TEST(ImageLimitsTest, BoundsPerSideAndPerImage) {
@@ -229,6 +192,34 @@ TEST(ImageLimitsTest, BoundsPerSideAndPerImage) {
     auto const tooBig = checkImageSize(32768, 32768, PixelFormat::RgbaFloat, "big.exr");
     ASSERT_FALSE(tooBig);
     EXPECT_NE(tooBig.error().find("big.exr"), String::npos);
+}
+
+TEST(ImageLimitsTest, DeclaredSizesBeyondTheLimitsOrTheFileAreRefused) {
+    struct Case {
+        DeclaredImageSize size;
+        char const* problem; ///< nullptr: accepted
+    };
+    std::int64_t const mib = 1 << 20;
+    for (Case const& c : {
+             Case{{1920, 1080, 4, 2, 12 * mib}, nullptr},
+             Case{{16384, 16384, 4, 4, std::nullopt}, nullptr}, // the largest, file size unknown
+             Case{{2048, 2048, 4, 2, 1000}, nullptr},           // 32 MiB of blank image in a small file
+             Case{{0, 10, 3, 1, std::nullopt}, "empty"},
+             Case{{65537, 1, 3, 1, std::nullopt}, "per side"},
+             Case{{16384, 16385, 1, 1, std::nullopt}, "268435456 pixels"},
+             Case{{4096, 4096, 65, 1, std::nullopt}, "channels"},
+             Case{{16384, 16384, 8, 4, std::nullopt}, "bytes"},     // 8 GiB of float channels
+             Case{{8192, 8192, 4, 2, 779}, "the file's 779 bytes"}, // 512 MiB from a 779-byte file
+         }) {
+        auto const r = checkDeclaredImageSize("\"in.exr\"", c.size);
+        if (!c.problem) {
+            EXPECT_TRUE(r) << r.error();
+            continue;
+        }
+        ASSERT_FALSE(r) << c.problem;
+        EXPECT_EQ(r.error().rfind("\"in.exr\": ", 0), 0u) << r.error();
+        EXPECT_NE(r.error().find(c.problem), String::npos) << r.error();
+    }
 }
 
 } // namespace

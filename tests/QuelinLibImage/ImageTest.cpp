@@ -8,7 +8,6 @@
 #include "TestSupport/TempFolderTest.h"
 
 using namespace Quelin;
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -27,12 +26,12 @@ template <typename T> T littleEndian(Stack<std::uint8_t> const& bytes, std::size
     return value;
 }
 
-/// The parts of an EXR header the tests look at.
+/// The channel types of an EXR header (0 uint, 1 half, 2 float), its
+/// compression and the first byte after it.
 struct ExrHeader {
-    std::map<String, int> channelTypes; // 0 uint, 1 half, 2 float
-    int width = 0, height = 0;
+    std::map<String, int> channelTypes;
     int compression = -1;
-    std::size_t end = 0; // first byte after the header
+    std::size_t end = 0;
 };
 
 ExrHeader parseExrHeader(Stack<std::uint8_t> const& bytes) {
@@ -49,23 +48,18 @@ ExrHeader parseExrHeader(Stack<std::uint8_t> const& bytes) {
         String const name = readString();
         if (name.empty())
             break;
-        String const type = readString();
-        auto const size = std::size_t(littleEndian<std::int32_t>(bytes, at));
+        readString(); // the attribute type
+        std::size_t const valueEnd = at + 4 + std::size_t(littleEndian<std::int32_t>(bytes, at));
         at += 4;
-        std::size_t const valueStart = at;
-        if (name == "channels") {
+        if (name == "channels")
             while (bytes[at] != 0) {
                 String const channel = readString();
                 header.channelTypes[channel] = littleEndian<std::int32_t>(bytes, at);
                 at += 16;
             }
-        } else if (name == "dataWindow") {
-            header.width = littleEndian<std::int32_t>(bytes, at + 8) - littleEndian<std::int32_t>(bytes, at) + 1;
-            header.height = littleEndian<std::int32_t>(bytes, at + 12) - littleEndian<std::int32_t>(bytes, at + 4) + 1;
-        } else if (name == "compression") {
+        else if (name == "compression")
             header.compression = bytes[at];
-        }
-        at = valueStart + size;
+        at = valueEnd;
     }
     header.end = at;
     return header;
@@ -162,36 +156,32 @@ TEST(PixelRgbeTest, SharedExponentKeepsRelativePrecision) {
 
 // ------------------------------------------------------------ writing
 
-struct PngCase {
-    PixelFormat format;
-    FileChannelType request;
-    int bitDepth;
-    int colourType; // PNG: 0 grey, 2 RGB, 4 grey+alpha, 6 RGBA
-};
-
-class PngWriteTest : public ImageFileTest, public testing::WithParamInterface<PngCase> {};
-
-TEST_P(PngWriteTest, WritesTheDepthAndChannels) {
-    Io::Path const path = mFolder / "out.png";
-    auto const written = writeImage(makeImage(GetParam().format), path, {GetParam().request, ""});
-    ASSERT_TRUE(written) << written.error();
-    auto const bytes = readFile(path);
-    ASSERT_GT(bytes.size(), 33u);
-    EXPECT_EQ(String(bytes.begin(), bytes.begin() + 4), "\x89PNG");
-    EXPECT_EQ(String(bytes.begin() + 12, bytes.begin() + 16), "IHDR");
-    EXPECT_EQ(bigEndian32(bytes.data() + 16), 5u);
-    EXPECT_EQ(bigEndian32(bytes.data() + 20), 3u);
-    EXPECT_EQ(bytes[24], GetParam().bitDepth);
-    EXPECT_EQ(bytes[25], GetParam().colourType);
+TEST_F(ImageFileTest, PngWritesTheDepthAndChannels) {
+    struct Case {
+        PixelFormat format;
+        FileChannelType request;
+        int bitDepth, colourType; // PNG: 0 grey, 2 RGB, 4 grey+alpha, 6 RGBA
+    };
+    for (Case const& c : {Case{PixelFormat::Mono8, FileChannelType::Auto, 8, 0},
+                          Case{PixelFormat::MonoAlpha16, FileChannelType::Auto, 16, 4},
+                          Case{PixelFormat::Rgb8, FileChannelType::Auto, 8, 2},
+                          Case{PixelFormat::Rgba16, FileChannelType::UInt8, 8, 6},
+                          Case{PixelFormat::RgbaFloat, FileChannelType::Auto, 16, 6},
+                          Case{PixelFormat::Rgbe, FileChannelType::Auto, 16, 2}}) {
+        SCOPED_TRACE(getPixelFormatName(c.format));
+        Io::Path const path = mFolder / "out.png";
+        auto const written = writeImage(makeImage(c.format), path, {c.request, ""});
+        ASSERT_TRUE(written) << written.error();
+        auto const bytes = readFile(path);
+        ASSERT_GT(bytes.size(), 33u);
+        EXPECT_EQ(String(bytes.begin(), bytes.begin() + 4), "\x89PNG");
+        EXPECT_EQ(String(bytes.begin() + 12, bytes.begin() + 16), "IHDR");
+        EXPECT_EQ(bigEndian32(bytes.data() + 16), 5u);
+        EXPECT_EQ(bigEndian32(bytes.data() + 20), 3u);
+        EXPECT_EQ(bytes[24], c.bitDepth);
+        EXPECT_EQ(bytes[25], c.colourType);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Formats, PngWriteTest,
-                         testing::Values(PngCase{PixelFormat::Mono8, FileChannelType::Auto, 8, 0},
-                                         PngCase{PixelFormat::MonoAlpha16, FileChannelType::Auto, 16, 4},
-                                         PngCase{PixelFormat::Rgb8, FileChannelType::Auto, 8, 2},
-                                         PngCase{PixelFormat::Rgba16, FileChannelType::UInt8, 8, 6},
-                                         PngCase{PixelFormat::RgbaFloat, FileChannelType::Auto, 16, 6},
-                                         PngCase{PixelFormat::Rgbe, FileChannelType::Auto, 16, 2}));
 
 TEST_F(ImageFileTest, ExrKeepsFloatPixels) {
     Image const image = makeImage(PixelFormat::RgbFloat, 4, 2);
@@ -200,8 +190,6 @@ TEST_F(ImageFileTest, ExrKeepsFloatPixels) {
     ASSERT_TRUE(written) << written.error();
     auto const bytes = readFile(path);
     ExrHeader const header = parseExrHeader(bytes);
-    EXPECT_EQ(header.width, 4);
-    EXPECT_EQ(header.height, 2);
     ASSERT_EQ(header.compression, 0);
     EXPECT_EQ(header.channelTypes, (std::map<String, int>{{"B", 2}, {"G", 2}, {"R", 2}}));
 
