@@ -3,14 +3,12 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <gtest/gtest.h>
 #include <thread>
 
-#include "Ferrim/Ferrim.h"
-#include "QuelinLib/Thread.h"
-#include "TestSupport/TempFolderTest.h"
+#include "TextureMapTestSupport.h"
 
 using namespace Quelin;
+using namespace Quelin::TextureMapTest;
 namespace fs = std::filesystem;
 
 namespace {
@@ -30,25 +28,17 @@ class CountingFileSource final : public FileDataSource {
     std::atomic<int>& mOpens;
 };
 
-class ImageTextureCacheTest : public Testing::TempFolderTest {
+class ImageTextureCacheTest : public TextureMapFixture {
   protected:
-    void SetUp() override {
-        TempFolderTest::SetUp();
-        Ferrim::startup();
-    }
     void TearDown() override {
         ImageTextureCache::resume();
-        Ferrim::shutdown();
-        TempFolderTest::TearDown();
+        TextureMapFixture::TearDown();
     }
 
     /// A solid-colour 8-bit RGBA PNG.
-    Io::Path writePng(String const& name, Pixel size, std::uint8_t value) {
-        Image image(Image::Descriptor(size, PixelFormat::Rgba8));
-        for (auto& p : image.getPixels<PixelRgba8>()) p = {value, value, value, 255};
-        Io::Path const path = mFolder / name;
-        EXPECT_TRUE(writeImage(image, path));
-        return path;
+    Io::Path writePng(String const& name, Pixel size, int value) {
+        float const v = float(value) / 255.f;
+        return write(name, imageOf(size.x, size.y, PixelFormat::Rgba8, [v](int, int) { return RgbAlpha(v, v, v, 1.f); }));
     }
 
     EntityHolder<IDataSource const> countingSource(Io::Path const& path) {
@@ -85,16 +75,6 @@ TEST_F(ImageTextureCacheTest, TwoRequestsBeforeTheLoadShareOneDecodeAndEachCallb
     EXPECT_EQ(mOpens, 1);
 }
 
-TEST_F(ImageTextureCacheTest, TheLoaderThreadDecodesQueuedRequests) {
-    Io::Path const path = writePng("a.png", {4, 4}, 10);
-    String threadName;
-    auto future = ImageTextureCache::getOrCreate(countingSource(path), [&](ImageTexture const&) { threadName = getThreadName(); });
-    ASSERT_TRUE(waitUntil([&] { return future.isReady(); }));
-    // Linux keeps the first 15 bytes of a thread's name.
-    EXPECT_FALSE(threadName.empty());
-    EXPECT_TRUE(String("Ostrel.ImageTextureCache.Loader").starts_with(threadName)) << threadName;
-}
-
 TEST_F(ImageTextureCacheTest, SuspendedLoaderDecodesNothingButCallersStillBuildTheirOwn) {
     Io::Path const path = writePng("a.png", {4, 4}, 10);
     ImageTextureCache::suspend();
@@ -109,7 +89,7 @@ TEST_F(ImageTextureCacheTest, SuspendedLoaderDecodesNothingButCallersStillBuildT
     EXPECT_TRUE(texture->hasPixels());
     EXPECT_EQ(mOpens, 1);
     ImageTextureCache::resume();
-    // The loader skips the record later: it is ready.
+    // The loader skips the ready record and decodes the next one queued.
     auto second = ImageTextureCache::getOrCreate(countingSource(writePng("b.png", {4, 4}, 20)), {});
     ASSERT_TRUE(waitUntil([&] { return second.isReady(); }));
     EXPECT_EQ(mOpens, 2);

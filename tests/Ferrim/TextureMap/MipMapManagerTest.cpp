@@ -2,15 +2,13 @@
 
 #include <filesystem>
 #include <fstream>
-#include <gtest/gtest.h>
-#include <random>
 #include <thread>
 
-#include "Ferrim/Ferrim.h"
 #include "Ferrim/TextureMap/ImageTextureCache.h"
-#include "TestSupport/TempFolderTest.h"
+#include "TextureMapTestSupport.h"
 
 using namespace Quelin;
+using namespace Quelin::TextureMapTest;
 namespace fs = std::filesystem;
 
 namespace {
@@ -48,30 +46,26 @@ struct MeanCase {
     Pixel size;
 };
 
-class MipMeanTest : public ::testing::TestWithParam<MeanCase> {
-  protected:
-    static Image randomImage(MeanCase const& c) {
-        Image image(Image::Descriptor(c.size, c.format));
-        std::mt19937 rng(7);
-        std::uniform_real_distribution<float> value(0.f, 4.f);
-        for (int y = 0; y < c.size.y; ++y)
-            for (int x = 0; x < c.size.x; ++x) image.setRgbAlpha(x, y, {value(rng), value(rng), value(rng), value(rng) / 4.f});
-        return image;
-    }
-    static RgbAlpha mean(Image const& image) {
-        double sum[4] = {};
-        for (int y = 0; y < image.getHeight(); ++y)
-            for (int x = 0; x < image.getWidth(); ++x) {
-                RgbAlpha const p = image.getRgbAlpha(x, y);
-                sum[0] += p.r, sum[1] += p.g, sum[2] += p.b, sum[3] += p.alpha;
-            }
-        double const n = double(image.getWidth()) * image.getHeight();
-        return {float(sum[0] / n), float(sum[1] / n), float(sum[2] / n), float(sum[3] / n)};
-    }
-};
+RgbAlpha mean(Image const& image) {
+    double sum[4] = {};
+    for (int y = 0; y < image.getHeight(); ++y)
+        for (int x = 0; x < image.getWidth(); ++x) {
+            RgbAlpha const p = image.getRgbAlpha(x, y);
+            sum[0] += p.r, sum[1] += p.g, sum[2] += p.b, sum[3] += p.alpha;
+        }
+    double const n = double(image.getWidth()) * image.getHeight();
+    return {float(sum[0] / n), float(sum[1] / n), float(sum[2] / n), float(sum[3] / n)};
+}
+
+class MipMeanTest : public ::testing::TestWithParam<MeanCase> {};
 
 TEST_P(MipMeanTest, EveryLevelKeepsTheMeanOfLevelZero) {
-    Image const level0 = randomImage(GetParam());
+    // Values, not bytes: random float bits would hold NaNs.
+    std::mt19937 rng(7);
+    std::uniform_real_distribution<float> value(0.f, 4.f);
+    Image const level0 = imageOf(GetParam().size.x, GetParam().size.y, GetParam().format, [&](int, int) {
+        return RgbAlpha{value(rng), value(rng), value(rng), value(rng) / 4.f};
+    });
     Stack<Image> const chain = MipMapManager::buildMipChain(level0);
     ASSERT_EQ(int(chain.size()), MipMapManager::getLevelCount(level0.getResolution()) - 1);
     RgbAlpha const want = mean(level0);
@@ -83,12 +77,7 @@ TEST_P(MipMeanTest, EveryLevelKeepsTheMeanOfLevelZero) {
         Image const& level = chain[i];
         EXPECT_EQ(level.getResolution(), MipMapManager::getLevelResolution(level0.getResolution(), int(i) + 1));
         EXPECT_EQ(level.getFormat(), MipMapManager::getLevelFormat(level0.getFormat()));
-        RgbAlpha const got = mean(level);
-        float const tolerance = 0.5f * step * float(i + 1) + 2e-5f;
-        EXPECT_NEAR(got.r, want.r, tolerance);
-        EXPECT_NEAR(got.g, want.g, tolerance);
-        EXPECT_NEAR(got.b, want.b, tolerance);
-        EXPECT_NEAR(got.alpha, want.alpha, tolerance);
+        expectNear(mean(level), want, 0.5f * step * float(i + 1) + 2e-5f);
     }
 }
 
@@ -103,41 +92,28 @@ INSTANTIATE_TEST_SUITE_P(
                       MeanCase{PixelFormat::Rgbe, {9, 9}}, MeanCase{PixelFormat::MonoWithExp, {6, 3}}));
 
 TEST(MipThreadsTest, OneThreadAndAllThreadsBuildTheSameLevels) {
-    Image level0(Image::Descriptor({301, 200}, PixelFormat::Rgba8));
-    std::mt19937 rng(3);
-    for (auto& byte : std::span(level0.getData(), std::size_t(level0.getByteSize()))) byte = std::byte(rng());
+    Image const level0 = randomImage({301, 200}, PixelFormat::Rgba8, 3);
     TaskScheduler one("one", 1);
     Stack<Image> const serial = MipMapManager::buildMipChain(level0, &one);
     Stack<Image> const parallel = MipMapManager::buildMipChain(level0);
     ASSERT_EQ(serial.size(), parallel.size());
-    for (std::size_t i = 0; i < serial.size(); ++i)
-        EXPECT_EQ(0, std::memcmp(serial[i].getData(), parallel[i].getData(), std::size_t(serial[i].getByteSize()))) << i;
+    for (std::size_t i = 0; i < serial.size(); ++i) EXPECT_TRUE(sameBytes(serial[i], parallel[i])) << i;
 }
 
 // ------------------------------------------------------------------ offload
 
 /// 64 x 64 RGBA 8-bit textures: 7 levels of 16384, 4096, 1024, 256, 64, 16 and 4 bytes.
-class OffloadTest : public Testing::TempFolderTest {
+class OffloadTest : public TextureMapFixture {
   protected:
     static constexpr std::int64_t TOTAL = 21844;
 
     void SetUp() override {
-        TempFolderTest::SetUp();
-        Ferrim::startup();
+        TextureMapFixture::SetUp();
         mStore = mFolder / "store";
     }
-    void TearDown() override {
-        Ferrim::shutdown();
-        TempFolderTest::TearDown();
-    }
-
     SharedPtr<ImageTexture> load(String const& name) {
-        Image image(Image::Descriptor({64, 64}, PixelFormat::Rgba8));
-        std::mt19937 rng(std::uint32_t(name.size()));
-        for (auto& byte : std::span(image.getData(), std::size_t(image.getByteSize()))) byte = std::byte(rng());
-        Io::Path const path = mFolder / name;
-        EXPECT_TRUE(writeImage(image, path));
-        auto texture = ImageTextureCache::getOrCreate(FileDataSource::make(path));
+        auto texture = ImageTextureCache::getOrCreate(
+            FileDataSource::make(write(name, randomImage({64, 64}, PixelFormat::Rgba8, std::uint32_t(name.size())))));
         EXPECT_TRUE(texture->hasPixels()) << texture->getError();
         return texture;
     }
@@ -170,7 +146,7 @@ TEST_F(OffloadTest, UnlimitedBudgetOffloadsEverythingAndZeroReadsItAllBackIntact
     EXPECT_EQ(ImageTextureCache::getMemoryUsage(), TOTAL);
     EXPECT_EQ(MipMapManager::getOffloadedBytes(), 0);
     EXPECT_FALSE(fs::exists(levelFile(*texture, 0).parent_path()));
-    EXPECT_EQ(0, std::memcmp(texture->getLevel(0).getData(), original.getData(), std::size_t(original.getByteSize())));
+    EXPECT_TRUE(sameBytes(texture->getLevel(0), original));
 }
 
 TEST_F(OffloadTest, BudgetsBySizeAndByPercentageOffloadFinestFirstWhileTheyFit) {
@@ -260,7 +236,7 @@ TEST_F(OffloadTest, ManyThreadsNeedingTheSameLevelReadItOnce) {
             while (!go) std::this_thread::yield();
             texture->requireLevel(t % 2); // some need level 0, some level 1
             texture->requireLevel(0);
-            intact += std::memcmp(texture->getLevel(0).getData(), original.getData(), std::size_t(original.getByteSize())) == 0;
+            intact += sameBytes(texture->getLevel(0), original);
         });
     go = true;
     for (auto& t : threads) t.join();

@@ -30,7 +30,7 @@ TEST_P(TextureMapEnvironmentAxes, AxisDirectionsReadTheExpectedTexels) {
     map->set("dome_cameraHeight", 1.5f);  // Dome seen from the panorama's own camera is the panorama
     auto const e = evaluatorOf(*map);
     for (int i = 0; i < 6; ++i) {
-        PointContext ctx = PointContext::ray(AXES[i] * 3.f);  // directions need not be unit
+        SettableShadeContext ctx = SettableShadeContext::ray(AXES[i] * 3.f);  // directions need not be unit
         ctx.position = PrecisePos(0, 0, 1.5);
         EXPECT_EQ(texelRead(*e, ctx), c.expected[i]) << "axis " << i;
     }
@@ -52,7 +52,7 @@ TEST_F(TextureMapFixture, ScreenMappingReadsWhereTheRayCrossesTheImage) {
     auto map = makeMap(write("coords.exr", coordinateImage(13, 7)));
     map->set("interpolation", InterpolationMode::Nearest);
     setEnviro(*map, "mapping", int(EnvironmentMapping::Screen));
-    PointContext ctx = PointContext::ray(Dir(0, 0, -1));
+    SettableShadeContext ctx = SettableShadeContext::ray(Dir(0, 0, -1));
     ctx.position = PrecisePos(1, 2, 3);
     ctx.screen = Vector2(0.3f, 0.8f);
     EXPECT_EQ(texelRead(*evaluatorOf(*map), ctx), Pixel(3, 1));
@@ -76,9 +76,9 @@ TEST(TextureMapDome, RaysFromBesideTheCameraMeetTheFloorAndTheDome) {
 TEST_F(TextureMapFixture, LookupModeAndMapperRotation) {
     auto map = makeMap(write("coords.exr", coordinateImage(13, 7)));
     map->set("interpolation", InterpolationMode::Nearest);
-    PointContext surface(0.99f, 0.99f);
+    SettableShadeContext surface(0.99f, 0.99f);
     surface.view = Dir(-1, 0, 0);
-    PointContext environment = PointContext::ray(Dir(0, 1, 0));  // u = 0.25 in the panorama
+    SettableShadeContext environment = SettableShadeContext::ray(Dir(0, 1, 0));  // u = 0.25 in the panorama
     environment.uvw = Pos(0.01f, 0.01f, 0.f);
     EXPECT_EQ(texelRead(*evaluatorOf(*map), surface), Pixel(12, 0));    // Auto: surfaces through the mapper,
     EXPECT_EQ(texelRead(*evaluatorOf(*map), environment), Pixel(3, 3)); // environment rays by direction
@@ -100,7 +100,7 @@ TEST_F(TextureMapFixture, BlurWidensTheEnvironmentFootprint) {
                                  return RgbAlpha(Rgb(float(x) + 0.5f), 1.f);
                              })));
     map->set("interpolation", InterpolationMode::Nearest);
-    PointContext ctx = PointContext::ray(Dir(1, 0.2f, 0.1f));
+    SettableShadeContext ctx = SettableShadeContext::ray(Dir(1, 0.2f, 0.1f));
     ctx.filtered = true;
     ctx.footprint = 0.05f;
     float const sharp = evaluatorOf(*map)->evalMono(ctx, nullptr).value;

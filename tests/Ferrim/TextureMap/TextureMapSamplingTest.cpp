@@ -1,22 +1,15 @@
 #include "Ferrim/TextureMap/TextureSampling.h"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-
-#include "QuelinLibImage/Image.h"
+#include "TextureMapTestSupport.h"
 
 namespace Quelin {
 namespace {
 
 using namespace TextureSampling;
+using namespace TextureMapTest;
 
-/// A float mono level whose texel (x, row) holds f(x, row), rows from the top.
 template <typename F> Image monoLevel(int w, int h, F f) {
-    Image image(Image::Descriptor(Pixel(w, h), PixelFormat::MonoFloat));
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) image.getPixel<PixelMonoF>(x, y).value = float(f(x, y));
-    return image;
+    return imageOf(w, h, PixelFormat::MonoFloat, [&](int x, int y) { return RgbAlpha(Rgb(float(f(x, y))), 1.f); });
 }
 
 float sample(Image const& level, InterpolationMode mode, float u, float v, Addressing a = {}) {
@@ -89,10 +82,8 @@ TEST_P(TextureSamplingFormats, TexelsDecodeAsTheImageReadsThem) {
         RgbAlpha const expected = level.getRgbAlpha(x, 0);
         auto const fn = selectSampleFunction(format, InterpolationMode::Nearest, Conversion::None);
         Float4 const c = fn(level.getData(), LevelShape::of(2, 1, format), 0.25f + 0.5f * float(x), 0.5f, {}, {});
-        EXPECT_NEAR(c[0], expected.r, 1e-6f) << getPixelFormatName(format);
-        EXPECT_NEAR(c[1], expected.g, 1e-6f) << getPixelFormatName(format);
-        EXPECT_NEAR(c[2], expected.b, 1e-6f) << getPixelFormatName(format);
-        EXPECT_NEAR(c[3], expected.alpha, 1e-6f) << getPixelFormatName(format);
+        SCOPED_TRACE(getPixelFormatName(format));
+        expectNear(RgbAlpha(c[0], c[1], c[2], c[3]), expected, 1e-6f);
     }
 }
 
