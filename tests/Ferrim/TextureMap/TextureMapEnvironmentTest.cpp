@@ -62,15 +62,10 @@ TEST_F(TextureMapFixture, ScreenMappingReadsWhereTheRayCrossesTheImage) {
 
 TEST(TextureMapDome, RaysFromBesideTheCameraMeetTheFloorAndTheDome) {
     EnvironmentMappings::DomeShape const dome{Pos(10, 0, 0), 100.f, 2.f};
-    auto const expectDir = [](Dir const& got, Dir const& want) {
-        Dir const w = normalize(want);
-        EXPECT_NEAR(got.x, w.x, 1e-5f);
-        EXPECT_NEAR(got.z, w.z, 1e-5f);
-    };
     // Down from 2 units beside the camera: the floor point is seen 45 degrees down.
-    expectDir(EnvironmentMappings::domeDirection(dome, Pos(12, 0, 2), Dir(0, 0, -1)), Dir(2, 0, -2));
+    Testing::expectNear(EnvironmentMappings::domeDirection(dome, Pos(12, 0, 2), Dir(0, 0, -1)), normalize(Dir(2, 0, -2)), 1e-5f);
     // Up from 60 units beside it: the dome at height 80, seen from the camera at height 2.
-    expectDir(EnvironmentMappings::domeDirection(dome, Pos(70, 0, 2), Dir(0, 0, 1)), Dir(60, 0, 78));
+    Testing::expectNear(EnvironmentMappings::domeDirection(dome, Pos(70, 0, 2), Dir(0, 0, 1)), normalize(Dir(60, 0, 78)), 1e-5f);
 }
 
 TEST_F(TextureMapFixture, LookupModeAndMapperRotation) {
@@ -96,9 +91,7 @@ TEST_F(TextureMapFixture, LookupModeAndMapperRotation) {
 
 TEST_F(TextureMapFixture, BlurWidensTheEnvironmentFootprint) {
     // A ramp whose mip levels differ at the point (nearest texel of each level).
-    auto map = makeMap(write("ramp.exr", imageOf(64, 32, PixelFormat::MonoFloat, [](int x, int) {
-                                 return RgbAlpha(Rgb(float(x) + 0.5f), 1.f);
-                             })));
+    auto map = makeMap(write("ramp.exr", imageOf(64, 32, PixelFormat::MonoFloat, [](int x, int) { return RgbAlpha(Rgb(float(x) + 0.5f), 1.f); })));
     map->set("interpolation", InterpolationMode::Nearest);
     SettableShadeContext ctx = SettableShadeContext::ray(Dir(1, 0.2f, 0.1f));
     ctx.filtered = true;

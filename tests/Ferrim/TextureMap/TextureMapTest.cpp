@@ -14,10 +14,7 @@ using namespace TextureMapTest;
 /// Texel x holds x + 0.5: every box-filtered level is the same ramp, so Nearest
 /// at u = 0.05 reads 2^L on level L.
 Image rampImage() {
-    return imageOf(16, 16, PixelFormat::MonoFloat, [](int x, int) {
-        float const v = float(x) + 0.5f;
-        return RgbAlpha(v, v, v, 1.f);
-    });
+    return imageOf(16, 16, PixelFormat::MonoFloat, [](int x, int) { return RgbAlpha(Rgb(float(x) + 0.5f), 1.f); });
 }
 
 struct LandingCase {
@@ -114,9 +111,7 @@ struct GammaCase {
 class TextureMapGamma : public TextureMapFixture, public ::testing::WithParamInterface<GammaCase> {};
 
 TEST_P(TextureMapGamma, EightBitTexelsToLinearLight) {
-    auto map = makeMap(write("grey.png", imageOf(2, 2, PixelFormat::Rgba8, [](int, int) {
-                                 return RgbAlpha(128.f / 255.f, 128.f / 255.f, 128.f / 255.f, 128.f / 255.f);
-                             })));
+    auto map = makeMap(write("grey.png", imageOf(2, 2, PixelFormat::Rgba8, [](int, int) { return RgbAlpha(Rgb(128.f / 255.f), 128.f / 255.f); })));
     map->set("customGamma", GetParam().custom);
     map->set("gamma", GetParam().gamma);
     RgbAlpha const c = evaluatorOf(*map)->evalColor(SettableShadeContext(0.3f, 0.6f), nullptr);
@@ -131,9 +126,7 @@ INSTANTIATE_TEST_SUITE_P(Table, TextureMapGamma,
                                            GammaCase{true, 2.f, (128.f / 255.f) * (128.f / 255.f)}));
 
 TEST_F(TextureMapFixture, FloatTexelsUseTheSignedPowerOnlyWhenAsked) {
-    auto map = makeMap(write("signed.exr", imageOf(1, 1, PixelFormat::RgbaFloat, [](int, int) {
-                                 return RgbAlpha(-0.5f, 0.5f, 4.f, 0.25f);
-                             })));
+    auto map = makeMap(write("signed.exr", imageOf(1, 1, PixelFormat::RgbaFloat, [](int, int) { return RgbAlpha(-0.5f, 0.5f, 4.f, 0.25f); })));
     EXPECT_EQ(evaluatorOf(*map)->evalColor(SettableShadeContext(), nullptr), RgbAlpha(-0.5f, 0.5f, 4.f, 0.25f));
     map->set("customGamma", true);
     map->set("gamma", 2.f);
@@ -195,9 +188,9 @@ TEST_F(TextureMapFixture, RecordLoadsFromJsonWithItsLabels) {
     auto loaded = entityFromJsonAs<TextureMap>(j);
     ASSERT_TRUE(loaded.has_value()) << loaded.error();
     TextureMap::Settings const s = TextureMap::Settings::fromData((*loaded)->getData());
-    EXPECT_EQ(s.interpolation, InterpolationMode::Nearest);
-    EXPECT_EQ(s.environmentMapping, EnvironmentMapping::MirrorBall);
-    EXPECT_EQ(s.cropMode, TextureMap::TransformationMode::Placement);
+    EXPECT_EQ(std::tuple(s.interpolation, s.environmentMapping, s.cropMode, s.monoOutput, s.rgbOutput, s.alphaSource),
+              std::tuple(InterpolationMode::Nearest, EnvironmentMapping::MirrorBall, TextureMap::TransformationMode::Placement,
+                         TextureMap::MonoOutput::Alpha, TextureMap::RgbOutput::Alpha, TextureMap::AlphaSource::RgbIntensity));
     // Negative gamma is refused, negative blur clamped.
     EXPECT_FALSE((*loaded)->setValue("gamma", -1.f).has_value());
     setEnviro(**loaded, "blur", -3.f);
@@ -207,8 +200,7 @@ TEST_F(TextureMapFixture, RecordLoadsFromJsonWithItsLabels) {
 TEST_F(TextureMapFixture, BumpOfARampAgainstFiniteDifferences) {
     // Value (x + 0.5) + 2 (rows from the bottom + 0.5): bilinear gives 16 u + 32 v inside.
     auto map = makeMap(write("ramp2.exr", imageOf(16, 16, PixelFormat::MonoFloat, [](int x, int row) {
-                                 float const v = float(x) + 0.5f + 2.f * (float(15 - row) + 0.5f);
-                                 return RgbAlpha(v, v, v, 1.f);
+                                 return RgbAlpha(Rgb(float(x) + 0.5f + 2.f * (float(15 - row) + 0.5f)), 1.f);
                              })));
     map->set("bumpStrength", 0.25f);
     auto const e = evaluatorOf(*map);
