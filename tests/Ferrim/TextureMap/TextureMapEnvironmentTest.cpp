@@ -14,39 +14,33 @@ Pixel texelRead(IMapEvaluator const& e, IShadeContext const& c) {
     return Pixel(int(r.r), int(r.g));
 }
 
-struct MappingCase {
-    EnvironmentMapping mapping;
-    int width, height;  ///< of the coordinate image; sizes keep every expected texel off a texel border
-    Pixel expected[6];  ///< read for +x, -x, +y, -y, +z, -z
-};
-
-class TextureMapEnvironmentAxes : public TextureMapFixture, public ::testing::WithParamInterface<MappingCase> {};
-
-TEST_P(TextureMapEnvironmentAxes, AxisDirectionsReadTheExpectedTexels) {
-    MappingCase const c = GetParam();
-    auto map = makeMap(write("coords.exr", coordinateImage(c.width, c.height)));
-    map->set("interpolation", InterpolationMode::Nearest);
-    setEnviro(*map, "mapping", int(c.mapping));
-    map->set("dome_cameraHeight", 1.5f);  // Dome seen from the panorama's own camera is the panorama
-    auto const e = evaluatorOf(*map);
-    for (int i = 0; i < 6; ++i) {
-        SettableShadeContext ctx = SettableShadeContext::ray(AXES[i] * 3.f);  // directions need not be unit
-        ctx.position = PrecisePos(0, 0, 1.5);
-        EXPECT_EQ(texelRead(*e, ctx), c.expected[i]) << "axis " << i;
+TEST_F(TextureMapFixture, AxisDirectionsReadTheExpectedTexels) {
+    struct Case {
+        EnvironmentMapping mapping;
+        int width, height;  ///< of the coordinate image; sizes keep every expected texel off a texel border
+        Pixel expected[6];  ///< read for +x, -x, +y, -y, +z, -z
+    };
+    for (Case const& c : {
+             // u = 0, 0.5, 0.25, 0.75 around the horizon, the poles on the top and bottom rows.
+             Case{EnvironmentMapping::Spherical, 13, 7, {{0, 3}, {6, 3}, {3, 3}, {9, 3}, {0, 0}, {0, 6}}},
+             Case{EnvironmentMapping::Dome, 13, 7, {{0, 3}, {6, 3}, {3, 3}, {9, 3}, {0, 0}, {0, 6}}},
+             // Face centres of the vertical cross with 5-texel faces.
+             Case{EnvironmentMapping::Cross, 15, 20, {{12, 7}, {2, 7}, {7, 7}, {7, 17}, {7, 2}, {7, 12}}},
+             // Centre -y, rim +y (taken at the bottom), +-x and +-z at 1/sqrt(2) of the radius.
+             Case{EnvironmentMapping::MirrorBall, 13, 13, {{11, 6}, {1, 6}, {6, 12}, {6, 6}, {6, 1}, {6, 11}}}}) {
+        auto map = makeMap(write("coords" + std::to_string(c.width) + "x" + std::to_string(c.height) + ".exr",
+                                 coordinateImage(c.width, c.height)));
+        map->set("interpolation", InterpolationMode::Nearest);
+        setEnviro(*map, "mapping", int(c.mapping));
+        map->set("dome_cameraHeight", 1.5f);  // Dome seen from the panorama's own camera is the panorama
+        auto const e = evaluatorOf(*map);
+        for (int i = 0; i < 6; ++i) {
+            SettableShadeContext ctx = SettableShadeContext::ray(AXES[i] * 3.f);  // directions need not be unit
+            ctx.position = PrecisePos(0, 0, 1.5);
+            EXPECT_EQ(texelRead(*e, ctx), c.expected[i]) << "mapping " << int(c.mapping) << ", axis " << i;
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Mappings, TextureMapEnvironmentAxes,
-    ::testing::Values(
-        // u = 0, 0.5, 0.25, 0.75 around the horizon, the poles on the top and bottom rows.
-        MappingCase{EnvironmentMapping::Spherical, 13, 7, {{0, 3}, {6, 3}, {3, 3}, {9, 3}, {0, 0}, {0, 6}}},
-        MappingCase{EnvironmentMapping::Dome, 13, 7, {{0, 3}, {6, 3}, {3, 3}, {9, 3}, {0, 0}, {0, 6}}},
-        // Face centres of the vertical cross with 5-texel faces.
-        MappingCase{EnvironmentMapping::Cross, 15, 20, {{12, 7}, {2, 7}, {7, 7}, {7, 17}, {7, 2}, {7, 12}}},
-        // Centre -y, rim +y (taken at the bottom), +-x and +-z at 1/sqrt(2) of the radius.
-        MappingCase{EnvironmentMapping::MirrorBall, 13, 13, {{11, 6}, {1, 6}, {6, 12}, {6, 6}, {6, 1}, {6, 11}}}),
-    [](auto const& info) { return std::to_string(int(info.param.mapping)); });
 
 TEST_F(TextureMapFixture, ScreenMappingReadsWhereTheRayCrossesTheImage) {
     auto map = makeMap(write("coords.exr", coordinateImage(13, 7)));

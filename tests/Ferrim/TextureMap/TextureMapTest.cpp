@@ -17,73 +17,58 @@ Image rampImage() {
     return imageOf(16, 16, PixelFormat::MonoFloat, [](int x, int) { return RgbAlpha(Rgb(float(x) + 0.5f), 1.f); });
 }
 
-struct LandingCase {
-    char const* what;
-    WrapMode wrapU;
-    bool placement;  ///< the image placed in (0.25, 0.25)-(0.75, 0.75)
-    float u, v;
-    Optional<Vector2> read;  ///< the bilinear coordinate read (texel centres are whole); empty: outside
-};
-
-class TextureMapLanding : public TextureMapFixture, public ::testing::WithParamInterface<LandingCase> {};
-
-TEST_P(TextureMapLanding, WrapAndPlacement) {
-    LandingCase const c = GetParam();
+TEST_F(TextureMapFixture, WrapAndPlacementLandOnTheExpectedTexel) {
+    struct Case {
+        char const* what;
+        WrapMode wrapU;
+        bool placement;  ///< the image placed in (0.25, 0.25)-(0.75, 0.75)
+        float u, v;
+        Optional<Vector2> read;  ///< the bilinear coordinate read (texel centres are whole); empty: outside
+    };
     auto map = makeMap(write("coords.exr", coordinateImage(16, 16)));
-    mapperOf(*map).set("wrapU", c.wrapU);
-    if (c.placement) {
-        map->set("transformation_enabled", true);
-        map->set("transformation_mode", TextureMap::TransformationMode::Placement);
-        map->set("transformation_lowerLeft", Vector2(0.25f, 0.25f));
-        map->set("transformation_upperRight", Vector2(0.75f, 0.75f));
-    }
-    auto const e = evaluatorOf(*map);
-    SettableShadeContext const ctx(c.u, c.v);
-    if (c.read) {
-        EXPECT_EQ(e->evalColor(ctx, nullptr), RgbAlpha(c.read->x, c.read->y, 0, 1)) << c.what;
-    } else {
-        EXPECT_EQ(e->evalColor(ctx, nullptr), RgbAlpha(0, 0, 0, 0)) << c.what;
-        EXPECT_EQ(e->evalMono(ctx, nullptr), MonoAlpha(0, 1)) << c.what;
+    map->set("transformation_mode", TextureMap::TransformationMode::Placement);
+    map->set("transformation_lowerLeft", Vector2(0.25f, 0.25f));
+    map->set("transformation_upperRight", Vector2(0.75f, 0.75f));
+    for (Case const& c : {
+             Case{"NoTiling keeps u = 1", WrapMode::NoTiling, false, 1.f, 0.5f, Vector2(15.f, 7.5f)},
+             Case{"NoTiling drops u = 1.0001", WrapMode::NoTiling, false, 1.0001f, 0.5f, {}},
+             Case{"NoTiling drops u < 0", WrapMode::NoTiling, false, -0.0001f, 0.5f, {}},
+             // The mapper runs a mirrored axis over two tiles, so the wrapped value is twice u.
+             Case{"Mirror of 1.5 is 0.5", WrapMode::Mirror, false, 0.75f, 0.5f, Vector2(7.5f, 7.5f)},
+             Case{"Mirror of -0.25 is 0.25", WrapMode::Mirror, false, -0.125f, 0.5f, Vector2(3.5f, 7.5f)},
+             Case{"Placement: u = 0.5 is the image centre", WrapMode::Repeat, true, 0.5f, 0.5f, Vector2(7.5f, 7.5f)},
+             Case{"Placement: u = 0.2 is outside", WrapMode::Repeat, true, 0.2f, 0.5f, {}},
+             Case{"Placement: v = 0.8 is outside", WrapMode::Repeat, true, 0.5f, 0.8f, {}}}) {
+        mapperOf(*map).set("wrapU", c.wrapU);
+        map->set("transformation_enabled", c.placement);
+        auto const e = evaluatorOf(*map);
+        SettableShadeContext const ctx(c.u, c.v);
+        if (c.read) {
+            EXPECT_EQ(e->evalColor(ctx, nullptr), RgbAlpha(c.read->x, c.read->y, 0, 1)) << c.what;
+        } else {
+            EXPECT_EQ(e->evalColor(ctx, nullptr), RgbAlpha(0, 0, 0, 0)) << c.what;
+            EXPECT_EQ(e->evalMono(ctx, nullptr), MonoAlpha(0, 1)) << c.what;
+        }
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Table, TextureMapLanding,
-    ::testing::Values(LandingCase{"NoTiling keeps u = 1", WrapMode::NoTiling, false, 1.f, 0.5f, Vector2(15.f, 7.5f)},
-                      LandingCase{"NoTiling drops u = 1.0001", WrapMode::NoTiling, false, 1.0001f, 0.5f, {}},
-                      LandingCase{"NoTiling drops u < 0", WrapMode::NoTiling, false, -0.0001f, 0.5f, {}},
-                      // The mapper runs a mirrored axis over two tiles, so the wrapped value is twice u.
-                      LandingCase{"Mirror of 1.5 is 0.5", WrapMode::Mirror, false, 0.75f, 0.5f, Vector2(7.5f, 7.5f)},
-                      LandingCase{"Mirror of -0.25 is 0.25", WrapMode::Mirror, false, -0.125f, 0.5f, Vector2(3.5f, 7.5f)},
-                      LandingCase{"Placement: u = 0.5 is the image centre", WrapMode::Repeat, true, 0.5f, 0.5f,
-                                  Vector2(7.5f, 7.5f)},
-                      LandingCase{"Placement: u = 0.2 is outside", WrapMode::Repeat, true, 0.2f, 0.5f, {}},
-                      LandingCase{"Placement: v = 0.8 is outside", WrapMode::Repeat, true, 0.5f, 0.8f, {}}));
-
-struct LevelCase {
-    float footprint;
-    float expected;  ///< 2^L on this ramp (see rampImage)
-    char const* why;
-};
-
-class TextureMapLevels : public TextureMapFixture, public ::testing::WithParamInterface<LevelCase> {};
-
-TEST_P(TextureMapLevels, FootprintPicksAndBlendsLevels) {
+TEST_F(TextureMapFixture, FootprintPicksAndBlendsLevels) {
     auto map = makeMap(write("ramp.exr", rampImage()));
     map->set("interpolation", InterpolationMode::Nearest);
+    auto const e = evaluatorOf(*map);
     SettableShadeContext ctx(0.05f, 0.5f);
     ctx.filtered = true;
-    ctx.dUvw = Dir(GetParam().footprint, 1.f, 0.f);  // the smaller axis decides
-    EXPECT_NEAR(evaluatorOf(*map)->evalMono(ctx, nullptr).value, GetParam().expected, 1e-4f) << GetParam().why;
+    // (footprint, 2^L read on this ramp)
+    for (auto const& [footprint, expected, why] : {std::tuple(1.f, 8.f, "the whole texture: the coarsest level"),
+                                                   std::tuple(1e-12f, 0.5f, "far below a texel: level 0"),
+                                                   std::tuple(1.f / 16.f, 0.5f, "one texel: level 0"),
+                                                   std::tuple(2.f / 16.f, 1.f, "two texels: level 1"),
+                                                   std::tuple(3.f / 16.f, 1.5849625f, "log2 3: 0.415 of level 1, 0.585 of 2"),
+                                                   std::tuple(100.f, 8.f, "beyond the texture: still the coarsest")}) {
+        ctx.dUvw = Dir(footprint, 1.f, 0.f);  // the smaller axis decides
+        EXPECT_NEAR(e->evalMono(ctx, nullptr).value, expected, 1e-4f) << why;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Table, TextureMapLevels,
-                         ::testing::Values(LevelCase{1.f, 8.f, "the whole texture: the coarsest level"},
-                                           LevelCase{1e-12f, 0.5f, "far below a texel: level 0"},
-                                           LevelCase{1.f / 16.f, 0.5f, "one texel: level 0"},
-                                           LevelCase{2.f / 16.f, 1.f, "two texels: level 1"},
-                                           LevelCase{3.f / 16.f, 1.5849625f, "log2 3 = 1.585: 0.415 of level 1, 0.585 of 2"},
-                                           LevelCase{100.f, 8.f, "beyond the texture: still the coarsest"}));
 
 TEST_F(TextureMapFixture, CropScalesTheFootprint) {
     auto map = makeMap(write("ramp.exr", rampImage()));
@@ -102,28 +87,19 @@ TEST_F(TextureMapFixture, CropScalesTheFootprint) {
     EXPECT_NEAR(evaluatorOf(*map)->evalMono(ctx, nullptr).value, 4.f, 1e-4f);
 }
 
-struct GammaCase {
-    bool custom;
-    float gamma;
-    float expected;  ///< for the 8-bit value 128
-};
-
-class TextureMapGamma : public TextureMapFixture, public ::testing::WithParamInterface<GammaCase> {};
-
-TEST_P(TextureMapGamma, EightBitTexelsToLinearLight) {
-    auto map = makeMap(write("grey.png", imageOf(2, 2, PixelFormat::Rgba8, [](int, int) { return RgbAlpha(Rgb(128.f / 255.f), 128.f / 255.f); })));
-    map->set("customGamma", GetParam().custom);
-    map->set("gamma", GetParam().gamma);
-    RgbAlpha const c = evaluatorOf(*map)->evalColor(SettableShadeContext(0.3f, 0.6f), nullptr);
-    float const x = GetParam().expected;
-    expectNear(c, RgbAlpha(x, x, x, 128.f / 255.f), 2e-6f);  // alpha is never converted
+TEST_F(TextureMapFixture, EightBitTexelsToLinearLight) {
+    float const grey = 128.f / 255.f;
+    auto map = makeMap(write("grey.png", imageOf(2, 2, PixelFormat::Rgba8, [&](int, int) { return RgbAlpha(Rgb(grey), grey); })));
+    // (custom gamma, gamma, value read): by default 8 bits go through the 2.2 table.
+    for (auto const& [custom, gamma, x] : {std::tuple(false, 1.f, 0.21952f), std::tuple(true, 2.2f, 0.21952f),
+                                           std::tuple(true, 1.f, grey), std::tuple(true, 2.f, grey * grey)}) {
+        map->set("customGamma", custom);
+        map->set("gamma", gamma);
+        SCOPED_TRACE(testing::Message() << "custom " << custom << ", gamma " << gamma);
+        RgbAlpha const c = evaluatorOf(*map)->evalColor(SettableShadeContext(0.3f, 0.6f), nullptr);
+        expectNear(c, RgbAlpha(x, x, x, grey), 2e-6f);  // alpha is never converted
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Table, TextureMapGamma,
-                         ::testing::Values(GammaCase{false, 1.f, 0.21952f},  // default for 8 bits: the 2.2 table
-                                           GammaCase{true, 2.2f, 0.21952f},
-                                           GammaCase{true, 1.f, 128.f / 255.f},
-                                           GammaCase{true, 2.f, (128.f / 255.f) * (128.f / 255.f)}));
 
 TEST_F(TextureMapFixture, FloatTexelsUseTheSignedPowerOnlyWhenAsked) {
     auto map = makeMap(write("signed.exr", imageOf(1, 1, PixelFormat::RgbaFloat, [](int, int) { return RgbAlpha(-0.5f, 0.5f, 4.f, 0.25f); })));
@@ -133,39 +109,37 @@ TEST_F(TextureMapFixture, FloatTexelsUseTheSignedPowerOnlyWhenAsked) {
     expectNear(evaluatorOf(*map)->evalColor(SettableShadeContext(), nullptr), RgbAlpha(-0.25f, 0.25f, 16.f, 0.25f), 1e-3f);
 }
 
-struct OutputCase {
-    RgbAlpha texel;
-    TextureMap::RgbOutput rgb;
-    TextureMap::AlphaSource alpha;
-    TextureMap::MonoOutput mono;
-    RgbAlpha color;
-    float value;
-};
-
-class TextureMapOutputs : public TextureMapFixture, public ::testing::WithParamInterface<OutputCase> {};
-
-TEST_P(TextureMapOutputs, EveryChoice) {
-    auto map = makeMap(write("colour.exr", imageOf(1, 1, PixelFormat::RgbaFloat, [](int, int) { return GetParam().texel; })));
-    map->set("rgbOutput", GetParam().rgb);
-    map->set("alphaSource", GetParam().alpha);
-    map->set("monoOutput", GetParam().mono);
-    auto const e = evaluatorOf(*map);
-    EXPECT_EQ(e->evalColor(SettableShadeContext(), nullptr), GetParam().color);
-    EXPECT_EQ(e->evalMono(SettableShadeContext(), nullptr), MonoAlpha(GetParam().value, 1.f));
+TEST_F(TextureMapFixture, EveryOutputChoice) {
+    using TM = TextureMap;
+    struct Case {
+        RgbAlpha texel;
+        TM::RgbOutput rgb;
+        TM::AlphaSource alpha;
+        TM::MonoOutput mono;
+        RgbAlpha color;
+        float value;
+    };
+    float const MEAN = channelMean(0.2f, 0.4f, 0.9f);
+    RgbAlpha const TEXEL(0.2f, 0.4f, 0.9f, 0.7f), BRIGHT(3.f, 2.f, 1.f, 1.5f);
+    Io::Path const plain = write("colour.exr", imageOf(1, 1, PixelFormat::RgbaFloat, [&](int, int) { return TEXEL; }));
+    Io::Path const bright = write("bright.exr", imageOf(1, 1, PixelFormat::RgbaFloat, [&](int, int) { return BRIGHT; }));
+    for (Case const& c : {
+             Case{TEXEL, TM::RgbOutput::Rgb, TM::AlphaSource::ImageAlpha, TM::MonoOutput::RgbIntensity, TEXEL, MEAN},
+             Case{TEXEL, TM::RgbOutput::Rgb, TM::AlphaSource::RgbIntensity, TM::MonoOutput::Alpha, {0.2f, 0.4f, 0.9f, MEAN}, 0.7f},
+             Case{TEXEL, TM::RgbOutput::Rgb, TM::AlphaSource::None, TM::MonoOutput::RgbIntensity, {0.2f, 0.4f, 0.9f, 1.f}, MEAN},
+             Case{TEXEL, TM::RgbOutput::Alpha, TM::AlphaSource::None, TM::MonoOutput::Alpha, {0.7f, 0.7f, 0.7f, 0.7f}, 0.7f},
+             // Alpha above one is clamped.
+             Case{BRIGHT, TM::RgbOutput::Alpha, TM::AlphaSource::ImageAlpha, TM::MonoOutput::Alpha, {1, 1, 1, 1}, 1.f}}) {
+        auto map = makeMap(c.texel == TEXEL ? plain : bright);
+        map->set("rgbOutput", c.rgb);
+        map->set("alphaSource", c.alpha);
+        map->set("monoOutput", c.mono);
+        auto const e = evaluatorOf(*map);
+        SCOPED_TRACE(testing::Message() << int(c.rgb) << " " << int(c.alpha) << " " << int(c.mono));
+        EXPECT_EQ(e->evalColor(SettableShadeContext(), nullptr), c.color);
+        EXPECT_EQ(e->evalMono(SettableShadeContext(), nullptr), MonoAlpha(c.value, 1.f));
+    }
 }
-
-using TM = TextureMap;
-float const MEAN = channelMean(0.2f, 0.4f, 0.9f);
-RgbAlpha const TEXEL(0.2f, 0.4f, 0.9f, 0.7f), BRIGHT(3.f, 2.f, 1.f, 1.5f);
-INSTANTIATE_TEST_SUITE_P(
-    Table, TextureMapOutputs,
-    ::testing::Values(
-        OutputCase{TEXEL, TM::RgbOutput::Rgb, TM::AlphaSource::ImageAlpha, TM::MonoOutput::RgbIntensity, TEXEL, MEAN},
-        OutputCase{TEXEL, TM::RgbOutput::Rgb, TM::AlphaSource::RgbIntensity, TM::MonoOutput::Alpha, {0.2f, 0.4f, 0.9f, MEAN}, 0.7f},
-        OutputCase{TEXEL, TM::RgbOutput::Rgb, TM::AlphaSource::None, TM::MonoOutput::RgbIntensity, {0.2f, 0.4f, 0.9f, 1.f}, MEAN},
-        OutputCase{TEXEL, TM::RgbOutput::Alpha, TM::AlphaSource::None, TM::MonoOutput::Alpha, {0.7f, 0.7f, 0.7f, 0.7f}, 0.7f},
-        // Alpha above one is clamped.
-        OutputCase{BRIGHT, TM::RgbOutput::Alpha, TM::AlphaSource::ImageAlpha, TM::MonoOutput::Alpha, {1, 1, 1, 1}, 1.f}));
 
 TEST_F(TextureMapFixture, FailedTextureReportsItsErrorAndIsOutside) {
     Io::Path const missing = mFolder / "missing.png";

@@ -27,6 +27,12 @@ inline Image coordinateImage(int w, int h) {
     return imageOf(w, h, PixelFormat::RgbaFloat, [](int x, int y) { return RgbAlpha(float(x), float(y), 0.f, 1.f); });
 }
 
+PixelFormat const ALL_FORMATS[] = {PixelFormat::Mono8,       PixelFormat::Mono16,      PixelFormat::MonoFloat,
+                                   PixelFormat::MonoAlpha8,  PixelFormat::MonoAlpha16, PixelFormat::MonoAlphaFloat,
+                                   PixelFormat::Rgb8,        PixelFormat::Rgb16,       PixelFormat::RgbFloat,
+                                   PixelFormat::Rgba8,       PixelFormat::Rgba16,      PixelFormat::RgbaFloat,
+                                   PixelFormat::Rgbe,        PixelFormat::MonoWithExp};
+
 /// Noise bytes: every texel differs, so a misplaced or stale level shows.
 inline Image randomImage(Pixel size, PixelFormat format, std::uint32_t seed) {
     Image image(Image::Descriptor(size, format));
