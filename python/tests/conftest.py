@@ -32,43 +32,35 @@ class Reference:
     """The same operations written directly against the C++ API (ferrim_py_reference)."""
 
     def __init__(self, program, folder):
-        self.program = program
-        self.folder = folder
+        self.program, self.folder = program, folder
 
-    def _run(self, *args):
-        result = subprocess.run([str(self.program), *map(str, args)], capture_output=True, text=True)
+    def _run(self, shape, *args):
+        """Runs one command; its output comes back, like its array inputs go in, as a raw float32 file."""
+        out = self.folder / "out.f32"
+        result = subprocess.run([str(self.program), *map(str, args), str(out)], capture_output=True, text=True)
         assert result.returncode == 0, result.stderr
+        return np.fromfile(out, np.float32).reshape(shape)
 
-    def _file(self, name, array=None):
-        path = self.folder / name
-        if array is not None:
-            np.ascontiguousarray(array, dtype=np.float32).tofile(path)
-        return path
+    def _file(self, name, array):
+        np.ascontiguousarray(array, dtype=np.float32).tofile(self.folder / name)
+        return self.folder / name
 
-    def _pipeline_file(self, pipeline):
-        path = self._file("pipeline.ctm")
-        pipeline.save(path)
-        return path
+    def _saved(self, pipeline):
+        pipeline.save(self.folder / "pipeline.ctm")
+        return self.folder / "pipeline.ctm"
 
     def eval(self, entity, kind, uvw, position, normal, footprint=0.0):
-        entity_file = self._file("entity.json")
-        entity_file.write_text(entity.to_json())
-        points = np.concatenate([uvw, position, normal], axis=-1).reshape(-1, 9)
-        out = self._file("out.f32")
-        self._run("eval", entity_file, kind, repr(float(footprint)), self._file("points.f32", points), out)
-        channels = {"color": 4, "mono": 2, "bump": 3}[kind]
-        return np.fromfile(out, np.float32).reshape(uvw.shape[:-1] + (channels,))
+        (self.folder / "entity.json").write_text(entity.to_json())
+        shape = uvw.shape[:-1] + ({"color": 4, "mono": 2, "bump": 3}[kind],)
+        points = self._file("points.f32", np.concatenate([uvw, position, normal], axis=-1))
+        return self._run(shape, "eval", self.folder / "entity.json", kind, repr(float(footprint)), points)
 
     def map(self, pipeline, image):
         height, width, channels = image.shape
-        out = self._file("out.f32")
-        self._run("map", self._pipeline_file(pipeline), width, height, channels, self._file("in.f32", image), out)
-        return np.fromfile(out, np.float32).reshape(image.shape)
+        return self._run(image.shape, "map", self._saved(pipeline), width, height, channels, self._file("in.f32", image))
 
     def unmap(self, pipeline, colors, exclude_bits=0):
-        out = self._file("out.f32")
-        self._run("unmap", self._pipeline_file(pipeline), exclude_bits, self._file("in.f32", colors), out)
-        return np.fromfile(out, np.float32).reshape(colors.shape)
+        return self._run(colors.shape, "unmap", self._saved(pipeline), exclude_bits, self._file("in.f32", colors))
 
 
 @pytest.fixture

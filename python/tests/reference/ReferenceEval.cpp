@@ -5,6 +5,7 @@
 //   map PIPELINE.ctm WIDTH HEIGHT CHANNELS IN OUT
 //   unmap PIPELINE.ctm EXCLUDE_BITS IN OUT                  (3 floats a colour)
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <span>
@@ -27,8 +28,7 @@ String readFile(String const& path) {
 Stack<float> readFloats(String const& path) {
     String const bytes = readFile(path);
     Stack<float> values(bytes.size() / sizeof(float));
-    std::copy(bytes.begin(), bytes.begin() + std::ptrdiff_t(values.size() * sizeof(float)),
-              reinterpret_cast<char*>(values.data()));
+    std::memcpy(values.data(), bytes.data(), values.size() * sizeof(float));
     return values;
 }
 
@@ -44,14 +44,13 @@ template <typename T> T orThrow(Expected<T> value) {
 
 void evalPoints(char** a) {
     auto const map = orThrow(entityFromJsonAs<IMap>(orThrow(parseJson(readFile(a[0])))));
+    auto const evaluator = map->getEvaluatorImpl().evaluator;
     String const kind = a[1];
     Stack<float> const in = readFloats(a[3]);
-    auto const evaluator = map->getEvaluatorImpl().evaluator;
     Stack<float> out;
     for (std::size_t i = 0; i + 9 <= in.size(); i += 9) {
-        FerrimPython::ShadingPoint p{Pos(in[i], in[i + 1], in[i + 2]), Pos(in[i + 3], in[i + 4], in[i + 5]),
-                                    Dir(in[i + 6], in[i + 7], in[i + 8]), std::stof(a[2])};
-        FerrimPython::PointShadeContext const c(p);
+        FerrimPython::PointShadeContext const c({Pos(in[i], in[i + 1], in[i + 2]), Pos(in[i + 3], in[i + 4], in[i + 5]),
+                                                 Dir(in[i + 6], in[i + 7], in[i + 8]), std::stof(a[2])});
         if (kind == "color") {
             RgbAlpha const v = evaluator->evalColor(c, nullptr);
             out.insert(out.end(), {v.r, v.g, v.b, v.alpha});

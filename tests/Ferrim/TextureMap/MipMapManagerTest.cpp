@@ -2,15 +2,14 @@
 
 #include <filesystem>
 #include <fstream>
-#include <gtest/gtest.h>
-#include <random>
+#include <gmock/gmock.h>
 #include <thread>
 
-#include "Ferrim/Ferrim.h"
 #include "Ferrim/TextureMap/ImageTextureCache.h"
-#include "TestSupport/TempFolderTest.h"
+#include "TextureMapTestSupport.h"
 
 using namespace Quelin;
+using namespace Quelin::TextureMapTest;
 namespace fs = std::filesystem;
 
 namespace {
@@ -33,9 +32,7 @@ TEST(MipLevelsTest, CountsAndResolutionsRoundDownToOnePixel) {
 
 TEST(MipFilterTest, OddSizesWeighTheSharedPixelByHalfAndDropNothing) {
     // Five pixels into two: each covers 2.5 source pixels, the middle one shared.
-    Image row(Image::Descriptor({5, 1}, PixelFormat::MonoFloat));
-    float const values[] = {0.f, 0.f, 10.f, 0.f, 20.f};
-    std::copy(std::begin(values), std::end(values), &row.getPixel<PixelMonoF>(0, 0).value);
+    Image const row = imageOf(5, 1, PixelFormat::MonoFloat, [](int x, int) { return RgbAlpha(Rgb(x == 2 ? 10.f : x == 4 ? 20.f : 0.f), 1.f); });
     Stack<Image> const chain = MipMapManager::buildMipChain(row);
     ASSERT_EQ(chain.size(), 2u);
     EXPECT_FLOAT_EQ(chain[0].getPixel<PixelMonoF>(0, 0).value, 2.f);  // (0 + 0 + 0.5 * 10) / 2.5
@@ -43,107 +40,80 @@ TEST(MipFilterTest, OddSizesWeighTheSharedPixelByHalfAndDropNothing) {
     EXPECT_FLOAT_EQ(chain[1].getPixel<PixelMonoF>(0, 0).value, 6.f);
 }
 
-struct MeanCase {
-    PixelFormat format;
-    Pixel size;
-};
+RgbAlpha mean(Image const& image) {
+    double sum[4] = {};
+    for (int y = 0; y < image.getHeight(); ++y)
+        for (int x = 0; x < image.getWidth(); ++x) {
+            RgbAlpha const p = image.getRgbAlpha(x, y);
+            sum[0] += p.r, sum[1] += p.g, sum[2] += p.b, sum[3] += p.alpha;
+        }
+    double const n = double(image.getWidth()) * image.getHeight();
+    return {float(sum[0] / n), float(sum[1] / n), float(sum[2] / n), float(sum[3] / n)};
+}
 
-class MipMeanTest : public ::testing::TestWithParam<MeanCase> {
-  protected:
-    static Image randomImage(MeanCase const& c) {
-        Image image(Image::Descriptor(c.size, c.format));
+TEST(MipMeanTest, EveryLevelKeepsTheMeanOfLevelZero) {
+    // Sizes odd and even, square and thin.
+    Pixel const sizes[] = {{7, 5},  {64, 64}, {1, 9},     {100, 60}, {33, 17}, {2, 2}, {64, 64},
+                           {13, 1}, {99, 31}, {257, 255}, {6, 10},   {128, 3}, {9, 9}, {6, 3}};
+    for (std::size_t f = 0; f < std::size(ALL_FORMATS); ++f) {
+        SCOPED_TRACE(getPixelFormatName(ALL_FORMATS[f]));
+        // Values, not bytes: random float bits would hold NaNs.
         std::mt19937 rng(7);
         std::uniform_real_distribution<float> value(0.f, 4.f);
-        for (int y = 0; y < c.size.y; ++y)
-            for (int x = 0; x < c.size.x; ++x) image.setRgbAlpha(x, y, {value(rng), value(rng), value(rng), value(rng) / 4.f});
-        return image;
-    }
-    static RgbAlpha mean(Image const& image) {
-        double sum[4] = {};
-        for (int y = 0; y < image.getHeight(); ++y)
-            for (int x = 0; x < image.getWidth(); ++x) {
-                RgbAlpha const p = image.getRgbAlpha(x, y);
-                sum[0] += p.r, sum[1] += p.g, sum[2] += p.b, sum[3] += p.alpha;
-            }
-        double const n = double(image.getWidth()) * image.getHeight();
-        return {float(sum[0] / n), float(sum[1] / n), float(sum[2] / n), float(sum[3] / n)};
-    }
-};
-
-TEST_P(MipMeanTest, EveryLevelKeepsTheMeanOfLevelZero) {
-    Image const level0 = randomImage(GetParam());
-    Stack<Image> const chain = MipMapManager::buildMipChain(level0);
-    ASSERT_EQ(int(chain.size()), MipMapManager::getLevelCount(level0.getResolution()) - 1);
-    RgbAlpha const want = mean(level0);
-    // Integer channels round once per level (half a step at worst); floats only by float rounding.
-    ChannelType const type = getChannelType(level0.getFormat());
-    float const step = type == ChannelType::UInt8 ? 1.f / 255.f : type == ChannelType::UInt16 ? 1.f / 65535.f : 0.f;
-    for (std::size_t i = 0; i < chain.size(); ++i) {
-        SCOPED_TRACE("level " + std::to_string(i + 1));
-        Image const& level = chain[i];
-        EXPECT_EQ(level.getResolution(), MipMapManager::getLevelResolution(level0.getResolution(), int(i) + 1));
-        EXPECT_EQ(level.getFormat(), MipMapManager::getLevelFormat(level0.getFormat()));
-        RgbAlpha const got = mean(level);
-        float const tolerance = 0.5f * step * float(i + 1) + 2e-5f;
-        EXPECT_NEAR(got.r, want.r, tolerance);
-        EXPECT_NEAR(got.g, want.g, tolerance);
-        EXPECT_NEAR(got.b, want.b, tolerance);
-        EXPECT_NEAR(got.alpha, want.alpha, tolerance);
+        Image const level0 = imageOf(sizes[f].x, sizes[f].y, ALL_FORMATS[f], [&](int, int) {
+            return RgbAlpha{value(rng), value(rng), value(rng), value(rng) / 4.f};
+        });
+        Stack<Image> const chain = MipMapManager::buildMipChain(level0);
+        ASSERT_EQ(int(chain.size()), MipMapManager::getLevelCount(level0.getResolution()) - 1);
+        RgbAlpha const want = mean(level0);
+        // Integer channels round once per level (half a step at worst); floats only by float rounding.
+        ChannelType const type = getChannelType(level0.getFormat());
+        float const step = type == ChannelType::UInt8 ? 1.f / 255.f : type == ChannelType::UInt16 ? 1.f / 65535.f : 0.f;
+        for (std::size_t i = 0; i < chain.size(); ++i) {
+            SCOPED_TRACE("level " + std::to_string(i + 1));
+            EXPECT_EQ(chain[i].getResolution(), MipMapManager::getLevelResolution(level0.getResolution(), int(i) + 1));
+            EXPECT_EQ(chain[i].getFormat(), MipMapManager::getLevelFormat(level0.getFormat()));
+            expectNear(mean(chain[i]), want, 0.5f * step * float(i + 1) + 2e-5f);
+        }
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    FormatsAndSizes, MipMeanTest,
-    ::testing::Values(MeanCase{PixelFormat::Mono8, {7, 5}}, MeanCase{PixelFormat::Mono16, {64, 64}},
-                      MeanCase{PixelFormat::MonoFloat, {1, 9}}, MeanCase{PixelFormat::MonoAlpha8, {100, 60}},
-                      MeanCase{PixelFormat::MonoAlpha16, {33, 17}}, MeanCase{PixelFormat::MonoAlphaFloat, {2, 2}},
-                      MeanCase{PixelFormat::Rgb8, {64, 64}}, MeanCase{PixelFormat::Rgb16, {13, 1}},
-                      MeanCase{PixelFormat::RgbFloat, {99, 31}}, MeanCase{PixelFormat::Rgba8, {257, 255}},
-                      MeanCase{PixelFormat::Rgba16, {6, 10}}, MeanCase{PixelFormat::RgbaFloat, {128, 3}},
-                      MeanCase{PixelFormat::Rgbe, {9, 9}}, MeanCase{PixelFormat::MonoWithExp, {6, 3}}));
-
 TEST(MipThreadsTest, OneThreadAndAllThreadsBuildTheSameLevels) {
-    Image level0(Image::Descriptor({301, 200}, PixelFormat::Rgba8));
-    std::mt19937 rng(3);
-    for (auto& byte : std::span(level0.getData(), std::size_t(level0.getByteSize()))) byte = std::byte(rng());
+    Image const level0 = randomImage({301, 200}, PixelFormat::Rgba8, 3);
     TaskScheduler one("one", 1);
     Stack<Image> const serial = MipMapManager::buildMipChain(level0, &one);
     Stack<Image> const parallel = MipMapManager::buildMipChain(level0);
     ASSERT_EQ(serial.size(), parallel.size());
-    for (std::size_t i = 0; i < serial.size(); ++i)
-        EXPECT_EQ(0, std::memcmp(serial[i].getData(), parallel[i].getData(), std::size_t(serial[i].getByteSize()))) << i;
+    for (std::size_t i = 0; i < serial.size(); ++i) EXPECT_TRUE(sameBytes(serial[i], parallel[i])) << i;
 }
 
 // ------------------------------------------------------------------ offload
 
 /// 64 x 64 RGBA 8-bit textures: 7 levels of 16384, 4096, 1024, 256, 64, 16 and 4 bytes.
-class OffloadTest : public Testing::TempFolderTest {
+class OffloadTest : public TextureMapFixture {
   protected:
     static constexpr std::int64_t TOTAL = 21844;
 
     void SetUp() override {
-        TempFolderTest::SetUp();
-        Ferrim::startup();
+        TextureMapFixture::SetUp();
         mStore = mFolder / "store";
     }
-    void TearDown() override {
-        Ferrim::shutdown();
-        TempFolderTest::TearDown();
-    }
-
     SharedPtr<ImageTexture> load(String const& name) {
-        Image image(Image::Descriptor({64, 64}, PixelFormat::Rgba8));
-        std::mt19937 rng(std::uint32_t(name.size()));
-        for (auto& byte : std::span(image.getData(), std::size_t(image.getByteSize()))) byte = std::byte(rng());
-        Io::Path const path = mFolder / name;
-        EXPECT_TRUE(writeImage(image, path));
-        auto texture = ImageTextureCache::getOrCreate(FileDataSource::make(path));
+        auto texture = ImageTextureCache::getOrCreate(
+            FileDataSource::make(write(name, randomImage({64, 64}, PixelFormat::Rgba8, std::uint32_t(name.size())))));
         EXPECT_TRUE(texture->hasPixels()) << texture->getError();
         return texture;
     }
 
-    static Expected<std::true_type, String> budgetBytes(std::int64_t bytes, Io::Path const& folder) {
-        return MipMapManager::updateCache(true, float(double(bytes) / 1073741824.0), std::nullopt, folder);
+    Expected<std::true_type, String> budgetBytes(std::int64_t bytes) {
+        return MipMapManager::updateCache(true, float(double(bytes) / 1073741824.0), std::nullopt, mStore);
+    }
+    Expected<std::true_type, String> offloadAll() { return MipMapManager::updateCache(true, std::nullopt, std::nullopt, mStore); }
+    /// A single texture's offloaded level count, and the bytes on disk and (the rest) in memory.
+    static void expectSplit(ImageTexture const& texture, int offloaded, std::int64_t onDisk) {
+        EXPECT_EQ(texture.getOffloadedCount(), offloaded);
+        EXPECT_EQ(MipMapManager::getOffloadedBytes(), onDisk);
+        EXPECT_EQ(ImageTextureCache::getMemoryUsage(), TOTAL - onDisk);
     }
 
     Io::Path levelFile(ImageTexture const& texture, int level) const {
@@ -156,31 +126,22 @@ class OffloadTest : public Testing::TempFolderTest {
 TEST_F(OffloadTest, UnlimitedBudgetOffloadsEverythingAndZeroReadsItAllBackIntact) {
     SharedPtr<ImageTexture> const texture = load("a.png");
     Image const original = texture->getLevel(0).clone();
-    EXPECT_EQ(ImageTextureCache::getMemoryUsage(), TOTAL);
-
-    ASSERT_TRUE(MipMapManager::updateCache(true, std::nullopt, std::nullopt, mStore));
-    EXPECT_EQ(texture->getOffloadedCount(), 7);
-    EXPECT_EQ(ImageTextureCache::getMemoryUsage(), 0);
-    EXPECT_EQ(MipMapManager::getOffloadedBytes(), TOTAL);
+    expectSplit(*texture, 0, 0);
+    ASSERT_TRUE(offloadAll());
+    expectSplit(*texture, 7, TOTAL);
     EXPECT_EQ(fs::file_size(levelFile(*texture, 0)), 16384u) << "raw pixel bytes, no header";
     EXPECT_EQ(MipMapManager::getOffloadDirectory(), mStore);
-
-    ASSERT_TRUE(MipMapManager::updateCache(true, 0.f, std::nullopt, mStore));
-    EXPECT_EQ(texture->getOffloadedCount(), 0);
-    EXPECT_EQ(ImageTextureCache::getMemoryUsage(), TOTAL);
-    EXPECT_EQ(MipMapManager::getOffloadedBytes(), 0);
+    ASSERT_TRUE(budgetBytes(0));
+    expectSplit(*texture, 0, 0);
     EXPECT_FALSE(fs::exists(levelFile(*texture, 0).parent_path()));
-    EXPECT_EQ(0, std::memcmp(texture->getLevel(0).getData(), original.getData(), std::size_t(original.getByteSize())));
+    EXPECT_TRUE(sameBytes(texture->getLevel(0), original));
 }
 
 TEST_F(OffloadTest, BudgetsBySizeAndByPercentageOffloadFinestFirstWhileTheyFit) {
     SharedPtr<ImageTexture> const texture = load("a.png");
-    ASSERT_TRUE(budgetBytes(16384 + 4096 + 1000, mStore)); // room for levels 0 and 1, not 2
-    EXPECT_EQ(texture->getOffloadedCount(), 2);
-    EXPECT_EQ(MipMapManager::getOffloadedBytes(), 16384 + 4096);
-    EXPECT_TRUE(fs::exists(levelFile(*texture, 1)));
-    EXPECT_FALSE(fs::exists(levelFile(*texture, 2)));
-
+    ASSERT_TRUE(budgetBytes(16384 + 4096 + 1000)); // room for levels 0 and 1, not 2
+    expectSplit(*texture, 2, 16384 + 4096);
+    for (int level = 0; level < 3; ++level) EXPECT_EQ(fs::exists(levelFile(*texture, level)), level < 2) << level;
     // Keeping the whole disk free leaves no budget: everything comes back.
     ASSERT_TRUE(MipMapManager::updateCache(true, std::nullopt, 100.f, mStore));
     EXPECT_EQ(MipMapManager::getBudget(), 0);
@@ -196,33 +157,29 @@ TEST_F(OffloadTest, BudgetsBySizeAndByPercentageOffloadFinestFirstWhileTheyFit) 
 
 TEST_F(OffloadTest, TheSameBudgetTwiceDoesNothing) {
     SharedPtr<ImageTexture> const a = load("a.png");
-    ASSERT_TRUE(MipMapManager::updateCache(true, std::nullopt, std::nullopt, mStore));
+    ASSERT_TRUE(offloadAll());
     EXPECT_EQ(a->getOffloadedCount(), 7);
     SharedPtr<ImageTexture> const b = load("bb.png");
-    ASSERT_TRUE(MipMapManager::updateCache(true, std::nullopt, std::nullopt, mStore));
+    ASSERT_TRUE(offloadAll());
     EXPECT_EQ(b->getOffloadedCount(), 0) << "an unchanged budget rebalances nothing";
-    ASSERT_TRUE(budgetBytes(TOTAL * 2, mStore));
+    ASSERT_TRUE(budgetBytes(TOTAL * 2));
     EXPECT_EQ(b->getOffloadedCount(), 7);
 }
 
 TEST_F(OffloadTest, NeedingLevelTwoReadsBackLevelsTwoAndThreeOnly) {
     SharedPtr<ImageTexture> const texture = load("a.png");
-    ASSERT_TRUE(budgetBytes(16384 + 4096 + 1024 + 256, mStore));
+    ASSERT_TRUE(budgetBytes(16384 + 4096 + 1024 + 256));
     ASSERT_EQ(texture->getOffloadedCount(), 4);
     MipMapManager::resetStats();
     texture->requireLevel(2);
-    EXPECT_EQ(texture->getOffloadedCount(), 2);
     EXPECT_EQ(MipMapManager::getStats().levelsRead, 2);
-    EXPECT_TRUE(fs::exists(levelFile(*texture, 0)));
-    EXPECT_TRUE(fs::exists(levelFile(*texture, 1)));
-    EXPECT_FALSE(fs::exists(levelFile(*texture, 2)));
-    EXPECT_EQ(MipMapManager::getOffloadedBytes(), 16384 + 4096);
-    EXPECT_EQ(ImageTextureCache::getMemoryUsage(), TOTAL - 16384 - 4096);
+    expectSplit(*texture, 2, 16384 + 4096);
+    for (int level = 0; level < 3; ++level) EXPECT_EQ(fs::exists(levelFile(*texture, level)), level < 2) << level;
 }
 
 TEST_F(OffloadTest, ATruncatedLevelFileGivesTheEofErrorAndKeepsTheRestConsistent) {
     SharedPtr<ImageTexture> const texture = load("a.png");
-    ASSERT_TRUE(MipMapManager::updateCache(true, std::nullopt, std::nullopt, mStore));
+    ASSERT_TRUE(offloadAll());
     fs::resize_file(levelFile(*texture, 3), 100);
     try {
         texture->requireLevel(0);
@@ -231,13 +188,12 @@ TEST_F(OffloadTest, ATruncatedLevelFileGivesTheEofErrorAndKeepsTheRestConsistent
         EXPECT_TRUE(String(e.what()).starts_with("EOF while reading mip map data!")) << e.what();
     }
     // Levels 4 to 6 came back; 3 and finer are still on disk.
-    EXPECT_EQ(texture->getOffloadedCount(), 4);
-    EXPECT_EQ(ImageTextureCache::getMemoryUsage(), 64 + 16 + 4);
+    expectSplit(*texture, 4, TOTAL - (64 + 16 + 4));
 }
 
 TEST_F(OffloadTest, AnUnusableFolderIsAnErrorAndABudgetOfZero) {
     SharedPtr<ImageTexture> const texture = load("a.png");
-    ASSERT_TRUE(MipMapManager::updateCache(true, std::nullopt, std::nullopt, mStore));
+    ASSERT_TRUE(offloadAll());
     ASSERT_EQ(texture->getOffloadedCount(), 7);
     Io::Path const blocked = writeText("plain-file", "x") / "sub";
     auto const result = MipMapManager::updateCache(true, std::nullopt, std::nullopt, blocked);
@@ -250,7 +206,7 @@ TEST_F(OffloadTest, AnUnusableFolderIsAnErrorAndABudgetOfZero) {
 TEST_F(OffloadTest, ManyThreadsNeedingTheSameLevelReadItOnce) {
     SharedPtr<ImageTexture> const texture = load("a.png");
     Image const original = texture->getLevel(0).clone();
-    ASSERT_TRUE(MipMapManager::updateCache(true, std::nullopt, std::nullopt, mStore));
+    ASSERT_TRUE(offloadAll());
     MipMapManager::resetStats();
     std::atomic<bool> go{false};
     std::atomic<int> intact{0};
@@ -260,7 +216,7 @@ TEST_F(OffloadTest, ManyThreadsNeedingTheSameLevelReadItOnce) {
             while (!go) std::this_thread::yield();
             texture->requireLevel(t % 2); // some need level 0, some level 1
             texture->requireLevel(0);
-            intact += std::memcmp(texture->getLevel(0).getData(), original.getData(), std::size_t(original.getByteSize())) == 0;
+            intact += sameBytes(texture->getLevel(0), original);
         });
     go = true;
     for (auto& t : threads) t.join();
@@ -271,25 +227,19 @@ TEST_F(OffloadTest, ManyThreadsNeedingTheSameLevelReadItOnce) {
 TEST_F(OffloadTest, TheReportSumsTheTexturesAndWritesThreeCsvSections) {
     SharedPtr<ImageTexture> const a = load("a.png");
     SharedPtr<ImageTexture> const b = load("bb.png");
-    ASSERT_TRUE(budgetBytes(16384, mStore));
+    ASSERT_TRUE(budgetBytes(16384));
     String const report = MipMapManager::getStatsAndSaveReport();
     EXPECT_TRUE(report.starts_with("Loaded mip maps size: ")) << report;
-    EXPECT_NE(report.find(" out of "), String::npos);
-    EXPECT_NE(report.find("The heaviest textures are:\n[Name] [Resolution] [Loaded/Total size] [Loaded/Total mip map levels]\n"),
-              String::npos);
-    EXPECT_NE(report.find(a->getName() + " 64x64 "), String::npos) << report;
-    EXPECT_NE(report.find(" 6/7\n"), String::npos) << "one texture lost its finest level: " << report;
+    EXPECT_THAT(report, ::testing::HasSubstr("\n" + a->getName() + " 64x64 "));
+    EXPECT_THAT(report, ::testing::HasSubstr(" 6/7\n")) << "one texture lost its finest level";
     Io::Path const csvPath = mStore / "textureStats.csv";
-    EXPECT_NE(report.find("\nAdditional texture statistics were dumped in this file:\n" + Io::pathToUtf8(csvPath)), String::npos);
-
+    EXPECT_THAT(report, ::testing::HasSubstr("\nAdditional texture statistics were dumped in this file:\n" + Io::pathToUtf8(csvPath)));
     std::ifstream in(csvPath);
     Stack<String> lines;
     for (String line; std::getline(in, line);) lines.push_back(line);
     ASSERT_EQ(lines.size(), 7u);
     EXPECT_EQ(lines[0], "Loaded mip maps size, Total mip maps size");
     EXPECT_EQ(lines[1], std::to_string(2 * TOTAL - 16384) + ", " + std::to_string(2 * TOTAL));
-    EXPECT_EQ(lines[2], "Offloading time, Reloading time");
-    EXPECT_EQ(lines[4], "Name, Resolution, Loaded size, Total size, Loaded levels, Total levels");
 }
 
 } // namespace

@@ -14,45 +14,39 @@ Pixel texelRead(IMapEvaluator const& e, IShadeContext const& c) {
     return Pixel(int(r.r), int(r.g));
 }
 
-struct MappingCase {
-    EnvironmentMapping mapping;
-    int width, height;  ///< of the coordinate image; sizes keep every expected texel off a texel border
-    Pixel expected[6];  ///< read for +x, -x, +y, -y, +z, -z
-};
-
-class TextureMapEnvironmentAxes : public TextureMapFixture, public ::testing::WithParamInterface<MappingCase> {};
-
-TEST_P(TextureMapEnvironmentAxes, AxisDirectionsReadTheExpectedTexels) {
-    MappingCase const c = GetParam();
-    auto map = makeMap(write("coords.exr", coordinateImage(c.width, c.height)));
-    map->set("interpolation", InterpolationMode::Nearest);
-    setEnviro(*map, "mapping", int(c.mapping));
-    map->set("dome_cameraHeight", 1.5f);  // Dome seen from the panorama's own camera is the panorama
-    auto const e = evaluatorOf(*map);
-    for (int i = 0; i < 6; ++i) {
-        PointContext ctx = PointContext::ray(AXES[i] * 3.f);  // directions need not be unit
-        ctx.position = PrecisePos(0, 0, 1.5);
-        EXPECT_EQ(texelRead(*e, ctx), c.expected[i]) << "axis " << i;
+TEST_F(TextureMapFixture, AxisDirectionsReadTheExpectedTexels) {
+    struct Case {
+        EnvironmentMapping mapping;
+        int width, height;  ///< of the coordinate image; sizes keep every expected texel off a texel border
+        Pixel expected[6];  ///< read for +x, -x, +y, -y, +z, -z
+    };
+    for (Case const& c : {
+             // u = 0, 0.5, 0.25, 0.75 around the horizon, the poles on the top and bottom rows.
+             Case{EnvironmentMapping::Spherical, 13, 7, {{0, 3}, {6, 3}, {3, 3}, {9, 3}, {0, 0}, {0, 6}}},
+             Case{EnvironmentMapping::Dome, 13, 7, {{0, 3}, {6, 3}, {3, 3}, {9, 3}, {0, 0}, {0, 6}}},
+             // Face centres of the vertical cross with 5-texel faces.
+             Case{EnvironmentMapping::Cross, 15, 20, {{12, 7}, {2, 7}, {7, 7}, {7, 17}, {7, 2}, {7, 12}}},
+             // Centre -y, rim +y (taken at the bottom), +-x and +-z at 1/sqrt(2) of the radius.
+             Case{EnvironmentMapping::MirrorBall, 13, 13, {{11, 6}, {1, 6}, {6, 12}, {6, 6}, {6, 1}, {6, 11}}}}) {
+        auto map = makeMap(write("coords" + std::to_string(c.width) + "x" + std::to_string(c.height) + ".exr",
+                                 coordinateImage(c.width, c.height)));
+        map->set("interpolation", InterpolationMode::Nearest);
+        setEnviro(*map, "mapping", int(c.mapping));
+        map->set("dome_cameraHeight", 1.5f);  // Dome seen from the panorama's own camera is the panorama
+        auto const e = evaluatorOf(*map);
+        for (int i = 0; i < 6; ++i) {
+            SettableShadeContext ctx = SettableShadeContext::ray(AXES[i] * 3.f);  // directions need not be unit
+            ctx.position = PrecisePos(0, 0, 1.5);
+            EXPECT_EQ(texelRead(*e, ctx), c.expected[i]) << "mapping " << int(c.mapping) << ", axis " << i;
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Mappings, TextureMapEnvironmentAxes,
-    ::testing::Values(
-        // u = 0, 0.5, 0.25, 0.75 around the horizon, the poles on the top and bottom rows.
-        MappingCase{EnvironmentMapping::Spherical, 13, 7, {{0, 3}, {6, 3}, {3, 3}, {9, 3}, {0, 0}, {0, 6}}},
-        MappingCase{EnvironmentMapping::Dome, 13, 7, {{0, 3}, {6, 3}, {3, 3}, {9, 3}, {0, 0}, {0, 6}}},
-        // Face centres of the vertical cross with 5-texel faces.
-        MappingCase{EnvironmentMapping::Cross, 15, 20, {{12, 7}, {2, 7}, {7, 7}, {7, 17}, {7, 2}, {7, 12}}},
-        // Centre -y, rim +y (taken at the bottom), +-x and +-z at 1/sqrt(2) of the radius.
-        MappingCase{EnvironmentMapping::MirrorBall, 13, 13, {{11, 6}, {1, 6}, {6, 12}, {6, 6}, {6, 1}, {6, 11}}}),
-    [](auto const& info) { return std::to_string(int(info.param.mapping)); });
 
 TEST_F(TextureMapFixture, ScreenMappingReadsWhereTheRayCrossesTheImage) {
     auto map = makeMap(write("coords.exr", coordinateImage(13, 7)));
     map->set("interpolation", InterpolationMode::Nearest);
     setEnviro(*map, "mapping", int(EnvironmentMapping::Screen));
-    PointContext ctx = PointContext::ray(Dir(0, 0, -1));
+    SettableShadeContext ctx = SettableShadeContext::ray(Dir(0, 0, -1));
     ctx.position = PrecisePos(1, 2, 3);
     ctx.screen = Vector2(0.3f, 0.8f);
     EXPECT_EQ(texelRead(*evaluatorOf(*map), ctx), Pixel(3, 1));
@@ -62,23 +56,18 @@ TEST_F(TextureMapFixture, ScreenMappingReadsWhereTheRayCrossesTheImage) {
 
 TEST(TextureMapDome, RaysFromBesideTheCameraMeetTheFloorAndTheDome) {
     EnvironmentMappings::DomeShape const dome{Pos(10, 0, 0), 100.f, 2.f};
-    auto const expectDir = [](Dir const& got, Dir const& want) {
-        Dir const w = normalize(want);
-        EXPECT_NEAR(got.x, w.x, 1e-5f);
-        EXPECT_NEAR(got.z, w.z, 1e-5f);
-    };
     // Down from 2 units beside the camera: the floor point is seen 45 degrees down.
-    expectDir(EnvironmentMappings::domeDirection(dome, Pos(12, 0, 2), Dir(0, 0, -1)), Dir(2, 0, -2));
+    Testing::expectNear(EnvironmentMappings::domeDirection(dome, Pos(12, 0, 2), Dir(0, 0, -1)), normalize(Dir(2, 0, -2)), 1e-5f);
     // Up from 60 units beside it: the dome at height 80, seen from the camera at height 2.
-    expectDir(EnvironmentMappings::domeDirection(dome, Pos(70, 0, 2), Dir(0, 0, 1)), Dir(60, 0, 78));
+    Testing::expectNear(EnvironmentMappings::domeDirection(dome, Pos(70, 0, 2), Dir(0, 0, 1)), normalize(Dir(60, 0, 78)), 1e-5f);
 }
 
 TEST_F(TextureMapFixture, LookupModeAndMapperRotation) {
     auto map = makeMap(write("coords.exr", coordinateImage(13, 7)));
     map->set("interpolation", InterpolationMode::Nearest);
-    PointContext surface(0.99f, 0.99f);
+    SettableShadeContext surface(0.99f, 0.99f);
     surface.view = Dir(-1, 0, 0);
-    PointContext environment = PointContext::ray(Dir(0, 1, 0));  // u = 0.25 in the panorama
+    SettableShadeContext environment = SettableShadeContext::ray(Dir(0, 1, 0));  // u = 0.25 in the panorama
     environment.uvw = Pos(0.01f, 0.01f, 0.f);
     EXPECT_EQ(texelRead(*evaluatorOf(*map), surface), Pixel(12, 0));    // Auto: surfaces through the mapper,
     EXPECT_EQ(texelRead(*evaluatorOf(*map), environment), Pixel(3, 3)); // environment rays by direction
@@ -96,11 +85,9 @@ TEST_F(TextureMapFixture, LookupModeAndMapperRotation) {
 
 TEST_F(TextureMapFixture, BlurWidensTheEnvironmentFootprint) {
     // A ramp whose mip levels differ at the point (nearest texel of each level).
-    auto map = makeMap(write("ramp.exr", imageOf(64, 32, PixelFormat::MonoFloat, [](int x, int) {
-                                 return RgbAlpha(Rgb(float(x) + 0.5f), 1.f);
-                             })));
+    auto map = makeMap(write("ramp.exr", imageOf(64, 32, PixelFormat::MonoFloat, [](int x, int) { return RgbAlpha(Rgb(float(x) + 0.5f), 1.f); })));
     map->set("interpolation", InterpolationMode::Nearest);
-    PointContext ctx = PointContext::ray(Dir(1, 0.2f, 0.1f));
+    SettableShadeContext ctx = SettableShadeContext::ray(Dir(1, 0.2f, 0.1f));
     ctx.filtered = true;
     ctx.footprint = 0.05f;
     float const sharp = evaluatorOf(*map)->evalMono(ctx, nullptr).value;

@@ -1,22 +1,15 @@
 #include "Ferrim/TextureMap/TextureSampling.h"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-
-#include "QuelinLibImage/Image.h"
+#include "TextureMapTestSupport.h"
 
 namespace Quelin {
 namespace {
 
 using namespace TextureSampling;
+using namespace TextureMapTest;
 
-/// A float mono level whose texel (x, row) holds f(x, row), rows from the top.
 template <typename F> Image monoLevel(int w, int h, F f) {
-    Image image(Image::Descriptor(Pixel(w, h), PixelFormat::MonoFloat));
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) image.getPixel<PixelMonoF>(x, y).value = float(f(x, y));
-    return image;
+    return imageOf(w, h, PixelFormat::MonoFloat, [&](int x, int y) { return RgbAlpha(Rgb(float(f(x, y))), 1.f); });
 }
 
 float sample(Image const& level, InterpolationMode mode, float u, float v, Addressing a = {}) {
@@ -26,30 +19,18 @@ float sample(Image const& level, InterpolationMode mode, float u, float v, Addre
     return fn(level.getData(), shape, u, v, a, none)[0];
 }
 
-struct BorderCase {
-    Address address;
-    InterpolationMode mode;
-    float expected;  ///< at u = 0 (half a texel before the first centre)
-};
-
-class TextureSamplingBorders : public ::testing::TestWithParam<BorderCase> {};
-
-TEST_P(TextureSamplingBorders, TapsBeyondTheBorderFollowTheAddressing) {
-    // Columns 0, 1, 2, 3 hold 1, 0, 0, 5: repeating pulls in the last column.
+TEST(TextureSamplingBorders, TapsBeyondTheBorderFollowTheAddressing) {
+    // Columns 0, 1, 2, 3 hold 1, 0, 0, 5: repeating pulls in the last column. Read at u = 0, half a
+    // texel before the first centre; the B-spline at fraction 0.5 weighs taps -2 to 1 by 1, 23, 23, 1 (/48).
     Image const level = monoLevel(4, 1, [](int x, int) { return x == 0 ? 1.f : (x == 3 ? 5.f : 0.f); });
-    auto const c = GetParam();
-    EXPECT_NEAR(sample(level, c.mode, 0.f, 0.5f, {c.address, Address::Clamp}), c.expected, 1e-6f);
+    for (auto const& [address, mode, expected] :
+         {std::tuple(Address::Clamp, InterpolationMode::Bilinear, 1.f), std::tuple(Address::Mirror, InterpolationMode::Bilinear, 1.f),
+          std::tuple(Address::Repeat, InterpolationMode::Bilinear, 3.f),
+          std::tuple(Address::Clamp, InterpolationMode::Bicubic, (1 + 23 + 23 + 0) / 48.f),
+          std::tuple(Address::Mirror, InterpolationMode::Bicubic, (0 + 23 + 23 + 0) / 48.f),
+          std::tuple(Address::Repeat, InterpolationMode::Bicubic, (0 + 5 * 23 + 23 + 0) / 48.f)})
+        EXPECT_NEAR(sample(level, mode, 0.f, 0.5f, {address, Address::Clamp}), expected, 1e-6f) << int(address) << " " << int(mode);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, TextureSamplingBorders,
-    ::testing::Values(BorderCase{Address::Clamp, InterpolationMode::Bilinear, 1.f},
-                      BorderCase{Address::Mirror, InterpolationMode::Bilinear, 1.f},
-                      BorderCase{Address::Repeat, InterpolationMode::Bilinear, 3.f},
-                      // B-spline at fraction 0.5 weighs taps -2, -1, 0, 1 by 1/48, 23/48, 23/48, 1/48.
-                      BorderCase{Address::Clamp, InterpolationMode::Bicubic, (1 + 23 + 23 + 0) / 48.f},
-                      BorderCase{Address::Mirror, InterpolationMode::Bicubic, (0 + 23 + 23 + 0) / 48.f},
-                      BorderCase{Address::Repeat, InterpolationMode::Bicubic, (0 + 5 * 23 + 23 + 0) / 48.f}));
 
 TEST(TextureSamplingBicubic, ReproducesLinearRampsExactly) {
     // 3x - 2 row: a ramp across both axes.
@@ -77,31 +58,20 @@ TEST(TextureSamplingBicubic, StaysWithinTheTexelRangeOnAStep) {
     EXPECT_GT(sample(level, InterpolationMode::Bicubic, 0.55f, 0.5f), 0.5f);
 }
 
-class TextureSamplingFormats : public ::testing::TestWithParam<PixelFormat> {};
-
-TEST_P(TextureSamplingFormats, TexelsDecodeAsTheImageReadsThem) {
+TEST(TextureSamplingFormats, TexelsDecodeAsTheImageReadsThem) {
     // The image's own (slow, general) conversion is the reference for every format.
-    PixelFormat const format = GetParam();
-    Image level(Image::Descriptor(Pixel(2, 1), format));
-    level.setRgbAlpha(0, 0, RgbAlpha(0.25f, 0.5f, 0.75f, 0.5f));
-    level.setRgbAlpha(1, 0, RgbAlpha(1.f, 0.125f, 0.f, 1.f));
-    for (int x = 0; x < 2; ++x) {
-        RgbAlpha const expected = level.getRgbAlpha(x, 0);
+    for (PixelFormat const format : ALL_FORMATS) {
+        SCOPED_TRACE(getPixelFormatName(format));
+        Image const level = imageOf(2, 1, format, [](int x, int) {
+            return x == 0 ? RgbAlpha(0.25f, 0.5f, 0.75f, 0.5f) : RgbAlpha(1.f, 0.125f, 0.f, 1.f);
+        });
         auto const fn = selectSampleFunction(format, InterpolationMode::Nearest, Conversion::None);
-        Float4 const c = fn(level.getData(), LevelShape::of(2, 1, format), 0.25f + 0.5f * float(x), 0.5f, {}, {});
-        EXPECT_NEAR(c[0], expected.r, 1e-6f) << getPixelFormatName(format);
-        EXPECT_NEAR(c[1], expected.g, 1e-6f) << getPixelFormatName(format);
-        EXPECT_NEAR(c[2], expected.b, 1e-6f) << getPixelFormatName(format);
-        EXPECT_NEAR(c[3], expected.alpha, 1e-6f) << getPixelFormatName(format);
+        for (int x = 0; x < 2; ++x) {
+            Float4 const c = fn(level.getData(), LevelShape::of(2, 1, format), 0.25f + 0.5f * float(x), 0.5f, {}, {});
+            expectNear(RgbAlpha(c[0], c[1], c[2], c[3]), level.getRgbAlpha(x, 0), 1e-6f);
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(All, TextureSamplingFormats,
-                         ::testing::Values(PixelFormat::Mono8, PixelFormat::Mono16, PixelFormat::MonoFloat,
-                                           PixelFormat::MonoAlpha8, PixelFormat::MonoAlpha16,
-                                           PixelFormat::MonoAlphaFloat, PixelFormat::Rgb8, PixelFormat::Rgb16,
-                                           PixelFormat::RgbFloat, PixelFormat::Rgba8, PixelFormat::Rgba16,
-                                           PixelFormat::RgbaFloat, PixelFormat::Rgbe, PixelFormat::MonoWithExp));
 
 } // namespace
 } // namespace Quelin

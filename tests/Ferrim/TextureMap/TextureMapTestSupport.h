@@ -1,52 +1,18 @@
 #pragma once
-// Texture-map tests: images written to a temp folder, maps built on them, and
-// a shading point whose every answer the test sets.
+// Texture-map tests: images written to a temp folder and maps built on them.
 #include <gtest/gtest.h>
 
+#include <random>
+
 #include "Ferrim/Ferrim.h"
+#include "Ferrim/FerrimTestSupport.h"
 #include "Ferrim/TextureMap/TextureMap.h"
 #include "QuelinLib/DataSource.h"
 #include "TestSupport/TempFolderTest.h"
 
 namespace Quelin::TextureMapTest {
 
-/// A shading point: UVW, footprint, filtering, kind, ray and image answers.
-class PointContext : public NullShadeContext {
-public:
-    Pos uvw{0.5f, 0.5f, 0.f};
-    Dir dUvw{0.f, 0.f, 0.f};
-    bool filtered = false;
-    ShadedKind kind = ShadedKind::Surface;
-    Dir view{0.f, 0.f, -1.f};
-    PrecisePos position;
-    float footprint = 0.f;
-    Matrix33 bumpBase = Matrix33::fromColumns(Dir(1, 0, 0), Dir(0, 1, 0), Dir(0, 0, 1));
-    Vector2 screen{0.5f, 0.5f};            ///< what unprojectPoint answers
-    mutable Optional<PrecisePos> unprojected;  ///< what it was asked
-
-    PointContext() = default;
-    PointContext(float u, float v) : uvw(u, v, 0.f) {}
-    /// An environment ray along `direction`.
-    static PointContext ray(Dir const& direction) {
-        PointContext c;
-        c.kind = ShadedKind::Environment;
-        c.view = direction;
-        return c;
-    }
-
-    Pos getUvw(int, std::uint32_t = 0) const override { return uvw; }
-    Dir getDUvw(int) const override { return dUvw; }
-    bool wantsFilteredLookup() const override { return filtered; }
-    ShadedKind getShadedKind() const override { return kind; }
-    Dir getViewDirection() const override { return view; }
-    PrecisePos getPosition() const override { return position; }
-    float getPositionFootprint() const override { return footprint; }
-    Matrix33 getBumpBase(int) const override { return bumpBase; }
-    Vector2 unprojectPoint(Optional<PrecisePos> const& p, UnprojectPoint) const override {
-        unprojected = p;
-        return screen;
-    }
-};
+using Testing::SettableShadeContext;
 
 /// An image of `format` whose texel (x, row) is f(x, row) (rows from the top).
 template <typename F> Image imageOf(int w, int h, PixelFormat format, F f) {
@@ -59,6 +25,29 @@ template <typename F> Image imageOf(int w, int h, PixelFormat format, F f) {
 /// Float texels that hold their own column and row: a lookup says which texel it read.
 inline Image coordinateImage(int w, int h) {
     return imageOf(w, h, PixelFormat::RgbaFloat, [](int x, int y) { return RgbAlpha(float(x), float(y), 0.f, 1.f); });
+}
+
+PixelFormat const ALL_FORMATS[] = {PixelFormat::Mono8,       PixelFormat::Mono16,      PixelFormat::MonoFloat,
+                                   PixelFormat::MonoAlpha8,  PixelFormat::MonoAlpha16, PixelFormat::MonoAlphaFloat,
+                                   PixelFormat::Rgb8,        PixelFormat::Rgb16,       PixelFormat::RgbFloat,
+                                   PixelFormat::Rgba8,       PixelFormat::Rgba16,      PixelFormat::RgbaFloat,
+                                   PixelFormat::Rgbe,        PixelFormat::MonoWithExp};
+
+/// Noise bytes: every texel differs, so a misplaced or stale level shows.
+inline Image randomImage(Pixel size, PixelFormat format, std::uint32_t seed) {
+    Image image(Image::Descriptor(size, format));
+    std::mt19937 rng(seed);
+    for (auto& byte : std::span(image.getData(), std::size_t(image.getByteSize()))) byte = std::byte(rng());
+    return image;
+}
+
+inline bool sameBytes(Image const& a, Image const& b) {
+    return a.getByteSize() == b.getByteSize() && std::memcmp(a.getData(), b.getData(), std::size_t(a.getByteSize())) == 0;
+}
+
+inline void expectNear(RgbAlpha const& actual, RgbAlpha const& expected, float tolerance) {
+    Testing::expectNear(actual.rgb(), expected.rgb(), tolerance);
+    EXPECT_NEAR(actual.alpha, expected.alpha, tolerance) << "alpha";
 }
 
 /// The library started, and a temp folder for the test's images.

@@ -35,11 +35,10 @@ FunctionEvaluator slopeEvaluator(UvMapper const& mapper, float a, float b, float
 }
 
 /// A context that also answers the object position, for the XYZ mapping modes.
-class PositionShadeContext : public FixedShadeContext {
+class PositionShadeContext : public SettableShadeContext {
 public:
     Pos objectPosition;
     Pos getObjectPosition() const override { return objectPosition; }
-    float getPositionFootprint() const override { return 0.f; }
 };
 
 void expectDirNear(Dir const& a, Dir const& b, float tolerance) { expectNear(a, b, tolerance * std::max(1.f, length(b))); }
@@ -52,7 +51,7 @@ protected:
         // A deliberately non-trivial frame: u runs along x, v along -z.
         ctx.bumpBase = Matrix33::fromColumns(Dir(1, 0, 0), Dir(0, 0, -1), Dir(0, 1, 0));
     }
-    FixedShadeContext ctx;
+    SettableShadeContext ctx;
     UvMapper mapper;
 };
 

@@ -93,12 +93,12 @@ TEST(CellularDistances, FeaturePointGivesZeroAndLowColor) {
         Pos const point = referencePoints(cell[0], cell[1], cell[2]).front();
         Pos const uvw(point.x * 2.f, point.y * 2.f, point.z * 2.f);
         EXPECT_EQ(circular.cellValue(uvw), 0.f);
-        EXPECT_EQ(circular.evalColor(FixedShadeContext(uvw), nullptr), RgbAlpha(0, 0, 0, 1));
+        EXPECT_EQ(circular.evalColor(SettableShadeContext(uvw), nullptr), RgbAlpha(0, 0, 0, 1));
     }
 }
 
 TEST(CellularBlend, HalfTakesUpperBranchAndUpperBranchIsNotClamped) {
-    FixedShadeContext ctx;
+    SettableShadeContext ctx;
     auto const e = makeEvaluator(CellularMap::CellShape::CIRCULAR);
     EXPECT_EQ(e.colorForValue(0.5f, ctx, nullptr), RgbAlpha(0.5f, 0.25f, 0.5f, 1.f));
     EXPECT_EQ(e.colorForValue(0.25f, ctx, nullptr), RgbAlpha(0.25f, 0.125f, 0.25f, 1.f));
@@ -111,7 +111,7 @@ TEST(CellularBlend, HalfTakesUpperBranchAndUpperBranchIsNotClamped) {
 }
 
 TEST(CellularBlend, ChipsWithUnfilledSecondSlotIsInfiniteAndUnclamped) {
-    FixedShadeContext ctx;
+    SettableShadeContext ctx;
     auto const chips = makeEvaluator(CellularMap::CellShape::CHIPS);
     float const v = chips.valueFromSlots({0.04f, INF, INF, INF});
     EXPECT_EQ(v, INF);
@@ -131,7 +131,7 @@ TEST_F(CellularMapTest, RecordDrivesTheEvaluator) {
     CellularMap map;
     map.set("size", 0.5f);
     map.set("shape", CellularMap::CellShape::CHIPS);
-    FixedShadeContext ctx(0.3f, 1.7f, -0.2f);
+    SettableShadeContext ctx(0.3f, 1.7f, -0.2f);
     // CHIPS at size 0.5 is F2 - F1 at twice the UVW; the default colours 0, 0.5, 1 give that value back.
     auto const slots = CellularEvaluator::distanceSlots(Pos(0.6f, 3.4f, -0.4f));
     EXPECT_NEAR(map.getEvaluatorImpl().evaluator->evalMono(ctx, nullptr).value,

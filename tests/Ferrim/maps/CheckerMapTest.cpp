@@ -38,7 +38,7 @@ TEST(CheckerHardEdges, SquaresAreHalfUnitsAndFloorNotTruncation) {
                          Case{0.5f, 0.25f, false},  // an edge belongs to the square above it
                          Case{-0.25f, 0.25f, false}, Case{-0.25f, -0.25f, true}, Case{-1.25f, -3.75f, false},
                          Case{3e7f, 0.25f, true}})
-        EXPECT_EQ(makeChecker(0.f).evalColor(FixedShadeContext(c.u, c.v), nullptr), c.color2 ? TWO : ONE) << c.u << ", " << c.v;
+        EXPECT_EQ(makeChecker(0.f).evalColor(SettableShadeContext(c.u, c.v), nullptr), c.color2 ? TWO : ONE) << c.u << ", " << c.v;
 }
 
 TEST(CheckerSoftEdges, ExactBoxFilterOfThePatternWithTheEvenMixOnEdges) {
@@ -51,7 +51,7 @@ TEST(CheckerSoftEdges, ExactBoxFilterOfThePatternWithTheEvenMixOnEdges) {
             }
     auto const e = makeChecker(0.1f);
     EXPECT_FLOAT_EQ(e.blendWeight(0.5f, 0.25f), 0.5f);
-    EXPECT_EQ(e.evalColor(FixedShadeContext(0.5f, 0.25f), nullptr), RgbAlpha(0.5f, 0, 0.5f, 1));
+    EXPECT_EQ(e.evalColor(SettableShadeContext(0.5f, 0.25f), nullptr), RgbAlpha(0.5f, 0, 0.5f, 1));
     EXPECT_EQ(e.blendWeight(0.25f, 0.25f), 1.f);
     EXPECT_EQ(e.blendWeight(0.75f, 0.25f), 0.f);
 }
@@ -62,11 +62,11 @@ TEST_F(CheckerMapTest, OnlyTheNeededInputsAreEvaluated) {
     auto one = makeSharedPtr<CountingMap>(ONE);
     auto two = makeSharedPtr<CountingMap>(TWO);
     CheckerEvaluator const e(identityMapper(), 0.1f, mapInput(one), mapInput(two));
-    EXPECT_EQ(e.evalColor(FixedShadeContext(0.25f, 0.25f), nullptr), TWO);
+    EXPECT_EQ(e.evalColor(SettableShadeContext(0.25f, 0.25f), nullptr), TWO);
     EXPECT_EQ(std::pair(one->calls.load(), two->calls.load()), std::pair(0, 1));
-    e.evalMono(FixedShadeContext(-0.25f, 0.25f), nullptr);
+    e.evalMono(SettableShadeContext(-0.25f, 0.25f), nullptr);
     EXPECT_EQ(std::pair(one->calls.load(), two->calls.load()), std::pair(1, 1));
-    e.evalColor(FixedShadeContext(0.5f, 0.25f), nullptr);  // on an edge: both
+    e.evalColor(SettableShadeContext(0.5f, 0.25f), nullptr);  // on an edge: both
     EXPECT_EQ(std::pair(one->calls.load(), two->calls.load()), std::pair(2, 2));
 }
 
@@ -74,9 +74,9 @@ TEST_F(CheckerMapTest, BumpIsFlatInsideASquareAndTiltsAcrossASoftEdge) {
     CheckerMap map;
     map.set("softenFactor", 0.2f);
     auto r = map.getEvaluatorImpl();
-    EXPECT_EQ(r.evaluator->evalBump(FixedShadeContext(0.25f, 0.25f), nullptr), Dir(0, 0, 0));
+    EXPECT_EQ(r.evaluator->evalBump(SettableShadeContext(0.25f, 0.25f), nullptr), Dir(0, 0, 0));
     // color1 below u = 0.5, color2 (brighter) above: the normal tilts toward -u.
-    Dir const b = r.evaluator->evalBump(FixedShadeContext(0.5f, 0.75f), nullptr);
+    Dir const b = r.evaluator->evalBump(SettableShadeContext(0.5f, 0.75f), nullptr);
     EXPECT_LT(b.x, 0.f);
     EXPECT_NEAR(b.y, 0.f, 1e-4f);
 }
@@ -91,7 +91,7 @@ TEST_F(CheckerMapTest, JsonRoundTripWithNoiseDrivingAnInput) {
     // The loaded map evaluates like the original.
     auto loaded = entityFromJsonAs<IMap>(entityToJson(map));
     ASSERT_TRUE(loaded.has_value());
-    FixedShadeContext ctx(0.76f, 0.27f);
+    SettableShadeContext ctx(0.76f, 0.27f);
     EXPECT_EQ((*loaded)->getEvaluatorImpl().evaluator->evalColor(ctx, nullptr), map.getEvaluatorImpl().evaluator->evalColor(ctx, nullptr));
 }
 

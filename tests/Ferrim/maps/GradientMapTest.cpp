@@ -40,7 +40,7 @@ TEST(GradientEvaluator, ParameterOfEveryTypeAtChosenPoints) {
                          Case{Type::Spiral, Pos(0.5f, 0.25f, 0), 0.75f}, Case{Type::Spiral, Pos(0.75f, 0.5f, 0), 0.f},
                          Case{Type::Sweep, Pos(0.4f, 0.4f, 0), 0.5f}, Case{Type::Sweep, Pos(0.6f, 0.f, 0), 1.f},
                          Case{Type::Tartan, Pos(0.5f, 0.9f, 0), 1.f}, Case{Type::Tartan, Pos(0.1f, 0.2f, 0), 0.4f}}) {
-        FixedShadeContext ctx(c.uvw);
+        SettableShadeContext ctx(c.uvw);
         auto const e = makeGradient(c.type, threeStops(Interp::Linear), identityMapper(), constantInput(Rgb(0.3f, 0.3f, 0.3f)));
         EXPECT_NEAR(e.parameter(c.uvw, ctx, nullptr), c.t, 1e-6f) << int(c.type) << " at " << c.uvw.x << ", " << c.uvw.y;
         // Through the whole lookup with linear stops 0, 0.5, 1 of grey levels 0, 0.5, 1 the grey is t.
@@ -63,7 +63,7 @@ TEST(GradientEvaluator, EveryInterpolationAtAndBetweenStops) {
                          Case{Interp::EaseInOut, 0.25f, 0.25f}, Case{Interp::EaseInOut, 0.125f, 0.5f * 0.103515625f},
                          Case{Interp::EaseInOut, 0.5f, 0.5f}}) {
         auto const e = makeGradient(Type::Linear, threeStops(c.interpolation));
-        FixedShadeContext ctx(0.3f, c.v);
+        SettableShadeContext ctx(0.3f, c.v);
         EXPECT_EQ(e.evalColor(ctx, nullptr).alpha, 1.f);
         EXPECT_NEAR(e.evalColor(ctx, nullptr).r, c.grey, 1e-6f) << int(c.interpolation) << " at " << c.v;
         EXPECT_NEAR(e.evalMono(ctx, nullptr).value, Rgb(c.grey).mean(), 1e-6f);
@@ -75,18 +75,18 @@ TEST(GradientEvaluator, SortsStopsAndHoldsEndsWithoutExtrapolation) {
                          {0.2f, Interp::Linear, constantInput(Rgb(0, 0, 1))}};
     auto const e = makeGradient(Type::Linear, std::move(stops));
     EXPECT_EQ(e.getStops().front().position, 0.2f);
-    EXPECT_EQ(e.evalColor(FixedShadeContext(0.f, 0.1f), nullptr), RgbAlpha(0, 0, 1, 1));
-    EXPECT_EQ(e.evalColor(FixedShadeContext(0.f, 0.95f), nullptr), RgbAlpha(1, 0, 0, 1));
-    EXPECT_NEAR(e.evalColor(FixedShadeContext(0.f, 0.5f), nullptr).r, 0.5f, 1e-6f);
+    EXPECT_EQ(e.evalColor(SettableShadeContext(0.f, 0.1f), nullptr), RgbAlpha(0, 0, 1, 1));
+    EXPECT_EQ(e.evalColor(SettableShadeContext(0.f, 0.95f), nullptr), RgbAlpha(1, 0, 0, 1));
+    EXPECT_NEAR(e.evalColor(SettableShadeContext(0.f, 0.5f), nullptr).r, 0.5f, 1e-6f);
     // An empty list is one black stop in the middle.
     auto const empty = makeGradient(Type::Linear, {});
     ASSERT_EQ(empty.getStops().size(), 1u);
     EXPECT_EQ(empty.getStops()[0].position, 0.5f);
-    EXPECT_EQ(empty.evalColor(FixedShadeContext(0.3f, 0.9f), nullptr), RgbAlpha(0, 0, 0, 1));
+    EXPECT_EQ(empty.evalColor(SettableShadeContext(0.3f, 0.9f), nullptr), RgbAlpha(0, 0, 0, 1));
 }
 
 TEST(GradientEvaluator, UnknownTypeOrInterpolationStops) {
-    FixedShadeContext ctx(0.3f, 0.4f);
+    SettableShadeContext ctx(0.3f, 0.4f);
     auto const type = makeGradient(static_cast<Type>(9), threeStops(Interp::Linear));
     auto const interpolation = makeGradient(Type::Linear, threeStops(static_cast<Interp>(5)));
     expectStop([&] { type.evalColor(ctx, nullptr); }, "maps/GradientMap", 269);
@@ -99,14 +99,14 @@ TEST_F(GradientMapTest, OutsideTheTileIsOpaqueBlack) {
     auto mapper = makeSharedPtr<UvMapper>();
     mapper->set("wrapU", WrapMode::NoTiling);
     auto const e = makeGradient(Type::Linear, threeStops(Interp::Linear), mapper);
-    FixedShadeContext outside(1.5f, 0.5f);
+    SettableShadeContext outside(1.5f, 0.5f);
     EXPECT_EQ(e.evalColor(outside, nullptr), RgbAlpha(0, 0, 0, 1));
     EXPECT_EQ(e.evalMono(outside, nullptr), MonoAlpha(0, 1));
     EXPECT_EQ(e.evalBump(outside, nullptr), Dir(0, 0, 0));
-    EXPECT_EQ(e.evalColor(FixedShadeContext(0.5f, 0.5f), nullptr), RgbAlpha(0.5f, 0.5f, 0.5f, 1));
+    EXPECT_EQ(e.evalColor(SettableShadeContext(0.5f, 0.5f), nullptr), RgbAlpha(0.5f, 0.5f, 0.5f, 1));
     // Repeating tiles wrap into [0, 1).
     auto const repeat = makeGradient(Type::Linear, threeStops(Interp::Linear));
-    EXPECT_NEAR(repeat.evalColor(FixedShadeContext(7.5f, -2.75f), nullptr).r, 0.25f, 1e-6f);
+    EXPECT_NEAR(repeat.evalColor(SettableShadeContext(7.5f, -2.75f), nullptr).r, 0.25f, 1e-6f);
 }
 
 TEST_F(GradientMapTest, StopInterpolationCountsOnlyWithCustomInterpolation) {
@@ -116,7 +116,7 @@ TEST_F(GradientMapTest, StopInterpolationCountsOnlyWithCustomInterpolation) {
     ASSERT_EQ(solid.size(), 3u);
     for (std::size_t i = 0; i < 3; ++i) solid[i].set("interpolation", Interp::Solid);
     map.set("stops", solid);
-    FixedShadeContext ctx(0.2f, 0.25f);
+    SettableShadeContext ctx(0.2f, 0.25f);
     EXPECT_NEAR(map.getEvaluatorImpl().evaluator->evalColor(ctx, nullptr).r, 0.25f, 1e-6f);
     map.set("customInterpolation", true);
     EXPECT_EQ(map.getEvaluatorImpl().evaluator->evalColor(ctx, nullptr).r, 0.f);
@@ -131,7 +131,7 @@ TEST_F(GradientMapTest, BumpBlendsTheStopsBumps) {
     auto const noiseEval = noise->getEvaluatorImpl().evaluator;
     Stack<Stop> stops = {{0.f, Interp::Linear, constantInput(Rgb(0, 0, 0))}, {1.f, Interp::Linear, mapInput(noise)}};
     auto const e = makeGradient(Type::Linear, std::move(stops));
-    FixedShadeContext ctx(0.4f, 0.25f);
+    SettableShadeContext ctx(0.4f, 0.25f);
     Dir const expected = noiseEval->evalBump(ctx, nullptr) * 0.25f;
     EXPECT_GT(length(expected), 0.f);
     EXPECT_LT(length(e.evalBump(ctx, nullptr) - expected), 1e-5f * (1 + length(expected)));

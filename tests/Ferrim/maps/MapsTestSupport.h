@@ -14,24 +14,6 @@
 
 namespace Quelin::MapsTest {
 
-/// Answers a fixed UVW, footprint, normal and bump base on every channel.
-class FixedShadeContext : public NullShadeContext {
-public:
-    Pos uvw{0, 0, 0};
-    Dir dUvw{0, 0, 0};
-    Dir normal{0, 0, 1};
-    Matrix33 bumpBase = Matrix33::fromColumns(Dir(1, 0, 0), Dir(0, 1, 0), Dir(0, 0, 1));
-
-    FixedShadeContext() = default;
-    explicit FixedShadeContext(Pos const& p) : uvw(p) {}
-    FixedShadeContext(float u, float v, float w = 0.f) : uvw(u, v, w) {}
-
-    Pos getUvw(int, std::uint32_t = 0) const override { return uvw; }
-    Dir getDUvw(int) const override { return dUvw; }
-    Dir getNormal() const override { return normal; }
-    Matrix33 getBumpBase(int) const override { return bumpBase; }
-};
-
 /// An identity mapper reading the context's UVW as it is.
 inline SharedPtr<UvMapper const> identityMapper() { return makeSharedPtr<UvMapper>(); }
 
@@ -79,6 +61,7 @@ inline void setInputMap(Entity& entity, StringView property, SharedPtr<IMap> con
 }
 
 using Testing::expectStop;
+using Testing::SettableShadeContext;
 using Testing::LibraryFixture;
 
 /// JSON written, read back and written again gives the same text and an equal record.

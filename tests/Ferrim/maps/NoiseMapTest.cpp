@@ -90,7 +90,7 @@ TEST_F(NoiseMapTest, RegularIgnoresLevelsAndColoursFollowTheRamp) {
     auto regular = map->getEvaluatorImpl();
     map->set("type", NoiseMap::Type::FRACTAL);
     auto fractal = map->getEvaluatorImpl();
-    FixedShadeContext ctx(0.37f, 0.81f, 0.11f);
+    SettableShadeContext ctx(0.37f, 0.81f, 0.11f);
     float const v = makeEvaluator(0.25f, 1.f).noiseValue(ctx.uvw), five = makeEvaluator(0.25f, 5.f).noiseValue(ctx.uvw);
     EXPECT_NE(v, five);
     RgbAlpha const c = regular.evaluator->evalColor(ctx, nullptr);
