@@ -251,6 +251,49 @@ RgbAlpha toRgbAlpha(Float4 c) {
 
 } // namespace
 
+[[gnu::noinline]] void TextureMap::Evaluator::readBack(int level) const {
+    // Second test under the lock: of several threads needing the level, one reads it back.
+    std::lock_guard lock(mTexture->getMutex());
+    if (level < mTexture->getOffloadedCount()) MipMapManager::readBack(*mTexture, level);
+}
+
+inline void TextureMap::Evaluator::requireResident(int level) const {
+    if (level < mTexture->getOffloadedCount()) [[unlikely]]
+        readBack(level);
+}
+
+template <PixelFormat F, Conversion C, InterpolationMode I>
+Float4 TextureMap::Evaluator::sampleTexture(Evaluator const& e, float u, float v, float du, float dv, bool filtered,
+                                            Addressing addressing) {
+    auto const level = [&](int i) {
+        Level const& l = e.mLevels[std::size_t(i)];
+        if (l.likeFirst) [[likely]]
+            return sample<F, C, I>(l.image->getData(), l.shape, u, v, addressing, e.mConversion);
+        return l.sample(l.image->getData(), l.shape, u, v, addressing, e.mConversion);
+    };
+    if (!filtered) {
+        e.requireResident(0);
+        return level(0);
+    }
+    float w = du < dv ? du : dv;
+    if (!(w >= 1e-8f)) w = 1e-8f;  // NaN too
+    float const lod = log2Approx(Float4(w)).x() + e.mTopLevel;
+    if (lod <= 0.f) {
+        e.requireResident(0);
+        return level(0);
+    }
+    if (lod >= e.mTopLevel) {
+        int const top = int(e.mTopLevel);
+        e.requireResident(top);
+        return level(top);
+    }
+    int const i = int(lod);
+    float const f = lod - float(i);
+    e.requireResident(i);  // makes level i + 1 resident too
+    Float4 const a = level(i);
+    return a + (level(i + 1) - a) * Float4(f);
+}
+
 TextureMap::Evaluator::Evaluator(SharedPtr<ImageTexture const> texture, SharedPtr<UvMapper const> uvMapper,
                                  Settings const& settings)
     : mTexture(texture ? std::move(texture) : makeSharedPtr<ImageTexture const>(EntityHolder<IDataSource const>())),
@@ -318,48 +361,6 @@ TextureMap::Evaluator::Evaluator(SharedPtr<ImageTexture const> texture, SharedPt
     mBumpScale = 0.5f / (float(std::max(size.x, size.y)) * BumpConverterMap::STEP_FRACTION);
 }
 
-[[gnu::noinline]] void TextureMap::Evaluator::readBack(int level) const {
-    // Second test under the lock: of several threads needing the level, one reads it back.
-    std::lock_guard lock(mTexture->getMutex());
-    if (level < mTexture->getOffloadedCount()) MipMapManager::readBack(*mTexture, level);
-}
-
-inline void TextureMap::Evaluator::requireResident(int level) const {
-    if (level < mTexture->getOffloadedCount()) [[unlikely]]
-        readBack(level);
-}
-
-template <PixelFormat F, Conversion C, InterpolationMode I>
-Float4 TextureMap::Evaluator::sampleTexture(Evaluator const& e, float u, float v, float du, float dv, bool filtered,
-                                            Addressing addressing) {
-    auto const level = [&](int i) {
-        Level const& l = e.mLevels[std::size_t(i)];
-        if (l.likeFirst) [[likely]]
-            return sample<F, C, I>(l.image->getData(), l.shape, u, v, addressing, e.mConversion);
-        return l.sample(l.image->getData(), l.shape, u, v, addressing, e.mConversion);
-    };
-    if (!filtered) {
-        e.requireResident(0);
-        return level(0);
-    }
-    float w = du < dv ? du : dv;
-    if (!(w >= 1e-8f)) w = 1e-8f;  // NaN too
-    float const lod = log2Approx(Float4(w)).x() + e.mTopLevel;
-    if (lod <= 0.f) {
-        e.requireResident(0);
-        return level(0);
-    }
-    if (lod >= e.mTopLevel) {
-        int const top = int(e.mTopLevel);
-        e.requireResident(top);
-        return level(top);
-    }
-    int const i = int(lod);
-    float const f = lod - float(i);
-    e.requireResident(i);  // makes level i + 1 resident too
-    Float4 const a = level(i);
-    return a + (level(i + 1) - a) * Float4(f);
-}
 
 inline Optional<RgbAlpha> TextureMap::Evaluator::findWrapped(float u, float v, float du, float dv, bool filtered,
                                                               Addressing addressing) const {
