@@ -17,11 +17,10 @@ TEST_P(PowApproxTest, StaysWithinDocumentedRelativeErrorOfPow) {
     float const e = GetParam();
     double worst = 0;
     for (double x = 1e-6; x < 1e5; x *= 1.0137) {
-        float const xf = float(x);
-        Float4 const r = powApprox(Float4(xf, xf * 1.5f, xf * 0.75f, xf * 1.25f), e);
+        float const bases[4] = {float(x), float(x) * 1.5f, float(x) * 0.75f, float(x) * 1.25f};
+        Float4 const r = powApprox(Float4(bases[0], bases[1], bases[2], bases[3]), e);
         for (int lane = 0; lane < 4; ++lane) {
-            float const base = lane == 0 ? xf : (lane == 1 ? xf * 1.5f : (lane == 2 ? xf * 0.75f : xf * 1.25f));
-            double const expected = std::pow(double(base), double(e));
+            double const expected = std::pow(double(bases[lane]), double(e));
             if (expected < FLT_MIN || expected > 1e37) continue;
             worst = std::max(worst, std::abs(r[lane] - expected) / expected);
         }
@@ -75,12 +74,8 @@ TEST(PlanckianLocus, RgbHasUnitLuminanceAndWarmsWithLowTemperature) {
     EXPECT_LT(planckianRgb(15000).r, planckianRgb(15000).b);
 }
 
-TEST(ColorAdaptation, NeutralAtTheReference) {
-    EXPECT_EQ(colorAdaptation(6500.f, 6500.f), Rgb(1.f, 1.f, 1.f));
-    EXPECT_EQ(colorAdaptation(6500.f), Rgb(1.f, 1.f, 1.f));
-}
-
 TEST(ColorAdaptation, TurnsTheIlluminantIntoTheReferenceWhite) {
+    EXPECT_EQ(colorAdaptation(6500.f), Rgb(1.f));  // exactly neutral at the default reference
     for (float k : {2000.f, 3200.f, 5000.f, 9000.f, 40000.f}) {
         Rgb const w = colorAdaptation(k, 6500.f);
         Rgb const adapted = w * planckianRgb(k);

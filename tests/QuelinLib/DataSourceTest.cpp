@@ -18,6 +18,7 @@ TEST_F(DataSourceTest, FileIdentityFollowsTheFileNotThePath) {
     Io::Path const roundabout = mFolder / "." / "a.png";
     Io::FileId const id = FileDataSource::make(path)->getFileId();
     EXPECT_EQ(FileDataSource::make(roundabout)->getFileId(), id);
+    EXPECT_EQ(FileDataSource::make(roundabout)->getFileId().getHash(), id.getHash());
     EXPECT_EQ(FileDataSource::make(mFolder / "other-name.png")->getFileId(), id);
     EXPECT_NE(FileDataSource::make(writeText("b.png", "bytes"))->getFileId(), id);
     // Missing files: one identity per path, none shared with real files.

@@ -23,6 +23,8 @@ TEST(HalfTest, EveryHalfSurvivesTheRoundTrip) {
             ASSERT_EQ(back, h) << std::hex << bits;
         }
     }
+    // A NaN payload only in the low float bits must not collapse into infinity.
+    EXPECT_TRUE(isHalfNan(floatToHalf(std::bit_cast<float>(0x7F800001u))));
 }
 
 struct HalfCase {
@@ -52,16 +54,6 @@ INSTANTIATE_TEST_SUITE_P(Values, HalfReferenceTest,
                                          // subnormal rounding carries into the normals
                                          HalfCase{std::ldexp(1023.5f, -24), 0x0400},
                                          HalfCase{-std::numeric_limits<float>::infinity(), 0xFC00}));
-
-TEST(HalfTest, NanStaysNan) {
-    float const nan = std::numeric_limits<float>::quiet_NaN();
-    EXPECT_TRUE(isHalfNan(floatToHalf(nan)));
-    EXPECT_TRUE(isHalfNan(floatToHalf(-nan)));
-    // A payload only in the low float bits must not collapse into infinity.
-    EXPECT_TRUE(isHalfNan(floatToHalf(std::bit_cast<float>(0x7F800001u))));
-    EXPECT_TRUE(std::isnan(halfToFloat(0x7E00)));
-    EXPECT_TRUE(std::isinf(halfToFloat(0xFC00)) && halfToFloat(0xFC00) < 0.f);
-}
 
 TEST(HalfTest, RandomFloatsPickTheNearestHalf) {
     std::mt19937 random(1234);

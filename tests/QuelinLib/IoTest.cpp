@@ -172,24 +172,6 @@ TEST_F(IoTest, RandomNamedFilesAreNewAndRemovable) {
     EXPECT_TRUE(Io::fileExists(*second));
 }
 
-TEST_F(IoTest, FileIdentityFollowsTheFileNotThePath) {
-    Io::Path const a = writeBytes("a.png", {1});
-    Io::Path const b = writeBytes("b.png", {1});
-    ASSERT_TRUE(Io::createDirs(mFolder / "sub"));
-    auto const idA = Io::FileId::fromPath(a);
-    auto const idAOtherPath = Io::FileId::fromPath(mFolder / "sub" / ".." / "a.png");
-    auto const idB = Io::FileId::fromPath(b);
-    ASSERT_TRUE(idA && idAOtherPath && idB);
-    EXPECT_EQ(*idA, *idAOtherPath);
-    EXPECT_EQ(idA->getHash(), idAOtherPath->getHash());
-    EXPECT_NE(*idA, *idB);
-    std::error_code ec;
-    fs::create_hard_link(a, mFolder / "link.png", ec);
-    if (!ec) {
-        EXPECT_EQ(*Io::FileId::fromPath(mFolder / "link.png"), *idA);
-    }
-}
-
 TEST_F(IoTest, TimeStampChangesWithTheFile) {
     Io::Path const path = writeBytes("t.png", {1, 2});
     auto const before = Io::TimeStamp::fromPath(path);

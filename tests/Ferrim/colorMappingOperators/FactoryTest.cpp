@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <map>
 
 #include "Ferrim/Ferrim.h"
 #include "Ferrim/FerrimTestSupport.h"
@@ -18,49 +18,43 @@ protected:
     static ColorMappingOperatorFactory& factory() { return ColorMappingOperatorFactory::getInstance(); }
 };
 
-struct Expected {
-    char const* typeName;
-    char const* uiName;
-    OperatorGroup group;
-    OperatorColorEncoding input, output;
-};
-
-TEST_F(ColorMappingOperatorFactoryTest, HoldsTheEighteenOperatorsWithTheirNamesGroupsAndEncodings) {
-    using G = OperatorGroup;
-    using E = OperatorColorEncoding;
-    Expected const all[] = {
-        {"Zatho.AcesOtOperator", "ACES Output Transform", G::FinalLook, E::Linear, E::Linear},
-        {"Zatho.AdvancedFilmicOperator", "Advanced Filmic Mapping", G::CurveControl, E::Linear, E::Linear},
-        {"Zatho.ContrastOperator", "Contrast", G::Basic, E::Linear, E::Linear},
-        {"Zatho.CurvesOperator", "Curves", G::CurveControl, E::Srgb, E::Srgb},
-        {"Zatho.FilmicOperator", "Filmic Mapping", G::CurveControl, E::Linear, E::Linear},
-        {"Zatho.GreenMagentaTintOperator", "Green-Magenta Tint", G::Basic, E::Linear, E::Linear},
-        {"Zatho.IdentityOperator", "Identity", G::Hidden, E::Passthrough, E::Passthrough},
-        {"Zatho.LinearToSrgbOperator", "Linear to sRGB", G::Hidden, E::Linear, E::Srgb},
-        {"Zatho.LutOperator", "LUT", G::FinalLook, E::Linear, E::Linear},
-        {"Zatho.PhotographicExposureOperator", "Photographic Exposure", G::Basic, E::Linear, E::Linear},
-        {"Zatho.ReinhardOperator", "Reinhard Highlight Compression", G::HighlightControl, E::Linear, E::Linear},
-        {"Zatho.SaturationOperator", "Saturation", G::Basic, E::Linear, E::Linear},
-        {"Zatho.SimpleExposureOperator", "Simple Exposure", G::Basic, E::Linear, E::Linear},
-        {"Zatho.SrgbToLinearOperator", "sRGB to Linear", G::Hidden, E::Srgb, E::Linear},
-        {"Zatho.TintOperator", "Tint", G::Basic, E::Linear, E::Linear},
-        {"Zatho.ToneCurveOperator", "Tone Curve", G::CurveControl, E::Linear, E::Linear},
-        {"Zatho.VignetteOperator", "Vignette", G::Basic, E::Linear, E::Linear},
-        {"Zatho.WhiteBalanceOperator", "White Balance", G::Basic, E::Linear, E::Linear},
+TEST_F(ColorMappingOperatorFactoryTest, HoldsTheEighteenOperatorsSortedWithTheirEncodings) {
+    char const* const types[] = {
+        "Zatho.AcesOtOperator", "Zatho.AdvancedFilmicOperator", "Zatho.ContrastOperator",
+        "Zatho.CurvesOperator", "Zatho.FilmicOperator", "Zatho.GreenMagentaTintOperator",
+        "Zatho.IdentityOperator", "Zatho.LinearToSrgbOperator", "Zatho.LutOperator",
+        "Zatho.PhotographicExposureOperator", "Zatho.ReinhardOperator", "Zatho.SaturationOperator",
+        "Zatho.SimpleExposureOperator", "Zatho.SrgbToLinearOperator", "Zatho.TintOperator",
+        "Zatho.ToneCurveOperator", "Zatho.VignetteOperator", "Zatho.WhiteBalanceOperator",
     };
-    ASSERT_EQ(factory().getAllDescriptors().size(), std::size(all));
+    // Pipelines insert conversions from the encodings and hide the Hidden
+    // group; all other operators are visible and linear in and out.
+    using E = OperatorColorEncoding;
+    struct Special {
+        bool hidden;
+        E input, output;
+    };
+    std::map<String, Special> const special = {
+        {"Zatho.CurvesOperator", {false, E::Srgb, E::Srgb}},
+        {"Zatho.IdentityOperator", {true, E::Passthrough, E::Passthrough}},
+        {"Zatho.LinearToSrgbOperator", {true, E::Linear, E::Srgb}},
+        {"Zatho.SrgbToLinearOperator", {true, E::Srgb, E::Linear}},
+    };
+    ASSERT_EQ(factory().getAllDescriptors().size(), std::size(types));
     auto entry = factory().getAllDescriptors().begin();
-    for (auto const& e : all) {
-        SCOPED_TRACE(e.typeName);
-        EXPECT_EQ(entry->first, e.typeName);  // sorted by type name
-        EXPECT_EQ(entry->second.uiName, e.uiName);
-        EXPECT_EQ((entry++)->second.group, e.group);
-        auto op = factory().createOperator(e.typeName);
+    for (String const type : types) {
+        SCOPED_TRACE(type);
+        EXPECT_EQ(entry->first, type);
+        OperatorGroup const group = (entry++)->second.group;
+        auto op = factory().createOperator(type);
         ASSERT_TRUE(op);
-        EXPECT_EQ(op->getClassName(), e.typeName);
-        EXPECT_EQ(op->getInputEncoding(), e.input);
-        EXPECT_EQ(op->getOutputEncoding(), e.output);
-        EXPECT_EQ(op->getGroup(), e.group);
+        EXPECT_EQ(op->getClassName(), type);
+        auto const it = special.find(type);
+        Special const expected = it == special.end() ? Special{false, E::Linear, E::Linear} : it->second;
+        EXPECT_EQ(op->getInputEncoding(), expected.input);
+        EXPECT_EQ(op->getOutputEncoding(), expected.output);
+        EXPECT_EQ(op->getGroup(), group);
+        EXPECT_EQ(group == OperatorGroup::Hidden, expected.hidden);
     }
 }
 
@@ -71,17 +65,9 @@ TEST_F(ColorMappingOperatorFactoryTest, UnknownTypesGiveAnEmptyHolder) {
     EXPECT_FALSE(factory().createOperator(foreign));
 }
 
-TEST_F(ColorMappingOperatorFactoryTest, NewOperatorsGetFreshIdsAndRecordsAreCopied) {
-    auto a = factory().createOperator("Zatho.ContrastOperator");
-    auto b = factory().createOperator("Zatho.ContrastOperator");
-    EXPECT_NE(a->get<int>("id"), b->get<int>("id"));
-    a->set("contrast", 1.7f);
-    auto copy = factory().createOperator(a->getData());
-    EXPECT_EQ(copy->getData(), a->getData());
-    EXPECT_NE(copy.get(), a.get());
-}
-
-TEST_F(ColorMappingOperatorFactoryTest, CreatingFromARecordRebuildsTheChainBelow) {
+TEST_F(ColorMappingOperatorFactoryTest, NewOperatorsGetFreshIdsAndRecordsAreCopiedWithTheChainBelow) {
+    auto const freshId = [] { return factory().createOperator("Zatho.TintOperator")->get<int>("id"); };
+    EXPECT_NE(freshId(), freshId());
     auto exposure = makeSharedPtr<SimpleExposureOperator>();
     exposure->set("simpleExposure", 2.f);
     auto tint = makeSharedPtr<TintOperator>();
@@ -98,8 +84,6 @@ TEST_F(ColorMappingOperatorFactoryTest, CreatingFromARecordRebuildsTheChainBelow
 }
 
 TEST_F(ColorMappingOperatorFactoryTest, ObsoleteOperatorsLoadThroughTheirHookButNeverMap) {
-    auto const& hooks = Ferrim::getHooks();
-    EXPECT_TRUE(std::any_of(hooks.begin(), hooks.end(), [](auto const& h) { return h.name == "Register obsolete operators"; }));
     for (StringView name : {"Zatho.AcesRrtOperator", "Zatho.AcesOtOperator2"}) {
         SCOPED_TRACE(String(name));
         EXPECT_FALSE(factory().containsDescriptor(name));

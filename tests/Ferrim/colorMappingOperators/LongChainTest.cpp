@@ -2,7 +2,7 @@
 // make them: walking a chain must not take one stack frame per operator.
 #include <gtest/gtest.h>
 
-#include "Ferrim/Ferrim.h"
+#include "Ferrim/FerrimTestSupport.h"
 #include "Ferrim/colorMappingOperators/ColorMappingPipeline.h"
 #include "QuelinLib/Json.h"
 
@@ -33,22 +33,14 @@ EntityHolder<UnaryColorMappingOperator> exposureThenSrgb(std::size_t identities)
     return last;
 }
 
-void expectRgbNear(Rgb const& a, Rgb const& b) {
-    EXPECT_NEAR(a.r, b.r, 1e-6f);
-    EXPECT_NEAR(a.g, b.g, 1e-6f);
-    EXPECT_NEAR(a.b, b.b, 1e-6f);
-}
+void expectRgbNear(Rgb const& a, Rgb const& b) { Testing::expectNear(a, b, 1e-6f); }
 
 String pipelineText(String const& operators, String const& version = "1") {
     return R"({"mimeType": "application/vnd.zatho.ostrel.color-mapping", "version": )" + version +
            R"(, "operators": [)" + operators + "]}";
 }
 
-class LongChainTest : public ::testing::Test {
-protected:
-    void SetUp() override { Ferrim::startup(); }
-    void TearDown() override { Ferrim::shutdown(); }
-};
+using LongChainTest = Testing::LibraryFixture;
 
 } // namespace
 

@@ -1,5 +1,6 @@
-// LUT files that once crashed the readers or were silently half-read: each is
-// refused with one line naming the file, the line and the problem.
+// Malformed LUT texts, among them ones that once crashed the readers or were
+// silently half-read: each is refused with one line naming the file, the line
+// and the problem.
 #include <gtest/gtest.h>
 
 #include "Ferrim/colorMappingOperators/Lut.h"
@@ -38,6 +39,21 @@ TEST_P(LutHostileInput, RefusedWithOnePrintableLine) {
 INSTANTIATE_TEST_SUITE_P(
     Texts, LutHostileInput,
     ::testing::Values(
+        HostileCase{"BadSize", false, "LUT_3D_SIZE two\n0 0 0\n", 1, "LUT_3D_SIZE"},
+        HostileCase{"SizeOne", false, "# c\nLUT_1D_SIZE 1\n0 0 0\n", 2, "from 2 to"},
+        HostileCase{"WrongCount", false, "LUT_1D_SIZE 2\n0 0 0\n1 1\n", 3, "expected 3 values, found 2"},
+        HostileCase{"NotANumber", false, "LUT_1D_SIZE 2\r\n0 0 0\r\n1 x 1\r\n", 3, "\"x\" is not a number"},
+        HostileCase{"DataBeforeSize", false, "0 0 0\nLUT_1D_SIZE 2\n", 1, "before"},
+        HostileCase{"TooMany", false, "LUT_1D_SIZE 2\n0 0 0\n1 1 1\n2 2 2\n", 4, "more entries"},
+        HostileCase{"TooFew", false, "LUT_3D_SIZE 2\n0 0 0\n1 1 1\n\n", 3, "expected 8 entries, found 2"},
+        HostileCase{"EmptyDomain", false, "DOMAIN_MIN 0 0 0\nDOMAIN_MAX 1 0 1\nLUT_1D_SIZE 2\n0 0 0\n1 1 1\n", 1, "domain"},
+        HostileCase{"ShortDomain", false, "DOMAIN_MAX 1 1\n", 1, "needs 3 values"},
+        HostileCase{"KeywordAfterData", false, "LUT_1D_SIZE 2\n0 0 0\nTITLE \"x\"\n1 1 1\n", 3, "after the table"},
+        HostileCase{"NoSize", false, "TITLE \"nothing\"\n", 1, "no LUT_1D_SIZE"},
+        HostileCase{"FractionIn3dl", true, "0 512 1023\n0 0 0\n0.5 0 0\n", 3, "\"0.5\" is not an integer"},
+        HostileCase{"NotACube3dl", true, "0 0 0\n1 1 1\n2 2 2\n", 3, "do not make a cube"},
+        HostileCase{"WrongCount3dl", true, "0 0 0\n0 0\n", 2, "expected 3 values"},
+        HostileCase{"TooDeep3dl", true, "0 0 0\n0 0 0\n0 0 0\n0 0 0\n0 0 0\n0 0 0\n0 0 0\n0 0 70000\n", 8, "16-bit"},
         // A damaged first value made the line look like a writer's keyword,
         // and the table silently lost an entry.
         HostileCase{"LetterBeforeFirstEntry", false, "LUT_1D_SIZE 2\nx0 0 0\n0 0 0\n1 1 1\n", 2, "\"x0\" is not a number"},

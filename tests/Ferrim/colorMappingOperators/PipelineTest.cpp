@@ -2,9 +2,7 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
-#include "Ferrim/Ferrim.h"
 #include "Ferrim/FerrimTestSupport.h"
 #include "Ferrim/colorMappingOperators/ColorMappingPipeline.h"
 #include "Ferrim/colorMappingOperators/ObsoleteOperator.h"
@@ -112,7 +110,13 @@ TEST_F(PipelineTest, UpdateWritesValuesOnlyIntoTheSameShape) {
     EXPECT_FLOAT_EQ(ops.front()->get<float>("simpleExposure"), 1.5f);
 }
 
-class PipelineCorrupted : public PipelineTest, public ::testing::WithParamInterface<char const*> {};
+namespace {
+String withMimeType(String const& members) {
+    return R"({"mimeType": "application/vnd.zatho.ostrel.color-mapping", )" + members + "}";
+}
+} // namespace
+
+class PipelineCorrupted : public PipelineTest, public ::testing::WithParamInterface<String> {};
 
 TEST_P(PipelineCorrupted, RefusedWithTheLoaderMessage) {
     auto loaded = deserializePipeline(GetParam());
@@ -122,13 +126,10 @@ TEST_P(PipelineCorrupted, RefusedWithTheLoaderMessage) {
 
 INSTANTIATE_TEST_SUITE_P(
     Texts, PipelineCorrupted,
-    ::testing::Values("not json at all", "[1, 2]", "{\"operators\": []}",
-                      "{\"mimeType\": \"application/vnd.zatho.ostrel.color-mapping\", \"operators\": {}}",
-                      "{\"mimeType\": \"application/vnd.zatho.ostrel.color-mapping\", \"operators\": [{\"@class\": \"Zatho.Nope\"}]}",
-                      "{\"mimeType\": \"application/vnd.zatho.ostrel.color-mapping\", \"operators\": [{\"@class\": "
-                      "\"Zatho.ContrastOperator\", \"contrast\": \"high\"}]}",
-                      "{\"mimeType\": \"application/vnd.zatho.ostrel.color-mapping\", \"operators\": [{\"enabled\": true}]}",
-                      "{\"mimeType\": \"application/vnd.zatho.ostrel.color-mapping\", \"version\": 7, \"operators\": []}"));
+    ::testing::Values("not json at all", "[1, 2]", R"({"operators": []})", withMimeType(R"("operators": {})"),
+                      withMimeType(R"("operators": [{"@class": "Zatho.Nope"}])"),
+                      withMimeType(R"("operators": [{"@class": "Zatho.ContrastOperator", "contrast": "high"}])"),
+                      withMimeType(R"("operators": [{"enabled": true}])"), withMimeType(R"("version": 7, "operators": [])")));
 
 TEST_F(PipelineTest, LegacyOperatorsAreRemovedWithTheWarning) {
     String const text = R"({"mimeType": "application/vnd.zatho.ostrel.color-mapping", "version": 1, "operators": [
@@ -154,10 +155,7 @@ TEST_F(PipelineTest, PresetFilesRoundTripAndErrorsNameTheFile) {
     std::filesystem::create_directories(dir);
     String const path = (dir / "look.ctm").string();
     auto const chain = exposureCurvesContrast();
-    ASSERT_TRUE(savePipelinePreset(path, chain));
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    EXPECT_NE(text.str().find(Ferrim::MIME_COLOR_MAPPING), String::npos);
+    ASSERT_TRUE(savePipelinePreset(path, chain));  // loading checks the type it writes
     auto loaded = loadPipelinePreset(path);
     ASSERT_TRUE(loaded) << loaded.error();
     EXPECT_TRUE(loaded->warning.empty());
