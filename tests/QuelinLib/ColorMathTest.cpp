@@ -31,13 +31,10 @@ TEST_P(PowApproxTest, StaysWithinDocumentedRelativeErrorOfPow) {
 INSTANTIATE_TEST_SUITE_P(OperatorExponents, PowApproxTest,
                          testing::Values(0.2f, 1.f / 2.4f, 1.f / 2.2f, 0.70710677f, 1.f, 1.4142135f, 2.2f, 2.4f, 5.f));
 
-TEST(PowApprox, NonPositiveAndDenormalBasesGiveZero) {
+TEST(PowApprox, TinyBasesGiveZeroAndScalarMatchesLanes) {
     Float4 const r = powApprox(Float4(0.f, -1.f, 1e-40f, -0.f), Float4(0.4545f));
     for (int lane = 0; lane < 4; ++lane) EXPECT_EQ(r[lane], 0.f) << lane;
     EXPECT_EQ(powApprox(0.f, 2.2f), 0.f);
-}
-
-TEST(PowApprox, ScalarMatchesLanesAndExactPowersOfTwo) {
     EXPECT_EQ(powApprox(3.7f, 1.3f), powApprox(Float4(3.7f), Float4(1.3f))[0]);
     EXPECT_NEAR(powApprox(4.f, 0.5f), 2.f, 2e-6f);
     EXPECT_NEAR(powApprox(2.f, 10.f), 1024.f, 1024.f * 2e-6f);

@@ -28,7 +28,7 @@ TEST_F(DataSourceTest, FileIdentityFollowsTheFileNotThePath) {
     EXPECT_FALSE(missing->getTimeStamp());
 }
 
-TEST_F(DataSourceTest, TimeStampsCarryTheSizeAndMemoryHasNone) {
+TEST_F(DataSourceTest, TimeStampsFollowTimeAndSizeAndMemoryHasNone) {
     Io::Path const path = writeText("a.png", "12345");
     auto const source = FileDataSource::make(path);
     auto const before = source->getTimeStamp();
@@ -38,6 +38,8 @@ TEST_F(DataSourceTest, TimeStampsCarryTheSizeAndMemoryHasNone) {
     writeText("a.png", "123456");
     fs::last_write_time(path, time);
     EXPECT_NE(source->getTimeStamp(), before) << "same time, other size";
+    fs::last_write_time(path, time + std::chrono::seconds(5));
+    EXPECT_GT(source->getTimeStamp()->ticks, before->ticks);
     EXPECT_FALSE(MemoryDataSource::make("x", "png")->getTimeStamp());
 }
 

@@ -27,10 +27,9 @@ EntityHolder<UnaryColorMappingOperator> makeOperator(StringView type, Setup cons
 
 String isaName(WideIsa isa) { return wideIsaName(isa) == "sse4.1" ? String("sse41") : String(wideIsaName(isa)); }
 
-/// Channel values from zero and denormal-adjacent tiny ones to large ones,
-/// with negatives, as 3 x 3 x 3 combinations of the pool, then the
-/// uniform ones in and just around [0, 1] (where LUTs interpolate), then the
-/// non-finite ones. `nonNegative` drops the negatives.
+/// Greys and channel combinations of zero, tiny, large and (unless
+/// `nonNegative`) negative values, uniform ones around [0, 1] (where LUTs
+/// interpolate), then non-finite ones.
 Stack<Rgb> gridColours(bool nonNegative = false) {
     Stack<float> pool = {0.f, 1e-30f, 3e-6f, 0.0123f, 0.18f, 0.5f, 0.999f, 1.f, 2.5f, 60.f, 1e4f};
     if (!nonNegative) pool.insert(pool.end(), {-0.3f, -2.f});
@@ -100,7 +99,12 @@ struct OperatorCase {
 
 void PrintTo(OperatorCase const& c, std::ostream* os) { *os << c.name; }
 
-Setup setFloat(char const* name, float value) { return [=](UnaryColorMappingOperator& op) { op.set(name, value); }; }
+Setup set(std::initializer_list<std::pair<char const*, PropertyValue>> values) {
+    return [list = Stack<std::pair<char const*, PropertyValue>>(values)](UnaryColorMappingOperator& op) {
+        for (auto const& [name, value] : list) op.set(name, value);
+    };
+}
+Setup setFloat(char const* name, float value) { return set({{name, value}}); }
 /// `file` from the shared test data, or the default LUT.
 Setup lut(LutInterpolation interpolation, bool inSrgb, float opacity, char const* file = nullptr) {
     return [=](UnaryColorMappingOperator& op) {
@@ -119,7 +123,7 @@ OperatorCase const OPERATOR_CASES[] = {
     {"photographic_not_applied", "PhotographicExposureOperator", {}, 2e-6f, false},
     {"white_balance_warm", "WhiteBalanceOperator", setFloat("colorTemperature", 3000.f)},
     {"white_balance_cool", "WhiteBalanceOperator", setFloat("colorTemperature", 20000.f)},
-    {"tint", "TintOperator", [](UnaryColorMappingOperator& op) { op.set("tint", Rgb(1.f, 0.5f, 0.f)); }},
+    {"tint", "TintOperator", set({{"tint", Rgb(1.f, 0.5f, 0.f)}})},
     {"green_magenta_green", "GreenMagentaTintOperator", setFloat("greenMagentaTint", 0.7f)},
     {"green_magenta_magenta", "GreenMagentaTintOperator", setFloat("greenMagentaTint", -1.f)},
     {"green_magenta_below_threshold", "GreenMagentaTintOperator", setFloat("greenMagentaTint", 0.00005f)},
@@ -129,8 +133,7 @@ OperatorCase const OPERATOR_CASES[] = {
     // The contrast curves amplify rounding near black and white.
     {"contrast_steeper", "ContrastOperator", setFloat("contrast", 2.f), 1e-5f},
     {"contrast_flatter", "ContrastOperator", setFloat("contrast", 0.4f), 1e-5f},
-    {"vignette", "VignetteOperator",
-     [](UnaryColorMappingOperator& op) { op.set("intensity", 0.8f), op.set("falloff", 0.5f); }},
+    {"vignette", "VignetteOperator", set({{"intensity", 0.8f}, {"falloff", 0.5f}})},
     {"linear_to_srgb", "LinearToSrgbOperator", {}},
     {"srgb_to_linear", "SrgbToLinearOperator", {}},
     {"srgb_to_linear_not_applied", "SrgbToLinearOperator", {}, 2e-6f, false},
@@ -139,22 +142,14 @@ OperatorCase const OPERATOR_CASES[] = {
     {"aces_faded", "AcesOtOperator", setFloat("opacity", 0.4f)},
     {"reinhard", "ReinhardOperator", setFloat("highlightCompression", 4.f)},
     {"filmic", "FilmicOperator", {}},
-    {"filmic_mixed", "FilmicOperator",
-     [](UnaryColorMappingOperator& op) { op.set("highlightCompression", 0.3f), op.set("richShadows", 0.8f); }},
+    {"filmic_mixed", "FilmicOperator", set({{"highlightCompression", 0.3f}, {"richShadows", 0.8f}})},
     {"advanced_filmic", "AdvancedFilmicOperator", {}, 1e-5f},
     {"curves", "CurvesOperator",
-     [](UnaryColorMappingOperator& op) {
-         op.set("curves_master", makeCurvePoints({{0.f, 0.f}, {0.3f, 0.2f}, {0.8f, 0.9f}, {1.f, 1.f}}));
-         op.set("curves_blue", makeCurvePoints({{0.f, 0.05f}, {1.f, 0.9f}}));
-     }},
-    {"tone_curve", "ToneCurveOperator",
-     [](UnaryColorMappingOperator& op) { op.set("toneCurve_points", makeCurvePoints({{-8.f, -7.f}, {0.f, 0.f}, {5.f, 2.f}})); },
-     1e-5f},
+     set({{"curves_master", makeCurvePoints({{0.f, 0.f}, {0.3f, 0.2f}, {0.8f, 0.9f}, {1.f, 1.f}})},
+          {"curves_blue", makeCurvePoints({{0.f, 0.05f}, {1.f, 0.9f}})}})},
+    {"tone_curve", "ToneCurveOperator", set({{"toneCurve_points", makeCurvePoints({{-8.f, -7.f}, {0.f, 0.f}, {5.f, 2.f}})}}), 1e-5f},
     {"tone_curve_preserving", "ToneCurveOperator",
-     [](UnaryColorMappingOperator& op) {
-         op.set("toneCurve_points", makeCurvePoints({{-6.f, -6.5f}, {0.f, 0.f}, {6.f, 3.f}}));
-         op.set("toneCurve_preserveColor", true);
-     },
+     set({{"toneCurve_points", makeCurvePoints({{-6.f, -6.5f}, {0.f, 0.f}, {6.f, 3.f}})}, {"toneCurve_preserveColor", true}}),
      1e-5f},
     {"lut_tetrahedral_srgb", "LutOperator", lut(LutInterpolation::Tetrahedral, true, 1.f), 1e-5f},
     {"lut_trilinear_linear_faded", "LutOperator", lut(LutInterpolation::Trilinear, false, 0.6f)},

@@ -22,9 +22,8 @@ protected:
         mOp = {};
         LibraryFixture::TearDown();
     }
-    void prepare(bool apply = true) {
+    void prepare() {
         ColorMappingContext context;
-        context.applyOperators = apply;
         context.gamma = 2.2f;
         mOp->prepareForApplication(context);
     }
@@ -42,8 +41,6 @@ TEST_F(LutOperatorTest, NeutralUntilOnAndGivenAPathAndAppliesInDisplayEncoding) 
     EXPECT_TRUE(mOp->isNeutral());
     EXPECT_TRUE(mOp->getLoadError().empty());
     mOp->set("path", getDefaultLut());
-    prepare(false);
-    EXPECT_TRUE(mOp->isNeutral());
     prepare();
     ASSERT_FALSE(mOp->isNeutral()) << mOp->getLoadError();
     Rgb const in(0.2f, 0.4f, 0.05f);
@@ -53,9 +50,6 @@ TEST_F(LutOperatorTest, NeutralUntilOnAndGivenAPathAndAppliesInDisplayEncoding) 
     mOp->set("lut_opacity", 0.5f);
     prepare();
     expectNear(mOp->map(in, {}), (in + out) * 0.5f, 1e-5f);
-    mOp->set("enabled", false);
-    prepare();
-    EXPECT_EQ(mOp->map(in, {}), in);
 }
 
 TEST_F(LutOperatorTest, UnreadableFileIsNeutralWithErrorKeptUntilFixed) {

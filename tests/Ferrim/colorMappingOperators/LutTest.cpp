@@ -128,14 +128,9 @@ TEST(LutDefault, FileRoundTripsAndLookIsGentle) {
     auto lut = readCubeLut(getDefaultLut());
     ASSERT_TRUE(lut) << lut.error();
     ASSERT_TRUE(lut->lut3d);
-    EXPECT_EQ(lut->lut3d->size, 33);
     Lut const& data = getDefaultLutData();
     ASSERT_EQ(lut->lut3d->values.size(), data.lut3d->values.size());
     for (std::size_t i = 0; i < data.lut3d->values.size(); ++i) EXPECT_FLOAT_EQ(lut->lut3d->values[i], data.lut3d->values[i]);
-    // The text form reads back from memory alike.
-    auto text = parseCubeLut(formatCubeLut(data), "memory");
-    ASSERT_TRUE(text) << text.error();
-    EXPECT_EQ(text->lut3d->values, lut->lut3d->values);
     expectNear(data.apply(Rgb(0.f), LutInterpolation::Tetrahedral), Rgb(0.f), 1e-6f, Rgb(0.f));
     expectNear(data.apply(Rgb(1.f), LutInterpolation::Tetrahedral), Rgb(1.f), 1e-6f, Rgb(1.f));
     // Greys stay in order and close to themselves.

@@ -114,10 +114,8 @@ TEST_P(OperatorValues, MatchTheReference) {
 INSTANTIATE_TEST_SUITE_P(Operators, OperatorValues, testing::ValuesIn(valueCases()),
                          [](testing::TestParamInfo<ValueCase> const& info) { return String(info.param.name); });
 
-TEST(ReinhardOperator, CoefficientIsOneWhenOffAndSmallChangesKeepIt) {
+TEST(ReinhardOperator, SmallChangesKeepTheCoefficient) {
     auto op = with<ReinhardOperator>("highlightCompression", 4.f)();
-    op->prepareForApplication(context(8.f, false));
-    EXPECT_EQ(std::static_pointer_cast<ReinhardOperator>(op)->getCoefficient(), 1.f);
     for (auto [h, k] : {std::pair{2.f, 0.25f}, {2.00005f, 0.25f}, {2.1f, 1.f / (2.1f * 2.1f)}}) {
         op->set("highlightCompression", h);
         op->prepareForApplication({});
