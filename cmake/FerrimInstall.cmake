@@ -30,8 +30,9 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/FerrimConfig.cmake ${CMAKE_CURRENT_BIN
         DESTINATION ${FERRIM_INSTALL_CMAKEDIR})
 
 # The installed package as another project uses it: install into a scratch
-# prefix, build tests/consumer/project against it and run it.
-if(FERRIM_BUILD_TESTS)
+# prefix, build tests/consumer/project against it and run it. Not with
+# sanitizers: the outside project would link a sanitized library without them.
+if(FERRIM_BUILD_TESTS AND NOT FERRIM_SANITIZE)
   add_test(NAME package/consumer
     COMMAND ${CMAKE_COMMAND} -D BUILD_DIR=${PROJECT_BINARY_DIR} -D WORK_DIR=${PROJECT_BINARY_DIR}/consumer-test
             -D GENERATOR=${CMAKE_GENERATOR} -D CXX_COMPILER=${CMAKE_CXX_COMPILER}
