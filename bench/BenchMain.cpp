@@ -1,6 +1,9 @@
 #include <benchmark/benchmark.h>
 
+#include <unistd.h>
+
 #include <cstdio>
+#include <iostream>
 #include <vector>
 
 #include "BenchRatios.h"
@@ -20,7 +23,7 @@ std::vector<Ratio>& ratios() {
 /// Console output as usual, plus the time per item of every run for the ratios.
 class CollectingReporter : public benchmark::ConsoleReporter {
 public:
-    explicit CollectingReporter(Results& results) : mResults(results) {}
+    CollectingReporter(Results& results, OutputOptions options) : ConsoleReporter(options), mResults(results) {}
     void ReportRuns(std::vector<Run> const& runs) override {
         ConsoleReporter::ReportRuns(runs);
         for (auto const& run : runs) {
@@ -62,11 +65,21 @@ int main(int argc, char** argv) {
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     Quelin::Ferrim::startup();
     FerrimBench::Results results;
-    FerrimBench::CollectingReporter reporter(results);
+    // Colour only on a terminal: logs and scripts read the ratio lines.
+    bool const colour = isatty(STDOUT_FILENO) != 0;
+    FerrimBench::CollectingReporter reporter(
+        results, colour ? benchmark::ConsoleReporter::OO_ColorTabular : benchmark::ConsoleReporter::OO_Tabular);
     benchmark::RunSpecifiedBenchmarks(&reporter);
+    // The console reporter ends with a colour reset: leave it on a line of its own.
+    if (colour) std::cout << '\n';
     for (auto const& r : FerrimBench::ratios()) {
-        if (auto v = r.compute(results)) std::printf("ratio %s %.4g (target %s)\n", r.name.c_str(), *v, r.target.c_str());
+        if (auto v = r.compute(results)) {
+            char line[256];
+            std::snprintf(line, sizeof line, "ratio %s %.4g (target %s)\n", r.name.c_str(), *v, r.target.c_str());
+            std::cout << line;
+        }
     }
+    std::cout.flush();
     benchmark::Shutdown();
     Quelin::Ferrim::shutdown();
     return 0;
