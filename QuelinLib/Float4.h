@@ -2,6 +2,7 @@
 // Four-lane float for hot paths: SSE on x86-64, plain arrays elsewhere.
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #if defined(__SSE4_1__) || defined(__x86_64__) || defined(_M_X64)
 #include <immintrin.h>
 #define QUELIN_FLOAT4_SSE 1
@@ -22,6 +23,14 @@ struct Float4 {
     Float4(float s) : v(_mm_set1_ps(s)) {}
     Float4(float a, float b, float c, float d) : v(_mm_setr_ps(a, b, c, d)) {}
     static Float4 load(float const* p) { return _mm_loadu_ps(p); }
+    /// Four unsigned bytes (any alignment) as 0..255: one load and two unpacks.
+    static Float4 fromBytes(void const* p) {
+        std::int32_t word;
+        std::memcpy(&word, p, 4);
+        __m128i const zero = _mm_setzero_si128();
+        __m128i const bytes = _mm_cvtsi32_si128(word);
+        return _mm_cvtepi32_ps(_mm_unpacklo_epi16(_mm_unpacklo_epi8(bytes, zero), zero));
+    }
     void store(float* p) const { _mm_storeu_ps(p, v); }
     float operator[](int i) const { alignas(16) float t[4]; _mm_store_ps(t, v); return t[i]; }
     float x() const { return _mm_cvtss_f32(v); }
@@ -151,6 +160,10 @@ struct Float4 {
     Float4(float s) : l{s, s, s, s} {}
     Float4(float a, float b, float c, float d) : l{a, b, c, d} {}
     static Float4 load(float const* p) { return {p[0], p[1], p[2], p[3]}; }
+    static Float4 fromBytes(void const* p) {
+        auto const* b = static_cast<std::uint8_t const*>(p);
+        return {float(b[0]), float(b[1]), float(b[2]), float(b[3])};
+    }
     void store(float* p) const { for (int i = 0; i < 4; ++i) p[i] = l[i]; }
     float operator[](int i) const { return l[i]; }
     float x() const { return l[0]; }

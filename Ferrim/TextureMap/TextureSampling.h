@@ -151,7 +151,7 @@ template <PixelFormat F, Conversion C> inline Float4 texel(std::byte const* p, T
             if constexpr (N == 1) raw = Float4(u8(p[0]) * INV255, u8(p[0]) * INV255, u8(p[0]) * INV255, 1.f);
             if constexpr (N == 2) raw = Float4(u8(p[0]) * INV255, u8(p[0]) * INV255, u8(p[0]) * INV255, u8(p[1]) * INV255);
             if constexpr (N == 3) raw = Float4(u8(p[0]) * INV255, u8(p[1]) * INV255, u8(p[2]) * INV255, 1.f);
-            if constexpr (N == 4) raw = Float4(u8(p[0]), u8(p[1]), u8(p[2]), u8(p[3])) * Float4(INV255);
+            if constexpr (N == 4) raw = Float4::fromBytes(p) * Float4(INV255);
         }
     } else if constexpr (F == PixelFormat::Mono16 || F == PixelFormat::MonoAlpha16 || F == PixelFormat::Rgb16 ||
                          F == PixelFormat::Rgba16) {
