@@ -405,8 +405,13 @@ Expected<json> parseJson(StringView text) {
 
 // Entity's JSON defaults live here so that DataObjects.cpp needs no JSON parser.
 json Entity::saveInternalData() const {
-    std::lock_guard lock(mMutex);
-    return toJson(mData);
+    // Copy under the lock, write without it: nested entities then take their
+    // own locks one at a time, not all at once down a deep chain.
+    GenericDataObject const data = [&] {
+        std::lock_guard lock(mMutex);
+        return mData;
+    }();
+    return toJson(data);
 }
 
 Expected<void> Entity::loadInternalData(json const& j) {
