@@ -38,7 +38,26 @@ WideIsa detect() {
 #endif
 }
 
+bool detectF16c() {
+#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("avx") && __builtin_cpu_supports("f16c");
+#elif defined(_MSC_VER) && (defined(_M_X64) || defined(_M_IX86))
+    int r[4];
+    __cpuid(r, 1);
+    bool const avx = (r[2] & (1 << 28)) != 0, f16c = (r[2] & (1 << 29)) != 0, osSaves = (r[2] & (1 << 27)) != 0;
+    return avx && f16c && osSaves && (_xgetbv(0) & 0x6) == 0x6;
+#else
+    return false;
+#endif
+}
+
 } // namespace
+
+bool hasHalfConversionInstructions() {
+    static bool const sHas = detectF16c();
+    return sHas;
+}
 
 WideIsa bestWideIsa() {
     static WideIsa const sBest = detect();

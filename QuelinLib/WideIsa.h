@@ -17,6 +17,9 @@ enum class WideIsa : int {
 WideIsa bestWideIsa();
 /// Whether `isa` can run here.
 bool isWideIsaSupported(WideIsa isa);
+/// Whether the processor converts halves to floats in one instruction (F16C,
+/// with the operating system saving the AVX registers it writes).
+bool hasHalfConversionInstructions();
 /// "scalar", "sse4.1", "avx2", "avx512".
 StringView wideIsaName(WideIsa isa);
 /// Lanes of one vector of `isa`.

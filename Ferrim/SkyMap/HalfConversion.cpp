@@ -1,17 +1,16 @@
 #include "Ferrim/SkyMap/HalfConversion.h"
+#include "QuelinLib/WideIsa.h"
 #include <bit>
 #include <cstdint>
 #include <cstring>
 
 #if (defined(__GNUC__) || defined(__clang__)) && (defined(__x86_64__) || defined(__i386__))
 #define FERRIM_HALF_F16C 1
-#include <cpuid.h>
 #include <immintrin.h>
 #define FERRIM_TARGET_F16C __attribute__((target("avx,f16c")))
 #elif defined(_MSC_VER) && defined(_M_X64)
 #define FERRIM_HALF_F16C 1
 #include <immintrin.h>
-#include <intrin.h>
 #define FERRIM_TARGET_F16C
 #endif
 
@@ -36,32 +35,6 @@ inline float halfBitsToFloat(std::uint16_t h) {
 }
 
 #if FERRIM_HALF_F16C
-bool detectF16c() {
-#if defined(_MSC_VER)
-    int info[4];
-    __cpuid(info, 1);
-    unsigned const ecx = unsigned(info[2]);
-#else
-    unsigned eax, ebx, ecx, edx;
-    if (!__get_cpuid(1, &eax, &ebx, &ecx, &edx))
-        return false;
-#endif
-    bool const osSavesAvx = (ecx & (1u << 27)) != 0; // OSXSAVE
-    bool const f16c = (ecx & (1u << 29)) != 0;
-    bool const avx = (ecx & (1u << 28)) != 0;
-    if (!osSavesAvx || !f16c || !avx)
-        return false;
-    // The instruction is VEX-encoded: the system must save the vector state.
-#if defined(_MSC_VER)
-    unsigned long long const xcr0 = _xgetbv(0);
-#else
-    unsigned xcr0Low, xcr0High;
-    __asm__("xgetbv" : "=a"(xcr0Low), "=d"(xcr0High) : "c"(0));
-    unsigned long long const xcr0 = xcr0Low;
-#endif
-    return (xcr0 & 6u) == 6u;
-}
-
 FERRIM_TARGET_F16C void convertF16c(std::byte const* source, float* destination, std::size_t count) {
     std::size_t i = 0;
     for (; i + 8 <= count; i += 8) {
@@ -118,7 +91,7 @@ FERRIM_TARGET_F16C void convertNineRowsF16c(std::byte const* source, std::size_t
     std::memcpy(destination + j * 9, out, rest * 9 * sizeof(float));
 }
 
-bool const sHasF16c = detectF16c();
+bool const sHasF16c = hasHalfConversionInstructions();
 #endif
 
 } // namespace
