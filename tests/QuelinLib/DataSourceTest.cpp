@@ -58,8 +58,7 @@ TEST(MemoryDataSourceTest, OpenStreamsOutliveChangesOfTheData) {
 TEST(MemoryDataSourceTest, BinaryDataSurvivesJsonAsBase64) {
     for (String const& bytes : {String(), String("\xff", 1), String("\x89PNG\r\n\x1a\n\x00", 9), String(1000, '\x7f')}) {
         auto const source = MemoryDataSource::make(bytes, "image/png");
-        nlohmann::json const json = source->saveInternalData();
-        String const text = json.dump(); // would throw on raw binary
+        String const text = source->saveInternalData().dump(); // would throw on raw binary
         auto const loaded = makeSharedPtr<MemoryDataSource>();
         ASSERT_TRUE(loaded->loadInternalData(nlohmann::json::parse(text)));
         EXPECT_EQ(loaded->get<String>("data"), bytes);

@@ -12,17 +12,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-void setEnvironment(char const* name, char const* value) {
-#if defined(_WIN32)
-    _putenv_s(name, value ? value : "");
-#else
-    if (value)
-        setenv(name, value, 1);
-    else
-        unsetenv(name);
-#endif
-}
-
 class IoTest : public Quelin::Testing::TempFolderTest {
   protected:
     Io::Path writeBytes(String const& name, Stack<std::uint8_t> const& bytes) {
@@ -68,7 +57,6 @@ TEST_F(IoTest, BinaryValuesRoundTripLittleEndian) {
 
     auto in = Io::FileInputStream::open(path);
     ASSERT_TRUE(in) << in.error();
-    EXPECT_EQ(*(*in)->getSize(), 28);
     Io::BinaryInputStream binary(**in);
     EXPECT_EQ(*binary.read<std::uint32_t>(), 0x11223344u);
     EXPECT_EQ(*binary.read<std::int16_t>(), -2);
@@ -113,9 +101,7 @@ TEST_F(IoTest, ShortReadIsAnErrorNamingTheFileAndTheStreamStaysUsable) {
     ASSERT_NO_FATAL_FAILURE(expectNames(value, path));
     EXPECT_NE(value.error().find("offset 2"), String::npos) << value.error();
     ASSERT_TRUE(binary.getStream().seek(0, Io::SeekOrigin::Begin));
-    auto const word = binary.read<std::uint16_t>();
-    ASSERT_TRUE(word) << word.error();
-    EXPECT_EQ(*word, 0x0201);
+    EXPECT_EQ(binary.read<std::uint16_t>().value(), 0x0201);
 }
 
 TEST(IoMemoryTest, MemoryStreamReadsHalvesAndRefusesShortReads) {
@@ -132,9 +118,7 @@ TEST(IoMemoryTest, MemoryStreamReadsHalvesAndRefusesShortReads) {
     ASSERT_FALSE(more);
     EXPECT_NE(more.error().find("texture bytes"), String::npos);
     ASSERT_TRUE(stream.seek(0, Io::SeekOrigin::Begin));
-    auto const all = stream.readAll();
-    ASSERT_TRUE(all);
-    EXPECT_EQ(all->size(), 9u);
+    EXPECT_EQ(stream.readAll().value().size(), 9u);
 }
 
 TEST_F(IoTest, MissingFilesAndUnwritableFoldersAreRefusedByName) {
@@ -142,9 +126,7 @@ TEST_F(IoTest, MissingFilesAndUnwritableFoldersAreRefusedByName) {
     expectNames(Io::FileInputStream::open(missing), missing);
     EXPECT_FALSE(Io::fileExists(missing));
     expectNames(Io::removeFile(missing), missing);
-    auto const id = Io::FileId::fromPath(missing);
-    ASSERT_FALSE(id);
-    EXPECT_NE(id.error().find("missing.png"), String::npos);
+    expectNames(Io::FileId::fromPath(missing), missing);
     EXPECT_FALSE(Io::TimeStamp::fromPath(missing));
     Io::Path const folder = unwritableFolder();
     expectNames(Io::createDirs(folder), folder);
@@ -159,8 +141,7 @@ TEST_F(IoTest, RandomNamedFilesAreNewAndRemovable) {
     ASSERT_TRUE(Io::createDirs(mFolder / "a" / "b")) << "an existing folder is fine";
     auto const first = Io::createRandomNamedFile(mFolder / "a" / "b", "Ostrel_", ".tmp");
     auto const second = Io::createRandomNamedFile(mFolder / "a" / "b", "Ostrel_", ".tmp");
-    ASSERT_TRUE(first && second);
-    EXPECT_NE(*first, *second);
+    ASSERT_TRUE(first && second && *first != *second);
     EXPECT_EQ(first->parent_path(), mFolder / "a" / "b");
     EXPECT_TRUE(first->filename().string().starts_with("Ostrel_") && first->extension() == ".tmp") << *first;
     EXPECT_EQ(*Io::getFileSize(*first), 0);
@@ -181,12 +162,12 @@ TEST_F(IoTest, SkyDataFolderFollowsTheEnvironmentElseTheExecutable) {
     EXPECT_TRUE(exe.is_absolute() && Io::fileExists(exe)) << exe;
     char const* const saved = std::getenv("FERRIM_SKY_DATA_DIR");
     String const savedValue = saved ? saved : "";
-    setEnvironment("FERRIM_SKY_DATA_DIR", Io::pathToUtf8(mFolder).c_str());
+    ::setenv("FERRIM_SKY_DATA_DIR", Io::pathToUtf8(mFolder).c_str(), 1);
     EXPECT_EQ(Io::StandardPaths::prgSkyModelData(), mFolder);
-    setEnvironment("FERRIM_SKY_DATA_DIR", nullptr);
+    ::unsetenv("FERRIM_SKY_DATA_DIR");
     EXPECT_EQ(Io::StandardPaths::prgSkyModelData(), exe.parent_path());
     if (saved)
-        setEnvironment("FERRIM_SKY_DATA_DIR", savedValue.c_str());
+        ::setenv("FERRIM_SKY_DATA_DIR", savedValue.c_str(), 1);
 }
 
 TEST(IoPathTest, Utf8RoundTrip) {
@@ -196,9 +177,7 @@ TEST(IoPathTest, Utf8RoundTrip) {
 
 TEST_F(IoTest, TextFilesAreReadOnlyWhenRegularAndWithinTheLimit) {
     Io::Path const text = writeText("a.txt", "hello");
-    auto const ok = Io::readTextFile(text, 5);
-    ASSERT_TRUE(ok) << ok.error();
-    EXPECT_EQ(*ok, "hello");
+    EXPECT_EQ(Io::readTextFile(text, 5).value(), "hello");
 
     struct Case {
         Io::Path path;

@@ -1,9 +1,8 @@
 #pragma once
-// Sky, sun and clouds data files for tests and benchmarks. Files have their
-// full size but are sparse: only the slices asked for are written. Every
-// stored value is a function of its own file offset, so a reader that reads
-// from a wrong place gets a wrong value (or, from a hole, a zero scale that it
-// refuses). The offsets come from the documented layout, not from the library.
+// Sparse, full-size sky, sun and clouds data files for tests and benchmarks.
+// Each stored value is a function of its file offset, so a read from a wrong
+// place gives a wrong value (or, from a hole, a zero scale that is refused).
+// The offsets come from the documented layout, not from the library.
 #include <algorithm>
 #include <bit>
 #include <cmath>
