@@ -22,10 +22,7 @@ protected:
 
 TEST_F(AcesOtOperatorTest, GreyStaysNeutralAndBrightColoursStayInDisplayRange) {
     auto op = make(1.f);
-    for (float v : {0.01f, 0.18f, 1.f, 5.f}) {
-        Rgb const g = op->map(Rgb(v), {});
-        Testing::expectNear(g, Rgb(AcesOtOperator::curve(v)), 1e-5f);
-    }
+    for (float v : {0.01f, 0.18f, 1.f, 5.f}) Testing::expectNear(op->map(Rgb(v), {}), Rgb(AcesOtOperator::curve(v)), 1e-5f);
     Rgb const hot = op->map(Rgb(1000.f, 50.f, 3.f), {});
     for (int ch = 0; ch < 3; ++ch) EXPECT_TRUE(hot[ch] >= 0.f && hot[ch] <= 1.f) << ch;
 }
