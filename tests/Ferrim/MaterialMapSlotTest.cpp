@@ -258,11 +258,6 @@ TEST_F(SlotJsonTest, RoundTripThroughText) {
     ASSERT_TRUE(back.map);
     EXPECT_EQ(back.map->getEvaluator().constantColor, RgbAlpha(0.1f, 0.2f, 0.3f, 0.4f));
     EXPECT_EQ(toJson(back), j);
-
-    ColorOrMap value{Rgb(0.2f, 0.3f, 0.4f), {}, false};
-    ColorOrMap valueBack;
-    ASSERT_TRUE(fromJson(toJson(value), valueBack));
-    EXPECT_TRUE(valueBack == value);
 }
 
 TEST_F(SlotJsonTest, ErrorsNameTheKeyAndChangeNothing) {
