@@ -22,10 +22,7 @@ protected:
 
 TEST_F(AcesOtOperatorTest, GreyStaysNeutralAndBrightColoursStayInDisplayRange) {
     auto op = make(1.f);
-    for (float v : {0.01f, 0.18f, 1.f, 5.f}) {
-        Rgb const g = op->map(Rgb(v), {});
-        Testing::expectNear(g, Rgb(AcesOtOperator::curve(v)), 1e-5f);
-    }
+    for (float v : {0.01f, 0.18f, 1.f, 5.f}) Testing::expectNear(op->map(Rgb(v), {}), Rgb(AcesOtOperator::curve(v)), 1e-5f);
     Rgb const hot = op->map(Rgb(1000.f, 50.f, 3.f), {});
     for (int ch = 0; ch < 3; ++ch) EXPECT_TRUE(hot[ch] >= 0.f && hot[ch] <= 1.f) << ch;
 }
@@ -49,13 +46,11 @@ TEST_F(AcesOtOperatorTest, ZeroOpacityIsTheIdentityAndItsUnmapClampsToOne) {
 
 TEST_F(AcesOtOperatorTest, PartialOpacityReadsTheTableBilinearly) {
     auto const& table = AcesOtOperator::unmappingTable();
-    // On a node the result is the table entry itself.
     auto onNode = make(7.f / 15.f);
-    EXPECT_NEAR(onNode->unmap(Rgb(5.f / 15.f), NONE).r, table[5 * 16 + 7], 1e-5f);
     EXPECT_NEAR(table[5 * 16 + 7], 0.37826f, 1e-5f);
     // Half way between value rows at a fixed column: the mean of the two entries.
     EXPECT_NEAR(onNode->unmap(Rgb(5.5f / 15.f), NONE).r, 0.5f * (table[5 * 16 + 7] + table[6 * 16 + 7]), 1e-5f);
-    // Channels are undone one by one, without the matrices.
+    // On a node: the table entries, channel by channel, without the matrices.
     Testing::expectNear(onNode->unmap(Rgb(5.f / 15.f, 0.f, 1.f), NONE), Rgb(table[5 * 16 + 7], 0.f, table[15 * 16 + 7]), 1e-5f);
     // The table is the reference; a grey round trip through it lands close.
     auto faded = make(0.6f);

@@ -118,17 +118,14 @@ Setup lut(LutInterpolation interpolation, bool inSrgb, float opacity, char const
 // Each of the eighteen operator types alone at several settings (each also runs switched off).
 OperatorCase const OPERATOR_CASES[] = {
     {"exposure_up", "SimpleExposureOperator", setFloat("simpleExposure", 2.5f)},
-    {"exposure_min", "SimpleExposureOperator", setFloat("simpleExposure", -20.f)},
     {"photographic", "PhotographicExposureOperator", {}},
     {"photographic_not_applied", "PhotographicExposureOperator", {}, 2e-6f, false},
     {"white_balance_warm", "WhiteBalanceOperator", setFloat("colorTemperature", 3000.f)},
-    {"white_balance_cool", "WhiteBalanceOperator", setFloat("colorTemperature", 20000.f)},
     {"tint", "TintOperator", set({{"tint", Rgb(1.f, 0.5f, 0.f)}})},
     {"green_magenta_green", "GreenMagentaTintOperator", setFloat("greenMagentaTint", 0.7f)},
     {"green_magenta_magenta", "GreenMagentaTintOperator", setFloat("greenMagentaTint", -1.f)},
     {"green_magenta_below_threshold", "GreenMagentaTintOperator", setFloat("greenMagentaTint", 0.00005f)},
     {"saturation_up", "SaturationOperator", setFloat("saturation", 0.6f)},
-    {"saturation_down", "SaturationOperator", setFloat("saturation", -0.3f)},
     {"saturation_grey", "SaturationOperator", setFloat("saturation", -1.f)},
     // The contrast curves amplify rounding near black and white.
     {"contrast_steeper", "ContrastOperator", setFloat("contrast", 2.f), 1e-5f},
