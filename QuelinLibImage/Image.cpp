@@ -3,7 +3,12 @@
 #include <OpenImageIO/imageio.h>
 #include <algorithm>
 #include <cctype>
+#include <cstdint>
 #include <cstring>
+#include <new>
+#if defined(__linux__)
+#include <sys/mman.h>
+#endif
 
 namespace Quelin {
 
@@ -85,6 +90,54 @@ ChannelType getChannelType(PixelFormat format) { return info(format).type; }
 int getPixelBytes(PixelFormat format) { return info(format).bytes; }
 bool hasAlpha(PixelFormat format) { return info(format).alpha; }
 char const* getPixelFormatName(PixelFormat format) { return info(format).name; }
+
+// ------------------------------------------------------------ pixel memory
+
+namespace Detail {
+
+namespace {
+#if defined(__linux__)
+constexpr std::size_t HUGE_PAGE = std::size_t(2) << 20;
+/// From here up a block is mapped on its own: at most a quarter of its last huge page goes unused by the rounding.
+constexpr std::size_t MAPPED_FROM = 4 * HUGE_PAGE;
+
+std::size_t mappedBytes(std::size_t bytes) { return (bytes + HUGE_PAGE - 1) / HUGE_PAGE * HUGE_PAGE; }
+#endif
+} // namespace
+
+void* allocatePixelMemory(std::size_t bytes) {
+#if defined(__linux__)
+    if (bytes >= MAPPED_FROM) {
+        // Over-map by one huge page so that the block can start on a huge-page boundary.
+        std::size_t const size = mappedBytes(bytes);
+        void* const mapped = ::mmap(nullptr, size + HUGE_PAGE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (mapped == MAP_FAILED)
+            throw std::bad_alloc();
+        auto const address = reinterpret_cast<std::uintptr_t>(mapped);
+        std::uintptr_t const aligned = (address + HUGE_PAGE - 1) & ~(HUGE_PAGE - 1);
+        if (aligned > address)
+            ::munmap(mapped, aligned - address);
+        if (std::size_t const tail = HUGE_PAGE - (aligned - address); tail > 0)
+            ::munmap(reinterpret_cast<void*>(aligned + size), tail);
+        // Only advice: without huge pages the block works the same.
+        (void)::madvise(reinterpret_cast<void*>(aligned), size, MADV_HUGEPAGE);
+        return reinterpret_cast<void*>(aligned);
+    }
+#endif
+    return ::operator new(bytes);
+}
+
+void freePixelMemory(void* pointer, std::size_t bytes) noexcept {
+#if defined(__linux__)
+    if (bytes >= MAPPED_FROM) {
+        ::munmap(pointer, mappedBytes(bytes));
+        return;
+    }
+#endif
+    ::operator delete(pointer);
+}
+
+} // namespace Detail
 
 // ------------------------------------------------------------ image
 

@@ -10,6 +10,14 @@
 namespace Quelin {
 
 namespace Detail {
+/// Pixel memory. Blocks of several MiB are mapped on their own and, where the
+/// system offers it (Linux transparent huge pages), backed by 2 MiB pages: a
+/// texture level then costs a few page faults and TLB entries instead of
+/// thousands, which shows in random texel lookups and in how fast an
+/// offloaded level's memory is returned. Smaller blocks come from the heap.
+void* allocatePixelMemory(std::size_t bytes);
+void freePixelMemory(void* pointer, std::size_t bytes) noexcept;
+
 /// Leaves new elements uninitialised, so that a buffer about to be overwritten
 /// (decoded, filtered, read from disk) is not written twice.
 template <typename T> struct DefaultInitAllocator : std::allocator<T> {
@@ -18,6 +26,8 @@ template <typename T> struct DefaultInitAllocator : std::allocator<T> {
     };
     DefaultInitAllocator() = default;
     template <typename U> DefaultInitAllocator(DefaultInitAllocator<U> const&) noexcept {}
+    T* allocate(std::size_t n) { return static_cast<T*>(allocatePixelMemory(n * sizeof(T))); }
+    void deallocate(T* p, std::size_t n) noexcept { freePixelMemory(p, n * sizeof(T)); }
     template <typename U, typename... Args> void construct(U* p, Args&&... args) {
         if constexpr (sizeof...(Args) == 0)
             ::new (static_cast<void*>(p)) U;

@@ -262,8 +262,9 @@ inline void TextureMap::Evaluator::requireResident(int level) const {
         readBack(level);
 }
 
+// Flattened: the level choice, its log2 and both level kernels inline into one routine.
 template <PixelFormat F, Conversion C, InterpolationMode I>
-Float4 TextureMap::Evaluator::sampleTexture(Evaluator const& e, float u, float v, float du, float dv, bool filtered,
+[[gnu::flatten]] Float4 TextureMap::Evaluator::sampleTexture(Evaluator const& e, float u, float v, float du, float dv, bool filtered,
                                             Addressing addressing) {
     auto const level = [&](int i) {
         Level const& l = e.mLevels[std::size_t(i)];
