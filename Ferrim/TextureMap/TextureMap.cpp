@@ -262,9 +262,9 @@ inline void TextureMap::Evaluator::requireResident(int level) const {
         readBack(level);
 }
 
-// Flattened: the level choice, its log2 and both level kernels inline into one routine.
+// The level choice, its log2 and both level kernels in one routine.
 template <PixelFormat F, Conversion C, InterpolationMode I>
-[[gnu::flatten]] Float4 TextureMap::Evaluator::sampleTexture(Evaluator const& e, float u, float v, float du, float dv, bool filtered,
+Float4 TextureMap::Evaluator::sampleTexture(Evaluator const& e, float u, float v, float du, float dv, bool filtered,
                                             Addressing addressing) {
     auto const level = [&](int i) {
         Level const& l = e.mLevels[std::size_t(i)];
@@ -272,27 +272,35 @@ template <PixelFormat F, Conversion C, InterpolationMode I>
             return sample<F, C, I>(l.image->getData(), l.shape, u, v, addressing, e.mConversion);
         return l.sample(l.image->getData(), l.shape, u, v, addressing, e.mConversion);
     };
-    if (!filtered) {
-        e.requireResident(0);
-        return level(0);
+    auto const blend = [&]() -> Float4 {
+        if (!filtered) {
+            e.requireResident(0);
+            return level(0);
+        }
+        float w = du < dv ? du : dv;
+        if (!(w >= 1e-8f)) w = 1e-8f;  // NaN too
+        float const lod = log2Approx(Float4(w)).x() + e.mTopLevel;
+        if (lod <= 0.f) {
+            e.requireResident(0);
+            return level(0);
+        }
+        if (lod >= e.mTopLevel) {
+            int const top = int(e.mTopLevel);
+            e.requireResident(top);
+            return level(top);
+        }
+        int const i = int(lod);
+        float const f = lod - float(i);
+        e.requireResident(i);  // makes level i + 1 resident too
+        Float4 const a = level(i);
+        return a + (level(i + 1) - a) * Float4(f);
+    };
+    // Only float texels can hold an alpha above 1 (or a NaN, which min turns into the bound).
+    if constexpr (TextureSampling::Detail::isFloatFormat(F)) {
+        constexpr float INF = std::numeric_limits<float>::infinity();
+        return min(blend(), Float4(INF, INF, INF, 1.f));
     }
-    float w = du < dv ? du : dv;
-    if (!(w >= 1e-8f)) w = 1e-8f;  // NaN too
-    float const lod = log2Approx(Float4(w)).x() + e.mTopLevel;
-    if (lod <= 0.f) {
-        e.requireResident(0);
-        return level(0);
-    }
-    if (lod >= e.mTopLevel) {
-        int const top = int(e.mTopLevel);
-        e.requireResident(top);
-        return level(top);
-    }
-    int const i = int(lod);
-    float const f = lod - float(i);
-    e.requireResident(i);  // makes level i + 1 resident too
-    Float4 const a = level(i);
-    return a + (level(i + 1) - a) * Float4(f);
+    return blend();
 }
 
 TextureMap::Evaluator::Evaluator(SharedPtr<ImageTexture const> texture, SharedPtr<UvMapper const> uvMapper,
@@ -363,14 +371,14 @@ TextureMap::Evaluator::Evaluator(SharedPtr<ImageTexture const> texture, SharedPt
 }
 
 
-inline Optional<RgbAlpha> TextureMap::Evaluator::findWrapped(float u, float v, float du, float dv, bool filtered,
-                                                              Addressing addressing) const {
-    if (mLevels.empty()) return std::nullopt;
+inline bool TextureMap::Evaluator::findWrapped(float u, float v, float du, float dv, bool filtered,
+                                                Addressing addressing, Float4& colour) const {
+    if (mLevels.empty()) return false;
     if (mSettings.cropEnabled) {
         Vector2 const ll = mSettings.cropLowerLeft, ur = mSettings.cropUpperRight;
         float const w = ur.x - ll.x, h = ur.y - ll.y;
         if (mSettings.cropMode == TransformationMode::Placement) {
-            if (!(u >= ll.x && u <= ur.x && v >= ll.y && v <= ur.y)) return std::nullopt;
+            if (!(u >= ll.x && u <= ur.x && v >= ll.y && v <= ur.y)) return false;
             u = (u - ll.x) / w;
             v = (v - ll.y) / h;
             du /= std::fabs(w);
@@ -383,10 +391,8 @@ inline Optional<RgbAlpha> TextureMap::Evaluator::findWrapped(float u, float v, f
         }
     }
     // Kernels read inside the level only for coordinates in [0, 1].
-    Float4 c = mSample(*this, clamp01(u), clamp01(v), du, dv, filtered, addressing);
-    c = min(c, Float4(std::numeric_limits<float>::infinity(), std::numeric_limits<float>::infinity(),
-                      std::numeric_limits<float>::infinity(), 1.f));
-    return toRgbAlpha(c);
+    colour = mSample(*this, clamp01(u), clamp01(v), du, dv, filtered, addressing);
+    return true;
 }
 
 inline bool TextureMap::Evaluator::usesEnvironment(IShadeContext const& context) const {
@@ -398,7 +404,8 @@ inline bool TextureMap::Evaluator::usesEnvironment(IShadeContext const& context)
     return isEnvironmentKind(context.getShadedKind());
 }
 
-Optional<RgbAlpha> TextureMap::Evaluator::findEnvironment(IShadeContext const& context) const {
+// Kept out of line: the surface path below is flattened and should stay short.
+[[gnu::noinline]] bool TextureMap::Evaluator::findEnvironment(IShadeContext const& context, Float4& colour) const {
     bool const filtered = context.wantsFilteredLookup();
     EnvironmentMapping const mapping = mSettings.environmentMapping;
     Addressing addressing;
@@ -432,51 +439,67 @@ Optional<RgbAlpha> TextureMap::Evaluator::findEnvironment(IShadeContext const& c
         footprint = EnvironmentMappings::footprintPerRadian(mapping) * context.getPositionFootprint();
     }
     footprint = footprint * mSettings.blur;
-    return findWrapped(uv.x, uv.y, footprint.x, footprint.y, filtered, addressing);
+    return findWrapped(uv.x, uv.y, footprint.x, footprint.y, filtered, addressing, colour);
 }
 
-inline Optional<RgbAlpha> TextureMap::Evaluator::find(IShadeContext const& context) const {
-    if (usesEnvironment(context)) return findEnvironment(context);
+inline bool TextureMap::Evaluator::find(IShadeContext const& context, Float4& colour) const {
+    if (usesEnvironment(context)) return findEnvironment(context, colour);
     bool const filtered = context.wantsFilteredLookup();
     Pos const uvw = mUvMapper->computeUvw(context);
     float u = uvw.x, v = uvw.y;
-    if (!wrapAxis(u, mWrapU) || !wrapAxis(v, mWrapV)) return std::nullopt;
+    if (!wrapAxis(u, mWrapU) || !wrapAxis(v, mWrapV)) return false;
     Dir footprint;
     if (filtered) footprint = mFootprintChannel ? context.getDUvw(*mFootprintChannel) : mUvMapper->computeDUvw(context);
-    return findWrapped(u, v, footprint.x, footprint.y, filtered, mUvAddressing);
+    return findWrapped(u, v, footprint.x, footprint.y, filtered, mUvAddressing, colour);
 }
 
-Optional<RgbAlpha> TextureMap::Evaluator::lookup(IShadeContext const& context) const { return find(context); }
+Optional<RgbAlpha> TextureMap::Evaluator::lookup(IShadeContext const& context) const {
+    Float4 c;
+    if (!find(context, c)) return std::nullopt;
+    return toRgbAlpha(c);
+}
 
 Optional<RgbAlpha> TextureMap::Evaluator::lookupWrapped(float u, float v, float du, float dv, bool filtered,
                                                         Addressing addressing) const {
-    return findWrapped(u, v, du, dv, filtered, addressing);
+    Float4 c;
+    if (!findWrapped(u, v, du, dv, filtered, addressing, c)) return std::nullopt;
+    return toRgbAlpha(c);
 }
 
-RgbAlpha TextureMap::Evaluator::evalColor(IShadeContext const& context, MapCache*) const {
-    Optional<RgbAlpha> const c = find(context);
-    if (!c) return RgbAlpha(0.f, 0.f, 0.f, 0.f);
+inline RgbAlpha TextureMap::Evaluator::colorOutput(Float4 colour) const {
+    RgbAlpha const c = toRgbAlpha(colour);
     switch (mSettings.rgbOutput) {
-    case RgbOutput::Alpha: return RgbAlpha(c->alpha, c->alpha, c->alpha, c->alpha);
+    case RgbOutput::Alpha: return RgbAlpha(c.alpha, c.alpha, c.alpha, c.alpha);
     case RgbOutput::Rgb: break;
     default: Quelin::Detail::throwStopException(SOURCE, __LINE__);
     }
     switch (mSettings.alphaSource) {
-    case AlphaSource::ImageAlpha: return *c;
-    case AlphaSource::RgbIntensity: return RgbAlpha(c->r, c->g, c->b, channelMean(c->r, c->g, c->b));
-    case AlphaSource::None: return RgbAlpha(c->r, c->g, c->b, 1.f);
+    case AlphaSource::ImageAlpha: return c;
+    case AlphaSource::RgbIntensity: return RgbAlpha(c.r, c.g, c.b, channelMean(c.r, c.g, c.b));
+    case AlphaSource::None: return RgbAlpha(c.r, c.g, c.b, 1.f);
     }
     Quelin::Detail::throwStopException(SOURCE, __LINE__);
 }
 
-MonoAlpha TextureMap::Evaluator::evalMono(IShadeContext const& context, MapCache*) const {
-    Optional<RgbAlpha> const c = find(context);
-    if (!c) return MonoAlpha(0.f, 1.f);
+inline MonoAlpha TextureMap::Evaluator::monoOutput(Float4 colour) const {
+    RgbAlpha const c = toRgbAlpha(colour);
     switch (mSettings.monoOutput) {
-    case MonoOutput::Alpha: return MonoAlpha(c->alpha, 1.f);
-    case MonoOutput::RgbIntensity: return MonoAlpha(channelMean(c->r, c->g, c->b), 1.f);
+    case MonoOutput::Alpha: return MonoAlpha(c.alpha, 1.f);
+    case MonoOutput::RgbIntensity: return MonoAlpha(channelMean(c.r, c.g, c.b), 1.f);
     }
     Quelin::Detail::throwStopException(SOURCE, __LINE__);
+}
+
+RgbAlpha TextureMap::Evaluator::evalColor(IShadeContext const& context, MapCache*) const {
+    Float4 colour;
+    if (!find(context, colour)) return RgbAlpha(0.f, 0.f, 0.f, 0.f);
+    return colorOutput(colour);
+}
+
+MonoAlpha TextureMap::Evaluator::evalMono(IShadeContext const& context, MapCache*) const {
+    Float4 colour;
+    if (!find(context, colour)) return MonoAlpha(0.f, 1.f);
+    return monoOutput(colour);
 }
 
 Dir TextureMap::Evaluator::evalBump(IShadeContext const& context, MapCache*) const {

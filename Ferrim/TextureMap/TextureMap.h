@@ -39,8 +39,11 @@
 
 #if defined(__GNUC__)
 #define FERRIM_TEXTURE_INTERNAL [[gnu::visibility("hidden")]]
+/// Everything the routine calls is inlined into it (calls through pointers aside).
+#define FERRIM_TEXTURE_FLATTEN [[gnu::flatten]]
 #else
 #define FERRIM_TEXTURE_INTERNAL
+#define FERRIM_TEXTURE_FLATTEN
 #endif
 
 namespace Quelin {
@@ -124,8 +127,9 @@ public:
     /// mapper is an internal stop.
     Evaluator(SharedPtr<ImageTexture const> texture, SharedPtr<UvMapper const> uvMapper, Settings const& settings);
 
-    RgbAlpha evalColor(IShadeContext const& context, MapCache* cache) const override;
-    MonoAlpha evalMono(IShadeContext const& context, MapCache* cache) const override;
+    // Flattened: the per-sample path up to the level kernel is one routine.
+    FERRIM_TEXTURE_FLATTEN RgbAlpha evalColor(IShadeContext const& context, MapCache* cache) const override;
+    FERRIM_TEXTURE_FLATTEN MonoAlpha evalMono(IShadeContext const& context, MapCache* cache) const override;
     Dir evalBump(IShadeContext const& context, MapCache* cache) const override;
 
     /// The colour with alpha at a shading point, before the output choices;
@@ -153,19 +157,25 @@ private:
     using SampleTexture = Float4 (*)(Evaluator const& e, float u, float v, float du, float dv, bool filtered,
                                      TextureSampling::Addressing addressing);
     template <PixelFormat F, TextureSampling::Conversion C, InterpolationMode I>
-    FERRIM_TEXTURE_INTERNAL static Float4 sampleTexture(Evaluator const& e, float u, float v, float du, float dv,
+    FERRIM_TEXTURE_INTERNAL FERRIM_TEXTURE_FLATTEN static Float4 sampleTexture(Evaluator const& e, float u, float v, float du, float dv,
                                                         bool filtered, TextureSampling::Addressing addressing);
+
 
     // The per-sample path, kept out of the library's exported symbols so that
     // calls inside it are direct and inlined.
-    FERRIM_TEXTURE_INTERNAL Optional<RgbAlpha> find(IShadeContext const& context) const;
-    FERRIM_TEXTURE_INTERNAL Optional<RgbAlpha> findWrapped(float u, float v, float du, float dv, bool filtered,
-                                                           TextureSampling::Addressing addressing) const;
+    // They give the colour with alpha in `colour` and false when the point is
+    // outside the image: no optional to build and unpack per sample.
+    FERRIM_TEXTURE_INTERNAL bool find(IShadeContext const& context, Float4& colour) const;
+    FERRIM_TEXTURE_INTERNAL bool findWrapped(float u, float v, float du, float dv, bool filtered,
+                                             TextureSampling::Addressing addressing, Float4& colour) const;
+    FERRIM_TEXTURE_INTERNAL RgbAlpha colorOutput(Float4 colour) const;
+    FERRIM_TEXTURE_INTERNAL MonoAlpha monoOutput(Float4 colour) const;
+
     /// Makes `level` and coarser levels resident (double-checked under the texture's mutex).
     FERRIM_TEXTURE_INTERNAL void requireResident(int level) const;
     FERRIM_TEXTURE_INTERNAL void readBack(int level) const;
     FERRIM_TEXTURE_INTERNAL bool usesEnvironment(IShadeContext const& context) const;
-    FERRIM_TEXTURE_INTERNAL Optional<RgbAlpha> findEnvironment(IShadeContext const& context) const;
+    FERRIM_TEXTURE_INTERNAL bool findEnvironment(IShadeContext const& context, Float4& colour) const;
 
     SharedPtr<ImageTexture const> mTexture;
     SharedPtr<UvMapper const> mUvMapper;

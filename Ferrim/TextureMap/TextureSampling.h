@@ -269,6 +269,11 @@ Float4 sampleBicubic(std::byte const* pixels, LevelShape const& l, float u, floa
     return sum;
 }
 
+constexpr bool isFloatFormat(PixelFormat f) {
+    return f == PixelFormat::MonoFloat || f == PixelFormat::MonoAlphaFloat || f == PixelFormat::RgbFloat ||
+           f == PixelFormat::RgbaFloat;
+}
+
 constexpr bool isEightBit(PixelFormat f) {
     return f == PixelFormat::Mono8 || f == PixelFormat::MonoAlpha8 || f == PixelFormat::Rgb8 || f == PixelFormat::Rgba8;
 }
