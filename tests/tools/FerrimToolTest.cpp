@@ -1,53 +1,19 @@
 // The `ferrim` program as a user runs it: exit codes, one-line errors, outputs.
 #include <gtest/gtest.h>
 
-#include <array>
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <sys/wait.h>
-#include <unistd.h>
-#include <algorithm>
+
+#include "TestSupport/TempFolderTest.h"
+#include "TestSupport/ToolRun.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using Quelin::Testing::expectOneLineError;
+using Quelin::Testing::runTool;
+using Quelin::Testing::ToolRun;
 
-struct ToolRun {
-    int code;
-    std::string out, err;
-};
-
-ToolRun runTool(std::string const& args) {
-    fs::path const errFile = fs::temp_directory_path() / ("ferrim_tool_err_" + std::to_string(::getpid()));
-    std::string const cmd = std::string(FERRIM_TOOL_PATH) + " " + args + " 2>" + errFile.string();
-    ToolRun r{};
-    FILE* p = popen(cmd.c_str(), "r");
-    std::array<char, 4096> buf{};
-    while (std::size_t n = fread(buf.data(), 1, buf.size(), p)) r.out.append(buf.data(), n);
-    int const status = pclose(p);
-    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    std::ifstream e(errFile);
-    r.err.assign(std::istreambuf_iterator<char>(e), {});
-    fs::remove(errFile);
-    return r;
-}
-
-class FerrimTool : public ::testing::Test {
-protected:
-    void SetUp() override {
-        mDir = fs::temp_directory_path() / ("ferrim_tool_" + std::to_string(::getpid()));
-        fs::create_directories(mDir);
-    }
-    void TearDown() override { fs::remove_all(mDir); }
-    fs::path write(std::string const& name, std::string const& text) {
-        fs::path const p = mDir / name;
-        std::ofstream(p) << text;
-        return p;
-    }
-    fs::path mDir;
-};
+using FerrimTool = Quelin::Testing::TempFolderTest;
 
 /// A Radiance HDR file of flat scanlines; the header may claim more pixels
 /// than follow.
@@ -75,35 +41,15 @@ std::pair<std::uint32_t, std::uint32_t> pngSize(fs::path const& p) {
 
 } // namespace
 
-TEST_F(FerrimTool, ErrorsAreOneLineAndExitOne) {
-    struct Case {
-        std::string args, needle;
-    };
-    fs::path const bad = write("bad.json", "{\"swatches\": [");
-    fs::path const unknown = write("unknown.json", R"({"map": {"@class": "Zatho.NoSuchMap"}})");
-    fs::path const key = write("key.json", R"({"swatches": [{"map": {"@class": "Zatho.ConstantColorMap"}, "colour": 1}]})");
-    for (Case const& c : {Case{"render " + (mDir / "missing.json").string(), "missing.json"},
-                          Case{"render " + bad.string(), "malformed JSON"},
-                          Case{"render " + unknown.string(), "Zatho.NoSuchMap"},
-                          Case{"render " + key.string(), "\"colour\""},
-                          Case{"render --size 12by3", "--size"},
-                          Case{"types Zatho.Nothing", "Zatho.Nothing"}}) {
-        ToolRun const r = runTool(c.args);
-        EXPECT_EQ(r.code, 1) << c.args;
-        EXPECT_NE(r.err.find(c.needle), std::string::npos) << c.args << " -> " << r.err;
-        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-    }
-}
-
 TEST_F(FerrimTool, RendersDemoAndSceneFiles) {
-    fs::path const out = mDir / "demo.png";
+    fs::path const out = mFolder / "demo.png";
     ToolRun const demo = runTool("render -o " + out.string() + " --size 96x64 --samples 1");
     ASSERT_EQ(demo.code, 0) << demo.err;
     EXPECT_NE(demo.out.find(out.string()), std::string::npos);
     EXPECT_EQ(pngSize(out), std::make_pair(96u, 64u));
 
-    fs::path const scene = write("one.json", R"({"@class": "Zatho.ConstantColorMap", "color": [1, 0, 0]})");
-    fs::path const out2 = mDir / "one.png";
+    fs::path const scene = writeText("one.json", R"({"@class": "Zatho.ConstantColorMap", "color": [1, 0, 0]})");
+    fs::path const out2 = mFolder / "one.png";
     ToolRun const one = runTool("render " + scene.string() + " -o " + out2.string());
     ASSERT_EQ(one.code, 0) << one.err;
     EXPECT_EQ(pngSize(out2), std::make_pair(256u, 256u));
@@ -124,24 +70,27 @@ TEST_F(FerrimTool, TypesAsJsonDescribeProperties) {
     EXPECT_TRUE(sawColor);
 }
 
-TEST_F(FerrimTool, HostileInputsGiveOneLineNamingTheFile) {
+TEST_F(FerrimTool, BadAndHostileInputsGiveOneLineNamingTheFile) {
     std::string const testdata = FERRIM_TESTDATA_DIR;
-    fs::path const image = write("in.hdr", hdrText(2, 2, 4));
-    fs::path const huge = write("huge.hdr", hdrText(30000, 30000, 4));
-    fs::path const lies = write("lies.hdr", hdrText(8000, 8000, 4));
-    fs::path const missingLut = write("missing-lut.ctm", lutPipeline((mDir / "missing.cube").string()));
-    fs::path const truncatedLut = write("truncated-lut.ctm", lutPipeline(testdata + "/lut/error_truncated_file.3dl"));
+    fs::path const bad = writeText("bad.json", "{\"swatches\": [");
+    fs::path const unknown = writeText("unknown.json", R"({"map": {"@class": "Zatho.NoSuchMap"}})");
+    fs::path const key = writeText("key.json", R"({"swatches": [{"map": {"@class": "Zatho.ConstantColorMap"}, "colour": 1}]})");
+    fs::path const image = writeText("in.hdr", hdrText(2, 2, 4));
+    fs::path const huge = writeText("huge.hdr", hdrText(30000, 30000, 4));
+    fs::path const lies = writeText("lies.hdr", hdrText(8000, 8000, 4));
+    fs::path const missingLut = writeText("missing-lut.ctm", lutPipeline((mFolder / "missing.cube").string()));
+    fs::path const truncatedLut = writeText("truncated-lut.ctm", lutPipeline(testdata + "/lut/error_truncated_file.3dl"));
     // A device never ends: it must be refused, not read.
-    fs::create_symlink("/dev/zero", mDir / "zero.cube");
-    fs::path const deviceLut = write("device-lut.ctm", lutPipeline((mDir / "zero.cube").string()));
+    fs::create_symlink("/dev/zero", mFolder / "zero.cube");
+    fs::path const deviceLut = writeText("device-lut.ctm", lutPipeline((mFolder / "zero.cube").string()));
     std::string operators;
     for (int i = 0; i < 40000; ++i) operators += std::string(i ? "," : "") + R"({"@class": "Zatho.IdentityOperator"})";
-    fs::path const longPipeline = write("long.ctm", PIPELINE_START + operators + "]}");
-    fs::path const deepVersion = write("version.ctm", R"({"mimeType": "application/vnd.zatho.ostrel.color-mapping", "version": )" +
+    fs::path const longPipeline = writeText("long.ctm", PIPELINE_START + operators + "]}");
+    fs::path const deepVersion = writeText("version.ctm", R"({"mimeType": "application/vnd.zatho.ostrel.color-mapping", "version": )" +
                                                           std::string(200000, '[') + std::string(200000, ']') + R"(, "operators": []})");
     std::string predecessors = "null";
     for (int i = 0; i < 8000; ++i) predecessors = R"({"@class": "Zatho.IdentityOperator", "predecessor": )" + predecessors + "}";
-    fs::path const deepChain = write("chain.ctm", PIPELINE_START + predecessors + "]}");
+    fs::path const deepChain = writeText("chain.ctm", PIPELINE_START + predecessors + "]}");
     auto nestedMaps = [](int depth) {
         std::string map = R"({"@class": "Zatho.ConstantColorMap"})";
         for (int i = 0; i < depth; ++i) map = R"({"@class": "Zatho.CheckerMap", "color1": {"map": )" + map + "}}";
@@ -152,45 +101,42 @@ TEST_F(FerrimTool, HostileInputsGiveOneLineNamingTheFile) {
     std::string const constant = R"({"map": {"@class": "Zatho.ConstantColorMap"}})";
 
     struct Case {
-        std::string args, needles;  ///< needles separated by '|'
+        std::string args;
+        std::vector<std::string> needles;
     };
-    auto render = [&](char const* name, std::string const& text) { return "render " + write(name, text).string(); };
+    auto render = [&](char const* name, std::string const& text) { return "render " + writeText(name, text).string(); };
     for (Case const& c : {
-             Case{"tonemap " + huge.string() + " -o " + (mDir / "o.png").string(), "huge.hdr|268435456 pixels"},
-             Case{"tonemap " + lies.string() + " -o " + (mDir / "o.png").string(), "lies.hdr|more than the file's"},
-             Case{"tonemap " + image.string() + " -o " + (mDir / "o.png").string() + " --pipeline " + missingLut.string(),
-                  "missing.cube|cannot open"},
-             Case{"tonemap " + image.string() + " -o " + (mDir / "o.png").string() + " --pipeline " + truncatedLut.string(),
-                  "error_truncated_file.3dl:375"},
-             Case{"unmap 0.5 0.5 0.5 --pipeline " + deviceLut.string(), "zero.cube: not a regular file"},
-             Case{"unmap 0.5 0.5 0.5 --pipeline " + longPipeline.string(), "long.ctm|40000 operators"},
-             Case{"unmap 0.5 0.5 0.5 --pipeline " + deepVersion.string(), "version.ctm|nested deeper than 256"},
-             Case{"unmap 0.5 0.5 0.5 --pipeline " + deepChain.string(), "chain.ctm|nested deeper than 256"},
-             Case{render("lut.json", R"({"pipeline": )" + lutPipeline((mDir / "gone.cube").string()) + R"(, "swatches": [)" + constant + "]}"),
-                  "gone.cube|cannot open"},
-             Case{render("many.json", R"({"swatches": [)" + swatches + "]}"), "many.json|2000 swatches|--size"},
-             Case{render("columns.json", R"({"columns": 4294967297, "swatches": [)" + constant + "]}"), "columns.json|\"columns\""},
-             Case{render("samples.json", R"({"samples": 1e400, "swatches": [)" + constant + "]}"), "samples.json|number overflow"},
-             Case{render("size.json", R"({"map": {"@class": "Zatho.NoiseMap", "size": 1e39}})"), "size.json|\"size\": 1e+39"},
+             Case{"render " + (mFolder / "missing.json").string(), {"missing.json"}},
+             Case{"render " + bad.string(), {"malformed JSON"}},
+             Case{"render " + unknown.string(), {"Zatho.NoSuchMap"}},
+             Case{"render " + key.string(), {"\"colour\""}},
+             Case{"render --size 12by3", {"--size"}},
+             Case{"types Zatho.Nothing", {"Zatho.Nothing"}},
+             Case{"tonemap " + huge.string() + " -o " + (mFolder / "o.png").string(), {"huge.hdr", "268435456 pixels"}},
+             Case{"tonemap " + lies.string() + " -o " + (mFolder / "o.png").string(), {"lies.hdr", "more than the file's"}},
+             Case{"tonemap " + image.string() + " -o " + (mFolder / "o.png").string() + " --pipeline " + missingLut.string(),
+                  {"missing.cube", "cannot open"}},
+             Case{"tonemap " + image.string() + " -o " + (mFolder / "o.png").string() + " --pipeline " + truncatedLut.string(),
+                  {"error_truncated_file.3dl:375"}},
+             Case{"unmap 0.5 0.5 0.5 --pipeline " + deviceLut.string(), {"zero.cube: not a regular file"}},
+             Case{"unmap 0.5 0.5 0.5 --pipeline " + longPipeline.string(), {"long.ctm", "40000 operators"}},
+             Case{"unmap 0.5 0.5 0.5 --pipeline " + deepVersion.string(), {"version.ctm", "nested deeper than 256"}},
+             Case{"unmap 0.5 0.5 0.5 --pipeline " + deepChain.string(), {"chain.ctm", "nested deeper than 256"}},
+             Case{render("lut.json", R"({"pipeline": )" + lutPipeline((mFolder / "gone.cube").string()) + R"(, "swatches": [)" + constant + "]}"),
+                  {"gone.cube", "cannot open"}},
+             Case{render("many.json", R"({"swatches": [)" + swatches + "]}"), {"many.json", "2000 swatches", "--size"}},
+             Case{render("columns.json", R"({"columns": 4294967297, "swatches": [)" + constant + "]}"), {"columns.json", "\"columns\""}},
+             Case{render("samples.json", R"({"samples": 1e400, "swatches": [)" + constant + "]}"), {"samples.json", "number overflow"}},
+             Case{render("size.json", R"({"map": {"@class": "Zatho.NoiseMap", "size": 1e39}})"), {"size.json", "\"size\": 1e+39"}},
              Case{render("deep-pipeline.json", R"({"pipeline": )" + std::string(200000, '[') + std::string(200000, ']') +
                                                    R"(, "swatches": [)" + constant + "]}"),
-                  "deep-pipeline.json|nested deeper than 256"},
-             Case{render("deep-maps.json", nestedMaps(4000)), "deep-maps.json|nested deeper than 256"},
-             Case{render("nested-maps.json", nestedMaps(110)), "nested-maps.json|entities nested deeper than 100"},
+                  {"deep-pipeline.json", "nested deeper than 256"}},
+             Case{render("deep-maps.json", nestedMaps(4000)), {"deep-maps.json", "nested deeper than 256"}},
+             Case{render("nested-maps.json", nestedMaps(110)), {"nested-maps.json", "entities nested deeper than 100"}},
          }) {
-        ToolRun const r = runTool(c.args);
-        std::string const what = c.args.substr(0, 120);
-        EXPECT_EQ(r.code, 1) << what << " -> " << r.err;
-        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << what << " -> " << r.err;
-        std::size_t start = 0;
-        while (start <= c.needles.size()) {
-            std::size_t const end = std::min(c.needles.find('|', start), c.needles.size());
-            std::string const needle = c.needles.substr(start, end - start);
-            EXPECT_NE(r.err.find(needle), std::string::npos) << what << " -> " << r.err << " lacks " << needle;
-            start = end + 1;
-        }
+        expectOneLineError(runTool(c.args), c.needles, c.args.substr(0, 120));
     }
-    EXPECT_FALSE(fs::exists(mDir / "o.png")) << "an image was written without its LUT";
+    EXPECT_FALSE(fs::exists(mFolder / "o.png")) << "an image was written without its LUT";
 }
 
 TEST_F(FerrimTool, DamagedExrFilesAreRefusedByName) {
@@ -200,10 +146,8 @@ TEST_F(FerrimTool, DamagedExrFilesAreRefusedByName) {
     for (auto const& e : fs::directory_iterator(fs::path(FERRIM_TESTDATA_DIR) / "exr-damaged")) {
         if (e.path().extension() != ".exr") continue;
         ++files;
-        ToolRun const r = runTool("tonemap " + e.path().string() + " -o " + (mDir / "out.png").string());
-        EXPECT_EQ(r.code, 1) << e.path() << " -> " << r.err;
-        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << e.path() << " -> " << r.err;
-        EXPECT_NE(r.err.find(e.path().filename().string()), std::string::npos) << r.err;
+        expectOneLineError(runTool("tonemap " + e.path().string() + " -o " + (mFolder / "out.png").string()),
+                           {e.path().filename().string()}, e.path().string());
     }
     EXPECT_GE(files, 10);
 }
