@@ -74,14 +74,7 @@ TEST(ColorAdaptation, TurnsTheIlluminantIntoTheReferenceWhite) {
         Rgb const reference = planckianRgb(6500);
         for (int ch = 0; ch < 3; ++ch) EXPECT_NEAR(adapted[ch], reference[ch], 1e-4f * reference[ch] + 1e-6f) << k;
     }
-}
-
-TEST(ColorAdaptation, CoolsWarmLightAndWarmsCoolLight) {
-    Rgb const warm = colorAdaptation(3000.f);
-    EXPECT_TRUE(warm.r < warm.g && warm.g < warm.b) << warm.r << " " << warm.b;
-    Rgb const cool = colorAdaptation(12000.f);
-    EXPECT_TRUE(cool.r > cool.g && cool.g > cool.b) << cool.r << " " << cool.b;
-    // Adapting there and back is the identity.
+    // Adapting there and back, between other whites, is the identity.
     Rgb const back = colorAdaptation(3000.f, 8000.f) * colorAdaptation(8000.f, 3000.f);
     for (int ch = 0; ch < 3; ++ch) EXPECT_NEAR(back[ch], 1.f, 1e-5f);
 }

@@ -74,15 +74,6 @@ INSTANTIATE_TEST_SUITE_P(
                     1, "300 points, more than 256"}),
     [](auto const& info) { return String(info.param.name); });
 
-TEST(LutHostileFiles, DevicesAndFoldersAreRefusedBeforeReading) {
-    // /dev/zero has no end: reading it whole would never finish.
-    for (char const* path : {"/dev/zero", "/tmp"}) {
-        auto const lut = readCubeLut(path);
-        ASSERT_FALSE(lut) << path;
-        EXPECT_EQ(lut.error(), String(path) + ": not a regular file");
-    }
-}
-
 TEST(LutHostileFiles, WriterKeywordsBeforeTheTableAreStillSkipped) {
     auto const lut = parseCubeLut("LUT_IN_VIDEO_RANGE\nLUT_1D_SIZE 2\n0 0 0\n1 1 1\n", "look.cube");
     ASSERT_TRUE(lut) << lut.error();
