@@ -21,36 +21,30 @@ struct BlendCase {
     float base, map, alpha, k, plain, working, clamped;
 };
 
-class SlotBlendTest : public ::testing::TestWithParam<BlendCase> {};
-
-TEST_P(SlotBlendTest, ConstantAndVaryingMapsBlendAlike) {
-    BlendCase const c = GetParam();
-    NullShadeContext const ctx;
-    auto constant = EntityHolder<IMap>(makeSharedPtr<ConstantColorMap>(Rgb(c.map), c.alpha));
-    for (auto const& map : {constant, varying(RgbAlpha(Rgb(c.map), c.alpha))}) {
-        MaterialMapSlot::Evaluator const e(makeSlot(c.mode, c.base, map, c.k));
-        EXPECT_EQ(e.hasMap(), map != constant);
-        Rgb const plain = e.evalColor(ctx, nullptr);
-        EXPECT_NEAR(plain.r, c.plain, 1e-6f);
-        EXPECT_EQ(plain.r, plain.b);
-        EXPECT_NEAR(e.evalWorkingColor(ctx, nullptr).g, c.working, 1e-6f);
-        EXPECT_NEAR(e.evalClampedColor(ctx, nullptr).b, c.clamped, 1e-6f);
-        EXPECT_NEAR(e.evalMono(ctx, nullptr), c.plain, 1e-6f);
-        EXPECT_NEAR(e.evalClampedMono(ctx, nullptr), c.clamped, 1e-6f);
+TEST(MaterialMapSlotTest, ConstantAndVaryingMapsBlendAlike) {
+    for (BlendCase const& c : {BlendCase{"OverrideIgnoresAlpha", Interpolation::Override, 0.2f, 0.5f, 0.5f, 1.f, 0.5f, 0.5f, 0.5f},
+                               BlendCase{"MixHalfAlpha", Interpolation::Mix, 0.2f, 0.6f, 0.5f, 1.f, 0.4f, 0.4f, 0.4f},
+                               BlendCase{"MixZeroAmountGivesBase", Interpolation::Mix, 0.2f, 0.6f, 1.f, 0.f, 0.2f, 0.2f, 0.2f},
+                               BlendCase{"AddScaled", Interpolation::Add, 0.2f, 0.5f, 0.5f, 2.f, 0.7f, 0.7f, 0.7f},
+                               BlendCase{"AddOverflowClamps", Interpolation::Add, 0.8f, 0.6f, 1.f, 1.f, 1.4f, 1.4f, 1.f},
+                               BlendCase{"SubtractMapMinusBase", Interpolation::Subtract, 0.2f, 0.5f, 1.f, 1.f, 0.3f, 0.3f, 0.3f},
+                               BlendCase{"SubtractNegativeClamps", Interpolation::Subtract, 0.5f, 0.2f, 1.f, 1.f, -0.3f, 0.f, 0.f}}) {
+        SCOPED_TRACE(c.name);
+        NullShadeContext const ctx;
+        auto constant = EntityHolder<IMap>(makeSharedPtr<ConstantColorMap>(Rgb(c.map), c.alpha));
+        for (auto const& map : {constant, varying(RgbAlpha(Rgb(c.map), c.alpha))}) {
+            MaterialMapSlot::Evaluator const e(makeSlot(c.mode, c.base, map, c.k));
+            EXPECT_EQ(e.hasMap(), map != constant);
+            Rgb const plain = e.evalColor(ctx, nullptr);
+            EXPECT_NEAR(plain.r, c.plain, 1e-6f);
+            EXPECT_EQ(plain.r, plain.b);
+            EXPECT_NEAR(e.evalWorkingColor(ctx, nullptr).g, c.working, 1e-6f);
+            EXPECT_NEAR(e.evalClampedColor(ctx, nullptr).b, c.clamped, 1e-6f);
+            EXPECT_NEAR(e.evalMono(ctx, nullptr), c.plain, 1e-6f);
+            EXPECT_NEAR(e.evalClampedMono(ctx, nullptr), c.clamped, 1e-6f);
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Modes, SlotBlendTest,
-    ::testing::Values(BlendCase{"OverrideIgnoresAlpha", Interpolation::Override, 0.2f, 0.5f, 0.5f, 1.f, 0.5f, 0.5f, 0.5f},
-                      BlendCase{"MixHalfAlpha", Interpolation::Mix, 0.2f, 0.6f, 0.5f, 1.f, 0.4f, 0.4f, 0.4f},
-                      BlendCase{"MixFullGivesMap", Interpolation::Mix, 0.2f, 0.6f, 1.f, 1.f, 0.6f, 0.6f, 0.6f},
-                      BlendCase{"MixZeroAmountGivesBase", Interpolation::Mix, 0.2f, 0.6f, 1.f, 0.f, 0.2f, 0.2f, 0.2f},
-                      BlendCase{"AddScaled", Interpolation::Add, 0.2f, 0.5f, 0.5f, 2.f, 0.7f, 0.7f, 0.7f},
-                      BlendCase{"AddOverflowClamps", Interpolation::Add, 0.8f, 0.6f, 1.f, 1.f, 1.4f, 1.4f, 1.f},
-                      BlendCase{"SubtractMapMinusBase", Interpolation::Subtract, 0.2f, 0.5f, 1.f, 1.f, 0.3f, 0.3f, 0.3f},
-                      BlendCase{"SubtractNegativeClamps", Interpolation::Subtract, 0.5f, 0.2f, 1.f, 1.f, -0.3f, 0.f, 0.f}),
-    [](auto const& info) { return String(info.param.name); });
 
 TEST(MaterialMapSlotTest, TintAndIntensityApplyToTheirSides) {
     auto map = EntityHolder<IMap>(makeSharedPtr<ConstantColorMap>(Rgb(0.5f, 0.5f, 0.5f), 1.f));

@@ -83,11 +83,6 @@ TEST_F(FerrimTool, BadAndHostileInputsGiveOneLineNamingTheFile) {
     // A device never ends: it must be refused, not read.
     fs::create_symlink("/dev/zero", mFolder / "zero.cube");
     fs::path const deviceLut = writeText("device-lut.ctm", lutPipeline((mFolder / "zero.cube").string()));
-    std::string operators;
-    for (int i = 0; i < 40000; ++i) operators += std::string(i ? "," : "") + R"({"@class": "Zatho.IdentityOperator"})";
-    fs::path const longPipeline = writeText("long.ctm", PIPELINE_START + operators + "]}");
-    fs::path const deepVersion = writeText("version.ctm", R"({"mimeType": "application/vnd.zatho.ostrel.color-mapping", "version": )" +
-                                                          std::string(200000, '[') + std::string(200000, ']') + R"(, "operators": []})");
     std::string predecessors = "null";
     for (int i = 0; i < 8000; ++i) predecessors = R"({"@class": "Zatho.IdentityOperator", "predecessor": )" + predecessors + "}";
     fs::path const deepChain = writeText("chain.ctm", PIPELINE_START + predecessors + "]}");
@@ -119,35 +114,16 @@ TEST_F(FerrimTool, BadAndHostileInputsGiveOneLineNamingTheFile) {
              Case{"tonemap " + image.string() + " -o " + (mFolder / "o.png").string() + " --pipeline " + truncatedLut.string(),
                   {"error_truncated_file.3dl:375"}},
              Case{"unmap 0.5 0.5 0.5 --pipeline " + deviceLut.string(), {"zero.cube: not a regular file"}},
-             Case{"unmap 0.5 0.5 0.5 --pipeline " + longPipeline.string(), {"long.ctm", "40000 operators"}},
-             Case{"unmap 0.5 0.5 0.5 --pipeline " + deepVersion.string(), {"version.ctm", "nested deeper than 256"}},
              Case{"unmap 0.5 0.5 0.5 --pipeline " + deepChain.string(), {"chain.ctm", "nested deeper than 256"}},
              Case{render("lut.json", R"({"pipeline": )" + lutPipeline((mFolder / "gone.cube").string()) + R"(, "swatches": [)" + constant + "]}"),
                   {"gone.cube", "cannot open"}},
              Case{render("many.json", R"({"swatches": [)" + swatches + "]}"), {"many.json", "2000 swatches", "--size"}},
              Case{render("columns.json", R"({"columns": 4294967297, "swatches": [)" + constant + "]}"), {"columns.json", "\"columns\""}},
-             Case{render("samples.json", R"({"samples": 1e400, "swatches": [)" + constant + "]}"), {"samples.json", "number overflow"}},
              Case{render("size.json", R"({"map": {"@class": "Zatho.NoiseMap", "size": 1e39}})"), {"size.json", "\"size\": 1e+39"}},
-             Case{render("deep-pipeline.json", R"({"pipeline": )" + std::string(200000, '[') + std::string(200000, ']') +
-                                                   R"(, "swatches": [)" + constant + "]}"),
-                  {"deep-pipeline.json", "nested deeper than 256"}},
              Case{render("deep-maps.json", nestedMaps(4000)), {"deep-maps.json", "nested deeper than 256"}},
              Case{render("nested-maps.json", nestedMaps(110)), {"nested-maps.json", "entities nested deeper than 100"}},
          }) {
         expectOneLineError(runTool(c.args), c.needles, c.args.substr(0, 120));
     }
     EXPECT_FALSE(fs::exists(mFolder / "o.png")) << "an image was written without its LUT";
-}
-
-TEST_F(FerrimTool, DamagedExrFilesAreRefusedByName) {
-    // Files that once broke EXR readers: each is refused, never a crash, a
-    // multi-line library message or an allocation of many gigabytes.
-    int files = 0;
-    for (auto const& e : fs::directory_iterator(fs::path(FERRIM_TESTDATA_DIR) / "exr-damaged")) {
-        if (e.path().extension() != ".exr") continue;
-        ++files;
-        expectOneLineError(runTool("tonemap " + e.path().string() + " -o " + (mFolder / "out.png").string()),
-                           {e.path().filename().string()}, e.path().string());
-    }
-    EXPECT_GE(files, 10);
 }

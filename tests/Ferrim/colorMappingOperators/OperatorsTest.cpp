@@ -54,18 +54,15 @@ struct ValueCase {
 };
 
 Stack<ValueCase> valueCases() {
-    using Exposure = SimpleExposureOperator;
     using Gm = GreenMagentaTintOperator;
     auto const reinhard4 = with<ReinhardOperator>("highlightCompression", 4.f);
     ColorMappingContext const off = context(8.f, false);
     return {
-        {"ExposureOneStopDoubles", with<Exposure>("simpleExposure", 1.f), Rgb(1.f), Rgb(2.f)},
         {"PhotographicUsesTheCamera", maker<PhotographicExposureOperator>(), Rgb(1.f), Rgb(0.02223f), 1e-5f, false, context(16.f)},
         {"PhotographicNeutralWithoutAperture", maker<PhotographicExposureOperator>(), Rgb(0.7f), Rgb(0.7f), 0.f, false, context(0.f)},
         {"WhiteBalanceReferenceIsNeutral", maker<WhiteBalanceOperator>(), Rgb(0.2f, 0.4f, 0.9f), Rgb(0.2f, 0.4f, 0.9f)},
         {"WhiteBalanceMakesTheLightWhite", with<WhiteBalanceOperator>("colorTemperature", 3000.f), planckianRgb(3000) * 0.5f,
          planckianRgb(6500) * 0.5f, 1e-4f},
-        {"TintMultiplies", with<TintOperator>("tint", Rgb(1.f, 0.f, 1.f)), Rgb(0.5f, 0.7f, 0.2f), Rgb(0.5f, 0.f, 0.2f)},
         {"TintRemovedChannelsStayZero", with<TintOperator>("tint", Rgb(1.f, 0.f, 1.f)), Rgb(0.5f), Rgb(0.5f, 0.f, 0.5f), 0.f, true},
         {"ContrastSteepens", with<ContrastOperator>("contrast", 2.f), Rgb(0.03f, 0.7f, 0.18f), Rgb(0.0254553f, 0.7257325f, 0.177388f), 1e-6f},
         {"ContrastFlattens", with<ContrastOperator>("contrast", 0.5f), Rgb(0.03f, 0.7f, 0.18f), Rgb(0.060237f, 0.568988f, 0.191816f), 1e-6f},
@@ -92,22 +89,19 @@ Stack<ValueCase> valueCases() {
     };
 }
 
-class OperatorValues : public testing::TestWithParam<ValueCase> {};
-
-TEST_P(OperatorValues, MatchTheReference) {
-    auto const& c = GetParam();
-    auto op = c.make();
-    op->prepareForApplication(c.context);
-    Rgb const result = c.unmap ? op->unmap(c.in, NO_EXCLUDE) : op->map(c.in, {});
-    if (c.tolerance == 0.f || !std::isfinite(c.out.b)) {
-        EXPECT_EQ(result, c.out);
-    } else {
-        expectNear(result, c.out, c.tolerance);
+TEST(OperatorValues, MatchTheReference) {
+    for (ValueCase const& c : valueCases()) {
+        SCOPED_TRACE(c.name);
+        auto op = c.make();
+        op->prepareForApplication(c.context);
+        Rgb const result = c.unmap ? op->unmap(c.in, NO_EXCLUDE) : op->map(c.in, {});
+        if (c.tolerance == 0.f || !std::isfinite(c.out.b)) {
+            EXPECT_EQ(result, c.out);
+        } else {
+            expectNear(result, c.out, c.tolerance);
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(Operators, OperatorValues, testing::ValuesIn(valueCases()),
-                         [](testing::TestParamInfo<ValueCase> const& info) { return String(info.param.name); });
 
 TEST(ReinhardOperator, SmallChangesKeepTheCoefficient) {
     auto op = with<ReinhardOperator>("highlightCompression", 4.f)();
