@@ -18,11 +18,11 @@ struct PointContext : Testing::SettableShadeContext {
     PointContext() : SettableShadeContext(0.25f, 0.5f) {
         dUvw = Dir(0.01f, 0.02f, 0.f);
         position = PrecisePos(10, 20, 30);
+        objectPosition = Pos(1, 2, 3);
         footprint = 0.5f;
         screen = Vector2(0.75f, 0.25f);
     }
     Pos getUvw(int c, std::uint32_t = 0) const override { return uvw + Pos(float(c), 0, 0); }
-    Pos getObjectPosition() const override { return Pos(1, 2, 3); }
 };
 
 template <typename V> void expectNear(V const& a, V const& b, float tol = 1e-5f) { Testing::expectNear(a, b, tol); }
@@ -293,7 +293,6 @@ TEST(SphericalMappingTest, PolesAxesAndRotationWrap) {
     // A slightly overlong z is clamped rather than giving NaN.
     EXPECT_FLOAT_EQ(UvMapper::sphericalMapping(Dir(0, 0, 1.0000001f), 0.f).y, 1.f);
     expectNear(UvMapper::sphericalMapping(Dir(1, 0, 0), -HALF_PI), Pos(0.75f, 0.5f, 0.f));
-    expectNear(UvMapper::sphericalMapping(Dir(0, -1, 0), 2.f * HALF_PI), Pos(0.25f, 0.5f, 0.f));
     for (float r : {-100.f, -7.f, 13.f, 1000.f}) {
         float const u = UvMapper::sphericalMapping(normalize(Dir(0.3f, -0.8f, 0.1f)), r).x;
         EXPECT_TRUE(u >= 0.f && u <= 1.f) << r;

@@ -137,8 +137,7 @@ TEST_F(DataObjectsTest, JsonErrorsNameThePropertyAndProblemAndKeepTheRecord) {
                           // Numbers beyond the property's type.
                           Case{R"({"size": 1e39})", "property \"size\": 1e+39 is beyond the range of a float"},
                           Case{R"({"tint": [0, 3.5e38, 0]})", "property \"tint\" expects an array of 3 numbers"},
-                          Case{R"({"type": 4294967297})", "4294967297 is not a value of \"Test.Kind\""},
-                          Case{R"({"items": [{"position": 1e300}]})", "item 1"}}) {
+                          Case{R"({"type": 4294967297})", "4294967297 is not a value of \"Test.Kind\""}}) {
         auto const r = e.loadInternalData(nlohmann::json::parse(c.json));
         ASSERT_FALSE(r) << c.json;
         EXPECT_NE(r.error().find(c.needle), String::npos) << r.error();

@@ -148,8 +148,6 @@ TEST_F(ImageFileTest, PngWritesTheDepthAndChannels) {
         ASSERT_TRUE(written) << written.error();
         auto const bytes = readFile(path);
         ASSERT_GT(bytes.size(), 33u);
-        EXPECT_EQ(String(bytes.begin(), bytes.begin() + 4), "\x89PNG");
-        EXPECT_EQ(String(bytes.begin() + 12, bytes.begin() + 16), "IHDR");
         EXPECT_EQ(bigEndian32(bytes.data() + 16), 5u);
         EXPECT_EQ(bigEndian32(bytes.data() + 20), 3u);
         EXPECT_EQ(bytes[24], c.bitDepth);

@@ -71,7 +71,6 @@ TEST_F(FerrimTool, TypesAsJsonDescribeProperties) {
 }
 
 TEST_F(FerrimTool, BadAndHostileInputsGiveOneLineNamingTheFile) {
-    std::string const testdata = FERRIM_TESTDATA_DIR;
     fs::path const bad = writeText("bad.json", "{\"swatches\": [");
     fs::path const unknown = writeText("unknown.json", R"({"map": {"@class": "Zatho.NoSuchMap"}})");
     fs::path const key = writeText("key.json", R"({"swatches": [{"map": {"@class": "Zatho.ConstantColorMap"}, "colour": 1}]})");
@@ -79,7 +78,6 @@ TEST_F(FerrimTool, BadAndHostileInputsGiveOneLineNamingTheFile) {
     fs::path const huge = writeText("huge.hdr", hdrText(30000, 30000, 4));
     fs::path const lies = writeText("lies.hdr", hdrText(8000, 8000, 4));
     fs::path const missingLut = writeText("missing-lut.ctm", lutPipeline((mFolder / "missing.cube").string()));
-    fs::path const truncatedLut = writeText("truncated-lut.ctm", lutPipeline(testdata + "/lut/error_truncated_file.3dl"));
     // A device never ends: it must be refused, not read.
     fs::create_symlink("/dev/zero", mFolder / "zero.cube");
     fs::path const deviceLut = writeText("device-lut.ctm", lutPipeline((mFolder / "zero.cube").string()));
@@ -111,16 +109,12 @@ TEST_F(FerrimTool, BadAndHostileInputsGiveOneLineNamingTheFile) {
              Case{"tonemap " + lies.string() + " -o " + (mFolder / "o.png").string(), {"lies.hdr", "more than the file's"}},
              Case{"tonemap " + image.string() + " -o " + (mFolder / "o.png").string() + " --pipeline " + missingLut.string(),
                   {"missing.cube", "cannot open"}},
-             Case{"tonemap " + image.string() + " -o " + (mFolder / "o.png").string() + " --pipeline " + truncatedLut.string(),
-                  {"error_truncated_file.3dl:375"}},
              Case{"unmap 0.5 0.5 0.5 --pipeline " + deviceLut.string(), {"zero.cube: not a regular file"}},
              Case{"unmap 0.5 0.5 0.5 --pipeline " + deepChain.string(), {"chain.ctm", "nested deeper than 256"}},
              Case{render("lut.json", R"({"pipeline": )" + lutPipeline((mFolder / "gone.cube").string()) + R"(, "swatches": [)" + constant + "]}"),
                   {"gone.cube", "cannot open"}},
              Case{render("many.json", R"({"swatches": [)" + swatches + "]}"), {"many.json", "2000 swatches", "--size"}},
              Case{render("columns.json", R"({"columns": 4294967297, "swatches": [)" + constant + "]}"), {"columns.json", "\"columns\""}},
-             Case{render("size.json", R"({"map": {"@class": "Zatho.NoiseMap", "size": 1e39}})"), {"size.json", "\"size\": 1e+39"}},
-             Case{render("deep-maps.json", nestedMaps(4000)), {"deep-maps.json", "nested deeper than 256"}},
              Case{render("nested-maps.json", nestedMaps(110)), {"nested-maps.json", "entities nested deeper than 100"}},
          }) {
         expectOneLineError(runTool(c.args), c.needles, c.args.substr(0, 120));

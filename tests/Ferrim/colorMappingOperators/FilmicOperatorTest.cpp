@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cmath>
-
 #include "Ferrim/colorMappingOperators/FilmicOperator.h"
 
 using namespace Quelin;

@@ -48,7 +48,6 @@ TEST(LutHostileInput, RefusedWithOnePrintableLine) {
         HostileCase{"LowercaseWord", false, "title \"x\"\nLUT_1D_SIZE 2\n0 0 0\n1 1 1\n", 1, "neither a keyword nor a number"},
         HostileCase{"BinaryJunk", false, "LUT_1D_SIZE 2\n\x89PNG\x01\xff 0\n", 2, "\"\\x89PNG\\x01\\xFF\""},
         HostileCase{"HugeSize", false, "LUT_3D_SIZE 99999999999999999999\n", 1, "from 2 to 256"},
-        HostileCase{"DamagedIn3dl", true, "x 0 0\n" + lattice3dl(8), 1, "\"x\" is not an integer"},
         // Converting this mesh value to an integer for the shaper was
         // undefined; it is refused before use.
         HostileCase{"HugeMeshValue", true, "0 300 600 99999999999999\n" + lattice3dl(64), 1, "mesh value 99999999999999"},

@@ -116,9 +116,7 @@ TEST_P(LutMatchesOcio, SameResultsOnSameInputs) {
 
 INSTANTIATE_TEST_SUITE_P(SharedFiles, LutMatchesOcio,
                          ::testing::Values(OcioCase{"iridas_1d.cube", LutInterpolation::Trilinear},
-                                           OcioCase{"iridas_3d.cube", LutInterpolation::Trilinear},
                                            OcioCase{"iridas_3d.cube", LutInterpolation::Tetrahedral},
-                                           OcioCase{"discreet-3d-lut.3dl", LutInterpolation::Trilinear},
                                            OcioCase{"discreet-3d-lut.3dl", LutInterpolation::Tetrahedral},
                                            OcioCase{nullptr, LutInterpolation::Trilinear},
                                            OcioCase{nullptr, LutInterpolation::Tetrahedral}));

@@ -34,13 +34,6 @@ FunctionEvaluator slopeEvaluator(UvMapper const& mapper, float a, float b, float
     return FunctionEvaluator(mapper, [=](float u, float v) { return a * u + b * v + c; });
 }
 
-/// A context that also answers the object position, for the XYZ mapping modes.
-class PositionShadeContext : public SettableShadeContext {
-public:
-    Pos objectPosition;
-    Pos getObjectPosition() const override { return objectPosition; }
-};
-
 void expectDirNear(Dir const& a, Dir const& b, float tolerance) { expectNear(a, b, tolerance * std::max(1.f, length(b))); }
 
 class BumpConverterTest : public LibraryFixture {
@@ -102,7 +95,7 @@ TEST_F(BumpConverterTest, StepFollowsTheFootprint) {
 
 TEST_F(BumpConverterTest, ObjectXyzModeMovesTheObjectPosition) {
     mapper.set("mappingMode", UvMappingMode::ObjectXyz);
-    PositionShadeContext pctx;
+    SettableShadeContext pctx;
     pctx.objectPosition = Pos(0.2f, -0.4f, 1.1f);
     pctx.normal = Dir(0, 0, 1);
     auto const slope = slopeEvaluator(mapper, 1.f, 0.f);

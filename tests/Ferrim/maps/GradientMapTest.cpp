@@ -1,6 +1,6 @@
 #include "Ferrim/maps/GradientMap.h"
 
-#include <cmath>
+#include <algorithm>
 
 #include "Ferrim/maps/CellularMap.h"
 #include "Ferrim/maps/NoiseMap.h"
