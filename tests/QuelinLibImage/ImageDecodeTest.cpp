@@ -89,19 +89,18 @@ TEST(ExrDecodeTest, HalfChannelsWidenToFloatAndMipChainsComeFromTheFile) {
     EXPECT_GT(progress.getTotal(), 512);
 }
 
-class DecodeRoundTripTest : public Testing::TempFolderTest {
-  protected:
-    static Image randomImage(PixelFormat format, Pixel size, std::uint32_t seed) {
-        Image image(Image::Descriptor(size, format));
-        std::mt19937 rng(seed);
-        for (auto& byte : std::span(image.getData(), std::size_t(image.getByteSize()))) byte = std::byte(rng());
-        if (getChannelType(format) == ChannelType::Float) // random bytes are not all finite floats
-            for (int y = 0; y < size.y; ++y)
-                for (int x = 0; x < size.x; ++x)
-                    image.setRgbAlpha(x, y, {float(rng() % 1000) / 7.f, float(x), float(y), 0.5f});
-        return image;
-    }
-};
+Image randomImage(PixelFormat format, Pixel size, std::uint32_t seed) {
+    Image image(Image::Descriptor(size, format));
+    std::mt19937 rng(seed);
+    for (auto& byte : std::span(image.getData(), std::size_t(image.getByteSize()))) byte = std::byte(rng());
+    if (getChannelType(format) == ChannelType::Float) // random bytes are not all finite floats
+        for (int y = 0; y < size.y; ++y)
+            for (int x = 0; x < size.x; ++x)
+                image.setRgbAlpha(x, y, {float(rng() % 1000) / 7.f, float(x), float(y), 0.5f});
+    return image;
+}
+
+using DecodeRoundTripTest = Testing::TempFolderTest;
 
 // Lossless formats give back exactly what was written, from a file and from memory alike.
 TEST_F(DecodeRoundTripTest, LosslessFormatsFromFileAndMemory) {

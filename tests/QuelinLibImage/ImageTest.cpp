@@ -44,17 +44,16 @@ std::map<String, int> exrChannelTypes(Stack<std::uint8_t> const& bytes) {
     return types;
 }
 
-class ImageFileTest : public Quelin::Testing::TempFolderTest {
-  protected:
-    /// A gradient with some alpha, filled through the generic setter.
-    static Image makeImage(PixelFormat format, int w = 5, int h = 3) {
-        Image image(Image::Descriptor(Pixel(w, h), format));
-        for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x)
-                image.setRgbAlpha(x, y, RgbAlpha(x * 0.2f, y * 0.4f, 0.5f, 1.f - x * 0.1f));
-        return image;
-    }
-};
+/// A 5 x 3 gradient with some alpha, filled through the generic setter.
+Image makeImage(PixelFormat format) {
+    Image image(Image::Descriptor(Pixel(5, 3), format));
+    for (int y = 0; y < 3; ++y)
+        for (int x = 0; x < 5; ++x)
+            image.setRgbAlpha(x, y, RgbAlpha(x * 0.2f, y * 0.4f, 0.5f, 1.f - x * 0.1f));
+    return image;
+}
+
+using ImageFileTest = Quelin::Testing::TempFolderTest;
 
 } // namespace
 

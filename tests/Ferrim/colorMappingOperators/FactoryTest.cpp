@@ -13,10 +13,8 @@ using namespace Quelin;
 
 namespace {
 
-class ColorMappingOperatorFactoryTest : public Testing::LibraryFixture {
-protected:
-    static ColorMappingOperatorFactory& factory() { return ColorMappingOperatorFactory::getInstance(); }
-};
+using ColorMappingOperatorFactoryTest = Testing::LibraryFixture;
+ColorMappingOperatorFactory& factory() { return ColorMappingOperatorFactory::getInstance(); }
 
 TEST_F(ColorMappingOperatorFactoryTest, EachOfTheEighteenOperatorsIsCreatedWithItsEncodings) {
     // Pipelines insert conversions from the encodings and hide the Hidden

@@ -265,14 +265,7 @@ void expectBucketsMapLikeColours(UnaryColorMappingOperator const& op) {
     }
 }
 
-class EveryOperatorTest : public testing::TestWithParam<OperatorCase> {
-protected:
-    SharedPtr<UnaryColorMappingOperator> prepared(ColorMappingContext const& c = context()) const {
-        auto op = GetParam().make();
-        op->prepareForApplication(c);
-        return op;
-    }
-};
+class EveryOperatorTest : public testing::TestWithParam<OperatorCase> {};
 
 TEST_P(EveryOperatorTest, SwitchedOffInTheRecordOrTheContextIsTheIdentityBothWays) {
     for (bool const enabled : {false, true}) {
@@ -288,9 +281,10 @@ TEST_P(EveryOperatorTest, SwitchedOffInTheRecordOrTheContextIsTheIdentityBothWay
     }
 }
 
-TEST_P(EveryOperatorTest, UnmapUndoesMapAndBucketsMapLikeColours) {
+TEST_P(EveryOperatorTest, UnmapUndoesMapOnlyItsOwnBitSkipsItAndBucketsMapLikeColours) {
     auto const& param = GetParam();
-    auto op = prepared();
+    auto op = param.make();
+    op->prepareForApplication(context());
     expectBucketsMapLikeColours(*op);
     int checked = 0;
     for (Rgb c : probes(param.maxInput)) {
@@ -307,16 +301,13 @@ TEST_P(EveryOperatorTest, UnmapUndoesMapAndBucketsMapLikeColours) {
             EXPECT_NEAR(back[ch], c[ch], param.tolerance * std::max({1.f, c.r, c.g, c.b})) << c.r << " " << c.g << " " << c.b << " channel " << ch;
     }
     EXPECT_TRUE(param.tolerance < 0.f || checked > 30) << checked;
-}
-
-TEST_P(EveryOperatorTest, ItsOwnExclusionBitAndOnlyThatSkipsIt) {
-    auto op = prepared();
+    // Its own exclusion bit, and only that, skips it.
     Rgb const c(0.3f, 0.6f, 0.45f);
     Rgb const undone = op->unmap(c, NO_EXCLUDE);
     for (std::uint32_t flag = 1; flag < 1u << 14; flag <<= 1)
-        EXPECT_EQ(op->unmap(c, bit(flag)), flag == GetParam().excludeBit ? c : undone) << "bit " << flag;
+        EXPECT_EQ(op->unmap(c, bit(flag)), flag == param.excludeBit ? c : undone) << "bit " << flag;
     EXPECT_EQ(op->unmap(c, bit(COLOR_MAPPING_EXCLUDE_ALL)), c);
-    EXPECT_TRUE(GetParam().excludeBit == 0 || undone != c) << "operator does nothing";
+    EXPECT_TRUE(param.excludeBit == 0 || undone != c) << "operator does nothing";
 }
 
 INSTANTIATE_TEST_SUITE_P(Operators, EveryOperatorTest, testing::ValuesIn(allOperators()),

@@ -11,26 +11,28 @@ using namespace Quelin;
 
 namespace {
 
-class PipelineTest : public Testing::LibraryFixture {
-protected:
-    static GenericDataObject record(StringView type) {
-        auto const* d = ColorMappingOperatorFactory::getInstance().findDescriptor(type);
-        EXPECT_NE(d, nullptr) << type;
-        GenericDataObject data(d->definition);
-        data.set("id", UnaryColorMappingOperator::generateId());
-        return data;
-    }
-    static Stack<String> typesOf(EntityHolder<const IColorMappingOperator> pipeline) {
-        Stack<String> names;
-        for (auto const& op : getPipelineOperators(pipeline)) names.push_back(op->getClassName());
-        return names;
-    }
-    static EntityHolder<IColorMappingOperator> exposureCurvesContrast() {
-        auto exposure = record("Zatho.SimpleExposureOperator");
-        exposure.set("simpleExposure", 1.5f);
-        return createPipeline({exposure, record("Zatho.CurvesOperator"), record("Zatho.ContrastOperator")});
-    }
-};
+using PipelineTest = Testing::LibraryFixture;
+
+GenericDataObject record(StringView type) {
+    auto const* d = ColorMappingOperatorFactory::getInstance().findDescriptor(type);
+    EXPECT_NE(d, nullptr) << type;
+    GenericDataObject data(d->definition);
+    data.set("id", UnaryColorMappingOperator::generateId());
+    return data;
+}
+Stack<String> typesOf(EntityHolder<const IColorMappingOperator> pipeline) {
+    Stack<String> names;
+    for (auto const& op : getPipelineOperators(pipeline)) names.push_back(op->getClassName());
+    return names;
+}
+EntityHolder<IColorMappingOperator> exposureCurvesContrast() {
+    auto exposure = record("Zatho.SimpleExposureOperator");
+    exposure.set("simpleExposure", 1.5f);
+    return createPipeline({exposure, record("Zatho.CurvesOperator"), record("Zatho.ContrastOperator")});
+}
+String withMimeType(String const& members) {
+    return R"({"mimeType": "application/vnd.zatho.ostrel.color-mapping", )" + members + "}";
+}
 
 } // namespace
 
@@ -104,12 +106,6 @@ TEST_F(PipelineTest, UpdateWritesValuesOnlyIntoTheSameShape) {
     EXPECT_FALSE(updatePipelineWithData(chain, data));
     EXPECT_FLOAT_EQ(ops.front()->get<float>("simpleExposure"), 1.5f);
 }
-
-namespace {
-String withMimeType(String const& members) {
-    return R"({"mimeType": "application/vnd.zatho.ostrel.color-mapping", )" + members + "}";
-}
-} // namespace
 
 TEST_F(PipelineTest, CorruptedTextsAreRefusedWithTheLoaderMessage) {
     for (String const& text :
