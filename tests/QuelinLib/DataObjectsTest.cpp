@@ -65,6 +65,27 @@ protected:
     static inline int sModule = 0;
 };
 
+/// A chain root -> child -> ... of `length` entities, built in code.
+SharedPtr<TestEntity> makeChain(std::size_t length) {
+    auto root = makeSharedPtr<TestEntity>();
+    auto last = root;
+    for (std::size_t i = 1; i < length; ++i) {
+        auto next = makeSharedPtr<TestEntity>();
+        last->set("child", EntityHolder<TestEntity>(next));
+        last = next;
+    }
+    return root;
+}
+
+/// {"@class": "Test.Entity", "child": {...}} nested `depth` entities deep.
+String nestedEntityText(int depth) {
+    String text;
+    for (int i = 0; i < depth; ++i) text += R"({"@class": "Test.Entity", "child": )";
+    text += "null";
+    text.append(std::size_t(depth), '}');
+    return text;
+}
+
 } // namespace
 
 TEST_F(DataObjectsTest, ValidatorsRefuseOrClampAndNotify) {
@@ -171,29 +192,6 @@ TEST(Identifiers, UuidsAndClassIds) {
     UniqueIdGenerator g;
     EXPECT_NE(g.next(), g.next());
 }
-
-namespace {
-/// A chain root -> child -> ... of `length` entities, built in code.
-SharedPtr<TestEntity> makeChain(std::size_t length) {
-    auto root = makeSharedPtr<TestEntity>();
-    auto last = root;
-    for (std::size_t i = 1; i < length; ++i) {
-        auto next = makeSharedPtr<TestEntity>();
-        last->set("child", EntityHolder<TestEntity>(next));
-        last = next;
-    }
-    return root;
-}
-
-/// {"@class": "Test.Entity", "child": {...}} nested `depth` entities deep.
-String nestedEntityText(int depth) {
-    String text;
-    for (int i = 0; i < depth; ++i) text += R"({"@class": "Test.Entity", "child": )";
-    text += "null";
-    text.append(std::size_t(depth), '}');
-    return text;
-}
-} // namespace
 
 TEST_F(DataObjectsTest, LongChainsAreVisitedAndDestroyedWithoutRecursion) {
     // Deep enough that one stack frame per entity would overflow any stack.

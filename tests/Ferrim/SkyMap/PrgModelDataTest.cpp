@@ -118,15 +118,13 @@ TEST_F(PrgSkyModelDataFaults, IndicesOutsideTheirRangesAreRefusedBeforeReading) 
     EXPECT_TRUE(sky.reads.empty() && sun.reads.empty());
 }
 
-class PrgSunModelDataTest : public testing::TestWithParam<SunCase> {};
-
-TEST_P(PrgSunModelDataTest, ReadsTheBracketingEntriesAsStored) {
-    auto const data = loadChecked(GetParam(), "PrgSunModelData.dat");
-    expectGridTables(*data, 0, Files::SUN_GRID_B, Files::SUN_ROWS_START, Files::SUN_ROW_A, Files::SUN_ROW_B);
+TEST(PrgSunModelDataTest, ReadsTheBracketingEntriesAsStored) {
+    // Two grids and four rows; at the last entries one of each.
+    for (SunCase const& c : {SunCase{{2, 7}, 3'337'536, 3}, SunCase{{5, 21}, 1'667'712 + 528, 2}}) {
+        SCOPED_TRACE(c.configuration.toString());
+        expectGridTables(*loadChecked(c, "PrgSunModelData.dat"), 0, Files::SUN_GRID_B, Files::SUN_ROWS_START,
+                         Files::SUN_ROW_A, Files::SUN_ROW_B);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Configurations, PrgSunModelDataTest,
-                         testing::Values(SunCase{{2, 7}, 3'337'536, 3}, // two grids, four rows
-                                         SunCase{{5, 21}, 1'667'712 + 528, 2}));
 
 } // namespace
