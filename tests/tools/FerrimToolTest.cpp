@@ -1,4 +1,5 @@
-// The `ferrim` program as a user runs it: exit codes, one-line errors, outputs.
+// The `ferrim` program as a user runs it: exit codes, one-line errors, outputs,
+// texture paths relative to the scene file.
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
@@ -29,6 +30,18 @@ std::string lutPipeline(std::string const& lutPath) {
     return PIPELINE_START + R"({"@class": "Zatho.LutOperator", "path": ")" + lutPath + R"("}]})";
 }
 
+/// Two textured swatches, the second reading `texturePath`, the first a copy
+/// of a test image in images/ beside the scene.
+std::string texturedScene(fs::path const& folder, std::string const& texturePath) {
+    fs::create_directories(folder / "images");
+    fs::copy_file(fs::path(FERRIM_TESTDATA_DIR) / "exr/WavyLinesLatLong.exr", folder / "images/wavy.exr", fs::copy_options::skip_existing);
+    return R"({"swatches": [
+        {"label": "panorama", "shape": "environment", "map": {"@class": "Zatho.TextureMap",
+         "imageSource": {"@class": "Zatho.FileDataSource", "path": "images/wavy.exr"}}},
+        {"label": "second", "shape": "plane", "map": {"@class": "Zatho.TextureMap",
+         "imageSource": {"@class": "Zatho.FileDataSource", "path": ")" + texturePath + R"("}}}]})";
+}
+
 /// Width and height from a PNG's header.
 std::pair<std::uint32_t, std::uint32_t> pngSize(fs::path const& p) {
     std::ifstream in(p, std::ios::binary);
@@ -53,6 +66,11 @@ TEST_F(FerrimTool, RendersDemoAndSceneFiles) {
     ToolRun const one = runTool("render " + scene.string() + " -o " + out2.string());
     ASSERT_EQ(one.code, 0) << one.err;
     EXPECT_EQ(pngSize(out2), std::make_pair(256u, 256u));
+    // The tool runs in another folder: the texture is found beside the scene.
+    fs::path const textured = writeText("textured.json", texturedScene(mFolder, "images/wavy.exr"));
+    ToolRun const r = runTool("render " + textured.string() + " -o " + out2.string() + " --size 64x32 --samples 1");
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(pngSize(out2), std::make_pair(64u, 32u));
 }
 
 TEST_F(FerrimTool, TypesAsJsonDescribeProperties) {
@@ -116,8 +134,10 @@ TEST_F(FerrimTool, BadAndHostileInputsGiveOneLineNamingTheFile) {
              Case{render("many.json", R"({"swatches": [)" + swatches + "]}"), {"many.json", "2000 swatches", "--size"}},
              Case{render("columns.json", R"({"columns": 4294967297, "swatches": [)" + constant + "]}"), {"columns.json", "\"columns\""}},
              Case{render("nested-maps.json", nestedMaps(110)), {"nested-maps.json", "entities nested deeper than 100"}},
+             Case{render("texture.json", texturedScene(mFolder, "images/absent.png")) + " -o " + (mFolder / "o.png").string(),
+                  {"swatch 2 (second)", "absent.png"}},
          }) {
         expectOneLineError(runTool(c.args), c.needles, c.args.substr(0, 120));
     }
-    EXPECT_FALSE(fs::exists(mFolder / "o.png")) << "an image was written without its LUT";
+    EXPECT_FALSE(fs::exists(mFolder / "o.png")) << "an image was written without its LUT or texture";
 }
