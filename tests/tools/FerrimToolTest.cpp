@@ -1,9 +1,10 @@
 // The `ferrim` program as a user runs it: exit codes, one-line errors, outputs,
-// texture paths relative to the scene file.
+// texture paths relative to the scene file, the sky data report.
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
 
+#include "Ferrim/SkyMap/SkyTestSupport.h"
 #include "TestSupport/TempFolderTest.h"
 #include "TestSupport/ToolRun.h"
 
@@ -12,6 +13,8 @@ namespace {
 namespace fs = std::filesystem;
 using Quelin::Testing::expectOneLineError;
 using Quelin::Testing::runTool;
+using Quelin::Testing::sharedSkyDataFolder;
+using Quelin::Testing::SkyDataLocation;
 using Quelin::Testing::ToolRun;
 
 using FerrimTool = Quelin::Testing::TempFolderTest;
@@ -73,6 +76,21 @@ TEST_F(FerrimTool, RendersDemoAndSceneFiles) {
     EXPECT_EQ(pngSize(out2), std::make_pair(64u, 32u));
 }
 
+TEST_F(FerrimTool, SkyReportsTheDataFilesAndWhatEachConfigurationReads) {
+    SkyDataLocation const noDevelopment(mFolder); // keeps the workspace out of the child's search
+    std::string const dir = sharedSkyDataFolder().string();
+    ToolRun const r = runTool("sky --data-dir " + dir + " --sky-config 0,0,0,2,7 --sky-config 0,0,0,2,7 --sun-config 2,7");
+    ASSERT_EQ(r.code, 0) << r.err;
+    for (std::string const& line : {dir + "/PrgSkyModelData.dat", dir + "/PrgSunModelData.dat", dir + "/PrgCloudsModelData.dat",
+                                    std::string("sky 0,0,0,2,7: 8666560 of 237076928 bytes read (3.66 %) in 15 reads"),
+                                    std::string("sky 0,0,0,2,7: shared with the load above, nothing read"),
+                                    std::string("sun 2,7: 3337536 of 36759360 bytes read (9.08 %) in 3 reads")})
+        EXPECT_NE(r.out.find(line), std::string::npos) << line << "\n" << r.out;
+    ToolRun const missing = runTool("sky --data-dir " + mFolder.string());
+    EXPECT_EQ(missing.code, 0) << missing.err;
+    EXPECT_NE(missing.out.find("not found: Could not find data file PrgSunModelData.dat"), std::string::npos) << missing.out;
+}
+
 TEST_F(FerrimTool, TypesAsJsonDescribeProperties) {
     ToolRun const r = runTool("types Zatho.ConstantColorMap --json");
     ASSERT_EQ(r.code, 0) << r.err;
@@ -111,6 +129,8 @@ TEST_F(FerrimTool, BadAndHostileInputsGiveOneLineNamingTheFile) {
     for (int i = 0; i < 2000; ++i) swatches += std::string(i ? "," : "") + R"({"map": {"@class": "Zatho.ConstantColorMap"}})";
     std::string const constant = R"({"map": {"@class": "Zatho.ConstantColorMap"}})";
 
+    SkyDataLocation const noDevelopment(mFolder);
+    std::string const skyData = "sky --data-dir " + sharedSkyDataFolder().string();
     struct Case {
         std::string args;
         std::vector<std::string> needles;
@@ -123,6 +143,10 @@ TEST_F(FerrimTool, BadAndHostileInputsGiveOneLineNamingTheFile) {
              Case{"render " + key.string(), {"\"colour\""}},
              Case{"render --size 12by3", {"--size"}},
              Case{"types Zatho.Nothing", {"Zatho.Nothing"}},
+             Case{"sky --data-dir " + mFolder.string() + " --sky-config 0,0,0,0,0", {"PRG Sky Model Data file not found"}},
+             Case{skyData + " --sky-config 0,1 --sun-config 2,7", {"--sky-config wants C0,C1,C2,A,B"}},
+             Case{skyData + " --sky-config 0,0,0,9,0", {"index A is 9, outside 0..5"}},
+             Case{"sky --data-dir " + (mFolder / "none").string(), {"--data-dir"}},
              Case{"tonemap " + huge.string() + " -o " + (mFolder / "o.png").string(), {"huge.hdr", "268435456 pixels"}},
              Case{"tonemap " + lies.string() + " -o " + (mFolder / "o.png").string(), {"lies.hdr", "more than the file's"}},
              Case{"tonemap " + image.string() + " -o " + (mFolder / "o.png").string() + " --pipeline " + missingLut.string(),
