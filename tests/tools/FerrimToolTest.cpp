@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Ferrim/SkyMap/SkyTestSupport.h"
+#include "QuelinLibImage/ImageDecode.h"
 #include "TestSupport/TempFolderTest.h"
 #include "TestSupport/ToolRun.h"
 
@@ -45,14 +46,10 @@ std::string texturedScene(fs::path const& folder, std::string const& texturePath
          "imageSource": {"@class": "Zatho.FileDataSource", "path": ")" + texturePath + R"("}}}]})";
 }
 
-/// Width and height from a PNG's header.
-std::pair<std::uint32_t, std::uint32_t> pngSize(fs::path const& p) {
-    std::ifstream in(p, std::ios::binary);
-    unsigned char h[24] = {};
-    in.read(reinterpret_cast<char*>(h), 24);
-    if (!in || h[1] != 'P' || h[2] != 'N' || h[3] != 'G') return {0, 0};
-    auto be = [&](int o) { return std::uint32_t(h[o]) << 24 | std::uint32_t(h[o + 1]) << 16 | std::uint32_t(h[o + 2]) << 8 | h[o + 3]; };
-    return {be(16), be(20)};
+/// The size of the PNG image written at `p`.
+Quelin::Pixel pngSize(fs::path const& p) {
+    Quelin::TaskProgress progress;
+    return Quelin::makeImage(*Quelin::Io::FileInputStream::open(p).value(), Quelin::ImageFormat::Png, progress).getResolution();
 }
 
 } // namespace
@@ -62,18 +59,18 @@ TEST_F(FerrimTool, RendersDemoAndSceneFiles) {
     ToolRun const demo = runTool("render -o " + out.string() + " --size 96x64 --samples 1");
     ASSERT_EQ(demo.code, 0) << demo.err;
     EXPECT_NE(demo.out.find(out.string()), std::string::npos);
-    EXPECT_EQ(pngSize(out), std::make_pair(96u, 64u));
+    EXPECT_EQ(pngSize(out), Quelin::Pixel(96, 64));
 
     fs::path const scene = writeText("one.json", R"({"@class": "Zatho.ConstantColorMap", "color": [1, 0, 0]})");
     fs::path const out2 = mFolder / "one.png";
     ToolRun const one = runTool("render " + scene.string() + " -o " + out2.string());
     ASSERT_EQ(one.code, 0) << one.err;
-    EXPECT_EQ(pngSize(out2), std::make_pair(256u, 256u));
+    EXPECT_EQ(pngSize(out2), Quelin::Pixel(256, 256));
     // The tool runs in another folder: the texture is found beside the scene.
     fs::path const textured = writeText("textured.json", texturedScene(mFolder, "images/wavy.exr"));
     ToolRun const r = runTool("render " + textured.string() + " -o " + out2.string() + " --size 64x32 --samples 1");
     ASSERT_EQ(r.code, 0) << r.err;
-    EXPECT_EQ(pngSize(out2), std::make_pair(64u, 32u));
+    EXPECT_EQ(pngSize(out2), Quelin::Pixel(64, 32));
 }
 
 TEST_F(FerrimTool, SkyReportsTheDataFilesAndWhatEachConfigurationReads) {

@@ -229,8 +229,6 @@ TEST(ColorProgramShape, AffineRunsFoldIntoOneMatrixButNeverAcrossOtherSteps) {
     EXPECT_EQ(stepsOf({exposure(1.f), warm(), makeOperator("TintOperator")}), (Stack<String>{"scale"}));
     // A step that is not affine keeps the matrices on either side apart.
     EXPECT_EQ(stepsOf({exposure(1.f), saturation(), exposure(2.f)}), (Stack<String>{"scale", "saturation", "scale"}));
-    EXPECT_EQ(stepsOf({exposure(1.f), makeOperator("ContrastOperator", setFloat("contrast", 2.f)), aces()}),
-              (Stack<String>{"scale", "contrast", "aces"}));
     // Neutral operators vanish, and so do matrices that cancel.
     EXPECT_EQ(stepsOf({exposure(0.f), saturation(), makeOperator("IdentityOperator")}), (Stack<String>{"saturation"}));
     EXPECT_TRUE(ColorProgram::compile(makeOperator("IdentityOperator")).isIdentity());
