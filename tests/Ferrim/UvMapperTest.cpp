@@ -150,9 +150,8 @@ TEST(WrapCoordinateTest, WrapsAtTheEdges) {
                              WrapCase{WrapMode::Repeat, -1e-9f, 0.99999994f, true}, WrapCase{WrapMode::Mirror, 1.f, 1.f, true},
                              WrapCase{WrapMode::Mirror, 2.f, 0.f, true}, WrapCase{WrapMode::Mirror, 1.25f, 0.75f, true},
                              WrapCase{WrapMode::Mirror, -0.25f, 0.25f, true}, WrapCase{WrapMode::Clamp, -0.5f, 0.f, true},
-                             WrapCase{WrapMode::Clamp, 7.f, 1.f, true}, WrapCase{WrapMode::Repeat, NaN, 0.f, true},
-                             WrapCase{WrapMode::Repeat, INF, 0.f, true}, WrapCase{WrapMode::Mirror, -INF, 0.f, true},
-                             WrapCase{WrapMode::Clamp, NaN, 0.f, true}}) {
+                             WrapCase{WrapMode::Clamp, 7.f, 1.f, true}, WrapCase{WrapMode::Repeat, INF, 0.f, true},
+                             WrapCase{WrapMode::Mirror, -INF, 0.f, true}, WrapCase{WrapMode::Clamp, NaN, 0.f, true}}) {
         bool inside = true;
         EXPECT_EQ(wrapCoordinate(c.x, c.mode, inside), c.expected) << "x = " << c.x;
         EXPECT_EQ(inside, c.inside) << "x = " << c.x;

@@ -38,11 +38,9 @@ template <typename F> String errorOf(F&& f) {
 
 TEST(ContentTypeTest, MapsMimeTypesAndExtensionsAndRefusesOthersNamingTheSource) {
     for (auto const& [type, format] :
-         {std::pair{"image/x-exr", ImageFormat::Exr}, {".EXR", ImageFormat::Exr}, {"hdr", ImageFormat::Hdr},
-          {"image/vnd.radiance", ImageFormat::Hdr}, {"image/png", ImageFormat::Png}, {"jpg", ImageFormat::Jpeg},
-          {"IMAGE/PNG; charset=binary", ImageFormat::Png}, {"image/jpeg", ImageFormat::Jpeg},
-          {"image/tiff", ImageFormat::Tiff}, {"tif", ImageFormat::Tiff}, {"image/x-tga", ImageFormat::Tga},
-          {"tga", ImageFormat::Tga}, {"image/bmp", ImageFormat::Bmp}, {".bmp", ImageFormat::Bmp}})
+         {std::pair{"image/x-exr", ImageFormat::Exr}, {".EXR", ImageFormat::Exr}, {"image/vnd.radiance", ImageFormat::Hdr},
+          {"jpg", ImageFormat::Jpeg}, {"IMAGE/PNG; charset=binary", ImageFormat::Png}, {"tif", ImageFormat::Tiff},
+          {"image/x-tga", ImageFormat::Tga}, {".bmp", ImageFormat::Bmp}})
         EXPECT_EQ(getImageFormatFromContentType(type), format) << type;
     for (StringView type : {"image/gif", "", "png2", "application/octet-stream"}) {
         String const error = errorOf([&] { getImageFormatFromContentType(type, "/data/a.img"); });

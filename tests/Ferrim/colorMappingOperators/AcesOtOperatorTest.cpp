@@ -45,7 +45,6 @@ TEST(AcesOtOperatorTest, ZeroOpacityIsTheIdentityAndItsUnmapClampsToOne) {
 TEST(AcesOtOperatorTest, PartialOpacityReadsTheTableBilinearly) {
     auto const& table = AcesOtOperator::unmappingTable();
     auto onNode = make(7.f / 15.f);
-    EXPECT_NEAR(table[5 * 16 + 7], 0.37826f, 1e-5f);
     // Half way between value rows at a fixed column: the mean of the two entries.
     EXPECT_NEAR(onNode->unmap(Rgb(5.5f / 15.f), NONE).r, 0.5f * (table[5 * 16 + 7] + table[6 * 16 + 7]), 1e-5f);
     // On a node: the table entries, channel by channel, without the matrices.

@@ -167,7 +167,6 @@ TEST(OperatorChain, MapsFirstToLastAndUnmapsLastToFirst) {
     auto identity = makeSharedPtr<IdentityOperator>();
     identity->set("predecessor", EntityHolder<Entity>(exposure));
     identity->prepareForApplication({});
-    EXPECT_EQ(identity->getPredecessor(), EntityHolder<IColorMappingOperator>(exposure));
     EXPECT_EQ(identity->map(Rgb(1.f), {}), Rgb(2.f));
 }
 

@@ -3,7 +3,6 @@
 #include <cmath>
 #include <functional>
 
-#include "Ferrim/maps/CheckerMap.h"
 #include "MapsTestSupport.h"
 
 namespace Quelin {
@@ -54,9 +53,6 @@ TEST_F(BumpConverterTest, ConstantMapOrSingularPlacementHasNoBump) {
     UvMapper singular;
     singular.set("scale", Pos(0.f, 1.f, 1.f));
     EXPECT_EQ(BumpConverterMap::evalBump(ctx, slopeEvaluator(singular, 1.f, 1.f), singular, 1.f, 1.f), Dir(0, 0, 0));
-    CheckerEvaluator const sameColors(makeSharedPtr<UvMapper>(), 0.f, constantInput(Rgb(0.3f)), constantInput(Rgb(0.3f)));
-    ctx.uvw = Pos(0.5f, 0.5f, 0.f);  // on a corner of four squares
-    EXPECT_EQ(sameColors.evalBump(ctx, nullptr), Dir(0, 0, 0));
 }
 
 TEST_F(BumpConverterTest, PlacementMatchesFiniteDifferencesOverTheChannel) {
