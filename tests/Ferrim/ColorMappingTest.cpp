@@ -90,21 +90,6 @@ TEST_F(ColorMappingTest, UnmapUndoesTheDisplayChainAndHonoursExclusions) {
     EXPECT_EQ(mapping.unmap(d), d);
 }
 
-TEST_F(ColorMappingTest, RenderHelperMapsRgbaThroughTheDisplayChain) {
-    auto const pipeline = createDefaultPipeline();
-    ColorMapping mapping(pipeline);
-    Stack<Rgb> const source = frame(64, 2.f);
-    Stack<float> rgba;
-    for (Rgb const& c : source) rgba.insert(rgba.end(), {c.r, c.g, c.b, 0.5f});
-    mapLinearImageToDisplay(pipeline, rgba, 8, 8);
-    for (std::size_t i = 0; i < source.size(); ++i) {
-        Rgb const expected = mapping.map(source[i], Pixel(int(i % 8), int(i / 8)));
-        EXPECT_NEAR(rgba[4 * i], expected.r, 1e-6f);
-        EXPECT_NEAR(rgba[4 * i + 2], expected.b, 1e-6f);
-        EXPECT_EQ(rgba[4 * i + 3], 0.5f);
-    }
-}
-
 TEST_F(ColorMappingTest, SettingsRecordOffersMenuDefaultsAndPipeline) {
     auto const menu = nlohmann::json::parse(ColorMappingWithObservers::getAddOperatorMenu());
     std::size_t items = 0;

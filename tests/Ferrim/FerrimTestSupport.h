@@ -36,6 +36,7 @@ public:
     ShadedKind kind = ShadedKind::Surface;
     Dir view{0.f, 0.f, -1.f};
     PrecisePos position;
+    Pos objectPosition;
     float footprint = 0.f;
     Vector2 screen{0.5f, 0.5f};                ///< what unprojectPoint answers
     mutable Optional<PrecisePos> unprojected;  ///< what it was asked
@@ -59,6 +60,7 @@ public:
     ShadedKind getShadedKind() const override { return kind; }
     Dir getViewDirection() const override { return view; }
     PrecisePos getPosition() const override { return position; }
+    Pos getObjectPosition() const override { return objectPosition; }
     float getPositionFootprint() const override { return footprint; }
     Vector2 unprojectPoint(Optional<PrecisePos> const& p, UnprojectPoint) const override {
         unprojected = p;

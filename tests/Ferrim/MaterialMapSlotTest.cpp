@@ -1,50 +1,14 @@
 #include <gtest/gtest.h>
 
-#include "Ferrim/Ferrim.h"
-#include "Ferrim/FerrimTestSupport.h"
-#include "Ferrim/MaterialMapSlot.h"
-#include "Ferrim/ShadingDataObjectBuilder.h"
-#include "QuelinLib/Json.h"
+#include "Ferrim/maps/MapsTestSupport.h"
 
 using namespace Quelin;
 using Interpolation = MaterialMapSlot::Interpolation;
 
 namespace {
 
-// The point's map value travels in the context: colour in the UVW, alpha in the time.
-struct ValueContext : NullShadeContext {
-    RgbAlpha value;
-    explicit ValueContext(RgbAlpha v) : value(v) {}
-    Pos getUvw(int, std::uint32_t = 0) const override { return Pos(value.r, value.g, value.b); }
-    float getTime() const override { return value.alpha; }
-};
-
-// A map that is not constant: it answers what the context carries.
-class VaryingMap : public IMap {
-public:
-    VaryingMap() : IMap(record()) {}
-    static SharedPtr<DataObjectDefinition const> const& record() {
-        static auto const sDef = ShadingDataObjectBuilder().build("Zatho.TestVaryingMap");
-        return sDef;
-    }
-    SharedPtr<Entity> createNewInstance() const override { return makeSharedPtr<VaryingMap>(); }
-    OptimizedResult getEvaluatorImpl() const override {
-        struct Eval : IMapEvaluator {
-            RgbAlpha evalColor(IShadeContext const& c, MapCache*) const override {
-                Pos const p = c.getUvw(0);
-                return RgbAlpha(p.x, p.y, p.z, c.getTime());
-            }
-            MonoAlpha evalMono(IShadeContext const& c, MapCache* cache) const override {
-                RgbAlpha const v = evalColor(c, cache);
-                return MonoAlpha(channelMean(v.r, v.g, v.b), v.alpha);
-            }
-            Dir evalBump(IShadeContext const&, MapCache*) const override { return Dir(); }
-        };
-        OptimizedResult r;
-        r.evaluator = makeSharedPtr<Eval>();
-        return r;
-    }
-};
+// A map that is not constant (never folded), answering `v` everywhere.
+EntityHolder<IMap> varying(RgbAlpha v) { return EntityHolder<IMap>(makeSharedPtr<MapsTest::CountingMap>(v)); }
 
 MaterialMapSlot makeSlot(Interpolation mode, float base, EntityHolder<IMap> map, float k) {
     return MaterialMapSlot(Rgb(base), map, true, Rgb(1, 1, 1), 1.f, mode, k);
@@ -57,37 +21,30 @@ struct BlendCase {
     float base, map, alpha, k, plain, working, clamped;
 };
 
-class SlotBlendTest : public ::testing::TestWithParam<BlendCase> {};
-
-TEST_P(SlotBlendTest, ConstantAndVaryingMapsBlendAlike) {
-    BlendCase const c = GetParam();
-    ValueContext const ctx(RgbAlpha(Rgb(c.map), c.alpha));
-    auto constant = EntityHolder<IMap>(makeSharedPtr<ConstantColorMap>(Rgb(c.map), c.alpha));
-    auto varying = EntityHolder<IMap>(makeSharedPtr<VaryingMap>());
-    for (auto const& map : {constant, varying}) {
-        MaterialMapSlot::Evaluator const e(makeSlot(c.mode, c.base, map, c.k));
-        EXPECT_EQ(e.hasMap(), map == varying);
-        Rgb const plain = e.evalColor(ctx, nullptr);
-        EXPECT_NEAR(plain.r, c.plain, 1e-6f);
-        EXPECT_EQ(plain.r, plain.b);
-        EXPECT_NEAR(e.evalWorkingColor(ctx, nullptr).g, c.working, 1e-6f);
-        EXPECT_NEAR(e.evalClampedColor(ctx, nullptr).b, c.clamped, 1e-6f);
-        EXPECT_NEAR(e.evalMono(ctx, nullptr), c.plain, 1e-6f);
-        EXPECT_NEAR(e.evalClampedMono(ctx, nullptr), c.clamped, 1e-6f);
+TEST(MaterialMapSlotTest, ConstantAndVaryingMapsBlendAlike) {
+    for (BlendCase const& c : {BlendCase{"OverrideIgnoresAlpha", Interpolation::Override, 0.2f, 0.5f, 0.5f, 1.f, 0.5f, 0.5f, 0.5f},
+                               BlendCase{"MixHalfAlpha", Interpolation::Mix, 0.2f, 0.6f, 0.5f, 1.f, 0.4f, 0.4f, 0.4f},
+                               BlendCase{"MixZeroAmountGivesBase", Interpolation::Mix, 0.2f, 0.6f, 1.f, 0.f, 0.2f, 0.2f, 0.2f},
+                               BlendCase{"AddScaled", Interpolation::Add, 0.2f, 0.5f, 0.5f, 2.f, 0.7f, 0.7f, 0.7f},
+                               BlendCase{"AddOverflowClamps", Interpolation::Add, 0.8f, 0.6f, 1.f, 1.f, 1.4f, 1.4f, 1.f},
+                               BlendCase{"SubtractMapMinusBase", Interpolation::Subtract, 0.2f, 0.5f, 1.f, 1.f, 0.3f, 0.3f, 0.3f},
+                               BlendCase{"SubtractNegativeClamps", Interpolation::Subtract, 0.5f, 0.2f, 1.f, 1.f, -0.3f, 0.f, 0.f}}) {
+        SCOPED_TRACE(c.name);
+        NullShadeContext const ctx;
+        auto constant = EntityHolder<IMap>(makeSharedPtr<ConstantColorMap>(Rgb(c.map), c.alpha));
+        for (auto const& map : {constant, varying(RgbAlpha(Rgb(c.map), c.alpha))}) {
+            MaterialMapSlot::Evaluator const e(makeSlot(c.mode, c.base, map, c.k));
+            EXPECT_EQ(e.hasMap(), map != constant);
+            Rgb const plain = e.evalColor(ctx, nullptr);
+            EXPECT_NEAR(plain.r, c.plain, 1e-6f);
+            EXPECT_EQ(plain.r, plain.b);
+            EXPECT_NEAR(e.evalWorkingColor(ctx, nullptr).g, c.working, 1e-6f);
+            EXPECT_NEAR(e.evalClampedColor(ctx, nullptr).b, c.clamped, 1e-6f);
+            EXPECT_NEAR(e.evalMono(ctx, nullptr), c.plain, 1e-6f);
+            EXPECT_NEAR(e.evalClampedMono(ctx, nullptr), c.clamped, 1e-6f);
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Modes, SlotBlendTest,
-    ::testing::Values(BlendCase{"OverrideIgnoresAlpha", Interpolation::Override, 0.2f, 0.5f, 0.5f, 1.f, 0.5f, 0.5f, 0.5f},
-                      BlendCase{"MixHalfAlpha", Interpolation::Mix, 0.2f, 0.6f, 0.5f, 1.f, 0.4f, 0.4f, 0.4f},
-                      BlendCase{"MixFullGivesMap", Interpolation::Mix, 0.2f, 0.6f, 1.f, 1.f, 0.6f, 0.6f, 0.6f},
-                      BlendCase{"MixZeroAmountGivesBase", Interpolation::Mix, 0.2f, 0.6f, 1.f, 0.f, 0.2f, 0.2f, 0.2f},
-                      BlendCase{"AddScaled", Interpolation::Add, 0.2f, 0.5f, 0.5f, 2.f, 0.7f, 0.7f, 0.7f},
-                      BlendCase{"AddOverflowClamps", Interpolation::Add, 0.8f, 0.6f, 1.f, 1.f, 1.4f, 1.4f, 1.f},
-                      BlendCase{"SubtractMapMinusBase", Interpolation::Subtract, 0.2f, 0.5f, 1.f, 1.f, 0.3f, 0.3f, 0.3f},
-                      BlendCase{"SubtractNegativeClamps", Interpolation::Subtract, 0.5f, 0.2f, 1.f, 1.f, -0.3f, 0.f, 0.f}),
-    [](auto const& info) { return String(info.param.name); });
 
 TEST(MaterialMapSlotTest, TintAndIntensityApplyToTheirSides) {
     auto map = EntityHolder<IMap>(makeSharedPtr<ConstantColorMap>(Rgb(0.5f, 0.5f, 0.5f), 1.f));
@@ -99,13 +56,13 @@ TEST(MaterialMapSlotTest, TintAndIntensityApplyToTheirSides) {
 }
 
 TEST(MaterialMapSlotTest, SwitchedOffOrMissingMapGivesTheBase) {
-    MaterialMapSlot slot = makeSlot(Interpolation::Override, 0.3f, EntityHolder<IMap>(makeSharedPtr<VaryingMap>()), 1.f);
+    MaterialMapSlot slot = makeSlot(Interpolation::Override, 0.3f, varying(RgbAlpha(0.9f, 0.9f, 0.9f, 1.f)), 1.f);
     slot.mapOn = false;
     MaterialMapSlot const none = makeSlot(Interpolation::Override, 0.3f, {}, 1.f);
     for (MaterialMapSlot const& s : {slot, none}) {
         MaterialMapSlot::Evaluator const e(s);
         EXPECT_FALSE(e.hasMap());
-        EXPECT_EQ(e.evalColor(ValueContext(RgbAlpha(0.9f, 0.9f, 0.9f, 1.f)), nullptr), Rgb(0.3f));
+        EXPECT_EQ(e.evalColor(NullShadeContext(), nullptr), Rgb(0.3f));
     }
     MaterialMapSlot number;  // a number base fills all channels
     number.color = 0.25f;
@@ -185,17 +142,17 @@ TEST(ColorOrMapTest, EvaluatorFoldsConstantsAndKeepsVaryingMaps) {
     value.mapOn = false;
     EXPECT_EQ(ColorOrMap::Evaluator(value).getColor(), RgbAlpha(0.3f, 0.6f, 0.9f, 1.f));
 
-    value.map = EntityHolder<IMap>(makeSharedPtr<VaryingMap>());
+    value.map = varying(RgbAlpha(0.7f, 0.1f, 0.2f, 0.3f));
     value.mapOn = true;
-    ColorOrMap::Evaluator const varying(value);
-    EXPECT_FALSE(varying.isConstant());
-    EXPECT_EQ(varying.evalColor(ValueContext(RgbAlpha(0.7f, 0.1f, 0.2f, 0.3f)), nullptr), RgbAlpha(0.7f, 0.1f, 0.2f, 0.3f));
+    ColorOrMap::Evaluator const notFolded(value);
+    EXPECT_FALSE(notFolded.isConstant());
+    EXPECT_EQ(notFolded.evalColor(NullShadeContext(), nullptr), RgbAlpha(0.7f, 0.1f, 0.2f, 0.3f));
 }
 
 TEST(MaterialMapSlotTest, RecordRoundTripsKeepTheNumberForm) {
-    ColorOrMap value{Rgb(0.3f, 0.6f, 0.9f), EntityHolder<IMap>(makeSharedPtr<VaryingMap>()), false};
+    ColorOrMap value{Rgb(0.3f, 0.6f, 0.9f), varying(RgbAlpha(0.5f, 0.5f, 0.5f, 1.f)), false};
     EXPECT_TRUE(ColorOrMap::fromData(value.toData()) == value);
-    MaterialMapSlot slot(0.75f, EntityHolder<IMap>(makeSharedPtr<VaryingMap>()), false, Rgb(0.5f, 1, 1), 3.f, Interpolation::Subtract, 0.25f);
+    MaterialMapSlot slot(0.75f, varying(RgbAlpha(0.5f, 0.5f, 0.5f, 1.f)), false, Rgb(0.5f, 1, 1), 3.f, Interpolation::Subtract, 0.25f);
     MaterialMapSlot const back = MaterialMapSlot::fromData(slot.toData());
     EXPECT_TRUE(back == slot && std::holds_alternative<float>(back.color));
 }

@@ -8,10 +8,8 @@ TEST(ExceptionTest, StopCarriesModuleAndLineAndIsALibraryException) {
         Detail::throwStopException("maps/CellularMap", 123);
         FAIL() << "no exception";
     } catch (Exception const& base) {
-        auto const& e = dynamic_cast<StopException const&>(base);
-        EXPECT_EQ(e.getSourceFile(), "maps/CellularMap");
-        EXPECT_EQ(e.getLine(), 123);
-        String const text = e.what();
+        EXPECT_NE(dynamic_cast<StopException const*>(&base), nullptr); // its fields: every expectStop
+        String const text = base.what();
         EXPECT_NE(text.find("maps/CellularMap"), String::npos) << text;
         EXPECT_NE(text.find("123"), String::npos) << text;
     }

@@ -2,7 +2,6 @@
 #include <cmath>
 #include <gtest/gtest.h>
 #include <limits>
-#include <random>
 
 using namespace Quelin;
 
@@ -27,51 +26,22 @@ TEST(HalfTest, EveryHalfSurvivesTheRoundTrip) {
     EXPECT_TRUE(isHalfNan(floatToHalf(std::bit_cast<float>(0x7F800001u))));
 }
 
-struct HalfCase {
-    float value;
-    std::uint16_t bits;
-};
-
-class HalfReferenceTest : public testing::TestWithParam<HalfCase> {};
-
-TEST_P(HalfReferenceTest, ConvertsToTheNearestEvenHalf) {
-    EXPECT_EQ(floatToHalf(GetParam().value), GetParam().bits) << GetParam().value;
-}
-
-INSTANTIATE_TEST_SUITE_P(Values, HalfReferenceTest,
-                         testing::Values(HalfCase{-2.f, 0xC000}, HalfCase{-0.f, 0x8000},
-                                         HalfCase{65504.f, 0x7BFF},   // largest finite
-                                         HalfCase{65519.99f, 0x7BFF}, // just below the tie to infinity
-                                         HalfCase{65520.f, 0x7C00},   // ties to even: infinity
-                                         HalfCase{-1e10f, 0xFC00},
-                                         HalfCase{std::ldexp(1.f, -14), 0x0400},  // smallest normal
-                                         HalfCase{std::ldexp(1.f, -24), 0x0001},  // smallest subnormal
-                                         HalfCase{std::ldexp(1.f, -25), 0x0000},  // tie between 0 and 2^-24: even is 0
-                                         HalfCase{std::ldexp(1.5f, -25), 0x0001}, // above the tie
-                                         HalfCase{std::ldexp(3.f, -25), 0x0002},  // 1.5 units ties to 2
-                                         HalfCase{1.f + std::ldexp(1.f, -11), 0x3C00},     // tie, stays even
-                                         HalfCase{1.f + 3 * std::ldexp(1.f, -11), 0x3C02}, // tie, rounds up to even
-                                         // subnormal rounding carries into the normals
-                                         HalfCase{std::ldexp(1023.5f, -24), 0x0400},
-                                         HalfCase{-std::numeric_limits<float>::infinity(), 0xFC00}));
-
-TEST(HalfTest, RandomFloatsPickTheNearestHalf) {
-    std::mt19937 random(1234);
-    std::uniform_int_distribution<int> exponent(-26, 15);
-    std::uniform_real_distribution<float> mantissa(1.f, 2.f);
-    for (int i = 0; i < 100000; ++i) {
-        float const f = std::ldexp(mantissa(random), exponent(random)) * (i % 2 ? -1.f : 1.f);
-        std::uint16_t const h = floatToHalf(f);
-        double const error = std::abs(double(halfToFloat(h)) - double(f));
-        // Neighbouring halves (by magnitude) are no closer.
-        for (int step : {-1, 1}) {
-            int const neighbour = int(h & 0x7FFF) + step;
-            if (neighbour < 0 || neighbour > 0x7BFF)
-                continue;
-            double const other = std::abs(double(halfToFloat(std::uint16_t((h & 0x8000) | neighbour))) - double(f));
-            ASSERT_LE(error, other) << f;
-        }
-    }
+TEST(HalfTest, ConvertsToTheNearestEvenHalf) {
+    for (auto const [value, bits] : {std::pair<float, std::uint16_t>{-2.f, 0xC000}, {-0.f, 0x8000},
+                                     {65504.f, 0x7BFF},   // largest finite
+                                     {65519.99f, 0x7BFF}, // just below the tie to infinity
+                                     {65520.f, 0x7C00},   // ties to even: infinity
+                                     {std::ldexp(1.f, -14), 0x0400},  // smallest normal
+                                     {std::ldexp(1.f, -24), 0x0001},  // smallest subnormal
+                                     {std::ldexp(1.f, -25), 0x0000},  // tie between 0 and 2^-24: even is 0
+                                     {std::ldexp(1.5f, -25), 0x0001}, // above the tie
+                                     {std::ldexp(3.f, -25), 0x0002},  // 1.5 units ties to 2
+                                     {1.f + std::ldexp(1.f, -11), 0x3C00},     // tie, stays even
+                                     {1.f + 3 * std::ldexp(1.f, -11), 0x3C02}, // tie, rounds up to even
+                                     // subnormal rounding carries into the normals
+                                     {std::ldexp(1023.5f, -24), 0x0400},
+                                     {-std::numeric_limits<float>::infinity(), 0xFC00}})
+        EXPECT_EQ(floatToHalf(value), bits) << value;
 }
 
 TEST(HalfTest, StoredHalfAndBufferConversionsMatchTheScalarOnes) {

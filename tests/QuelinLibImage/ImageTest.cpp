@@ -1,4 +1,5 @@
 #include "QuelinLibImage/Image.h"
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <fstream>
@@ -26,56 +27,33 @@ template <typename T> T littleEndian(Stack<std::uint8_t> const& bytes, std::size
     return value;
 }
 
-/// The channel types of an EXR header (0 uint, 1 half, 2 float), its
-/// compression and the first byte after it.
-struct ExrHeader {
-    std::map<String, int> channelTypes;
-    int compression = -1;
-    std::size_t end = 0;
-};
-
-ExrHeader parseExrHeader(Stack<std::uint8_t> const& bytes) {
-    ExrHeader header;
-    if (bytes.size() < 8 || littleEndian<std::uint32_t>(bytes, 0) != 20000630u)
-        return header;
-    std::size_t at = 8;
-    auto readString = [&] {
-        String s(reinterpret_cast<char const*>(bytes.data() + at));
-        at += s.size() + 1;
-        return s;
-    };
-    while (at < bytes.size()) {
-        String const name = readString();
-        if (name.empty())
-            break;
-        readString(); // the attribute type
-        std::size_t const valueEnd = at + 4 + std::size_t(littleEndian<std::int32_t>(bytes, at));
-        at += 4;
-        if (name == "channels")
-            while (bytes[at] != 0) {
-                String const channel = readString();
-                header.channelTypes[channel] = littleEndian<std::int32_t>(bytes, at);
-                at += 16;
-            }
-        else if (name == "compression")
-            header.compression = bytes[at];
-        at = valueEnd;
-    }
-    header.end = at;
-    return header;
+/// Where the value of the EXR header attribute `key` ("name\0type\0") starts; 0 if absent.
+std::size_t exrAttribute(Stack<std::uint8_t> const& bytes, String const& key) {
+    auto const at = std::search(bytes.begin(), bytes.end(), key.begin(), key.end());
+    return at == bytes.end() ? 0 : std::size_t(at - bytes.begin()) + key.size() + 4; // past the value size
 }
 
-class ImageFileTest : public Quelin::Testing::TempFolderTest {
-  protected:
-    /// A gradient with some alpha, filled through the generic setter.
-    static Image makeImage(PixelFormat format, int w = 5, int h = 3) {
-        Image image(Image::Descriptor(Pixel(w, h), format));
-        for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x)
-                image.setRgbAlpha(x, y, RgbAlpha(x * 0.2f, y * 0.4f, 0.5f, 1.f - x * 0.1f));
-        return image;
+/// The channel types of an EXR header (0 uint, 1 half, 2 float).
+std::map<String, int> exrChannelTypes(Stack<std::uint8_t> const& bytes) {
+    std::map<String, int> types;
+    for (std::size_t at = exrAttribute(bytes, String("channels\0chlist\0", 16)); at && bytes[at] != 0; at += 16) {
+        String const channel(reinterpret_cast<char const*>(bytes.data() + at));
+        at += channel.size() + 1;
+        types[channel] = littleEndian<std::int32_t>(bytes, at);
     }
-};
+    return types;
+}
+
+/// A 5 x 3 gradient with some alpha, filled through the generic setter.
+Image makeImage(PixelFormat format) {
+    Image image(Image::Descriptor(Pixel(5, 3), format));
+    for (int y = 0; y < 3; ++y)
+        for (int x = 0; x < 5; ++x)
+            image.setRgbAlpha(x, y, RgbAlpha(x * 0.2f, y * 0.4f, 0.5f, 1.f - x * 0.1f));
+    return image;
+}
+
+using ImageFileTest = Quelin::Testing::TempFolderTest;
 
 } // namespace
 
@@ -141,7 +119,6 @@ TEST(PixelRgbeTest, SharedExponentKeepsRelativePrecision) {
         }
     }
     EXPECT_EQ(PixelRgbe::fromRgb(Rgb(1.f, 1.f, 1.f)), (PixelRgbe{128, 128, 128, 129}));
-    EXPECT_EQ(PixelRgbe::fromRgb(Rgb(0.f)).toRgb(), Rgb(0.f));
     EXPECT_EQ(PixelRgbe::fromRgb(Rgb(-1.f, std::nanf(""), -3.f)).toRgb(), Rgb(0.f));
     Rgb const huge = PixelRgbe::fromRgb(Rgb(INFINITY, 1.f, 1.f)).toRgb();
     EXPECT_TRUE(std::isfinite(huge.r) && huge.r > 1e37f);
@@ -169,8 +146,6 @@ TEST_F(ImageFileTest, PngWritesTheDepthAndChannels) {
         ASSERT_TRUE(written) << written.error();
         auto const bytes = readFile(path);
         ASSERT_GT(bytes.size(), 33u);
-        EXPECT_EQ(String(bytes.begin(), bytes.begin() + 4), "\x89PNG");
-        EXPECT_EQ(String(bytes.begin() + 12, bytes.begin() + 16), "IHDR");
         EXPECT_EQ(bigEndian32(bytes.data() + 16), 5u);
         EXPECT_EQ(bigEndian32(bytes.data() + 20), 3u);
         EXPECT_EQ(bytes[24], c.bitDepth);
@@ -178,33 +153,21 @@ TEST_F(ImageFileTest, PngWritesTheDepthAndChannels) {
     }
 }
 
-TEST_F(ImageFileTest, ExrKeepsFloatPixels) {
-    Image const image = makeImage(PixelFormat::RgbFloat, 4, 2);
+TEST_F(ImageFileTest, ExrChannelsAreFloatForFloatPixelsElseHalfUnlessAsked) {
+    struct Case {
+        PixelFormat format;
+        FileChannelType request;
+        std::map<String, int> channels;
+    };
     Io::Path const path = mFolder / "out.exr";
-    auto const written = writeImage(image, path, {FileChannelType::Auto, "none"});
-    ASSERT_TRUE(written) << written.error();
-    auto const bytes = readFile(path);
-    ExrHeader const header = parseExrHeader(bytes);
-    ASSERT_EQ(header.compression, 0);
-    EXPECT_EQ(header.channelTypes, (std::map<String, int>{{"B", 2}, {"G", 2}, {"R", 2}}));
-
-    // Uncompressed scan lines: an offset table, then per line its y, its size
-    // and the channels one after another in name order.
-    auto const secondLine = std::size_t(littleEndian<std::uint64_t>(bytes, header.end + 8));
-    ASSERT_LT(secondLine + 8 + 3 * 4 * 4, bytes.size() + 1);
-    EXPECT_EQ(littleEndian<std::int32_t>(bytes, secondLine), 1);
-    std::size_t const data = secondLine + 8;
-    for (int x = 0; x < 4; ++x)
-        for (int ch = 0; ch < 3; ++ch) // B, G, R
-            EXPECT_EQ(littleEndian<float>(bytes, data + 4 * (4 * (2 - ch) + x)), image.getRgbAlpha(x, 1).rgb()[ch]) << x;
-}
-
-TEST_F(ImageFileTest, ExrOfIntegerPixelsIsHalf) {
-    Io::Path const path = mFolder / "out.exr";
-    ASSERT_TRUE(writeImage(makeImage(PixelFormat::MonoAlpha8), path));
-    EXPECT_EQ(parseExrHeader(readFile(path)).channelTypes, (std::map<String, int>{{"A", 1}, {"Y", 1}}));
-    ASSERT_TRUE(writeImage(makeImage(PixelFormat::Rgba16), path, {FileChannelType::Float, ""}));
-    EXPECT_EQ(parseExrHeader(readFile(path)).channelTypes.at("A"), 2);
+    for (Case const& c : {Case{PixelFormat::RgbFloat, FileChannelType::Auto, {{"B", 2}, {"G", 2}, {"R", 2}}},
+                          Case{PixelFormat::MonoAlpha8, FileChannelType::Auto, {{"A", 1}, {"Y", 1}}},
+                          Case{PixelFormat::Rgba16, FileChannelType::Float, {{"A", 2}, {"B", 2}, {"G", 2}, {"R", 2}}}}) {
+        ASSERT_TRUE(writeImage(makeImage(c.format), path, {c.request, "none"}));
+        auto const bytes = readFile(path);
+        EXPECT_EQ(exrChannelTypes(bytes), c.channels) << getPixelFormatName(c.format);
+        EXPECT_EQ(bytes[exrAttribute(bytes, String("compression\0compression\0", 24))], 0); // as asked
+    }
 }
 
 TEST_F(ImageFileTest, RefusalsNameThePath) {

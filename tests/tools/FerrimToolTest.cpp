@@ -1,53 +1,24 @@
-// The `ferrim` program as a user runs it: exit codes, one-line errors, outputs.
+// The `ferrim` program as a user runs it: exit codes, one-line errors, outputs,
+// texture paths relative to the scene file, the sky data report.
 #include <gtest/gtest.h>
 
-#include <array>
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <sys/wait.h>
-#include <unistd.h>
-#include <algorithm>
+
+#include "Ferrim/SkyMap/SkyTestSupport.h"
+#include "QuelinLibImage/ImageDecode.h"
+#include "TestSupport/TempFolderTest.h"
+#include "TestSupport/ToolRun.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using Quelin::Testing::expectOneLineError;
+using Quelin::Testing::runTool;
+using Quelin::Testing::sharedSkyDataFolder;
+using Quelin::Testing::SkyDataLocation;
+using Quelin::Testing::ToolRun;
 
-struct ToolRun {
-    int code;
-    std::string out, err;
-};
-
-ToolRun runTool(std::string const& args) {
-    fs::path const errFile = fs::temp_directory_path() / ("ferrim_tool_err_" + std::to_string(::getpid()));
-    std::string const cmd = std::string(FERRIM_TOOL_PATH) + " " + args + " 2>" + errFile.string();
-    ToolRun r{};
-    FILE* p = popen(cmd.c_str(), "r");
-    std::array<char, 4096> buf{};
-    while (std::size_t n = fread(buf.data(), 1, buf.size(), p)) r.out.append(buf.data(), n);
-    int const status = pclose(p);
-    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    std::ifstream e(errFile);
-    r.err.assign(std::istreambuf_iterator<char>(e), {});
-    fs::remove(errFile);
-    return r;
-}
-
-class FerrimTool : public ::testing::Test {
-protected:
-    void SetUp() override {
-        mDir = fs::temp_directory_path() / ("ferrim_tool_" + std::to_string(::getpid()));
-        fs::create_directories(mDir);
-    }
-    void TearDown() override { fs::remove_all(mDir); }
-    fs::path write(std::string const& name, std::string const& text) {
-        fs::path const p = mDir / name;
-        std::ofstream(p) << text;
-        return p;
-    }
-    fs::path mDir;
-};
+using FerrimTool = Quelin::Testing::TempFolderTest;
 
 /// A Radiance HDR file of flat scanlines; the header may claim more pixels
 /// than follow.
@@ -63,50 +34,58 @@ std::string lutPipeline(std::string const& lutPath) {
     return PIPELINE_START + R"({"@class": "Zatho.LutOperator", "path": ")" + lutPath + R"("}]})";
 }
 
-/// Width and height from a PNG's header.
-std::pair<std::uint32_t, std::uint32_t> pngSize(fs::path const& p) {
-    std::ifstream in(p, std::ios::binary);
-    unsigned char h[24] = {};
-    in.read(reinterpret_cast<char*>(h), 24);
-    if (!in || h[1] != 'P' || h[2] != 'N' || h[3] != 'G') return {0, 0};
-    auto be = [&](int o) { return std::uint32_t(h[o]) << 24 | std::uint32_t(h[o + 1]) << 16 | std::uint32_t(h[o + 2]) << 8 | h[o + 3]; };
-    return {be(16), be(20)};
+/// Two textured swatches, the second reading `texturePath`, the first a copy
+/// of a test image in images/ beside the scene.
+std::string texturedScene(fs::path const& folder, std::string const& texturePath) {
+    fs::create_directories(folder / "images");
+    fs::copy_file(fs::path(FERRIM_TESTDATA_DIR) / "exr/WavyLinesLatLong.exr", folder / "images/wavy.exr", fs::copy_options::skip_existing);
+    return R"({"swatches": [
+        {"label": "panorama", "shape": "environment", "map": {"@class": "Zatho.TextureMap",
+         "imageSource": {"@class": "Zatho.FileDataSource", "path": "images/wavy.exr"}}},
+        {"label": "second", "shape": "plane", "map": {"@class": "Zatho.TextureMap",
+         "imageSource": {"@class": "Zatho.FileDataSource", "path": ")" + texturePath + R"("}}}]})";
+}
+
+/// The size of the PNG image written at `p`.
+Quelin::Pixel pngSize(fs::path const& p) {
+    Quelin::TaskProgress progress;
+    return Quelin::makeImage(*Quelin::Io::FileInputStream::open(p).value(), Quelin::ImageFormat::Png, progress).getResolution();
 }
 
 } // namespace
 
-TEST_F(FerrimTool, ErrorsAreOneLineAndExitOne) {
-    struct Case {
-        std::string args, needle;
-    };
-    fs::path const bad = write("bad.json", "{\"swatches\": [");
-    fs::path const unknown = write("unknown.json", R"({"map": {"@class": "Zatho.NoSuchMap"}})");
-    fs::path const key = write("key.json", R"({"swatches": [{"map": {"@class": "Zatho.ConstantColorMap"}, "colour": 1}]})");
-    for (Case const& c : {Case{"render " + (mDir / "missing.json").string(), "missing.json"},
-                          Case{"render " + bad.string(), "malformed JSON"},
-                          Case{"render " + unknown.string(), "Zatho.NoSuchMap"},
-                          Case{"render " + key.string(), "\"colour\""},
-                          Case{"render --size 12by3", "--size"},
-                          Case{"types Zatho.Nothing", "Zatho.Nothing"}}) {
-        ToolRun const r = runTool(c.args);
-        EXPECT_EQ(r.code, 1) << c.args;
-        EXPECT_NE(r.err.find(c.needle), std::string::npos) << c.args << " -> " << r.err;
-        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-    }
-}
-
 TEST_F(FerrimTool, RendersDemoAndSceneFiles) {
-    fs::path const out = mDir / "demo.png";
+    fs::path const out = mFolder / "demo.png";
     ToolRun const demo = runTool("render -o " + out.string() + " --size 96x64 --samples 1");
     ASSERT_EQ(demo.code, 0) << demo.err;
     EXPECT_NE(demo.out.find(out.string()), std::string::npos);
-    EXPECT_EQ(pngSize(out), std::make_pair(96u, 64u));
+    EXPECT_EQ(pngSize(out), Quelin::Pixel(96, 64));
 
-    fs::path const scene = write("one.json", R"({"@class": "Zatho.ConstantColorMap", "color": [1, 0, 0]})");
-    fs::path const out2 = mDir / "one.png";
+    fs::path const scene = writeText("one.json", R"({"@class": "Zatho.ConstantColorMap", "color": [1, 0, 0]})");
+    fs::path const out2 = mFolder / "one.png";
     ToolRun const one = runTool("render " + scene.string() + " -o " + out2.string());
     ASSERT_EQ(one.code, 0) << one.err;
-    EXPECT_EQ(pngSize(out2), std::make_pair(256u, 256u));
+    EXPECT_EQ(pngSize(out2), Quelin::Pixel(256, 256));
+    // The tool runs in another folder: the texture is found beside the scene.
+    fs::path const textured = writeText("textured.json", texturedScene(mFolder, "images/wavy.exr"));
+    ToolRun const r = runTool("render " + textured.string() + " -o " + out2.string() + " --size 64x32 --samples 1");
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(pngSize(out2), Quelin::Pixel(64, 32));
+}
+
+TEST_F(FerrimTool, SkyReportsTheDataFilesAndWhatEachConfigurationReads) {
+    SkyDataLocation const noDevelopment(mFolder); // keeps the workspace out of the child's search
+    std::string const dir = sharedSkyDataFolder().string();
+    ToolRun const r = runTool("sky --data-dir " + dir + " --sky-config 0,0,0,2,7 --sky-config 0,0,0,2,7 --sun-config 2,7");
+    ASSERT_EQ(r.code, 0) << r.err;
+    for (std::string const& line : {dir + "/PrgSkyModelData.dat", dir + "/PrgSunModelData.dat", dir + "/PrgCloudsModelData.dat",
+                                    std::string("sky 0,0,0,2,7: 8666560 of 237076928 bytes read (3.66 %) in 15 reads"),
+                                    std::string("sky 0,0,0,2,7: shared with the load above, nothing read"),
+                                    std::string("sun 2,7: 3337536 of 36759360 bytes read (9.08 %) in 3 reads")})
+        EXPECT_NE(r.out.find(line), std::string::npos) << line << "\n" << r.out;
+    ToolRun const missing = runTool("sky --data-dir " + mFolder.string());
+    EXPECT_EQ(missing.code, 0) << missing.err;
+    EXPECT_NE(missing.out.find("not found: Could not find data file PrgSunModelData.dat"), std::string::npos) << missing.out;
 }
 
 TEST_F(FerrimTool, TypesAsJsonDescribeProperties) {
@@ -124,24 +103,20 @@ TEST_F(FerrimTool, TypesAsJsonDescribeProperties) {
     EXPECT_TRUE(sawColor);
 }
 
-TEST_F(FerrimTool, HostileInputsGiveOneLineNamingTheFile) {
-    std::string const testdata = FERRIM_TESTDATA_DIR;
-    fs::path const image = write("in.hdr", hdrText(2, 2, 4));
-    fs::path const huge = write("huge.hdr", hdrText(30000, 30000, 4));
-    fs::path const lies = write("lies.hdr", hdrText(8000, 8000, 4));
-    fs::path const missingLut = write("missing-lut.ctm", lutPipeline((mDir / "missing.cube").string()));
-    fs::path const truncatedLut = write("truncated-lut.ctm", lutPipeline(testdata + "/lut/error_truncated_file.3dl"));
+TEST_F(FerrimTool, BadAndHostileInputsGiveOneLineNamingTheFile) {
+    fs::path const bad = writeText("bad.json", "{\"swatches\": [");
+    fs::path const unknown = writeText("unknown.json", R"({"map": {"@class": "Zatho.NoSuchMap"}})");
+    fs::path const key = writeText("key.json", R"({"swatches": [{"map": {"@class": "Zatho.ConstantColorMap"}, "colour": 1}]})");
+    fs::path const image = writeText("in.hdr", hdrText(2, 2, 4));
+    fs::path const huge = writeText("huge.hdr", hdrText(30000, 30000, 4));
+    fs::path const lies = writeText("lies.hdr", hdrText(8000, 8000, 4));
+    fs::path const missingLut = writeText("missing-lut.ctm", lutPipeline((mFolder / "missing.cube").string()));
     // A device never ends: it must be refused, not read.
-    fs::create_symlink("/dev/zero", mDir / "zero.cube");
-    fs::path const deviceLut = write("device-lut.ctm", lutPipeline((mDir / "zero.cube").string()));
-    std::string operators;
-    for (int i = 0; i < 40000; ++i) operators += std::string(i ? "," : "") + R"({"@class": "Zatho.IdentityOperator"})";
-    fs::path const longPipeline = write("long.ctm", PIPELINE_START + operators + "]}");
-    fs::path const deepVersion = write("version.ctm", R"({"mimeType": "application/vnd.zatho.ostrel.color-mapping", "version": )" +
-                                                          std::string(200000, '[') + std::string(200000, ']') + R"(, "operators": []})");
+    fs::create_symlink("/dev/zero", mFolder / "zero.cube");
+    fs::path const deviceLut = writeText("device-lut.ctm", lutPipeline((mFolder / "zero.cube").string()));
     std::string predecessors = "null";
     for (int i = 0; i < 8000; ++i) predecessors = R"({"@class": "Zatho.IdentityOperator", "predecessor": )" + predecessors + "}";
-    fs::path const deepChain = write("chain.ctm", PIPELINE_START + predecessors + "]}");
+    fs::path const deepChain = writeText("chain.ctm", PIPELINE_START + predecessors + "]}");
     auto nestedMaps = [](int depth) {
         std::string map = R"({"@class": "Zatho.ConstantColorMap"})";
         for (int i = 0; i < depth; ++i) map = R"({"@class": "Zatho.CheckerMap", "color1": {"map": )" + map + "}}";
@@ -151,59 +126,39 @@ TEST_F(FerrimTool, HostileInputsGiveOneLineNamingTheFile) {
     for (int i = 0; i < 2000; ++i) swatches += std::string(i ? "," : "") + R"({"map": {"@class": "Zatho.ConstantColorMap"}})";
     std::string const constant = R"({"map": {"@class": "Zatho.ConstantColorMap"}})";
 
+    SkyDataLocation const noDevelopment(mFolder);
+    std::string const skyData = "sky --data-dir " + sharedSkyDataFolder().string();
     struct Case {
-        std::string args, needles;  ///< needles separated by '|'
+        std::string args;
+        std::vector<std::string> needles;
     };
-    auto render = [&](char const* name, std::string const& text) { return "render " + write(name, text).string(); };
+    auto render = [&](char const* name, std::string const& text) { return "render " + writeText(name, text).string(); };
     for (Case const& c : {
-             Case{"tonemap " + huge.string() + " -o " + (mDir / "o.png").string(), "huge.hdr|268435456 pixels"},
-             Case{"tonemap " + lies.string() + " -o " + (mDir / "o.png").string(), "lies.hdr|more than the file's"},
-             Case{"tonemap " + image.string() + " -o " + (mDir / "o.png").string() + " --pipeline " + missingLut.string(),
-                  "missing.cube|cannot open"},
-             Case{"tonemap " + image.string() + " -o " + (mDir / "o.png").string() + " --pipeline " + truncatedLut.string(),
-                  "error_truncated_file.3dl:375"},
-             Case{"unmap 0.5 0.5 0.5 --pipeline " + deviceLut.string(), "zero.cube: not a regular file"},
-             Case{"unmap 0.5 0.5 0.5 --pipeline " + longPipeline.string(), "long.ctm|40000 operators"},
-             Case{"unmap 0.5 0.5 0.5 --pipeline " + deepVersion.string(), "version.ctm|nested deeper than 256"},
-             Case{"unmap 0.5 0.5 0.5 --pipeline " + deepChain.string(), "chain.ctm|nested deeper than 256"},
-             Case{render("lut.json", R"({"pipeline": )" + lutPipeline((mDir / "gone.cube").string()) + R"(, "swatches": [)" + constant + "]}"),
-                  "gone.cube|cannot open"},
-             Case{render("many.json", R"({"swatches": [)" + swatches + "]}"), "many.json|2000 swatches|--size"},
-             Case{render("columns.json", R"({"columns": 4294967297, "swatches": [)" + constant + "]}"), "columns.json|\"columns\""},
-             Case{render("samples.json", R"({"samples": 1e400, "swatches": [)" + constant + "]}"), "samples.json|number overflow"},
-             Case{render("size.json", R"({"map": {"@class": "Zatho.NoiseMap", "size": 1e39}})"), "size.json|\"size\": 1e+39"},
-             Case{render("deep-pipeline.json", R"({"pipeline": )" + std::string(200000, '[') + std::string(200000, ']') +
-                                                   R"(, "swatches": [)" + constant + "]}"),
-                  "deep-pipeline.json|nested deeper than 256"},
-             Case{render("deep-maps.json", nestedMaps(4000)), "deep-maps.json|nested deeper than 256"},
-             Case{render("nested-maps.json", nestedMaps(110)), "nested-maps.json|entities nested deeper than 100"},
+             Case{"render " + (mFolder / "missing.json").string(), {"missing.json"}},
+             Case{"render " + bad.string(), {"malformed JSON"}},
+             Case{"render " + unknown.string(), {"Zatho.NoSuchMap"}},
+             Case{"render " + key.string(), {"\"colour\""}},
+             Case{"render --size 12by3", {"--size"}},
+             Case{"types Zatho.Nothing", {"Zatho.Nothing"}},
+             Case{"sky --data-dir " + mFolder.string() + " --sky-config 0,0,0,0,0", {"PRG Sky Model Data file not found"}},
+             Case{skyData + " --sky-config 0,1 --sun-config 2,7", {"--sky-config wants C0,C1,C2,A,B"}},
+             Case{skyData + " --sky-config 0,0,0,9,0", {"index A is 9, outside 0..5"}},
+             Case{"sky --data-dir " + (mFolder / "none").string(), {"--data-dir"}},
+             Case{"tonemap " + huge.string() + " -o " + (mFolder / "o.png").string(), {"huge.hdr", "268435456 pixels"}},
+             Case{"tonemap " + lies.string() + " -o " + (mFolder / "o.png").string(), {"lies.hdr", "more than the file's"}},
+             Case{"tonemap " + image.string() + " -o " + (mFolder / "o.png").string() + " --pipeline " + missingLut.string(),
+                  {"missing.cube", "cannot open"}},
+             Case{"unmap 0.5 0.5 0.5 --pipeline " + deviceLut.string(), {"zero.cube: not a regular file"}},
+             Case{"unmap 0.5 0.5 0.5 --pipeline " + deepChain.string(), {"chain.ctm", "nested deeper than 256"}},
+             Case{render("lut.json", R"({"pipeline": )" + lutPipeline((mFolder / "gone.cube").string()) + R"(, "swatches": [)" + constant + "]}"),
+                  {"gone.cube", "cannot open"}},
+             Case{render("many.json", R"({"swatches": [)" + swatches + "]}"), {"many.json", "2000 swatches", "--size"}},
+             Case{render("columns.json", R"({"columns": 4294967297, "swatches": [)" + constant + "]}"), {"columns.json", "\"columns\""}},
+             Case{render("nested-maps.json", nestedMaps(110)), {"nested-maps.json", "entities nested deeper than 100"}},
+             Case{render("texture.json", texturedScene(mFolder, "images/absent.png")) + " -o " + (mFolder / "o.png").string(),
+                  {"swatch 2 (second)", "absent.png"}},
          }) {
-        ToolRun const r = runTool(c.args);
-        std::string const what = c.args.substr(0, 120);
-        EXPECT_EQ(r.code, 1) << what << " -> " << r.err;
-        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << what << " -> " << r.err;
-        std::size_t start = 0;
-        while (start <= c.needles.size()) {
-            std::size_t const end = std::min(c.needles.find('|', start), c.needles.size());
-            std::string const needle = c.needles.substr(start, end - start);
-            EXPECT_NE(r.err.find(needle), std::string::npos) << what << " -> " << r.err << " lacks " << needle;
-            start = end + 1;
-        }
+        expectOneLineError(runTool(c.args), c.needles, c.args.substr(0, 120));
     }
-    EXPECT_FALSE(fs::exists(mDir / "o.png")) << "an image was written without its LUT";
-}
-
-TEST_F(FerrimTool, DamagedExrFilesAreRefusedByName) {
-    // Files that once broke EXR readers: each is refused, never a crash, a
-    // multi-line library message or an allocation of many gigabytes.
-    int files = 0;
-    for (auto const& e : fs::directory_iterator(fs::path(FERRIM_TESTDATA_DIR) / "exr-damaged")) {
-        if (e.path().extension() != ".exr") continue;
-        ++files;
-        ToolRun const r = runTool("tonemap " + e.path().string() + " -o " + (mDir / "out.png").string());
-        EXPECT_EQ(r.code, 1) << e.path() << " -> " << r.err;
-        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << e.path() << " -> " << r.err;
-        EXPECT_NE(r.err.find(e.path().filename().string()), std::string::npos) << r.err;
-    }
-    EXPECT_GE(files, 10);
+    EXPECT_FALSE(fs::exists(mFolder / "o.png")) << "an image was written without its LUT or texture";
 }

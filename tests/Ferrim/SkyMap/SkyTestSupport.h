@@ -41,8 +41,8 @@ inline Io::Path const& sharedSkyDataFolder() {
         Folder() {
             std::filesystem::create_directories(path);
             SkyFiles::writeSkyFile(path / "PrgSkyModelData.dat",
-                                   {{{0, 0, 0}, 2, 7}, {{1, 1, 1}, 5, 21}, {{0, 0, 1}, 0, 21}});
-            SkyFiles::writeSunFile(path / "PrgSunModelData.dat", {{2, 7}, {5, 21}, {0, 21}, {0, 0}, {1, 0}, {2, 0}, {3, 0}});
+                                   {{{0, 0, 0}, 2, 7}, {{1, 1, 1}, 5, 21}});
+            SkyFiles::writeSunFile(path / "PrgSunModelData.dat", {{2, 7}, {5, 21}, {0, 0}, {1, 0}, {2, 0}, {3, 0}});
             SkyFiles::writeCloudsFile(path / "PrgCloudsModelData.dat");
         }
         ~Folder() {

@@ -1,27 +1,23 @@
 #include <gtest/gtest.h>
 
-#include <cmath>
-
 #include "Ferrim/colorMappingOperators/FilmicOperator.h"
 
 using namespace Quelin;
 
 namespace {
 
-class FilmicOperatorTest : public testing::Test {
-protected:
-    static SharedPtr<FilmicOperator> make(float highlights, float shadows) {
-        auto op = makeSharedPtr<FilmicOperator>();
-        op->set("highlightCompression", highlights);
-        op->set("richShadows", shadows);
-        op->prepareForApplication({});
-        return op;
-    }
-    static float g(float x) { return FilmicOperator::curve(Float4(x))[0]; }
-    static constexpr Flags<ColorMappingExclude> NONE{};
-};
+constexpr Flags<ColorMappingExclude> NONE{};
 
-TEST_F(FilmicOperatorTest, FullStrengthIsTheCurveAndUnmapSolvesIt) {
+SharedPtr<FilmicOperator> make(float highlights, float shadows) {
+    auto op = makeSharedPtr<FilmicOperator>();
+    op->set("highlightCompression", highlights);
+    op->set("richShadows", shadows);
+    op->prepareForApplication({});
+    return op;
+}
+float g(float x) { return FilmicOperator::curve(Float4(x))[0]; }
+
+TEST(FilmicOperatorTest, FullStrengthIsTheCurveAndUnmapSolvesIt) {
     auto op = make(1.f, 1.f);
     for (float x : {1e-4f, 0.01f, 0.18f, 0.7f, 1.f, 3.f, 20.f}) {
         float const shown = g(x);
@@ -31,7 +27,7 @@ TEST_F(FilmicOperatorTest, FullStrengthIsTheCurveAndUnmapSolvesIt) {
     }
 }
 
-TEST_F(FilmicOperatorTest, ZeroStrengthsChangeNothingAndUnmapClampsItsInput) {
+TEST(FilmicOperatorTest, ZeroStrengthsChangeNothingAndUnmapClampsItsInput) {
     auto zero = make(0.f, 0.f);
     Rgb const c(0.3f, 2.f, 0.01f);
     EXPECT_EQ(zero->map(c, {}), c);
@@ -42,7 +38,7 @@ TEST_F(FilmicOperatorTest, ZeroStrengthsChangeNothingAndUnmapClampsItsInput) {
     for (Rgb const& d : {Rgb(0.f, 0.5f, 0.5f), Rgb(0.2f, -0.1f, 0.5f)}) EXPECT_EQ(op->unmap(d, NONE), d);
 }
 
-TEST_F(FilmicOperatorTest, SmallChangesKeepThePreparedState) {
+TEST(FilmicOperatorTest, SmallChangesKeepThePreparedState) {
     auto op = make(0.9f, 0.5f);
     Rgb const before = op->map(Rgb(0.25f), {});
     op->set("richShadows", 0.50005f);

@@ -35,9 +35,8 @@ EntityHolder<UnaryColorMappingOperator> exposureThenSrgb(std::size_t identities)
 
 void expectRgbNear(Rgb const& a, Rgb const& b) { Testing::expectNear(a, b, 1e-6f); }
 
-String pipelineText(String const& operators, String const& version = "1") {
-    return R"({"mimeType": "application/vnd.zatho.ostrel.color-mapping", "version": )" + version +
-           R"(, "operators": [)" + operators + "]}";
+String pipelineText(String const& operators) {
+    return R"({"mimeType": "application/vnd.zatho.ostrel.color-mapping", "version": 1, "operators": [)" + operators + "]}";
 }
 
 using LongChainTest = Testing::LibraryFixture;
@@ -101,18 +100,11 @@ TEST_F(LongChainTest, StoredPipelinesAreBoundedInLengthAndDepth) {
     ASSERT_TRUE(longest) << longest.error();
     EXPECT_EQ(getPipelineOperators(longest->pipeline).size(), MAX_PIPELINE_OPERATORS);
 
-    // Very long and very deep files are the tool tests' (they name the file).
-    struct Case {
-        String text, needle;
-    };
-    for (Case const& c : {Case{pipelineText(operators(MAX_PIPELINE_OPERATORS + 1)), "It has 1001 operators; at most 1000"},
-                          Case{pipelineText("", "4294967297"), "Unsupported version 4294967297."},
-                          Case{pipelineText("", "1e400"), "number overflow"}}) {
-        auto const loaded = deserializePipeline(c.text);
-        ASSERT_FALSE(loaded) << c.needle;
-        EXPECT_EQ(loaded.error().rfind(String(PIPELINE_CORRUPTED_MESSAGE), 0), 0u) << loaded.error();
-        EXPECT_NE(loaded.error().find(c.needle), String::npos) << loaded.error();
-    }
+    // Deep files are the tool tests' (they name the file).
+    auto const tooLong = deserializePipeline(pipelineText(operators(MAX_PIPELINE_OPERATORS + 1)));
+    ASSERT_FALSE(tooLong);
+    EXPECT_EQ(tooLong.error().rfind(String(PIPELINE_CORRUPTED_MESSAGE), 0), 0u) << tooLong.error();
+    EXPECT_NE(tooLong.error().find("It has 1001 operators; at most 1000"), String::npos) << tooLong.error();
 
     // Already parsed (a pipeline inside a scene file), the nesting is bounded too.
     nlohmann::json root = *parseJson(pipelineText(""));

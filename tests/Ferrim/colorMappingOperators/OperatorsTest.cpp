@@ -54,25 +54,21 @@ struct ValueCase {
 };
 
 Stack<ValueCase> valueCases() {
-    using Exposure = SimpleExposureOperator;
     using Gm = GreenMagentaTintOperator;
     auto const reinhard4 = with<ReinhardOperator>("highlightCompression", 4.f);
     ColorMappingContext const off = context(8.f, false);
     return {
-        {"ExposureOneStopDoubles", with<Exposure>("simpleExposure", 1.f), Rgb(1.f), Rgb(2.f)},
         {"PhotographicUsesTheCamera", maker<PhotographicExposureOperator>(), Rgb(1.f), Rgb(0.02223f), 1e-5f, false, context(16.f)},
         {"PhotographicNeutralWithoutAperture", maker<PhotographicExposureOperator>(), Rgb(0.7f), Rgb(0.7f), 0.f, false, context(0.f)},
         {"WhiteBalanceReferenceIsNeutral", maker<WhiteBalanceOperator>(), Rgb(0.2f, 0.4f, 0.9f), Rgb(0.2f, 0.4f, 0.9f)},
         {"WhiteBalanceMakesTheLightWhite", with<WhiteBalanceOperator>("colorTemperature", 3000.f), planckianRgb(3000) * 0.5f,
          planckianRgb(6500) * 0.5f, 1e-4f},
-        {"TintMultiplies", with<TintOperator>("tint", Rgb(1.f, 0.f, 1.f)), Rgb(0.5f, 0.7f, 0.2f), Rgb(0.5f, 0.f, 0.2f)},
         {"TintRemovedChannelsStayZero", with<TintOperator>("tint", Rgb(1.f, 0.f, 1.f)), Rgb(0.5f), Rgb(0.5f, 0.f, 0.5f), 0.f, true},
         {"ContrastSteepens", with<ContrastOperator>("contrast", 2.f), Rgb(0.03f, 0.7f, 0.18f), Rgb(0.0254553f, 0.7257325f, 0.177388f), 1e-6f},
         {"ContrastFlattens", with<ContrastOperator>("contrast", 0.5f), Rgb(0.03f, 0.7f, 0.18f), Rgb(0.060237f, 0.568988f, 0.191816f), 1e-6f},
         {"ContrastKeepsBlackAndWhite", with<ContrastOperator>("contrast", 2.f), Rgb(0.f, 1.f, 0.f), Rgb(0.f, 1.f, 0.f)},
         {"ContrastOneIsNeutral", with<ContrastOperator>("contrast", 1.f), Rgb(0.03f, 0.4f, 0.7f), Rgb(0.03f, 0.4f, 0.7f)},
         {"DesaturatedIsTheGreyOfTheMaximum", with<SaturationOperator>("saturation", -1.f), Rgb(0.2f, 0.9f, 0.5f), Rgb(0.9f), 1e-6f},
-        {"DesaturatedKeepsOutOfRangeMaximum", with<SaturationOperator>("saturation", -1.f), Rgb(3.f, 0.1f, -0.5f), Rgb(3.f), 1e-6f},
         {"SaturationKeepsGrey", with<SaturationOperator>("saturation", 0.4f), Rgb(0.35f), Rgb(0.35f), 1e-6f},
         // Hue and value stay; the offset moves the saturation, past 1 too.
         {"SaturationLowered", with<SaturationOperator>("saturation", -0.7f), Rgb(0.8f, 0.2f, 0.2f), Rgb(0.8f, 0.76f, 0.76f), 1e-6f},
@@ -87,30 +83,25 @@ Stack<ValueCase> valueCases() {
         // -1 the curve is positive again ((1 - 2/16) 2 / 1 at -2), 0 below -16.
         {"ReinhardNegatives", reinhard4, Rgb(-0.5f, -2.f, -20.f), Rgb(0.f, 1.75f, 0.f), 1e-6f},
         {"ReinhardNanAndInfinity", reinhard4, Rgb(-0.999f, std::nanf(""), INFINITY), Rgb(0.f, 0.f, INFINITY)},
-        // Off, the curve stays with k = 1: the identity on non-negative values,
-        // negatives to 0, and the inverse the larger root of (x + 1)(x - c).
-        {"ReinhardOffIsIdentityOnNonNegatives", reinhard4, Rgb(0.f, 0.37f, 1e6f), Rgb(0.f, 0.37f, 1e6f), 0.f, false, off},
-        {"ReinhardOffMapsNegativesToZero", reinhard4, Rgb(-0.5f, -1.f, -3.f), Rgb(0.f), 0.f, false, off},
+        // Off, the curve stays with k = 1 (see the switched-off test): the
+        // inverse is the larger root of (x + 1)(x - c).
         {"ReinhardOffUnmapStopsAtMinusOne", reinhard4, Rgb(0.37f, -0.5f, -3.f), Rgb(0.37f, -0.5f, -1.f), 0.f, true, off},
     };
 }
 
-class OperatorValues : public testing::TestWithParam<ValueCase> {};
-
-TEST_P(OperatorValues, MatchTheReference) {
-    auto const& c = GetParam();
-    auto op = c.make();
-    op->prepareForApplication(c.context);
-    Rgb const result = c.unmap ? op->unmap(c.in, NO_EXCLUDE) : op->map(c.in, {});
-    if (c.tolerance == 0.f || !std::isfinite(c.out.b)) {
-        EXPECT_EQ(result, c.out);
-    } else {
-        expectNear(result, c.out, c.tolerance);
+TEST(OperatorValues, MatchTheReference) {
+    for (ValueCase const& c : valueCases()) {
+        SCOPED_TRACE(c.name);
+        auto op = c.make();
+        op->prepareForApplication(c.context);
+        Rgb const result = c.unmap ? op->unmap(c.in, NO_EXCLUDE) : op->map(c.in, {});
+        if (c.tolerance == 0.f || !std::isfinite(c.out.b)) {
+            EXPECT_EQ(result, c.out);
+        } else {
+            expectNear(result, c.out, c.tolerance);
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(Operators, OperatorValues, testing::ValuesIn(valueCases()),
-                         [](testing::TestParamInfo<ValueCase> const& info) { return String(info.param.name); });
 
 TEST(ReinhardOperator, SmallChangesKeepTheCoefficient) {
     auto op = with<ReinhardOperator>("highlightCompression", 4.f)();
@@ -176,7 +167,6 @@ TEST(OperatorChain, MapsFirstToLastAndUnmapsLastToFirst) {
     auto identity = makeSharedPtr<IdentityOperator>();
     identity->set("predecessor", EntityHolder<Entity>(exposure));
     identity->prepareForApplication({});
-    EXPECT_EQ(identity->getPredecessor(), EntityHolder<IColorMappingOperator>(exposure));
     EXPECT_EQ(identity->map(Rgb(1.f), {}), Rgb(2.f));
 }
 
@@ -274,14 +264,7 @@ void expectBucketsMapLikeColours(UnaryColorMappingOperator const& op) {
     }
 }
 
-class EveryOperatorTest : public testing::TestWithParam<OperatorCase> {
-protected:
-    SharedPtr<UnaryColorMappingOperator> prepared(ColorMappingContext const& c = context()) const {
-        auto op = GetParam().make();
-        op->prepareForApplication(c);
-        return op;
-    }
-};
+class EveryOperatorTest : public testing::TestWithParam<OperatorCase> {};
 
 TEST_P(EveryOperatorTest, SwitchedOffInTheRecordOrTheContextIsTheIdentityBothWays) {
     for (bool const enabled : {false, true}) {
@@ -297,9 +280,11 @@ TEST_P(EveryOperatorTest, SwitchedOffInTheRecordOrTheContextIsTheIdentityBothWay
     }
 }
 
-TEST_P(EveryOperatorTest, UnmapUndoesMap) {
+TEST_P(EveryOperatorTest, UnmapUndoesMapOnlyItsOwnBitSkipsItAndBucketsMapLikeColours) {
     auto const& param = GetParam();
-    auto op = prepared();
+    auto op = param.make();
+    op->prepareForApplication(context());
+    expectBucketsMapLikeColours(*op);
     int checked = 0;
     for (Rgb c : probes(param.maxInput)) {
         Rgb const mapped = op->map(c, {3, 5});
@@ -315,33 +300,16 @@ TEST_P(EveryOperatorTest, UnmapUndoesMap) {
             EXPECT_NEAR(back[ch], c[ch], param.tolerance * std::max({1.f, c.r, c.g, c.b})) << c.r << " " << c.g << " " << c.b << " channel " << ch;
     }
     EXPECT_TRUE(param.tolerance < 0.f || checked > 30) << checked;
-}
-
-TEST_P(EveryOperatorTest, ItsOwnExclusionBitAndOnlyThatSkipsIt) {
-    auto op = prepared();
+    // Its own exclusion bit, and only that, skips it.
     Rgb const c(0.3f, 0.6f, 0.45f);
     Rgb const undone = op->unmap(c, NO_EXCLUDE);
     for (std::uint32_t flag = 1; flag < 1u << 14; flag <<= 1)
-        EXPECT_EQ(op->unmap(c, bit(flag)), flag == GetParam().excludeBit ? c : undone) << "bit " << flag;
+        EXPECT_EQ(op->unmap(c, bit(flag)), flag == param.excludeBit ? c : undone) << "bit " << flag;
     EXPECT_EQ(op->unmap(c, bit(COLOR_MAPPING_EXCLUDE_ALL)), c);
-    EXPECT_TRUE(GetParam().excludeBit == 0 || undone != c) << "operator does nothing";
+    EXPECT_TRUE(param.excludeBit == 0 || undone != c) << "operator does nothing";
 }
-
-TEST_P(EveryOperatorTest, BucketMappingEqualsColourMappingAndKeepsAlpha) { expectBucketsMapLikeColours(*prepared()); }
 
 INSTANTIATE_TEST_SUITE_P(Operators, EveryOperatorTest, testing::ValuesIn(allOperators()),
                          [](testing::TestParamInfo<OperatorCase> const& info) { return info.param.name; });
-
-TEST(EveryOperatorChain, BucketsMapLikeColoursAndAllExclusionBitsUndoNothing) {
-    EntityHolder<UnaryColorMappingOperator> chain;
-    for (auto const& c : allOperators()) {
-        auto op = c.make();
-        if (chain) op->setPredecessor(chain);
-        chain = op;
-    }
-    chain->prepareForApplication(context());
-    expectBucketsMapLikeColours(*chain);
-    for (Rgb c : {Rgb(0.2f, 0.5f, 0.7f), Rgb(0.f), Rgb(1.f, 0.f, 0.5f)}) EXPECT_EQ(chain->unmap(c, bit(COLOR_MAPPING_EXCLUDE_ALL)), c);
-}
 
 } // namespace

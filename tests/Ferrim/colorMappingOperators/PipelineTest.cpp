@@ -11,26 +11,28 @@ using namespace Quelin;
 
 namespace {
 
-class PipelineTest : public Testing::LibraryFixture {
-protected:
-    static GenericDataObject record(StringView type) {
-        auto const* d = ColorMappingOperatorFactory::getInstance().findDescriptor(type);
-        EXPECT_NE(d, nullptr) << type;
-        GenericDataObject data(d->definition);
-        data.set("id", UnaryColorMappingOperator::generateId());
-        return data;
-    }
-    static Stack<String> typesOf(EntityHolder<const IColorMappingOperator> pipeline) {
-        Stack<String> names;
-        for (auto const& op : getPipelineOperators(pipeline)) names.push_back(op->getClassName());
-        return names;
-    }
-    static EntityHolder<IColorMappingOperator> exposureCurvesContrast() {
-        auto exposure = record("Zatho.SimpleExposureOperator");
-        exposure.set("simpleExposure", 1.5f);
-        return createPipeline({exposure, record("Zatho.CurvesOperator"), record("Zatho.ContrastOperator")});
-    }
-};
+using PipelineTest = Testing::LibraryFixture;
+
+GenericDataObject record(StringView type) {
+    auto const* d = ColorMappingOperatorFactory::getInstance().findDescriptor(type);
+    EXPECT_NE(d, nullptr) << type;
+    GenericDataObject data(d->definition);
+    data.set("id", UnaryColorMappingOperator::generateId());
+    return data;
+}
+Stack<String> typesOf(EntityHolder<const IColorMappingOperator> pipeline) {
+    Stack<String> names;
+    for (auto const& op : getPipelineOperators(pipeline)) names.push_back(op->getClassName());
+    return names;
+}
+EntityHolder<IColorMappingOperator> exposureCurvesContrast() {
+    auto exposure = record("Zatho.SimpleExposureOperator");
+    exposure.set("simpleExposure", 1.5f);
+    return createPipeline({exposure, record("Zatho.CurvesOperator"), record("Zatho.ContrastOperator")});
+}
+String withMimeType(String const& members) {
+    return R"({"mimeType": "application/vnd.zatho.ostrel.color-mapping", )" + members + "}";
+}
 
 } // namespace
 
@@ -105,26 +107,17 @@ TEST_F(PipelineTest, UpdateWritesValuesOnlyIntoTheSameShape) {
     EXPECT_FLOAT_EQ(ops.front()->get<float>("simpleExposure"), 1.5f);
 }
 
-namespace {
-String withMimeType(String const& members) {
-    return R"({"mimeType": "application/vnd.zatho.ostrel.color-mapping", )" + members + "}";
+TEST_F(PipelineTest, CorruptedTextsAreRefusedWithTheLoaderMessage) {
+    for (String const& text :
+         {String("not json at all"), String("[1, 2]"), String(R"({"operators": []})"), withMimeType(R"("operators": {})"),
+          withMimeType(R"("operators": [{"@class": "Zatho.Nope"}])"),
+          withMimeType(R"("operators": [{"@class": "Zatho.ContrastOperator", "contrast": "high"}])"),
+          withMimeType(R"("operators": [{"enabled": true}])"), withMimeType(R"("version": 7, "operators": [])")}) {
+        auto loaded = deserializePipeline(text);
+        ASSERT_FALSE(loaded) << text;
+        EXPECT_EQ(loaded.error().rfind(String(PIPELINE_CORRUPTED_MESSAGE), 0), 0u) << loaded.error();
+    }
 }
-} // namespace
-
-class PipelineCorrupted : public PipelineTest, public ::testing::WithParamInterface<String> {};
-
-TEST_P(PipelineCorrupted, RefusedWithTheLoaderMessage) {
-    auto loaded = deserializePipeline(GetParam());
-    ASSERT_FALSE(loaded);
-    EXPECT_EQ(loaded.error().rfind(String(PIPELINE_CORRUPTED_MESSAGE), 0), 0u) << loaded.error();
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Texts, PipelineCorrupted,
-    ::testing::Values("not json at all", "[1, 2]", R"({"operators": []})", withMimeType(R"("operators": {})"),
-                      withMimeType(R"("operators": [{"@class": "Zatho.Nope"}])"),
-                      withMimeType(R"("operators": [{"@class": "Zatho.ContrastOperator", "contrast": "high"}])"),
-                      withMimeType(R"("operators": [{"enabled": true}])"), withMimeType(R"("version": 7, "operators": [])")));
 
 TEST_F(PipelineTest, LegacyOperatorsAreRemovedWithTheWarning) {
     String const text = R"({"mimeType": "application/vnd.zatho.ostrel.color-mapping", "version": 1, "operators": [

@@ -87,16 +87,6 @@ TEST(CellularDistances, NearestSlotIsTheTrueNearestPoint) {
     EXPECT_GT(notShifted, 0);
 }
 
-TEST(CellularDistances, FeaturePointGivesZeroAndLowColor) {
-    auto const circular = makeEvaluator(CellularMap::CellShape::CIRCULAR, 2.f);
-    for (auto const& cell : {std::array<int, 3>{0, 0, 0}, std::array<int, 3>{-3, 2, 5}, std::array<int, 3>{17, -9, -1}}) {
-        Pos const point = referencePoints(cell[0], cell[1], cell[2]).front();
-        Pos const uvw(point.x * 2.f, point.y * 2.f, point.z * 2.f);
-        EXPECT_EQ(circular.cellValue(uvw), 0.f);
-        EXPECT_EQ(circular.evalColor(SettableShadeContext(uvw), nullptr), RgbAlpha(0, 0, 0, 1));
-    }
-}
-
 TEST(CellularBlend, HalfTakesUpperBranchAndUpperBranchIsNotClamped) {
     SettableShadeContext ctx;
     auto const e = makeEvaluator(CellularMap::CellShape::CIRCULAR);
@@ -118,7 +108,6 @@ TEST(CellularBlend, ChipsWithUnfilledSecondSlotIsInfiniteAndUnclamped) {
     EXPECT_FALSE(std::isfinite(chips.colorForValue(v, ctx, nullptr).r));
     // The same slots under CIRCULAR leave the unused infinite slots out.
     EXPECT_FLOAT_EQ(makeEvaluator(CellularMap::CellShape::CIRCULAR).valueFromSlots({0.04f, INF, INF, INF}), 0.2f);
-    EXPECT_FLOAT_EQ(chips.valueFromSlots({0.04f, 0.09f, 0.5f, INF}), 0.1f);
 }
 
 TEST(CellularEvaluatorTest, UnknownShapeStops) {
