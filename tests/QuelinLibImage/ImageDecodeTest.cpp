@@ -91,10 +91,10 @@ Image randomImage(PixelFormat format, Pixel size, std::uint32_t seed) {
     Image image(Image::Descriptor(size, format));
     std::mt19937 rng(seed);
     for (auto& byte : std::span(image.getData(), std::size_t(image.getByteSize()))) byte = std::byte(rng());
-    if (getChannelType(format) == ChannelType::Float) // random bytes are not all finite floats
+    if (getChannelType(format) == ChannelType::Float) // random bytes are not all finite floats; these fit halves too
         for (int y = 0; y < size.y; ++y)
             for (int x = 0; x < size.x; ++x)
-                image.setRgbAlpha(x, y, {float(rng() % 1000) / 7.f, float(x), float(y), 0.5f});
+                image.setRgbAlpha(x, y, {float(rng() % 1000) / 8.f, float(x), -float(y) / 1024.f, 0.5f});
     return image;
 }
 
@@ -111,6 +111,8 @@ TEST_F(DecodeRoundTripTest, LosslessFormatsFromFileAndMemory) {
     for (Case const& c : {Case{"png", ImageFormat::Png, PixelFormat::Rgba8, FileChannelType::Auto},
                           Case{"png", ImageFormat::Png, PixelFormat::MonoAlpha16, FileChannelType::Auto},
                           Case{"exr", ImageFormat::Exr, PixelFormat::RgbaFloat, FileChannelType::Float},
+                          // Halves are widened in the image's own memory; 273 of them end in a partial group.
+                          Case{"exr", ImageFormat::Exr, PixelFormat::RgbFloat, FileChannelType::Half},
                           Case{"tif", ImageFormat::Tiff, PixelFormat::Rgb16, FileChannelType::Auto},
                           Case{"tga", ImageFormat::Tga, PixelFormat::Rgba8, FileChannelType::Auto},
                           Case{"bmp", ImageFormat::Bmp, PixelFormat::Rgb8, FileChannelType::Auto}}) {
