@@ -279,7 +279,7 @@ Float4 TextureMap::Evaluator::sampleTexture(Evaluator const& e, float u, float v
         }
         float w = du < dv ? du : dv;
         if (!(w >= 1e-8f)) w = 1e-8f;  // NaN too
-        float const lod = log2Approx(Float4(w)).x() + e.mTopLevel;
+        float const lod = log2Approx(w) + e.mTopLevel;
         if (lod <= 0.f) {
             e.requireResident(0);
             return level(0);

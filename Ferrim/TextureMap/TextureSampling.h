@@ -118,6 +118,14 @@ constexpr int bytesOf(PixelFormat f) {
 
 inline float u8(std::byte b) { return float(std::to_integer<unsigned>(b)); }
 
+/// i / 255 as the kernels compute it, for 8-bit alpha beside table-converted
+/// colour: one load instead of a conversion and a multiply.
+inline constexpr auto UNIT8 = [] {
+    StaticArray<float, 256> t{};
+    for (int i = 0; i < 256; ++i) t[std::size_t(i)] = float(i) * (1.f / 255.f);
+    return t;
+}();
+
 /// sign(x) |x|^p on the colour lanes; the alpha lane is kept.
 inline Float4 signedPower(Float4 x, float p) {
     Float4 const sign = x & Float4(-0.f);
@@ -143,10 +151,10 @@ template <PixelFormat F, Conversion C> inline Float4 texel(std::byte const* p, T
             float const* t = cv.table;
             unsigned const c0 = std::to_integer<unsigned>(p[0]);
             if constexpr (N == 1) return Float4(t[c0], t[c0], t[c0], 1.f);
-            if constexpr (N == 2) return Float4(t[c0], t[c0], t[c0], u8(p[1]) * INV255);
+            if constexpr (N == 2) return Float4(t[c0], t[c0], t[c0], UNIT8[std::to_integer<unsigned>(p[1])]);
             unsigned const c1 = std::to_integer<unsigned>(p[1]), c2 = std::to_integer<unsigned>(p[2]);
             if constexpr (N == 3) return Float4(t[c0], t[c1], t[c2], 1.f);
-            if constexpr (N == 4) return Float4(t[c0], t[c1], t[c2], u8(p[3]) * INV255);
+            if constexpr (N == 4) return Float4(t[c0], t[c1], t[c2], UNIT8[std::to_integer<unsigned>(p[3])]);
         } else {
             if constexpr (N == 1) raw = Float4(u8(p[0]) * INV255, u8(p[0]) * INV255, u8(p[0]) * INV255, 1.f);
             if constexpr (N == 2) raw = Float4(u8(p[0]) * INV255, u8(p[0]) * INV255, u8(p[0]) * INV255, u8(p[1]) * INV255);
