@@ -32,12 +32,13 @@ public:
             double perItem = seconds;
             if (auto it = run.counters.find("items_per_second"); it != run.counters.end() && it->second.value > 0)
                 perItem = 1.0 / it->second.value;
-            // Ratios name benchmarks without run options such as "/min_time:2.000".
+            // Ratios name benchmarks without run options such as "/min_time:2.000" or "/repeats:5".
             std::string name = run.benchmark_name();
-            for (std::size_t p; (p = name.find("/min_time:")) != std::string::npos;) {
-                std::size_t const end = name.find('/', p + 1);
-                name.erase(p, end == std::string::npos ? std::string::npos : end - p);
-            }
+            for (char const* option : {"/min_time:", "/repeats:"})
+                for (std::size_t p; (p = name.find(option)) != std::string::npos;) {
+                    std::size_t const end = name.find('/', p + 1);
+                    name.erase(p, end == std::string::npos ? std::string::npos : end - p);
+                }
             mResults.record(name, perItem);
         }
     }

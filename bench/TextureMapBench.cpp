@@ -192,14 +192,16 @@ void TextureBilinearWindowOiio(benchmark::State& s) { runPeer(s, windowPoints(),
 void TextureTrilinearWindowOiio(benchmark::State& s) { runPeer(s, windowPoints(), TRILINEAR_FOOTPRINT); }
 void TextureBilinearWholeOiio(benchmark::State& s) { runPeer(s, wholePoints(), 0.f); }
 
-BENCHMARK(TextureBilinearWindow);
-BENCHMARK(TextureBilinearWindowOiio);
-BENCHMARK(TextureTrilinearWindow);
-BENCHMARK(TextureTrilinearWindowOiio);
-BENCHMARK(TextureBilinearWhole);
-BENCHMARK(TextureBilinearWholeOiio);
+// Short runs, repeated: the ratios take the fastest of each (see BenchRatios.h).
+constexpr int REPETITIONS = 5;
+BENCHMARK(TextureBilinearWindow)->Repetitions(REPETITIONS);
+BENCHMARK(TextureBilinearWindowOiio)->Repetitions(REPETITIONS);
+BENCHMARK(TextureTrilinearWindow)->Repetitions(REPETITIONS);
+BENCHMARK(TextureTrilinearWindowOiio)->Repetitions(REPETITIONS);
+BENCHMARK(TextureBilinearWhole)->Repetitions(REPETITIONS);
+BENCHMARK(TextureBilinearWholeOiio)->Repetitions(REPETITIONS);
 // One thread and all threads, both in real time: the speed-up is their ratio.
-BENCHMARK(TextureTrilinearWindowThreads)->Threads(1)->Threads(threadCount())->UseRealTime();
+BENCHMARK(TextureTrilinearWindowThreads)->Threads(1)->Threads(threadCount())->UseRealTime()->Repetitions(REPETITIONS);
 
 bool const sContext = [] {
     benchmark::AddCustomContext("OpenImageIO", OIIO_VERSION_STRING);
