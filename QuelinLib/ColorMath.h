@@ -53,13 +53,7 @@ inline float log2Approx(float x) {
     bool const high = m > 1.41421356f;  // centred on 1, as the lane version
     m = high ? m * 0.5f : m;
     exponent += high ? 1.f : 0.f;
-    float const t = (m - 1.f) / (m + 1.f), t2 = t * t;
-    constexpr float C1 = 2.8853900817779268f;  // 2 / ln 2
-    float p = C1 / 7.f;
-    p = p * t2 + C1 / 5.f;
-    p = p * t2 + C1 / 3.f;
-    p = p * t2 + C1;
-    return exponent + p * t;
+    return exponent + WideMath::log2AtanhSeries((m - 1.f) / (m + 1.f));
 }
 
 /// CIE 1931 xy chromaticity of a black body at `kelvin`: Planck's law

@@ -14,6 +14,18 @@
 
 namespace Quelin::WideMath {
 
+/// log2 m for a mantissa m in [0.707, 1.414), from t = (m - 1) / (m + 1):
+/// 2/ln2 * atanh(t) to the t^7 term. Any lane type, plain float included.
+template <typename F> inline F log2AtanhSeries(F t) {
+    F const t2 = t * t;
+    constexpr float C1 = 2.8853900817779268f;  // 2 / ln 2
+    F p = F(C1 / 7.f);
+    p = p * t2 + F(C1 / 5.f);
+    p = p * t2 + F(C1 / 3.f);
+    p = p * t2 + F(C1);
+    return p * t;
+}
+
 /// log2 of positive normal floats.
 template <typename F> inline F log2Approx(F x) {
     auto const bits = bitsToInt(x);
@@ -28,14 +40,7 @@ template <typename F> inline F log2Approx(F x) {
     F const den = m + F(1.f);
     F r = rcpApprox(den);
     r = r * (F(2.f) - den * r);
-    F const t = (m - F(1.f)) * r;
-    F const t2 = t * t;
-    constexpr float C1 = 2.8853900817779268f;  // 2 / ln 2
-    F p = F(C1 / 7.f);
-    p = p * t2 + F(C1 / 5.f);
-    p = p * t2 + F(C1 / 3.f);
-    p = p * t2 + F(C1);
-    return exponent + p * t;
+    return exponent + log2AtanhSeries((m - F(1.f)) * r);
 }
 
 /// 2^y; y is clamped to [-126, 127.4].

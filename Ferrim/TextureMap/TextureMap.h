@@ -157,9 +157,9 @@ private:
     using SampleTexture = Float4 (*)(Evaluator const& e, float u, float v, float du, float dv, bool filtered,
                                      TextureSampling::Addressing addressing);
     template <PixelFormat F, TextureSampling::Conversion C, InterpolationMode I>
-    FERRIM_TEXTURE_INTERNAL FERRIM_TEXTURE_FLATTEN static Float4 sampleTexture(Evaluator const& e, float u, float v, float du, float dv,
-                                                        bool filtered, TextureSampling::Addressing addressing);
-
+    FERRIM_TEXTURE_INTERNAL FERRIM_TEXTURE_FLATTEN static Float4 sampleTexture(Evaluator const& e, float u, float v,
+                                                                               float du, float dv, bool filtered,
+                                                                               TextureSampling::Addressing addressing);
 
     // The per-sample path, kept out of the library's exported symbols so that
     // calls inside it are direct and inlined.
