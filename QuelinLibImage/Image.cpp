@@ -98,7 +98,7 @@ namespace Detail {
 namespace {
 #if defined(__linux__)
 constexpr std::size_t HUGE_PAGE = std::size_t(2) << 20;
-/// From here up a block is mapped on its own: at most a quarter of its last huge page goes unused by the rounding.
+/// From here up a block is mapped on its own: rounding up to whole huge pages wastes under a quarter of it.
 constexpr std::size_t MAPPED_FROM = 4 * HUGE_PAGE;
 
 std::size_t mappedBytes(std::size_t bytes) { return (bytes + HUGE_PAGE - 1) / HUGE_PAGE * HUGE_PAGE; }
