@@ -1,6 +1,8 @@
 #include "Ferrim/TextureMap/TextureMap.h"
 
+#include <bit>
 #include <cmath>
+#include <cstring>
 #include <limits>
 
 #include "Ferrim/Ferrim.h"
@@ -219,34 +221,62 @@ Address addressOf(WrapMode mode) {
 
 bool isEnvironmentKind(ShadedKind kind) { return kind == ShadedKind::Environment || kind == ShadedKind::Background; }
 
-inline float clamp01(float x) { return x > 0.f ? (x < 1.f ? x : 1.f) : 0.f; }  // NaN gives 0
+/// max(x, 0), NaN giving 0: one instruction where the compiler would otherwise branch or blend.
+inline float positivePart(float x) {
+#if QUELIN_FLOAT4_SSE
+    return _mm_cvtss_f32(_mm_max_ss(_mm_set_ss(x), _mm_setzero_ps()));
+#else
+    return x > 0.f ? x : 0.f;
+#endif
+}
+
+/// NaN gives 0.
+inline float clamp01(float x) {
+    x = positivePart(x);
+    return x < 1.f ? x : 1.f;
+}
 
 /// Wraps one coordinate; false when a NoTiling axis leaves [0, 1]. NaN and
 /// infinities wrap to 0 in the tiling modes, as the UV mapper's own wrap does.
-inline bool wrapAxis(float& t, WrapMode mode) {
-    switch (mode) {
-    case WrapMode::NoTiling: return t >= 0.f && t <= 1.f;
-    case WrapMode::Repeat:
-        t -= std::floor(t);
-        if (!(t >= 0.f)) t = 0.f;
-        return true;
-    case WrapMode::Mirror: {
+/// Every mode leaves the coordinate in [0, 1].
+template <WrapMode M> inline bool wrapAxis(float& t) {
+    if constexpr (M == WrapMode::NoTiling) {
+        return t >= 0.f && t <= 1.f;
+    } else if constexpr (M == WrapMode::Repeat) {
+        t = positivePart(t - std::floor(t));  // NaN gives 0
+    } else if constexpr (M == WrapMode::Mirror) {
         // Period 2: forward over even tiles, reflected over odd ones.
         float const a = std::fabs(t);
         float const m = a - 2.f * std::floor(a * 0.5f), f = a - std::floor(a);
-        t = m >= 1.f ? 1.f - f : f;
-        if (!(t >= 0.f)) t = 0.f;
-        return true;
+        t = positivePart(m >= 1.f ? 1.f - f : f);  // NaN gives 0
+    } else {
+        t = clamp01(t);
     }
-    case WrapMode::Clamp: t = clamp01(t); return true;
-    }
-    Quelin::Detail::throwStopException("UvMapper", __LINE__);
+    return true;
+}
+
+/// Both axes for the wrap pair P = 4 U + V.
+template <int P> inline bool wrapBoth(float& u, float& v) {
+    // & and not &&: a NoTiling axis changes nothing, so both can always run.
+    return wrapAxis<WrapMode(P >> 2)>(u) & wrapAxis<WrapMode(P & 3)>(v);
 }
 
 RgbAlpha toRgbAlpha(Float4 c) {
+    static_assert(sizeof(RgbAlpha) == 4 * sizeof(float));
     float v[4];
     c.store(v);
-    return RgbAlpha(v[0], v[1], v[2], v[3]);
+    RgbAlpha out;
+    std::memcpy(&out, v, sizeof out);  // one store and two loads, no per-channel shuffles
+    return out;
+}
+
+/// Only float texels can hold an alpha above 1 (or a NaN, which min turns into the bound).
+template <PixelFormat F> inline Float4 boundAlpha(Float4 c) {
+    if constexpr (TextureSampling::Detail::isFloatFormat(F)) {
+        constexpr float INF = std::numeric_limits<float>::infinity();
+        return min(c, Float4(INF, INF, INF, 1.f));
+    }
+    return c;
 }
 
 } // namespace
@@ -262,45 +292,45 @@ inline void TextureMap::Evaluator::requireResident(int level) const {
         readBack(level);
 }
 
-// The level choice, its log2 and both level kernels in one routine.
+// Unfiltered lookups: level 0, of the format the routine is made for.
 template <PixelFormat F, Conversion C, InterpolationMode I>
 Float4 TextureMap::Evaluator::sampleTexture(Evaluator const& e, float u, float v, float du, float dv, bool filtered,
                                             Addressing addressing) {
+    if (filtered) return sampleFiltered<F, C, I>(e, u, v, du, dv, addressing);
+    e.requireResident(0);
+    Level const& l = e.mLevels[0];
+    return boundAlpha<F>(sample<F, C, I>(l.image->getData(), l.shape, u, v, addressing, e.mConversion));
+}
+
+// The level choice and the kernels of both levels in one routine.
+template <PixelFormat F, Conversion C, InterpolationMode I>
+[[gnu::noinline]] Float4 TextureMap::Evaluator::sampleFiltered(Evaluator const& e, float u, float v, float du,
+                                                               float dv, Addressing addressing) {
     auto const level = [&](int i) {
         Level const& l = e.mLevels[std::size_t(i)];
         if (l.likeFirst) [[likely]]
             return sample<F, C, I>(l.image->getData(), l.shape, u, v, addressing, e.mConversion);
         return l.sample(l.image->getData(), l.shape, u, v, addressing, e.mConversion);
     };
-    auto const blend = [&]() -> Float4 {
-        if (!filtered) {
-            e.requireResident(0);
-            return level(0);
-        }
-        float w = du < dv ? du : dv;
-        if (!(w >= 1e-8f)) w = 1e-8f;  // NaN too
-        float const lod = log2Approx(w) + e.mTopLevel;
-        if (lod <= 0.f) {
-            e.requireResident(0);
-            return level(0);
-        }
-        if (lod >= e.mTopLevel) {
-            int const top = int(e.mTopLevel);
-            e.requireResident(top);
-            return level(top);
-        }
-        int const i = int(lod);
-        float const f = lod - float(i);
-        e.requireResident(i);  // makes level i + 1 resident too
-        Float4 const a = level(i);
-        return a + (level(i + 1) - a) * Float4(f);
-    };
-    // Only float texels can hold an alpha above 1 (or a NaN, which min turns into the bound).
-    if constexpr (TextureSampling::Detail::isFloatFormat(F)) {
-        constexpr float INF = std::numeric_limits<float>::infinity();
-        return min(blend(), Float4(INF, INF, INF, 1.f));
+    float w = du < dv ? du : dv;
+    if (!(w >= 1e-8f)) w = 1e-8f;  // NaN too
+    // L = log2(w) + (n - 1): its whole part is w's exponent and its fraction
+    // the log2 of w's mantissa, so the levels are known without waiting for a
+    // logarithm; only the final blend does.
+    std::uint32_t const bits = std::bit_cast<std::uint32_t>(w);
+    int const whole = int(bits >> 23) - 127 + e.mTopLevel;
+    if (whole < 0) {  // L <= 0
+        e.requireResident(0);
+        return boundAlpha<F>(level(0));
     }
-    return blend();
+    if (whole >= e.mTopLevel) {
+        e.requireResident(e.mTopLevel);
+        return boundAlpha<F>(level(e.mTopLevel));
+    }
+    float const fraction = log2Approx(std::bit_cast<float>((bits & 0x007FFFFFu) | 0x3F800000u));  // [0, 1]
+    e.requireResident(whole);  // makes level whole + 1 resident too
+    Float4 const a = level(whole);
+    return boundAlpha<F>(a + (level(whole + 1) - a) * Float4(fraction));
 }
 
 TextureMap::Evaluator::Evaluator(SharedPtr<ImageTexture const> texture, SharedPtr<UvMapper const> uvMapper,
@@ -322,7 +352,11 @@ TextureMap::Evaluator::Evaluator(SharedPtr<ImageTexture const> texture, SharedPt
         mFootprintChannel = mUvMapper->getChannel();
     mWrapU = mUvMapper->getMapping().wrapU;
     mWrapV = mUvMapper->getMapping().wrapV;
-    mUvAddressing = {addressOf(mWrapU), addressOf(mWrapV)};
+    mUvAddressing = {addressOf(mWrapU), addressOf(mWrapV)};  // stops on an unknown mode
+    mWrapPair = 4 * int(mWrapU) + int(mWrapV);
+    if (settings.rgbOutput == RgbOutput::Alpha) mColorOutput = ColorOutput::AlphaAsGrey;
+    else if (settings.alphaSource == AlphaSource::RgbIntensity) mColorOutput = ColorOutput::AlphaFromMean;
+    else if (settings.alphaSource == AlphaSource::None) mColorOutput = ColorOutput::Opaque;
 
     ImageTexture const& t = *mTexture;
     if (!t.hasPixels() || t.getLevelCount() < 1) {
@@ -364,21 +398,22 @@ TextureMap::Evaluator::Evaluator(SharedPtr<ImageTexture const> texture, SharedPt
                        []<PixelFormat F, Conversion C, InterpolationMode I>() -> SampleTexture {
                            return &Evaluator::sampleTexture<F, C, I>;
                        });
-    mTopLevel = float(n - 1);
+    mTopLevel = n - 1;
     // The bump converter's smallest step is STEP_FRACTION times its scale: half a texel of level 0.
     Pixel const size = t.getLevel(0).getResolution();
     mBumpScale = 0.5f / (float(std::max(size.x, size.y)) * BumpConverterMap::STEP_FRACTION);
 }
 
 
-inline bool TextureMap::Evaluator::findWrapped(float u, float v, float du, float dv, bool filtered,
-                                                Addressing addressing, Float4& colour) const {
-    if (mLevels.empty()) return false;
+// u and v are in [0, 1], where the kernels read inside the level.
+inline TextureMap::Evaluator::Found TextureMap::Evaluator::findWrapped(float u, float v, float du, float dv,
+                                                                       bool filtered, Addressing addressing) const {
+    if (!mSample) return {};
     if (mSettings.cropEnabled) {
         Vector2 const ll = mSettings.cropLowerLeft, ur = mSettings.cropUpperRight;
         float const w = ur.x - ll.x, h = ur.y - ll.y;
         if (mSettings.cropMode == TransformationMode::Placement) {
-            if (!(u >= ll.x && u <= ur.x && v >= ll.y && v <= ur.y)) return false;
+            if (!(u >= ll.x && u <= ur.x && v >= ll.y && v <= ur.y)) return {};
             u = (u - ll.x) / w;
             v = (v - ll.y) / h;
             du /= std::fabs(w);
@@ -389,10 +424,24 @@ inline bool TextureMap::Evaluator::findWrapped(float u, float v, float du, float
             du *= std::fabs(w);
             dv *= std::fabs(h);
         }
+        // A rectangle reaching past the image, or rounding, may leave [0, 1].
+        u = clamp01(u);
+        v = clamp01(v);
     }
-    // Kernels read inside the level only for coordinates in [0, 1].
-    colour = mSample(*this, clamp01(u), clamp01(v), du, dv, filtered, addressing);
-    return true;
+    return {mSample(*this, u, v, du, dv, filtered, addressing), true};
+}
+
+inline bool TextureMap::Evaluator::wrap(float& u, float& v) const {
+    // One jump for both axes.
+    switch (mWrapPair) {
+    case 0: return wrapBoth<0>(u, v);   case 1: return wrapBoth<1>(u, v);   case 2: return wrapBoth<2>(u, v);
+    case 3: return wrapBoth<3>(u, v);   case 4: return wrapBoth<4>(u, v);   case 5: return wrapBoth<5>(u, v);
+    case 6: return wrapBoth<6>(u, v);   case 7: return wrapBoth<7>(u, v);   case 8: return wrapBoth<8>(u, v);
+    case 9: return wrapBoth<9>(u, v);   case 10: return wrapBoth<10>(u, v); case 11: return wrapBoth<11>(u, v);
+    case 12: return wrapBoth<12>(u, v); case 13: return wrapBoth<13>(u, v); case 14: return wrapBoth<14>(u, v);
+    case 15: return wrapBoth<15>(u, v);
+    }
+    Quelin::Detail::throwStopException("UvMapper", __LINE__);
 }
 
 inline bool TextureMap::Evaluator::usesEnvironment(IShadeContext const& context) const {
@@ -405,7 +454,7 @@ inline bool TextureMap::Evaluator::usesEnvironment(IShadeContext const& context)
 }
 
 // Kept out of line: the surface path below is flattened and should stay short.
-[[gnu::noinline]] bool TextureMap::Evaluator::findEnvironment(IShadeContext const& context, Float4& colour) const {
+[[gnu::noinline]] TextureMap::Evaluator::Found TextureMap::Evaluator::findEnvironment(IShadeContext const& context) const {
     bool const filtered = context.wantsFilteredLookup();
     EnvironmentMapping const mapping = mSettings.environmentMapping;
     Addressing addressing;
@@ -439,46 +488,49 @@ inline bool TextureMap::Evaluator::usesEnvironment(IShadeContext const& context)
         footprint = EnvironmentMappings::footprintPerRadian(mapping) * context.getPositionFootprint();
     }
     footprint = footprint * mSettings.blur;
-    return findWrapped(uv.x, uv.y, footprint.x, footprint.y, filtered, addressing, colour);
+    return findWrapped(clamp01(uv.x), clamp01(uv.y), footprint.x, footprint.y, filtered, addressing);
 }
 
-inline bool TextureMap::Evaluator::find(IShadeContext const& context, Float4& colour) const {
-    if (usesEnvironment(context)) return findEnvironment(context, colour);
+inline TextureMap::Evaluator::Found TextureMap::Evaluator::find(IShadeContext const& context) const {
+    return usesEnvironment(context) ? findEnvironment(context) : findSurface(context);
+}
+
+inline TextureMap::Evaluator::Found TextureMap::Evaluator::findSurface(IShadeContext const& context) const {
     bool const filtered = context.wantsFilteredLookup();
     Pos const uvw = mUvMapper->computeUvw(context);
     float u = uvw.x, v = uvw.y;
-    if (!wrapAxis(u, mWrapU) || !wrapAxis(v, mWrapV)) return false;
+    if (!wrap(u, v)) return {};
     Dir footprint;
     if (filtered) footprint = mFootprintChannel ? context.getDUvw(*mFootprintChannel) : mUvMapper->computeDUvw(context);
-    return findWrapped(u, v, footprint.x, footprint.y, filtered, mUvAddressing, colour);
+    return findWrapped(u, v, footprint.x, footprint.y, filtered, mUvAddressing);
 }
 
 Optional<RgbAlpha> TextureMap::Evaluator::lookup(IShadeContext const& context) const {
-    Float4 c;
-    if (!find(context, c)) return std::nullopt;
-    return toRgbAlpha(c);
+    Found const f = find(context);
+    if (!f.inside) return std::nullopt;
+    return toRgbAlpha(f.colour);
 }
 
 Optional<RgbAlpha> TextureMap::Evaluator::lookupWrapped(float u, float v, float du, float dv, bool filtered,
                                                         Addressing addressing) const {
-    Float4 c;
-    if (!findWrapped(u, v, du, dv, filtered, addressing, c)) return std::nullopt;
-    return toRgbAlpha(c);
+    Found const f = findWrapped(clamp01(u), clamp01(v), du, dv, filtered, addressing);
+    if (!f.inside) return std::nullopt;
+    return toRgbAlpha(f.colour);
 }
 
 inline RgbAlpha TextureMap::Evaluator::colorOutput(Float4 colour) const {
-    RgbAlpha const c = toRgbAlpha(colour);
-    switch (mSettings.rgbOutput) {
-    case RgbOutput::Alpha: return RgbAlpha(c.alpha, c.alpha, c.alpha, c.alpha);
-    case RgbOutput::Rgb: break;
-    default: Quelin::Detail::throwStopException(SOURCE, __LINE__);
+    if (mColorOutput != ColorOutput::Image) [[unlikely]] {
+        switch (mColorOutput) {
+        case ColorOutput::AlphaAsGrey: colour = Float4(colour[3]); break;
+        case ColorOutput::AlphaFromMean: {
+            RgbAlpha const c = toRgbAlpha(colour);
+            return RgbAlpha(c.r, c.g, c.b, channelMean(c.r, c.g, c.b));
+        }
+        case ColorOutput::Opaque: colour = select(asFloat4(Int4(0, 0, 0, -1)), Float4(1.f), colour); break;
+        case ColorOutput::Image: break;
+        }
     }
-    switch (mSettings.alphaSource) {
-    case AlphaSource::ImageAlpha: return c;
-    case AlphaSource::RgbIntensity: return RgbAlpha(c.r, c.g, c.b, channelMean(c.r, c.g, c.b));
-    case AlphaSource::None: return RgbAlpha(c.r, c.g, c.b, 1.f);
-    }
-    Quelin::Detail::throwStopException(SOURCE, __LINE__);
+    return toRgbAlpha(colour);
 }
 
 inline MonoAlpha TextureMap::Evaluator::monoOutput(Float4 colour) const {
@@ -490,16 +542,34 @@ inline MonoAlpha TextureMap::Evaluator::monoOutput(Float4 colour) const {
     Quelin::Detail::throwStopException(SOURCE, __LINE__);
 }
 
+inline RgbAlpha TextureMap::Evaluator::colorOf(Found const& found) const {
+    return found.inside ? colorOutput(found.colour) : RgbAlpha(0.f, 0.f, 0.f, 0.f);
+}
+
+inline MonoAlpha TextureMap::Evaluator::monoOf(Found const& found) const {
+    return found.inside ? monoOutput(found.colour) : MonoAlpha(0.f, 1.f);
+}
+
+// The environment lookups apart: merged with the surface path, the colour
+// would be passed through memory on both.
+[[gnu::noinline]] RgbAlpha TextureMap::Evaluator::environmentColor(IShadeContext const& context) const {
+    return colorOf(findEnvironment(context));
+}
+
+[[gnu::noinline]] MonoAlpha TextureMap::Evaluator::environmentMono(IShadeContext const& context) const {
+    return monoOf(findEnvironment(context));
+}
+
 RgbAlpha TextureMap::Evaluator::evalColor(IShadeContext const& context, MapCache*) const {
-    Float4 colour;
-    if (!find(context, colour)) return RgbAlpha(0.f, 0.f, 0.f, 0.f);
-    return colorOutput(colour);
+    if (usesEnvironment(context)) [[unlikely]]
+        return environmentColor(context);
+    return colorOf(findSurface(context));
 }
 
 MonoAlpha TextureMap::Evaluator::evalMono(IShadeContext const& context, MapCache*) const {
-    Float4 colour;
-    if (!find(context, colour)) return MonoAlpha(0.f, 1.f);
-    return monoOutput(colour);
+    if (usesEnvironment(context)) [[unlikely]]
+        return environmentMono(context);
+    return monoOf(findSurface(context));
 }
 
 Dir TextureMap::Evaluator::evalBump(IShadeContext const& context, MapCache*) const {

@@ -160,14 +160,30 @@ private:
     FERRIM_TEXTURE_INTERNAL FERRIM_TEXTURE_FLATTEN static Float4 sampleTexture(Evaluator const& e, float u, float v,
                                                                                float du, float dv, bool filtered,
                                                                                TextureSampling::Addressing addressing);
+    /// The filtered part of `sampleTexture`, apart so that unfiltered lookups
+    /// pay for none of its registers.
+    template <PixelFormat F, TextureSampling::Conversion C, InterpolationMode I>
+    FERRIM_TEXTURE_INTERNAL FERRIM_TEXTURE_FLATTEN static Float4 sampleFiltered(Evaluator const& e, float u, float v,
+                                                                                float du, float dv,
+                                                                                TextureSampling::Addressing addressing);
 
+    /// A lookup's colour with alpha, or a point outside the image. Returned by
+    /// value so that the colour stays in a register on the surface path.
+    struct Found {
+        Float4 colour;
+        bool inside = false;
+    };
     // The per-sample path, kept out of the library's exported symbols so that
     // calls inside it are direct and inlined.
-    // They give the colour with alpha in `colour` and false when the point is
-    // outside the image: no optional to build and unpack per sample.
-    FERRIM_TEXTURE_INTERNAL bool find(IShadeContext const& context, Float4& colour) const;
-    FERRIM_TEXTURE_INTERNAL bool findWrapped(float u, float v, float du, float dv, bool filtered,
-                                             TextureSampling::Addressing addressing, Float4& colour) const;
+    FERRIM_TEXTURE_INTERNAL Found find(IShadeContext const& context) const;
+    FERRIM_TEXTURE_INTERNAL Found findSurface(IShadeContext const& context) const;
+    FERRIM_TEXTURE_INTERNAL Found findWrapped(float u, float v, float du, float dv, bool filtered,
+                                              TextureSampling::Addressing addressing) const;
+    FERRIM_TEXTURE_INTERNAL bool wrap(float& u, float& v) const;
+    FERRIM_TEXTURE_INTERNAL RgbAlpha colorOf(Found const& found) const;
+    FERRIM_TEXTURE_INTERNAL MonoAlpha monoOf(Found const& found) const;
+    FERRIM_TEXTURE_INTERNAL RgbAlpha environmentColor(IShadeContext const& context) const;
+    FERRIM_TEXTURE_INTERNAL MonoAlpha environmentMono(IShadeContext const& context) const;
     FERRIM_TEXTURE_INTERNAL RgbAlpha colorOutput(Float4 colour) const;
     FERRIM_TEXTURE_INTERNAL MonoAlpha monoOutput(Float4 colour) const;
 
@@ -175,18 +191,22 @@ private:
     FERRIM_TEXTURE_INTERNAL void requireResident(int level) const;
     FERRIM_TEXTURE_INTERNAL void readBack(int level) const;
     FERRIM_TEXTURE_INTERNAL bool usesEnvironment(IShadeContext const& context) const;
-    FERRIM_TEXTURE_INTERNAL bool findEnvironment(IShadeContext const& context, Float4& colour) const;
+    FERRIM_TEXTURE_INTERNAL Found findEnvironment(IShadeContext const& context) const;
 
     SharedPtr<ImageTexture const> mTexture;
     SharedPtr<UvMapper const> mUvMapper;
     Settings mSettings;
     float mGamma = 1.f;
     Stack<Level> mLevels;   ///< empty when the texture has no pixels
-    SampleTexture mSample = nullptr;
-    float mTopLevel = 0.f;  ///< n - 1
+    SampleTexture mSample = nullptr;  ///< null when the texture has no pixels
+    int mTopLevel = 0;  ///< n - 1
     TextureSampling::TexelConversion mConversion;
     StaticArray<float, 256> mTable{};  ///< 8-bit table for exponents other than 2.2
     WrapMode mWrapU = WrapMode::Repeat, mWrapV = WrapMode::Repeat;
+    int mWrapPair = 0;  ///< 4 mWrapU + mWrapV: both axes wrapped by one switch
+    /// "rgbOutput" and "alphaSource" as one choice.
+    enum class ColorOutput : std::uint8_t { Image, AlphaAsGrey, AlphaFromMean, Opaque };
+    ColorOutput mColorOutput = ColorOutput::Image;
     TextureSampling::Addressing mUvAddressing;
     float mBumpScale = 1.f;  ///< the bump converter's scale: sets its smallest step
     /// A UV channel placed as it is: its footprint is the context's, read directly.
