@@ -292,26 +292,32 @@ inline void TextureMap::Evaluator::requireResident(int level) const {
         readBack(level);
 }
 
-// Unfiltered lookups: level 0, of the format the routine is made for.
+// Unfiltered lookups of resident textures: level 0, of the format the routine
+// is made for. The routine calls nothing, so it saves no registers.
 template <PixelFormat F, Conversion C, InterpolationMode I>
 Float4 TextureMap::Evaluator::sampleTexture(Evaluator const& e, float u, float v, float du, float dv, bool filtered,
                                             Addressing addressing) {
-    if (filtered) return sampleFiltered<F, C, I>(e, u, v, du, dv, addressing);
-    e.requireResident(0);
+    if (filtered || e.mTexture->getOffloadedCount() > 0) [[unlikely]]
+        return sampleGeneral<F, C, I>(e, u, v, du, dv, filtered, addressing);
     Level const& l = e.mLevels[0];
     return boundAlpha<F>(sample<F, C, I>(l.image->getData(), l.shape, u, v, addressing, e.mConversion));
 }
 
-// The level choice and the kernels of both levels in one routine.
+// The level choice, reading back and the kernels of both levels in one routine.
 template <PixelFormat F, Conversion C, InterpolationMode I>
-[[gnu::noinline]] Float4 TextureMap::Evaluator::sampleFiltered(Evaluator const& e, float u, float v, float du,
-                                                               float dv, Addressing addressing) {
+[[gnu::noinline]] Float4 TextureMap::Evaluator::sampleGeneral(Evaluator const& e, float u, float v, float du,
+                                                              float dv, bool filtered, Addressing addressing) {
     auto const level = [&](int i) {
         Level const& l = e.mLevels[std::size_t(i)];
         if (l.likeFirst) [[likely]]
             return sample<F, C, I>(l.image->getData(), l.shape, u, v, addressing, e.mConversion);
         return l.sample(l.image->getData(), l.shape, u, v, addressing, e.mConversion);
     };
+    auto const single = [&](int i) {
+        e.requireResident(i);
+        return boundAlpha<F>(level(i));
+    };
+    if (!filtered) return single(0);
     float w = du < dv ? du : dv;
     if (!(w >= 1e-8f)) w = 1e-8f;  // NaN too
     // L = log2(w) + (n - 1): its whole part is w's exponent and its fraction
@@ -319,14 +325,8 @@ template <PixelFormat F, Conversion C, InterpolationMode I>
     // logarithm; only the final blend does.
     std::uint32_t const bits = std::bit_cast<std::uint32_t>(w);
     int const whole = int(bits >> 23) - 127 + e.mTopLevel;
-    if (whole < 0) {  // L <= 0
-        e.requireResident(0);
-        return boundAlpha<F>(level(0));
-    }
-    if (whole >= e.mTopLevel) {
-        e.requireResident(e.mTopLevel);
-        return boundAlpha<F>(level(e.mTopLevel));
-    }
+    if (whole < 0) return single(0);  // L <= 0
+    if (whole >= e.mTopLevel) return single(e.mTopLevel);
     float const fraction = log2Approx(std::bit_cast<float>((bits & 0x007FFFFFu) | 0x3F800000u));  // [0, 1]
     e.requireResident(whole);  // makes level whole + 1 resident too
     Float4 const a = level(whole);

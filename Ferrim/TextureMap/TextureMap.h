@@ -160,12 +160,13 @@ private:
     FERRIM_TEXTURE_INTERNAL FERRIM_TEXTURE_FLATTEN static Float4 sampleTexture(Evaluator const& e, float u, float v,
                                                                                float du, float dv, bool filtered,
                                                                                TextureSampling::Addressing addressing);
-    /// The filtered part of `sampleTexture`, apart so that unfiltered lookups
-    /// pay for none of its registers.
+    /// What `sampleTexture` leaves to a routine of its own, so that the common
+    /// lookup pays for none of its registers: filtered lookups and levels to
+    /// read back.
     template <PixelFormat F, TextureSampling::Conversion C, InterpolationMode I>
-    FERRIM_TEXTURE_INTERNAL FERRIM_TEXTURE_FLATTEN static Float4 sampleFiltered(Evaluator const& e, float u, float v,
-                                                                                float du, float dv,
-                                                                                TextureSampling::Addressing addressing);
+    FERRIM_TEXTURE_INTERNAL FERRIM_TEXTURE_FLATTEN static Float4 sampleGeneral(Evaluator const& e, float u, float v,
+                                                                               float du, float dv, bool filtered,
+                                                                               TextureSampling::Addressing addressing);
 
     /// A lookup's colour with alpha, or a point outside the image. Returned by
     /// value so that the colour stays in a register on the surface path.
@@ -201,7 +202,7 @@ private:
     SampleTexture mSample = nullptr;  ///< null when the texture has no pixels
     int mTopLevel = 0;  ///< n - 1
     TextureSampling::TexelConversion mConversion;
-    StaticArray<float, 256> mTable{};  ///< 8-bit table for exponents other than 2.2
+    TextureSampling::Table8 mTable{};  ///< 8-bit table for exponents other than 2.2
     WrapMode mWrapU = WrapMode::Repeat, mWrapV = WrapMode::Repeat;
     int mWrapPair = 0;  ///< 4 mWrapU + mWrapV: both axes wrapped by one switch
     /// "rgbOutput" and "alphaSource" as one choice.

@@ -4,21 +4,32 @@
 
 namespace Quelin::TextureSampling {
 
+namespace {
+
+/// Alpha as the kernels without a table compute it: i times 1/255.
+void fillAlpha(Table8& t) {
+    for (int i = 0; i < 256; ++i) t[std::size_t(256 + i)] = float(i) * (1.f / 255.f);
+}
+
+} // namespace
+
 float const* gamma22Table() {
-    static StaticArray<float, 256> const sTable = [] {
-        StaticArray<float, 256> t{};
+    static Table8 const sTable = [] {
+        Table8 t{};
         for (int i = 0; i < 256; ++i) t[std::size_t(i)] = float(std::pow(double(i) / 255.0, 2.2));
+        fillAlpha(t);
         return t;
     }();
     return sTable.data();
 }
 
-StaticArray<float, 256> makeTable8(float power) {
-    StaticArray<float, 256> t{};
+Table8 makeTable8(float power) {
+    Table8 t{};
     for (int i = 0; i < 256; ++i) {
         float const x = float(i) / 255.f;
         t[std::size_t(i)] = power == 1.f ? x : float(std::pow(double(x), double(power)));
     }
+    fillAlpha(t);
     return t;
 }
 

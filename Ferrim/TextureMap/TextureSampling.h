@@ -22,7 +22,8 @@
 //
 // Conversion to linear light, per texel and before filtering:
 // - Table8: 8-bit channels through a 256-entry table (the fixed (i/255)^2.2
-//   table, or one made for another exponent when the evaluator is built);
+//   table, or one made for another exponent when the evaluator is built),
+//   8-bit alpha through the 256 entries i/255 that follow it;
 // - None: the stored value (integer channels scaled to [0, 1]);
 // - Power: sign(x) |x|^p (16-bit, float and shared-exponent texels).
 // Alpha is never converted.
@@ -64,16 +65,20 @@ struct LevelShape {
 
 enum class Conversion : std::uint8_t { Table8, None, Power };
 
+/// The colour table of 8-bit texels (entries 0 to 255) and their alpha table
+/// (256 + i is i / 255): one base address for both.
+using Table8 = StaticArray<float, 512>;
+
 /// Per-evaluator parameters of the texel conversion.
 struct TexelConversion {
-    float const* table = nullptr;  ///< 256 entries, Table8 only
+    float const* table = nullptr;  ///< a Table8, Table8 conversion only
     float power = 1.f;             ///< Power only
 };
 
 /// The fixed table of 8-bit texels: entry i is (i / 255)^2.2, a pure power law.
 FERRIM_EXPORT float const* gamma22Table();
-/// A 256-entry table of (i / 255)^p (i / 255 itself for p = 1).
-FERRIM_EXPORT StaticArray<float, 256> makeTable8(float power);
+/// A table of (i / 255)^p (i / 255 itself for p = 1).
+FERRIM_EXPORT Table8 makeTable8(float power);
 
 /// A kernel: the filtered, converted colour with alpha (r, g, b, a) at (u, v)
 /// in [0, 1]^2 of one level.
@@ -118,14 +123,6 @@ constexpr int bytesOf(PixelFormat f) {
 
 inline float u8(std::byte b) { return float(std::to_integer<unsigned>(b)); }
 
-/// i / 255 as the kernels compute it, for 8-bit alpha beside table-converted
-/// colour: one load instead of a conversion and a multiply.
-inline constexpr auto UNIT8 = [] {
-    StaticArray<float, 256> t{};
-    for (int i = 0; i < 256; ++i) t[std::size_t(i)] = float(i) * (1.f / 255.f);
-    return t;
-}();
-
 /// sign(x) |x|^p on the colour lanes; the alpha lane is kept.
 inline Float4 signedPower(Float4 x, float p) {
     Float4 const sign = x & Float4(-0.f);
@@ -151,10 +148,10 @@ template <PixelFormat F, Conversion C> inline Float4 texel(std::byte const* p, T
             float const* t = cv.table;
             unsigned const c0 = std::to_integer<unsigned>(p[0]);
             if constexpr (N == 1) return Float4(t[c0], t[c0], t[c0], 1.f);
-            if constexpr (N == 2) return Float4(t[c0], t[c0], t[c0], UNIT8[std::to_integer<unsigned>(p[1])]);
+            if constexpr (N == 2) return Float4(t[c0], t[c0], t[c0], t[256 + std::to_integer<unsigned>(p[1])]);
             unsigned const c1 = std::to_integer<unsigned>(p[1]), c2 = std::to_integer<unsigned>(p[2]);
             if constexpr (N == 3) return Float4(t[c0], t[c1], t[c2], 1.f);
-            if constexpr (N == 4) return Float4(t[c0], t[c1], t[c2], UNIT8[std::to_integer<unsigned>(p[3])]);
+            if constexpr (N == 4) return Float4(t[c0], t[c1], t[c2], t[256 + std::to_integer<unsigned>(p[3])]);
         } else {
             if constexpr (N == 1) raw = Float4(u8(p[0]) * INV255, u8(p[0]) * INV255, u8(p[0]) * INV255, 1.f);
             if constexpr (N == 2) raw = Float4(u8(p[0]) * INV255, u8(p[0]) * INV255, u8(p[0]) * INV255, u8(p[1]) * INV255);
