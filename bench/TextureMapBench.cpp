@@ -192,16 +192,23 @@ void TextureBilinearWindowOiio(benchmark::State& s) { runPeer(s, windowPoints(),
 void TextureTrilinearWindowOiio(benchmark::State& s) { runPeer(s, windowPoints(), TRILINEAR_FOOTPRINT); }
 void TextureBilinearWholeOiio(benchmark::State& s) { runPeer(s, wholePoints(), 0.f); }
 
-// Short runs, repeated: the ratios take the fastest of each (see BenchRatios.h).
-constexpr int REPETITIONS = 5;
-BENCHMARK(TextureBilinearWindow)->Repetitions(REPETITIONS);
-BENCHMARK(TextureBilinearWindowOiio)->Repetitions(REPETITIONS);
-BENCHMARK(TextureTrilinearWindow)->Repetitions(REPETITIONS);
-BENCHMARK(TextureTrilinearWindowOiio)->Repetitions(REPETITIONS);
-BENCHMARK(TextureBilinearWhole)->Repetitions(REPETITIONS);
-BENCHMARK(TextureBilinearWholeOiio)->Repetitions(REPETITIONS);
+// Many short runs: the ratios take the fastest of each (see BenchRatios.h),
+// and on a shared machine short runs are likelier to miss a disturbance.
+constexpr int REPETITIONS = 15;
+constexpr double RUN_SECONDS = 0.1;
+BENCHMARK(TextureBilinearWindow)->Repetitions(REPETITIONS)->MinTime(RUN_SECONDS);
+BENCHMARK(TextureBilinearWindowOiio)->Repetitions(REPETITIONS)->MinTime(RUN_SECONDS);
+BENCHMARK(TextureTrilinearWindow)->Repetitions(REPETITIONS)->MinTime(RUN_SECONDS);
+BENCHMARK(TextureTrilinearWindowOiio)->Repetitions(REPETITIONS)->MinTime(RUN_SECONDS);
+BENCHMARK(TextureBilinearWhole)->Repetitions(REPETITIONS)->MinTime(RUN_SECONDS);
+BENCHMARK(TextureBilinearWholeOiio)->Repetitions(REPETITIONS)->MinTime(RUN_SECONDS);
 // One thread and all threads, both in real time: the speed-up is their ratio.
-BENCHMARK(TextureTrilinearWindowThreads)->Threads(1)->Threads(threadCount())->UseRealTime()->Repetitions(REPETITIONS);
+BENCHMARK(TextureTrilinearWindowThreads)
+    ->Threads(1)
+    ->Threads(threadCount())
+    ->UseRealTime()
+    ->Repetitions(REPETITIONS)
+    ->MinTime(RUN_SECONDS);
 
 bool const sContext = [] {
     benchmark::AddCustomContext("OpenImageIO", OIIO_VERSION_STRING);
