@@ -330,24 +330,11 @@ Dir UvMapper::computeDUvw(IShadeContext const& context) const {
 }
 
 float wrapCoordinate(float x, WrapMode mode, bool& inside) {
-    // The largest float below 1: frac of a tiny negative value must stay in [0, 1).
-    constexpr float BELOW_ONE = 0.99999994f;
     switch (mode) {
-    case WrapMode::NoTiling:
-        if (!(x >= 0.f && x <= 1.f)) inside = false;
-        return x;
-    case WrapMode::Repeat: {
-        float const r = x - std::floor(x);
-        if (r >= 0.f && r < 1.f) return r;
-        return r >= 1.f ? BELOW_ONE : 0.f;  // NaN and infinities land on 0
-    }
-    case WrapMode::Mirror: {
-        // Period 2: forward over [0, 1], reflected over [1, 2].
-        float t = x - 2.f * std::floor(x * 0.5f);
-        if (!(t < 2.f)) t = 0.f;
-        return t <= 1.f ? t : 2.f - t;
-    }
-    case WrapMode::Clamp: return x > 0.f ? (x < 1.f ? x : 1.f) : 0.f;  // NaN gives 0
+    case WrapMode::NoTiling: return wrapCoordinate<WrapMode::NoTiling>(x, inside);
+    case WrapMode::Repeat: return wrapCoordinate<WrapMode::Repeat>(x, inside);
+    case WrapMode::Mirror: return wrapCoordinate<WrapMode::Mirror>(x, inside);
+    case WrapMode::Clamp: return wrapCoordinate<WrapMode::Clamp>(x, inside);
     }
     inside = false;
     return x;

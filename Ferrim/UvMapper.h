@@ -42,6 +42,8 @@
 // Bump frames: a Matrix33 whose columns are dP/du, dP/dv and the normal. It
 // maps a UV-space gradient (du, dv, 0) to the world perturbation
 // du * dP/du + dv * dP/dv.
+#include <cmath>
+
 #include "Ferrim/IMap.h"
 
 namespace Quelin {
@@ -164,5 +166,29 @@ private:
 
 /// Wrap one coordinate; `inside` is cleared for NoTiling outside [0, 1].
 FERRIM_EXPORT float wrapCoordinate(float x, WrapMode mode, bool& inside);
+
+/// The same for a mode known when the caller is compiled (per-sample code
+/// that resolves its modes once).
+template <WrapMode M> inline float wrapCoordinate(float x, bool& inside) {
+    if constexpr (M == WrapMode::NoTiling) {
+        if (!(x >= 0.f && x <= 1.f)) inside = false;
+        return x;
+    } else if constexpr (M == WrapMode::Repeat) {
+        // The largest float below 1: frac of a tiny negative value must stay in [0, 1).
+        constexpr float BELOW_ONE = 0.99999994f;
+        float const r = x - std::floor(x);
+        if (r >= 0.f && r < 1.f) [[likely]]
+            return r;
+        return r >= 1.f ? BELOW_ONE : 0.f;  // NaN and infinities land on 0
+    } else if constexpr (M == WrapMode::Mirror) {
+        // Period 2: forward over [0, 1], reflected over [1, 2].
+        float t = x - 2.f * std::floor(x * 0.5f);
+        if (!(t < 2.f)) [[unlikely]]
+            t = 0.f;
+        return t <= 1.f ? t : 2.f - t;
+    } else {
+        return x > 0.f ? (x < 1.f ? x : 1.f) : 0.f;  // NaN gives 0
+    }
+}
 
 } // namespace Quelin

@@ -221,44 +221,19 @@ Address addressOf(WrapMode mode) {
 
 bool isEnvironmentKind(ShadedKind kind) { return kind == ShadedKind::Environment || kind == ShadedKind::Background; }
 
-/// max(x, 0), NaN giving 0: one instruction where the compiler would otherwise branch or blend.
-inline float positivePart(float x) {
-#if QUELIN_FLOAT4_SSE
-    return _mm_cvtss_f32(_mm_max_ss(_mm_set_ss(x), _mm_setzero_ps()));
-#else
-    return x > 0.f ? x : 0.f;
-#endif
-}
-
 /// NaN gives 0.
 inline float clamp01(float x) {
-    x = positivePart(x);
-    return x < 1.f ? x : 1.f;
+    bool inside = true;
+    return wrapCoordinate<WrapMode::Clamp>(x, inside);
 }
 
-/// Wraps one coordinate; false when a NoTiling axis leaves [0, 1]. NaN and
-/// infinities wrap to 0 in the tiling modes, as the UV mapper's own wrap does.
-/// Every mode leaves the coordinate in [0, 1].
-template <WrapMode M> inline bool wrapAxis(float& t) {
-    if constexpr (M == WrapMode::NoTiling) {
-        return t >= 0.f && t <= 1.f;
-    } else if constexpr (M == WrapMode::Repeat) {
-        t = positivePart(t - std::floor(t));  // NaN gives 0
-    } else if constexpr (M == WrapMode::Mirror) {
-        // Period 2: forward over even tiles, reflected over odd ones.
-        float const a = std::fabs(t);
-        float const m = a - 2.f * std::floor(a * 0.5f), f = a - std::floor(a);
-        t = positivePart(m >= 1.f ? 1.f - f : f);  // NaN gives 0
-    } else {
-        t = clamp01(t);
-    }
-    return true;
-}
-
-/// Both axes for the wrap pair P = 4 U + V.
+/// Both axes by the wrap pair P = 4 U + V; false when a NoTiling axis leaves
+/// [0, 1]. Every mode leaves the coordinate in [0, 1].
 template <int P> inline bool wrapBoth(float& u, float& v) {
-    // & and not &&: a NoTiling axis changes nothing, so both can always run.
-    return wrapAxis<WrapMode(P >> 2)>(u) & wrapAxis<WrapMode(P & 3)>(v);
+    bool inside = true;
+    u = wrapCoordinate<WrapMode(P >> 2)>(u, inside);
+    v = wrapCoordinate<WrapMode(P & 3)>(v, inside);
+    return inside;
 }
 
 RgbAlpha toRgbAlpha(Float4 c) {
