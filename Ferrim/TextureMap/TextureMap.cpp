@@ -325,10 +325,9 @@ TextureMap::Evaluator::Evaluator(SharedPtr<ImageTexture const> texture, SharedPt
     checkRange(int(settings.environmentMode), 3);
     if (mUvMapper->getMappingMode() == UvMappingMode::UvChannel && mUvMapper->getTransform() == AffineTm::identity())
         mFootprintChannel = mUvMapper->getChannel();
-    mWrapU = mUvMapper->getMapping().wrapU;
-    mWrapV = mUvMapper->getMapping().wrapV;
-    mUvAddressing = {addressOf(mWrapU), addressOf(mWrapV)};  // stops on an unknown mode
-    mWrapPair = 4 * int(mWrapU) + int(mWrapV);
+    WrapMode const wrapU = mUvMapper->getMapping().wrapU, wrapV = mUvMapper->getMapping().wrapV;
+    mUvAddressing = {addressOf(wrapU), addressOf(wrapV)};  // stops on an unknown mode
+    mWrapPair = 4 * int(wrapU) + int(wrapV);
     if (settings.rgbOutput == RgbOutput::Alpha) mColorOutput = ColorOutput::AlphaAsGrey;
     else if (settings.alphaSource == AlphaSource::RgbIntensity) mColorOutput = ColorOutput::AlphaFromMean;
     else if (settings.alphaSource == AlphaSource::None) mColorOutput = ColorOutput::Opaque;

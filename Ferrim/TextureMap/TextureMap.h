@@ -203,8 +203,7 @@ private:
     int mTopLevel = 0;  ///< n - 1
     TextureSampling::TexelConversion mConversion;
     TextureSampling::Table8 mTable{};  ///< 8-bit table for exponents other than 2.2
-    WrapMode mWrapU = WrapMode::Repeat, mWrapV = WrapMode::Repeat;
-    int mWrapPair = 0;  ///< 4 mWrapU + mWrapV: both axes wrapped by one switch
+    int mWrapPair = 0;  ///< 4 wrapU + wrapV of the mapper: both axes wrapped by one switch
     /// "rgbOutput" and "alphaSource" as one choice.
     enum class ColorOutput : std::uint8_t { Image, AlphaAsGrey, AlphaFromMean, Opaque };
     ColorOutput mColorOutput = ColorOutput::Image;

@@ -75,7 +75,7 @@ struct TexelConversion {
     float power = 1.f;             ///< Power only
 };
 
-/// The fixed table of 8-bit texels: entry i is (i / 255)^2.2, a pure power law.
+/// The fixed Table8: colour entry i is (i / 255)^2.2, a pure power law.
 FERRIM_EXPORT float const* gamma22Table();
 /// A table of (i / 255)^p (i / 255 itself for p = 1).
 FERRIM_EXPORT Table8 makeTable8(float power);
