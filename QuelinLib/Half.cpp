@@ -3,17 +3,8 @@
 #include <bit>
 #include <cstring>
 
+#include "QuelinLib/HalfF16c.h"
 #include "QuelinLib/WideIsa.h"
-
-#if (defined(__GNUC__) || defined(__clang__)) && (defined(__x86_64__) || defined(__i386__))
-#define QUELIN_HALF_F16C 1
-#include <immintrin.h>
-#define QUELIN_TARGET_F16C __attribute__((target("avx,f16c")))
-#elif defined(_MSC_VER) && defined(_M_X64)
-#define QUELIN_HALF_F16C 1
-#include <immintrin.h>
-#define QUELIN_TARGET_F16C
-#endif
 
 namespace Quelin {
 

@@ -1,27 +1,15 @@
 #include "Ferrim/SkyMap/HalfConversion.h"
-#include "QuelinLib/WideIsa.h"
-#include <bit>
-#include <cstdint>
+#include "QuelinLib/HalfF16c.h"
 #include <cstring>
-
-#if (defined(__GNUC__) || defined(__clang__)) && (defined(__x86_64__) || defined(__i386__))
-#define FERRIM_HALF_F16C 1
-#include <immintrin.h>
-#define FERRIM_TARGET_F16C __attribute__((target("avx,f16c")))
-#elif defined(_MSC_VER) && defined(_M_X64)
-#define FERRIM_HALF_F16C 1
-#include <immintrin.h>
-#define FERRIM_TARGET_F16C
-#endif
 
 namespace Quelin {
 
 namespace {
 
-#if FERRIM_HALF_F16C
+#if QUELIN_HALF_F16C
 /// Nine rows, eight columns at a time: the first eight rows are transposed in
 /// registers and stored as one vector per column, the ninth goes one by one.
-FERRIM_TARGET_F16C inline void convertNineColumnsF16c(std::byte const* source, std::size_t rowStride,
+QUELIN_TARGET_F16C inline void convertNineColumnsF16c(std::byte const* source, std::size_t rowStride,
                                                       float const* rowScales, float* out) {
     __m256 r[9];
     for (int row = 0; row < 9; ++row) {
@@ -49,7 +37,7 @@ FERRIM_TARGET_F16C inline void convertNineColumnsF16c(std::byte const* source, s
     }
 }
 
-FERRIM_TARGET_F16C void convertNineRowsF16c(std::byte const* source, std::size_t rowStride, std::size_t count,
+QUELIN_TARGET_F16C void convertNineRowsF16c(std::byte const* source, std::size_t rowStride, std::size_t count,
                                             float const* rowScales, float* destination) {
     std::size_t j = 0;
     for (; j + 8 <= count; j += 8)
@@ -66,7 +54,6 @@ FERRIM_TARGET_F16C void convertNineRowsF16c(std::byte const* source, std::size_t
     std::memcpy(destination + j * 9, out, rest * 9 * sizeof(float));
 }
 
-bool const sHasF16c = hasHalfConversionInstructions();
 #endif
 
 } // namespace
@@ -90,8 +77,8 @@ void convertHalvesInterleavedPortable(void const* source, std::size_t rowStrideB
 
 void convertHalvesInterleaved(void const* source, std::size_t rowStrideBytes, int rows, std::size_t count,
                               float const* rowScales, float* destination) {
-#if FERRIM_HALF_F16C
-    if (sHasF16c && rows == 9) {
+#if QUELIN_HALF_F16C
+    if (Detail::usesHardwareHalfConversion() && rows == 9) {
         convertNineRowsF16c(static_cast<std::byte const*>(source), rowStrideBytes, count, rowScales, destination);
         return;
     }
