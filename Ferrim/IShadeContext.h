@@ -5,6 +5,8 @@
 #include "Ferrim/Export.h"
 #include "QuelinLib/Types.h"
 
+#include <span>
+
 namespace Quelin {
 
 /// What kind of ray reached the shading point.
@@ -16,6 +18,22 @@ enum class ShadedKind : std::uint32_t { Surface = 0, Volume, Environment, Backgr
 
 /// Flags of `getUvw`.
 enum class UvwFlag : std::uint32_t { None = 0, NoWrap = 0x1 };
+
+/// A named value the renderer attaches to an object (a user property).
+using UserPropertyValue = Variant<float, Rgb, String>;
+
+/// The first surface a traced ray meets.
+struct SceneHit {
+    float distance = 0.0f; ///< along the ray, in world units
+    Dir normal;            ///< shading normal at the hit, world space, facing the ray's origin
+    int objectId = 0;
+};
+
+/// The triangle the shading point lies on.
+struct ShadedTriangle {
+    StaticArray<Pos, 3> corners; ///< world space
+    Pos barycentrics;            ///< weights of the three corners at the shading point
+};
 
 /// The renderer's description of one shading point. All answers are const;
 /// a context belongs to one thread and one point.
@@ -69,6 +87,22 @@ public:
     /// excluded stages, gives `color` back.
     virtual Rgb colorUnMap(Rgb const& color, Flags<ColorMappingExclude> exclude) const = 0;
     virtual String const& getMaterialName() const = 0;
+    /// A named value of the shaded object; empty when the object has none.
+    virtual Optional<UserPropertyValue> getUserProperty(StringView name) const = 0;
+
+    // Scene queries, answered by the renderer from its acceleration structure.
+    // Maps bound their own work (sample counts, distances); an empty answer
+    // means nothing was found within `maxDistance` (or the renderer cannot say).
+    /// Distance to the first surface along the ray.
+    virtual Optional<float> traceOcclusion(PrecisePos const& origin, Dir const& direction, float maxDistance) const = 0;
+    /// The first surface along the ray, with its normal and object.
+    virtual Optional<SceneHit> traceNearest(PrecisePos const& origin, Dir const& direction, float maxDistance) const = 0;
+    /// The triangle under the shading point, for maps that draw its edges.
+    virtual Optional<ShadedTriangle> getTriangle() const = 0;
+    /// Distance from `point` to the nearest surface of the objects in
+    /// `objectIds` (every object when empty).
+    virtual Optional<float> findNearestObjectDistance(PrecisePos const& point, float maxDistance,
+                                                      std::span<int const> objectIds) const = 0;
 };
 
 /// A context that knows nothing: unset markers everywhere.
@@ -106,6 +140,12 @@ public:
     Rgb getVertexColor(int channel) const override;
     Rgb colorUnMap(Rgb const& color, Flags<ColorMappingExclude> exclude) const override;
     String const& getMaterialName() const override;
+    Optional<UserPropertyValue> getUserProperty(StringView name) const override;
+    Optional<float> traceOcclusion(PrecisePos const& origin, Dir const& direction, float maxDistance) const override;
+    Optional<SceneHit> traceNearest(PrecisePos const& origin, Dir const& direction, float maxDistance) const override;
+    Optional<ShadedTriangle> getTriangle() const override;
+    Optional<float> findNearestObjectDistance(PrecisePos const& point, float maxDistance,
+                                              std::span<int const> objectIds) const override;
 };
 
 /// Forwards every operation to a parent; subclasses override single answers.
@@ -154,6 +194,18 @@ public:
         return mParent.colorUnMap(color, exclude);
     }
     String const& getMaterialName() const override { return mParent.getMaterialName(); }
+    Optional<UserPropertyValue> getUserProperty(StringView name) const override { return mParent.getUserProperty(name); }
+    Optional<float> traceOcclusion(PrecisePos const& origin, Dir const& direction, float maxDistance) const override {
+        return mParent.traceOcclusion(origin, direction, maxDistance);
+    }
+    Optional<SceneHit> traceNearest(PrecisePos const& origin, Dir const& direction, float maxDistance) const override {
+        return mParent.traceNearest(origin, direction, maxDistance);
+    }
+    Optional<ShadedTriangle> getTriangle() const override { return mParent.getTriangle(); }
+    Optional<float> findNearestObjectDistance(PrecisePos const& point, float maxDistance,
+                                              std::span<int const> objectIds) const override {
+        return mParent.findNearestObjectDistance(point, maxDistance, objectIds);
+    }
 
 private:
     IShadeContext const& mParent;

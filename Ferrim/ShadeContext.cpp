@@ -59,4 +59,13 @@ Matrix33 OverridableUvwShadeContext::getBumpBase(int uvChannel) const {
     return UvMapper::bumpBaseFromTangents(getParent().getNormal(), mDpDu, mDpDv);
 }
 
+// A context without a scene finds nothing, so maps give their "nothing found" result.
+Optional<UserPropertyValue> NullShadeContext::getUserProperty(StringView) const { return std::nullopt; }
+Optional<float> NullShadeContext::traceOcclusion(PrecisePos const&, Dir const&, float) const { return std::nullopt; }
+Optional<SceneHit> NullShadeContext::traceNearest(PrecisePos const&, Dir const&, float) const { return std::nullopt; }
+Optional<ShadedTriangle> NullShadeContext::getTriangle() const { return std::nullopt; }
+Optional<float> NullShadeContext::findNearestObjectDistance(PrecisePos const&, float, std::span<int const>) const {
+    return std::nullopt;
+}
+
 } // namespace Quelin

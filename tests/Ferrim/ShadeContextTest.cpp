@@ -63,6 +63,22 @@ public:
         return color * 2.f;
     }
     String const& getMaterialName() const override { return name; }
+    Optional<UserPropertyValue> getUserProperty(StringView key) const override {
+        return UserPropertyValue(String(key) + "!");
+    }
+    Optional<float> traceOcclusion(PrecisePos const& o, Dir const& d, float maxDistance) const override {
+        return float(o.x) + d.y + maxDistance;
+    }
+    Optional<SceneHit> traceNearest(PrecisePos const& o, Dir const& d, float maxDistance) const override {
+        return SceneHit{float(o.y) + maxDistance, d, 5};
+    }
+    Optional<ShadedTriangle> getTriangle() const override {
+        return ShadedTriangle{{Pos(0, 0, 0), Pos(1, 0, 0), Pos(0, 1, 0)}, Pos(0.2f, 0.3f, 0.5f)};
+    }
+    Optional<float> findNearestObjectDistance(PrecisePos const& p, float maxDistance,
+                                              std::span<int const> ids) const override {
+        return float(p.z) + maxDistance + float(ids.size());
+    }
 
 private:
     static AffineTm translation(int axis, float d) {
@@ -103,6 +119,27 @@ TEST(OverridableShadeContextTest, EveryOperationForwardsUnchanged) {
     exclude.set(ColorMappingExclude::WhiteBalance).set(ColorMappingExclude::Lut);
     EXPECT_EQ(wrapper.colorUnMap(Rgb(0.1f, 0.2f, 0.3f), exclude), Rgb(0.2f, 0.4f, 0.6f));
     EXPECT_TRUE(parent.lastExclude == exclude);
+
+    // Scene queries: every argument shows in the parent's answer.
+    EXPECT_EQ(wrapper.getUserProperty("tag"), Optional<UserPropertyValue>(String("tag!")));
+    EXPECT_EQ(wrapper.traceOcclusion(PrecisePos(2, 0, 0), Dir(0, 3, 0), 4.f), 9.f);
+    auto const hit = wrapper.traceNearest(PrecisePos(0, 1, 0), Dir(0, 0, 1), 2.f);
+    ASSERT_TRUE(hit);
+    EXPECT_EQ(hit->distance, 3.f);
+    EXPECT_EQ(hit->normal, Dir(0, 0, 1));
+    EXPECT_EQ(hit->objectId, 5);
+    ASSERT_TRUE(wrapper.getTriangle());
+    EXPECT_EQ(wrapper.getTriangle()->barycentrics, Pos(0.2f, 0.3f, 0.5f));
+    int const ids[] = {1, 2};
+    EXPECT_EQ(wrapper.findNearestObjectDistance(PrecisePos(0, 0, 1), 1.f, ids), 4.f);
+
+    // A context without a scene finds nothing.
+    NullShadeContext none;
+    EXPECT_FALSE(none.getUserProperty("tag"));
+    EXPECT_FALSE(none.traceOcclusion(PrecisePos(0, 0, 0), Dir(0, 0, 1), 1.f));
+    EXPECT_FALSE(none.traceNearest(PrecisePos(0, 0, 0), Dir(0, 0, 1), 1.f));
+    EXPECT_FALSE(none.getTriangle());
+    EXPECT_FALSE(none.findNearestObjectDistance(PrecisePos(0, 0, 0), 1.f, {}));
 }
 
 TEST(BlurringShadeContextTest, WidensOnlyTheFootprintAndNestsInOtherWrappers) {
