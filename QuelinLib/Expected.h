@@ -1,22 +1,10 @@
 #pragma once
-// A value or an error text. std::expected where the standard library has it;
-// a small stand-in with the same interface where it does not (clang 14 with
-// GCC 12's library hides <expected> behind a concepts level clang lacks).
-#include <utility>
-#if __has_include(<expected>)
-#include <expected>
-#endif
-
-#if defined(__cpp_lib_expected) && __cpp_lib_expected >= 202202L
-
-namespace Quelin::Detail {
-template <typename T, typename E> using Expected = std::expected<T, E>;
-template <typename E> using Unexpected = std::unexpected<E>;
-} // namespace Quelin::Detail
-
-#else
-
+// A value or an error text, with std::expected's interface. Always this class,
+// never std::expected where the standard library has it: the library is built
+// as C++23 and its users may be on C++20, and both must see the same type (the
+// same layout and the same mangled names) in every header they share.
 #include <exception>
+#include <utility>
 #include <optional>
 #include <type_traits>
 #include <variant>
@@ -102,4 +90,3 @@ private:
 
 } // namespace Quelin::Detail
 
-#endif

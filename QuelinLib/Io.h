@@ -172,11 +172,18 @@ class MemoryInputStream final : public InputStream {
 // ---------------------------------------------------------- binary layer
 
 namespace Detail {
+// std::byteswap is C++23; this header is also read by C++20 users.
+template <typename U> constexpr U byteSwap(U value) {
+    U swapped = 0;
+    for (std::size_t i = 0; i < sizeof(U); ++i, value >>= 8)
+        swapped = static_cast<U>((swapped << 8) | (value & 0xff));
+    return swapped;
+}
 template <typename T> T fromLittleEndian(T value) {
     if constexpr (std::endian::native == std::endian::big && sizeof(T) > 1) {
         using U = std::conditional_t<sizeof(T) == 2, std::uint16_t,
                                      std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t>>;
-        return std::bit_cast<T>(std::byteswap(std::bit_cast<U>(value)));
+        return std::bit_cast<T>(byteSwap(std::bit_cast<U>(value)));
     } else {
         return value;
     }

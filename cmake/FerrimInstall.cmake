@@ -6,6 +6,12 @@ include(CMakePackageConfigHelpers)
 
 set(FERRIM_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/Ferrim CACHE STRING "Where the package's CMake files go, under the prefix")
 
+# The library builds as C++23; its headers need C++20, the minimum a user's
+# target is raised to when it links these.
+foreach(_target QuelinLib QuelinLibImage Ferrim)
+  target_compile_features(${_target} INTERFACE cxx_std_20)
+endforeach()
+
 # The static base libraries are part of Ferrim's link interface, so they are
 # exported beside it.
 install(TARGETS QuelinLib QuelinLibImage Ferrim ferrim EXPORT FerrimTargets
@@ -24,7 +30,7 @@ configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/FerrimConfig.cmake.in
                               INSTALL_DESTINATION ${FERRIM_INSTALL_CMAKEDIR})
 write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/FerrimConfigVersion.cmake
                                  COMPATIBILITY SameMinorVersion)
-# OpenImageIO is found the same way for consumers as for this build (pkg-config).
+# OpenImageIO is found the same way for users as for this build (Ferrim::OpenImageIO).
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/FerrimConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/FerrimConfigVersion.cmake
               ${CMAKE_CURRENT_LIST_DIR}/FerrimOpenImageIO.cmake
         DESTINATION ${FERRIM_INSTALL_CMAKEDIR})

@@ -20,7 +20,7 @@ using namespace Quelin;
 namespace {
 
 struct TonemapOptions {
-    String input, output, pipelinePath;
+    String input, output, pipelinePath, lutPath;
     bool useDefault = false;
     Optional<float> exposure;
     Stack<String> sets;
@@ -208,10 +208,25 @@ void writeImage(String const& path, LoadedImage const& image) {
         throw CommandError{"cannot write \"" + path + "\": " + libraryError(out->geterror(), "the file could not be written")};
 }
 
+/// `pipeline` (none: an empty one) followed by a LUT operator reading `lutPath`,
+/// built as a .ctm file holding them would be.
+EntityHolder<IColorMappingOperator> appendLut(EntityHolder<IColorMappingOperator> const& pipeline, String const& lutPath) {
+    nlohmann::json root = nlohmann::json::parse(serializePipeline(pipeline));
+    root["operators"].push_back({{"@class", "Zatho.LutOperator"},
+                                 {"path", std::filesystem::absolute(std::filesystem::path(lutPath)).string()}});
+    auto loaded = pipelineFromJson(root);
+    if (!loaded) throw CommandError{loaded.error()};
+    return loaded->pipeline;
+}
+
 void runTonemap(TonemapOptions const& o) {
     if (!o.pipelinePath.empty() && o.useDefault) throw CommandError{"--pipeline and --default exclude each other"};
     LoadedImage image = guardMemory(o.input, [&] { return readImage(o.input); });
-    EntityHolder<IColorMappingOperator> pipeline = loadPipelineFile(o.useDefault ? String() : o.pipelinePath);
+    // A LUT alone is the whole pipeline unless one is asked for with it.
+    bool const lutAlone = !o.lutPath.empty() && o.pipelinePath.empty() && !o.useDefault;
+    EntityHolder<IColorMappingOperator> pipeline =
+        lutAlone ? EntityHolder<IColorMappingOperator>() : loadPipelineFile(o.useDefault ? String() : o.pipelinePath);
+    if (!o.lutPath.empty()) pipeline = appendLut(pipeline, o.lutPath);
     if (!o.sets.empty()) {
         String errors;
         auto const overrides = parseSets(o.sets, pipeline);
@@ -289,6 +304,9 @@ void addColorCommands(CLI::App& app) {
     t->add_option("-o,--output", tonemap->output, "Output image; the format follows the extension")->required();
     t->add_option("--pipeline", tonemap->pipelinePath, "A .ctm pipeline preset")->check(CLI::ExistingFile);
     t->add_flag("--default", tonemap->useDefault, "Use the default pipeline (also when --pipeline is not given)");
+    t->add_option("--lut", tonemap->lutPath,
+                  "A .cube or .3dl LUT applied after the pipeline; alone without --pipeline or --default")
+        ->check(CLI::ExistingFile);
     t->add_option_function<float>("--exposure", [tonemap](float ev) { tonemap->exposure = ev; },
                                   "Exposure change in stops, applied before the pipeline");
     t->add_option("--set", tonemap->sets, "OPERATOR.PROPERTY=VALUE, e.g. Contrast.contrast=1.3 (repeatable)");

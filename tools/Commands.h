@@ -32,7 +32,12 @@ void addSkyCommand(CLI::App& app);
 /// `ferrim textures`: the texture cache and its out-of-core report.
 void addTexturesCommand(CLI::App& app);
 
-/// A one-line progress bar on standard error; quiet when not a terminal and CI is set.
+/// Progress bars off for the whole run (`--quiet`).
+void setQuiet(bool quiet);
+
+/// A one-line progress bar on standard error, drawn only when that is a
+/// terminal and the run is not quiet; otherwise it writes nothing, so standard
+/// error carries only errors.
 class ProgressBar {
 public:
     explicit ProgressBar(Quelin::String label);

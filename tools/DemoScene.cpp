@@ -164,7 +164,9 @@ Expected<Scene> makeDemoScene() {
     auto bricks = textureSwatch("image texture made in memory, bicubic", SwatchShape::Sphere, makeBrickImage(), "png",
                                 [](TextureMap& map) {
                                     map.set("interpolation", InterpolationMode::Bicubic);
-                                    map.get<EntityHolder<UvMapper>>("uvMapper")->set("scale", Pos(2, 2, 1));
+                                    auto mapper = makeSharedPtr<UvMapper>();
+                                    mapper->set("scale", Pos(2, 2, 1));
+                                    map.set("uvMapper", EntityHolder<Entity>(mapper));
                                 });
     if (!bricks) return makeError(bricks.error());
     auto sky = textureSwatch("latitude-longitude environment in a mirror ball", SwatchShape::Environment,

@@ -1,5 +1,5 @@
+#include <atomic>
 #include <cstdio>
-#include <cstdlib>
 #include <unistd.h>
 
 #include "Commands.h"
@@ -8,12 +8,12 @@
 namespace FerrimTool {
 
 namespace {
-bool showProgress() {
-    // A bar redrawn in place is noise in logs; CI logs get the final line only.
-    char const* ci = std::getenv("CI");
-    return isatty(STDERR_FILENO) || !(ci && *ci);
-}
+std::atomic<bool> sQuiet{false};
+
+bool showProgress() { return !sQuiet && isatty(STDERR_FILENO); }
 } // namespace
+
+void setQuiet(bool quiet) { sQuiet = quiet; }
 
 ProgressBar::ProgressBar(Quelin::String label) : mLabel(std::move(label)) {}
 
@@ -36,12 +36,11 @@ void ProgressBar::finish() {
     std::lock_guard lock(mMutex);
     if (mFinished) return;
     mFinished = true;
-    if (showProgress() && mShown >= 100)
+    if (!showProgress() || mShown < 0) return;
+    if (mShown >= 100)
         std::fprintf(stderr, "\n");
-    else if (showProgress() && mShown >= 0)
-        std::fprintf(stderr, "\r%s [##############################] 100%%\n", mLabel.c_str());
     else
-        std::fprintf(stderr, "%s: done\n", mLabel.c_str());
+        std::fprintf(stderr, "\r%s [##############################] 100%%\n", mLabel.c_str());
 }
 
 } // namespace FerrimTool

@@ -18,10 +18,13 @@ Expected<Io::Path> locateSkyDataFile(StringView fileName) {
                              "prgSkyModel" / name);
     candidates.push_back(Io::StandardPaths::prgSkyModelData() / name);
     candidates.push_back(Io::StandardPaths::getExecutableFilePath().parent_path() / "resources" / name);
-    for (auto const& path : candidates)
+    String searched;
+    for (auto const& path : candidates) {
         if (Io::fileExists(path))
             return path;
-    return makeError("Could not find data file " + String(fileName));
+        searched += (searched.empty() ? "" : ", ") + Io::pathToUtf8(path.parent_path());
+    }
+    return makeError("Could not find data file " + String(fileName) + " (searched " + searched + ")");
 }
 
 namespace Detail {
@@ -49,7 +52,7 @@ void checkSkyDataFileSize(Io::InputStream& stream, std::int64_t expectedSize) {
     if (!size)
         throw Exception(size.error());
     if (*size != expectedSize)
-        throw Exception(stream.getName() + " has " + std::to_string(*size) + " bytes where " +
+        throw Exception("Could not load object from the stream. " + stream.getName() + " has " + std::to_string(*size) + " bytes where " +
                         std::to_string(expectedSize) + " are expected: the file is damaged or incomplete");
 }
 

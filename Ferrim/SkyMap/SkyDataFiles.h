@@ -15,7 +15,8 @@ inline constexpr StringView CLOUDS_FILE_NAME = "PrgCloudsModelData.dat";
 
 /// Finds a data file: in a development environment the workspace's copy first,
 /// then the installation's sky-model data folder, then "resources" beside the
-/// program. Fails with "Could not find data file " and the name.
+/// program. Fails with "Could not find data file ", the name and the folders
+/// searched.
 FERRIM_EXPORT Expected<Io::Path> locateSkyDataFile(StringView fileName);
 
 /// How one load went: what the file gave and how long it took.

@@ -86,7 +86,9 @@ SharedPtr<DataObjectDefinition const> const& TextureMap::Data::definition() {
         ShadingDataObjectBuilder b(ShadingDataObjectBuilder::Option::GroupByPrefix);
         b.addEntityRef("imageSource", TypeDefinition::makeEntityRef<IDataSource>("Zatho.IDataSource"), "Image",
                        "The image: a file, or a block of memory held by the scene");
-        b.addUvMapper();
+        // Empty by default, unlike the procedural maps': evaluation falls back
+        // to a default mapper.
+        b.addUvMapper().setDefaultEntityFactory({});
         b.addEnum("interpolation", interpolationType(), int(InterpolationMode::Bilinear), "Filtering",
                   "Lookup filter: bilinear, smooth bicubic (no overshoot) or nearest texel");
         b.addFloat("bumpStrength", 1.f, "Bump strength",

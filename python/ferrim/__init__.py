@@ -26,19 +26,23 @@ from ._ferrim import (  # noqa: F401  (re-exported API)
     Operator,
     Pipeline,
     PropertyError,
+    TextureError,
+    __version__,
     create,
     from_dict,
     from_json,
     is_started,
     operator_menu,
     render,
+    texture_from_array,
     type_info,
     types,
 )
 
 __all__ = [
     "ColorMappingContext", "Entity", "Error", "Exclude", "Lut", "Map", "Operator", "Pipeline", "PropertyError",
-    "create", "from_dict", "from_json", "is_started", "operator_menu", "read_lut", "render", "type_info", "types",
+    "TextureError", "__version__", "create", "from_dict", "from_json", "is_started", "operator_menu", "read_lut",
+    "render", "texture_from_array", "type_info", "types",
 ]
 
 _atexit.register(_ferrim._shutdown)

@@ -19,6 +19,11 @@ class Error(Exception):
 class PropertyError(Error, ValueError):
     """A property does not exist or refused a value; the message names the property."""
 
+class TextureError(Error):
+    """A texture map's image could not be loaded; the message is the texture's error text."""
+
+__version__: str
+
 def is_started() -> bool:
     """Whether the library is started (it is from import until interpreter exit)."""
 
@@ -73,18 +78,34 @@ class Map(Entity):
 
     uvw: float32 (..., 3), or (..., 2) with w = 0; position: float32 (..., 3), the uvw points
     when omitted; normal: float32 (..., 3) unit normals, (0, 0, 1) when omitted; footprint:
-    filter width around each point (0: no filtering). Arrays must be C-contiguous float32.
+    filter width around each point (0: no filtering), one for all or one per point (float32 with
+    uvw's leading shape); duvw_dx, duvw_dy: instead, the UV derivatives along x and y, float32
+    (..., 2|3); direction: float32 (..., 3) environment ray directions. Arrays must be
+    C-contiguous float32. TextureError: a texture map of the graph has no image.
     """
 
     def eval_color(self, uvw: FloatArray, position: Optional[FloatArray] = None,
-                   normal: Optional[FloatArray] = None, *, footprint: float = 0.0) -> FloatArray:
+                   normal: Optional[FloatArray] = None, *, footprint: Union[float, FloatArray] = 0.0,
+                   duvw_dx: Optional[FloatArray] = None, duvw_dy: Optional[FloatArray] = None,
+                   direction: Optional[FloatArray] = None) -> FloatArray:
         """Colour and alpha at each point: (..., 4)."""
     def eval_mono(self, uvw: FloatArray, position: Optional[FloatArray] = None,
-                  normal: Optional[FloatArray] = None, *, footprint: float = 0.0) -> FloatArray:
+                  normal: Optional[FloatArray] = None, *, footprint: Union[float, FloatArray] = 0.0,
+                  duvw_dx: Optional[FloatArray] = None, duvw_dy: Optional[FloatArray] = None,
+                  direction: Optional[FloatArray] = None) -> FloatArray:
         """Value and alpha at each point: (..., 2)."""
     def eval_bump(self, uvw: FloatArray, position: Optional[FloatArray] = None,
-                  normal: Optional[FloatArray] = None, *, footprint: float = 0.0) -> FloatArray:
+                  normal: Optional[FloatArray] = None, *, footprint: Union[float, FloatArray] = 0.0,
+                  duvw_dx: Optional[FloatArray] = None, duvw_dy: Optional[FloatArray] = None,
+                  direction: Optional[FloatArray] = None) -> FloatArray:
         """Bump perturbation of the normal at each point: (..., 3)."""
+    def info(self) -> dict[str, Any]:
+        """A texture map's image: "name", "resolution", "pixel_type", "levels", "color_space",
+        "gamma" and "error" (None, or the texture's error text, the others then None)."""
+
+def texture_from_array(array: "numpy.ndarray") -> Entity:  # noqa: F821
+    """An image source holding the array (uint8, uint16, float16 or float32; (H, W) or
+    (H, W, 1..4)), for a texture map's "imageSource": cached and mip-mapped as a file is."""
 
 def render(scene: Union[None, Map, dict[str, Any], PathLike] = None, *, width: Optional[int] = None,
            height: Optional[int] = None, samples: Optional[int] = None, shape: str = "sphere",

@@ -14,11 +14,12 @@ namespace FerrimPython {
 namespace py = pybind11;
 using Quelin::String;
 
-/// The module's exception classes: ferrim.Error and ferrim.PropertyError
-/// (also a ValueError), made when the module is imported.
+/// The module's exception classes: ferrim.Error, ferrim.PropertyError (also a
+/// ValueError) and ferrim.TextureError, made when the module is imported.
 void createExceptions(py::module_& m);
 [[noreturn]] void raiseError(String const& message);
 [[noreturn]] void raisePropertyError(String const& message);
+[[noreturn]] void raiseTextureError(String const& message);
 
 /// JSON values as plain Python objects (dict, list, str, int, float, bool, None).
 py::object toPython(nlohmann::json const& value);
@@ -57,5 +58,6 @@ py::array_t<float> newFloatArray(Quelin::Stack<py::ssize_t> const& leadingShape,
 void bindEntities(py::module_& m);
 void bindColorMapping(py::module_& m);
 void bindMaps(py::module_& m);
+void bindTextures(py::module_& m);
 
 } // namespace FerrimPython

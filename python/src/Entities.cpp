@@ -4,6 +4,7 @@
 #include "Bindings.h"
 #include "Ferrim/IMap.h"
 #include "Ferrim/colorMappingOperators/ColorMappingOperator.h"
+#include "QuelinLib/DataSource.h"
 #include "QuelinLib/Json.h"
 
 namespace FerrimPython {
@@ -21,9 +22,16 @@ PropertyDefinition const& findProperty(Entity const& e, String const& name) {
     return *p;
 }
 
+/// A memory source's "data" is a file's bytes: bytes in Python, never text.
+bool holdsBytes(Entity const& e, String const& name) {
+    return name == "data" && dynamic_cast<MemoryDataSource const*>(&e) != nullptr;
+}
+
 py::object getProperty(Entity const& e, String const& name) {
     PropertyDefinition const& p = findProperty(e, name);
     PropertyValue const& value = e.getData().getValue(name);
+    if (holdsBytes(e, name))
+        return py::bytes(std::get<String>(value));
     // Referenced entities come back as themselves, so edits reach the graph.
     if (auto const* held = std::get_if<EntityHolder<Entity>>(&value))
         return wrapEntity(held->getShared());
@@ -33,7 +41,15 @@ py::object getProperty(Entity const& e, String const& name) {
 void setProperty(Entity& e, String const& name, py::handle value) {
     PropertyDefinition const& p = findProperty(e, name);
     PropertyValue stored;
-    if (p.getType().getValueType() == ValueType::EntityRef && py::isinstance<Entity>(value)) {
+    if (holdsBytes(e, name)) {
+        if (PyUnicode_Check(value.ptr()) || !PyObject_CheckBuffer(value.ptr()))
+            throw py::type_error(entityLabel(e) + ": \"data\" takes the image file's bytes (bytes, bytearray or "
+                                 "memoryview), not " + py::str(py::type::handle_of(value).attr("__name__")).cast<String>());
+        py::buffer_info const info = py::reinterpret_borrow<py::buffer>(value).request();
+        if (!PyBuffer_IsContiguous(static_cast<Py_buffer*>(info.view()), 'C'))
+            throw py::value_error(entityLabel(e) + ": \"data\" must be a contiguous buffer");
+        stored = String(static_cast<char const*>(info.ptr), std::size_t(info.size * info.itemsize));
+    } else if (p.getType().getValueType() == ValueType::EntityRef && py::isinstance<Entity>(value)) {
         stored = EntityHolder<Entity>(value.cast<SharedPtr<Entity>>());
     } else {
         auto converted = propertyValueFromJson(toJson(value, "property \"" + name + "\""), p);

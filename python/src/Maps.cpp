@@ -7,6 +7,7 @@
 #include "Bindings.h"
 #include "DisplayOutput.h"
 #include "Ferrim/IMap.h"
+#include "Ferrim/TextureMap/TextureMap.h"
 #include "PointShadeContext.h"
 #include "QuelinLib/Json.h"
 #include "QuelinLib/TaskScheduler.h"
@@ -20,14 +21,20 @@ namespace {
 
 enum class Evaluation { Color, Mono, Bump };
 
-/// An optional (..., 3) array with the same leading shape as uvw.
-Optional<FloatRows> pointAttribute(py::handle value, char const* what, FloatRows const& uvw) {
+String shapeText(Stack<py::ssize_t> const& leadingShape) {
+    return py::str(py::tuple(py::cast(leadingShape))).cast<String>();
+}
+
+/// An optional array of points with the same leading shape as uvw; its last
+/// axis one of `channels`.
+Optional<FloatRows> pointAttribute(py::handle value, char const* what, FloatRows const& uvw, char const* shape = "(..., 3)",
+                                   std::initializer_list<std::size_t> channels = {3}) {
     if (value.is_none())
         return std::nullopt;
-    FloatRows rows = requireFloatRows(value, what, "(..., 3)", {3}, 0, false, true);
+    FloatRows rows = requireFloatRows(value, what, shape, channels, 0, false, true);
     if (rows.leadingShape != uvw.leadingShape)
-        throw py::value_error(String(what) + " must have one point per uvw point: shape " +
-                              py::str(py::tuple(py::cast(uvw.leadingShape))).cast<String>() + " + (3,)");
+        throw py::value_error(String(what) + " must have one point per uvw point: shape " + shapeText(uvw.leadingShape) +
+                              " + (" + (channels.size() == 1 ? "3" : "2 or 3") + ",)");
     return rows;
 }
 
@@ -36,18 +43,106 @@ Pos posAt(float const* data, std::size_t channels, std::size_t i) {
     return Pos(p[0], p[1], channels == 3 ? p[2] : 0.f);
 }
 
+bool finite(Pos const& p) { return std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z); }
+
+/// The filter widths given beside the points: one for all, one per point, or
+/// the UV derivatives along the image's x and y.
+struct Footprints {
+    float all = 0.f;
+    Optional<py::array> perPoint;
+    Optional<FloatRows> dx, dy;
+
+    /// Per axis, the width of the box around the pixel's parallelogram; the
+    /// widest axis stands for the position's width.
+    void apply(ShadingPoint& p, std::size_t i) const {
+        if (dx) {
+            Pos const a = posAt(dx->data, dx->channels, i), b = posAt(dy->data, dy->channels, i);
+            Dir const w(std::abs(a.x) + std::abs(b.x), std::abs(a.y) + std::abs(b.y), std::abs(a.z) + std::abs(b.z));
+            p.uvwFootprint = w;
+            p.footprint = std::max({w.x, w.y, w.z});
+        } else {
+            p.footprint = perPoint ? static_cast<float const*>(perPoint->data())[i] : all;
+        }
+    }
+};
+
+Footprints readFootprints(py::handle footprint, py::handle dx, py::handle dy, FloatRows const& uvw) {
+    Footprints f;
+    auto const bad = [] { return py::value_error("footprint must be finite and >= 0"); };
+    if (py::isinstance<py::array>(footprint)) {
+        auto const a = py::reinterpret_borrow<py::array>(footprint);
+        if (a.dtype().kind() != 'f' || a.dtype().itemsize() != 4 || !a.dtype().attr("isnative").cast<bool>())
+            throw py::type_error("footprint must hold float32 values, not " + py::str(a.dtype()).cast<String>());
+        if (Stack<py::ssize_t>(a.shape(), a.shape() + a.ndim()) != uvw.leadingShape)
+            throw py::value_error("footprint must have one value per uvw point: shape " + shapeText(uvw.leadingShape));
+        if (!(a.flags() & py::array::c_style))
+            throw py::value_error("footprint must be C-contiguous");
+        auto const* values = static_cast<float const*>(a.data());
+        for (std::size_t i = 0; i < uvw.rows; ++i)
+            if (!(values[i] >= 0.f) || !std::isfinite(values[i])) throw bad();
+        f.perPoint = a;
+    } else {
+        try {
+            f.all = footprint.cast<float>();
+        } catch (py::cast_error const&) {
+            throw py::type_error("footprint must be a number or a float32 array");
+        }
+        if (!(f.all >= 0.f) || !std::isfinite(f.all)) throw bad();
+    }
+    if (dx.is_none() != dy.is_none())
+        throw py::value_error("give both duvw_dx and duvw_dy, or neither");
+    if (!dx.is_none()) {
+        if (f.perPoint || f.all != 0.f)
+            throw py::value_error("give a footprint or the UV derivatives, not both");
+        f.dx = pointAttribute(dx, "duvw_dx", uvw, "(..., 2) or (..., 3)", {2, 3});
+        f.dy = pointAttribute(dy, "duvw_dy", uvw, "(..., 2) or (..., 3)", {2, 3});
+        for (FloatRows const* d : {&*f.dx, &*f.dy})
+            for (std::size_t i = 0; i < d->rows; ++i)
+                if (!finite(posAt(d->data, d->channels, i)))
+                    throw py::value_error("duvw_dx and duvw_dy must be finite");
+    }
+    return f;
+}
+
+/// Raises ferrim.TextureError with the texture's own error text when a texture
+/// map in the map's graph has no image: its lookups would all be (0, 0, 0, 0).
+void requireLoadedTextures(IMap const& map) {
+    Stack<TextureMap const*> textures;
+    visitEntityGraphNodes(map, [&](Entity const& e) {
+        if (auto const* t = dynamic_cast<TextureMap const*>(&e))
+            textures.push_back(t);
+        return VisitEntityGraphAction::Continue;
+    });
+    for (TextureMap const* t : textures) {
+        Expected<TextureMap::TextureInfo, String> info = makeError(String());
+        {
+            py::gil_scoped_release release; // waits for the loader thread
+            info = t->getTextureInfo();
+        }
+        if (!info)
+            raiseTextureError(info.error());
+    }
+}
+
 py::array_t<float> evaluate(IMap const& map, Evaluation what, py::handle uvw, py::handle position, py::handle normal,
-                            float footprint) {
-    if (!(footprint >= 0.f) || !std::isfinite(footprint))
-        throw py::value_error("footprint must be a finite value >= 0");
+                            py::handle footprint, py::handle duvwDx, py::handle duvwDy, py::handle direction) {
     FloatRows const points = requireFloatRows(uvw, "uvw", "(..., 2) or (..., 3)", {2, 3}, 0, false, true);
+    Footprints const footprints = readFootprints(footprint, duvwDx, duvwDy, points);
     Optional<FloatRows> const positions = pointAttribute(position, "position", points);
     Optional<FloatRows> const normals = pointAttribute(normal, "normal", points);
+    Optional<FloatRows> const directions = pointAttribute(direction, "direction", points);
+    if (directions)
+        for (std::size_t i = 0; i < directions->rows; ++i) {
+            Pos const d = posAt(directions->data, 3, i);
+            if (!finite(d) || (d.x == 0.f && d.y == 0.f && d.z == 0.f))
+                throw py::value_error("direction must be finite and not (0, 0, 0)");
+        }
     std::size_t const channels = what == Evaluation::Color ? 4 : (what == Evaluation::Mono ? 2 : 3);
     py::array_t<float> out = newFloatArray(points.leadingShape, channels);
     float* const target = out.mutable_data();
     // Built once from the record; the evaluator is immutable and shared by the workers.
     SharedPtr<IMapEvaluator> const evaluator = map.getEvaluatorImpl().evaluator;
+    requireLoadedTextures(map);
     {
         py::gil_scoped_release release;
         parallelFor(0, std::int64_t(points.rows), 1024, [&](std::int64_t begin, std::int64_t end) {
@@ -57,7 +152,9 @@ py::array_t<float> evaluate(IMap const& map, Evaluation what, py::handle uvw, py
                 p.position = positions ? posAt(positions->data, 3, i) : p.uvw;
                 if (normals)
                     p.normal = toDir(posAt(normals->data, 3, i));
-                p.footprint = footprint;
+                if (directions)
+                    p.direction = toDir(posAt(directions->data, 3, i));
+                footprints.apply(p, i);
                 PointShadeContext const context(p);
                 float* o = target + i * channels;
                 if (what == Evaluation::Color) {
@@ -106,6 +203,13 @@ py::array_t<float> render(py::handle sceneSource, Optional<int> width, Optional<
     auto scene = FerrimTool::parseScene(text, source);
     if (!scene)
         raiseError(scene.error());
+    Expected<void> loaded;
+    {
+        py::gil_scoped_release release;
+        loaded = FerrimTool::loadSceneTextures(*scene, source);
+    }
+    if (!loaded)
+        raiseTextureError(loaded.error());
     if (samples) {
         if (*samples < 1 || *samples > 256)
             throw py::value_error("samples must be from 1 to 256");
@@ -139,7 +243,16 @@ char const* const EVAL_DOC_TAIL = R"(
 uvw: float32 array of shape (..., 3), or (..., 2) with w = 0.
 position: optional float32 array (..., 3); the uvw points when omitted.
 normal: optional float32 array (..., 3) of unit normals; (0, 0, 1) when omitted.
-footprint: filter width around each point (0: no filtering).
+footprint: filter width around each point (0: no filtering), one for all
+points or a float32 array with one per point (the leading shape of uvw).
+duvw_dx, duvw_dy: instead of a footprint, the UV derivatives along the image's
+x and y, float32 arrays (..., 2) or (..., 3); each axis is filtered over the box
+around the pixel's parallelogram (|d/dx| + |d/dy|).
+direction: optional float32 array (..., 3) of ray directions: the points are
+then environment (background) rays, looked up by direction by maps that map
+environments (a texture map's "enviroMode"); the footprint is then the ray's
+width in radians.
+ferrim.TextureError: a texture map of the graph has no image (its error text).
 The points are evaluated in parallel on every core, without the interpreter lock.)";
 
 } // namespace
@@ -161,11 +274,13 @@ void bindMaps(py::module_& m) {
         Evaluation const what = method.what;
         map.def(
             method.name,
-            [what](IMap const& self, py::handle uvw, py::handle position, py::handle normal, float footprint) {
-                return evaluate(self, what, uvw, position, normal, footprint);
+            [what](IMap const& self, py::handle uvw, py::handle position, py::handle normal, py::handle footprint,
+                   py::handle duvwDx, py::handle duvwDy, py::handle direction) {
+                return evaluate(self, what, uvw, position, normal, footprint, duvwDx, duvwDy, direction);
             },
             py::arg("uvw"), py::arg("position") = py::none(), py::arg("normal") = py::none(), py::kw_only(),
-            py::arg("footprint") = 0.f, (String(method.summary) + EVAL_DOC_TAIL).c_str());
+            py::arg("footprint") = 0.f, py::arg("duvw_dx") = py::none(), py::arg("duvw_dy") = py::none(),
+            py::arg("direction") = py::none(), (String(method.summary) + EVAL_DOC_TAIL).c_str());
     }
 
     m.def("render", &render, py::arg("scene") = py::none(), py::kw_only(), py::arg("width") = py::none(),

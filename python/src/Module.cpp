@@ -5,6 +5,7 @@
 
 #include "Bindings.h"
 #include "Ferrim/Ferrim.h"
+#include "Ferrim/Version.h"
 #include "QuelinLib/Json.h"
 
 namespace FerrimPython {
@@ -14,6 +15,7 @@ namespace {
 // static destructor could release them safely.
 PyObject* gError = nullptr;
 PyObject* gPropertyError = nullptr;
+PyObject* gTextureError = nullptr;
 bool gStarted = false;
 
 String typeNameOf(py::handle value) { return py::str(py::type::handle_of(value).attr("__name__")).cast<String>(); }
@@ -51,10 +53,14 @@ void createExceptions(py::module_& m) {
     gPropertyError = PyErr_NewExceptionWithDoc(
         "ferrim.PropertyError", "A property does not exist or refused a value; the message names the property.",
         bases.ptr(), nullptr);
-    if (!gError || !gPropertyError)
+    gTextureError = PyErr_NewExceptionWithDoc(
+        "ferrim.TextureError", "A texture map's image could not be loaded; the message is the texture's error text.",
+        gError, nullptr);
+    if (!gError || !gPropertyError || !gTextureError)
         throw py::error_already_set();
     m.attr("Error") = py::handle(gError);
     m.attr("PropertyError") = py::handle(gPropertyError);
+    m.attr("TextureError") = py::handle(gTextureError);
     py::register_exception_translator([](std::exception_ptr p) {
         try {
             if (p)
@@ -67,6 +73,11 @@ void createExceptions(py::module_& m) {
 
 void raiseError(String const& message) {
     PyErr_SetString(gError, message.c_str());
+    throw py::error_already_set();
+}
+
+void raiseTextureError(String const& message) {
+    PyErr_SetString(gTextureError, message.c_str());
     throw py::error_already_set();
 }
 
@@ -217,4 +228,6 @@ PYBIND11_MODULE(_ferrim, m) {
     bindEntities(m);
     bindColorMapping(m);
     bindMaps(m);
+    bindTextures(m);
+    m.attr("__version__") = Quelin::Ferrim::version();
 }

@@ -1,6 +1,7 @@
 #pragma once
 // A shading point given by arrays: texture coordinates with an optional
-// position and normal, as a plane swatch would see them.
+// position and normal, as a plane swatch would see them, or an environment
+// ray's direction.
 #include <cmath>
 
 #include "Ferrim/IShadeContext.h"
@@ -11,8 +12,13 @@ struct ShadingPoint {
     Quelin::Pos uvw;
     Quelin::Pos position;
     Quelin::Dir normal{0.f, 0.f, 1.f};
-    /// Filter width: in texture units for every UVW axis, in world units for the position.
+    /// Filter width: in texture units for every UVW axis, in world units for the
+    /// position (in radians for an environment ray).
     float footprint = 0.f;
+    /// Per-axis filter widths from UV derivatives; replace `footprint` for UVW lookups.
+    Quelin::Optional<Quelin::Dir> uvwFootprint;
+    /// An environment ray's direction: the point is then shaded as background.
+    Quelin::Optional<Quelin::Dir> direction;
 };
 
 /// Every UV channel answers the point's UVW. The tangent frame follows u along
@@ -30,7 +36,9 @@ class PointShadeContext final : public Quelin::NullShadeContext {
     }
     Quelin::Matrix33 getBumpBase(int) const override { return Quelin::Matrix33::fromColumns(mDpDu, mDpDv, mP.normal); }
     Quelin::Pos getUvw(int, std::uint32_t) const override { return mP.uvw; }
-    Quelin::Dir getDUvw(int) const override { return {mP.footprint, mP.footprint, mP.footprint}; }
+    Quelin::Dir getDUvw(int) const override {
+        return mP.uvwFootprint ? *mP.uvwFootprint : Quelin::Dir(mP.footprint, mP.footprint, mP.footprint);
+    }
     Quelin::Dir getDpDu(int) const override { return mDpDu; }
     Quelin::Dir getDpDv(int) const override { return mDpDv; }
     Quelin::PrecisePos getPosition() const override { return {mP.position.x, mP.position.y, mP.position.z}; }
@@ -38,9 +46,15 @@ class PointShadeContext final : public Quelin::NullShadeContext {
     Quelin::Dir getNormal() const override { return mP.normal; }
     Quelin::Dir getGeometricNormal() const override { return mP.normal; }
     Quelin::Dir getObjectNormal() const override { return mP.normal; }
-    Quelin::Dir getViewDirection() const override { return -mP.normal; }
+    Quelin::Dir getViewDirection() const override { return mP.direction ? *mP.direction : -mP.normal; }
+    Quelin::ShadedKind getShadedKind() const override {
+        return mP.direction ? Quelin::ShadedKind::Environment : Quelin::ShadedKind::Surface;
+    }
     float getPositionFootprint() const override { return mP.footprint; }
-    bool wantsFilteredLookup() const override { return mP.footprint > 0.f; }
+    bool wantsFilteredLookup() const override {
+        return mP.footprint > 0.f ||
+               (mP.uvwFootprint && (mP.uvwFootprint->x > 0.f || mP.uvwFootprint->y > 0.f || mP.uvwFootprint->z > 0.f));
+    }
 
   private:
     ShadingPoint const& mP;

@@ -34,10 +34,12 @@ inline ToolRun runTool(std::string const& arguments) {
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, slurp(base + ".out"), slurp(base + ".err")};
 }
 
-/// Exit code 1 and a single line on standard error holding every needle.
+/// Exit code 1 and a single line on standard error, with the program's prefix,
+/// holding every needle.
 inline void expectOneLineError(ToolRun const& r, std::vector<std::string> const& needles, std::string const& what) {
     EXPECT_EQ(r.code, 1) << what << " -> " << r.err;
     EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << what << " -> " << r.err;
+    EXPECT_EQ(r.err.rfind("ferrim: ", 0), 0u) << what << " -> " << r.err;
     for (std::string const& needle : needles)
         EXPECT_NE(r.err.find(needle), std::string::npos) << what << " -> " << r.err << " lacks " << needle;
 }

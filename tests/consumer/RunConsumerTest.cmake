@@ -1,5 +1,6 @@
 # Installs the build into a fresh prefix, builds the outside project in
-# project/ against it and runs it; also runs the installed program and, when
+# project/ against it (alone, and with its own OpenImageIO found before and
+# after) and runs it; also runs the installed program and, when
 # the build has the Python module, imports the installed module.
 # Inputs: BUILD_DIR, WORK_DIR, GENERATOR, CXX_COMPILER, LAUNCHER (may be empty), PYTHON (may be empty).
 cmake_minimum_required(VERSION 3.25)
@@ -16,16 +17,28 @@ set(prefix ${WORK_DIR}/prefix)
 file(REMOVE_RECURSE ${WORK_DIR})
 run("Installing" ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
 
-set(configure ${CMAKE_COMMAND} -S ${CMAKE_CURRENT_LIST_DIR}/project -B ${WORK_DIR}/build -G ${GENERATOR}
-    -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${CXX_COMPILER})
-if(LAUNCHER)
-  list(APPEND configure -DCMAKE_CXX_COMPILER_LAUNCHER=${LAUNCHER})
-endif()
-run("Configuring the consumer" ${configure})
-run("Building the consumer" ${CMAKE_COMMAND} --build ${WORK_DIR}/build)
-run("Running the consumer" ${WORK_DIR}/build/consumer)
-message(STATUS "${last_output}")
+# As the README's snippet alone, then beside the project's own OpenImageIO
+# targets made before and after finding Ferrim.
+foreach(variant plain before after)
+  set(build ${WORK_DIR}/build-${variant})
+  set(configure ${CMAKE_COMMAND} -S ${CMAKE_CURRENT_LIST_DIR}/project -B ${build} -G ${GENERATOR}
+      -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${CXX_COMPILER})
+  if(NOT variant STREQUAL "plain")
+    list(APPEND configure -DCONSUMER_OPENIMAGEIO=${variant})
+  endif()
+  if(LAUNCHER)
+    list(APPEND configure -DCMAKE_CXX_COMPILER_LAUNCHER=${LAUNCHER})
+  endif()
+  run("Configuring the consumer (${variant})" ${configure})
+  run("Building the consumer (${variant})" ${CMAKE_COMMAND} --build ${build})
+  run("Running the consumer (${variant})" ${build}/consumer)
+  message(STATUS "${variant}: ${last_output}")
+endforeach()
 
+run("Running the installed program" ${prefix}/bin/ferrim --version)
+if(NOT last_output MATCHES "^ferrim [0-9]+\\.[0-9]+\\.[0-9]+")
+  message(FATAL_ERROR "The installed program did not print its version:\n${last_output}")
+endif()
 run("Running the installed program" ${prefix}/bin/ferrim types Zatho.NoiseMap)
 if(NOT last_output MATCHES "Zatho.NoiseMap")
   message(FATAL_ERROR "The installed program did not list the noise map type:\n${last_output}")
@@ -41,6 +54,6 @@ if(PYTHON)
   get_filename_component(package_dir ${module_init} DIRECTORY)
   get_filename_component(site_dir ${package_dir} DIRECTORY)
   run("Importing the installed Python module" ${CMAKE_COMMAND} -E env PYTHONPATH=${site_dir}
-      ${PYTHON} -c "import ferrim; print(len(ferrim.types()))")
+      ${PYTHON} -c "import ferrim; print(ferrim.__version__, len(ferrim.types()))")
 endif()
 file(REMOVE_RECURSE ${WORK_DIR})

@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Ferrim/SkyMap/SkyTestSupport.h"
+#include "Ferrim/Version.h"
 #include "QuelinLibImage/ImageDecode.h"
 #include "TestSupport/TempFolderTest.h"
 #include "TestSupport/ToolRun.h"
@@ -46,6 +47,25 @@ std::string texturedScene(fs::path const& folder, std::string const& texturePath
          "imageSource": {"@class": "Zatho.FileDataSource", "path": ")" + texturePath + R"("}}}]})";
 }
 
+/// Standard error of `ferrim <arguments>` run on a terminal (standard output
+/// discarded), through script(1).
+std::string stderrOnTerminal(std::string const& arguments) {
+    fs::path const transcript = fs::temp_directory_path() / ("ferrim_tty_" + std::to_string(::getpid()));
+    std::string const command = "cd / && script -qec '" + std::string(FERRIM_TOOL_PATH) + " " + arguments +
+                                " >/dev/null' /dev/null >" + transcript.string() + " 2>&1";
+    EXPECT_EQ(std::system(command.c_str()), 0) << command;
+    std::ostringstream text;
+    text << std::ifstream(transcript).rdbuf();
+    fs::remove(transcript);
+    return text.str();
+}
+
+std::string fileBytes(fs::path const& p) {
+    std::ostringstream text;
+    text << std::ifstream(p, std::ios::binary).rdbuf();
+    return text.str();
+}
+
 /// The size of the PNG image written at `p`.
 Quelin::Pixel pngSize(fs::path const& p) {
     Quelin::TaskProgress progress;
@@ -85,7 +105,9 @@ TEST_F(FerrimTool, SkyReportsTheDataFilesAndWhatEachConfigurationReads) {
         EXPECT_NE(r.out.find(line), std::string::npos) << line << "\n" << r.out;
     ToolRun const missing = runTool("sky --data-dir " + mFolder.string());
     EXPECT_EQ(missing.code, 0) << missing.err;
-    EXPECT_NE(missing.out.find("not found: Could not find data file PrgSunModelData.dat"), std::string::npos) << missing.out;
+    EXPECT_NE(missing.out.find("not found: Could not find data file PrgSunModelData.dat (searched " + mFolder.string()),
+              std::string::npos)
+        << missing.out;
 }
 
 TEST_F(FerrimTool, TypesAsJsonDescribeProperties) {
@@ -140,6 +162,14 @@ TEST_F(FerrimTool, BadAndHostileInputsGiveOneLineNamingTheFile) {
              Case{"render " + key.string(), {"\"colour\""}},
              Case{"render --size 12by3", {"--size"}},
              Case{"types Zatho.Nothing", {"Zatho.Nothing"}},
+             // The argument parser's own errors.
+             Case{"--no-such-option", {"--no-such-option"}},
+             Case{"render --samples 0", {"--samples"}},
+             Case{"tonemap " + image.string(), {"--output"}},
+             Case{"types a b", {"b"}},
+             Case{"frobnicate", {"frobnicate"}},
+             Case{"tonemap " + image.string() + " -o " + (mFolder / "o.png").string() + " --lut " + (mFolder / "none.cube").string(),
+                  {"--lut", "none.cube"}},
              Case{"sky --data-dir " + mFolder.string() + " --sky-config 0,0,0,0,0", {"PRG Sky Model Data file not found"}},
              Case{skyData + " --sky-config 0,1 --sun-config 2,7", {"--sky-config wants C0,C1,C2,A,B"}},
              Case{skyData + " --sky-config 0,0,0,9,0", {"index A is 9, outside 0..5"}},
@@ -161,4 +191,73 @@ TEST_F(FerrimTool, BadAndHostileInputsGiveOneLineNamingTheFile) {
         expectOneLineError(runTool(c.args), c.needles, c.args.substr(0, 120));
     }
     EXPECT_FALSE(fs::exists(mFolder / "o.png")) << "an image was written without its LUT or texture";
+}
+
+TEST_F(FerrimTool, VersionGoesToStandardOutput) {
+    ToolRun const r = runTool("--version");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.out, "ferrim " + std::string(Quelin::Ferrim::version()) + "\n");
+    EXPECT_EQ(r.err, "");
+}
+
+TEST_F(FerrimTool, TypesTakeShortNamesAndListGroupTypes) {
+    ToolRun const shortName = runTool("types TextureMap");
+    ASSERT_EQ(shortName.code, 0) << shortName.err;
+    EXPECT_EQ(shortName.out.rfind("Zatho.TextureMap\n", 0), 0u) << shortName.out.substr(0, 200);
+    ToolRun const all = runTool("types");
+    ASSERT_EQ(all.code, 0) << all.err;
+    EXPECT_NE(all.out.find("\nZatho.TextureMapEnviroMode (group type of Zatho.TextureMap.enviroMode)\n"), std::string::npos);
+    for (char const* name : {"TextureMapEnviroMode", "TextureMap.enviroMode", "enviroMode"}) {
+        ToolRun const group = runTool(std::string("types ") + name + " --json");
+        ASSERT_EQ(group.code, 0) << name << ": " << group.err;
+        auto const j = nlohmann::json::parse(group.out);
+        EXPECT_EQ(j["name"], "Zatho.TextureMapEnviroMode") << name;
+        EXPECT_EQ(j["groupOf"], "Zatho.TextureMap.enviroMode") << name;
+    }
+}
+
+TEST_F(FerrimTool, ProgressOnlyOnATerminalAndNeverWhenQuiet) {
+    fs::path const image = writeText("in.hdr", hdrText(2, 2, 4));
+    std::string const args = "tonemap " + image.string() + " -o " + (mFolder / "o.png").string();
+    ToolRun const piped = runTool(args);
+    ASSERT_EQ(piped.code, 0) << piped.err;
+    EXPECT_EQ(piped.err, "");
+    EXPECT_NE(stderrOnTerminal(args).find("] 100%"), std::string::npos);
+    for (char const* quiet : {" --quiet", " -q"})
+        EXPECT_EQ(stderrOnTerminal(args + quiet), "") << quiet;
+}
+
+TEST_F(FerrimTool, TonemapLutIsTheCtmHoldingIt) {
+    fs::path const image = writeText("in.hdr", hdrText(2, 2, 4));
+    std::string const tonemap = "tonemap " + image.string() + " -o ";
+    for (char const* lut : {"iridas_3d.cube", "discreet-3d-lut.3dl"}) {
+        std::string const path = (fs::path(FERRIM_TESTDATA_DIR) / "lut" / lut).string();
+        ToolRun const viaCtm = runTool(tonemap + (mFolder / "ctm.exr").string() + " --pipeline " +
+                                       writeText("lut.ctm", lutPipeline(path)).string());
+        ASSERT_EQ(viaCtm.code, 0) << viaCtm.err;
+        ToolRun const direct = runTool(tonemap + (mFolder / "lut.exr").string() + " --lut " + path);
+        ASSERT_EQ(direct.code, 0) << direct.err;
+        EXPECT_EQ(fileBytes(mFolder / "ctm.exr"), fileBytes(mFolder / "lut.exr")) << lut;
+        ToolRun const after = runTool(tonemap + (mFolder / "after.exr").string() + " --default --lut " + path);
+        ASSERT_EQ(after.code, 0) << after.err;
+        EXPECT_NE(fileBytes(mFolder / "after.exr"), fileBytes(mFolder / "lut.exr")) << lut;
+    }
+}
+
+TEST_F(FerrimTool, TexturesReportAndStatsFileOnlyWithOutOfCoreSettings) {
+    std::string const image = (fs::path(FERRIM_TESTDATA_DIR) / "exr/GrayRampsHorizontal.exr").string();
+    char const* const oldTmp = std::getenv("TMPDIR");
+    std::string const savedTmp = oldTmp ? oldTmp : "";
+    ::setenv("TMPDIR", mFolder.c_str(), 1);  // the default offload folder is under it
+    ToolRun const plain = runTool("textures " + image);
+    ToolRun const withFolder = runTool("textures " + image + " --folder " + (mFolder / "offload").string());
+    oldTmp ? ::setenv("TMPDIR", savedTmp.c_str(), 1) : ::unsetenv("TMPDIR");
+
+    ASSERT_EQ(plain.code, 0) << plain.err;
+    EXPECT_NE(plain.out.find("GrayRampsHorizontal.exr"), std::string::npos) << plain.out;
+    EXPECT_EQ(plain.out.find("textureStats.csv"), std::string::npos) << plain.out;
+    EXPECT_FALSE(fs::exists(mFolder / "OstrelRenderer" / "ImageTextureCache" / "textureStats.csv"));
+    ASSERT_EQ(withFolder.code, 0) << withFolder.err;
+    EXPECT_NE(withFolder.out.find("textureStats.csv"), std::string::npos) << withFolder.out;
+    EXPECT_TRUE(fs::exists(mFolder / "offload" / "textureStats.csv"));
 }

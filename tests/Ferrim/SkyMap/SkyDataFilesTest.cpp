@@ -45,7 +45,9 @@ class SkyDataFilesTest : public TempFolderTest {};
 TEST_F(SkyDataFilesTest, MissingFilesGiveTheLocatingErrorAndEachKindsMessage) {
     SkyDataLocation const location(mFolder); // empty
     for (FileKind const& kind : FILE_KINDS) {
-        EXPECT_EQ(locateSkyDataFile(kind.name).error(), String("Could not find data file ") + kind.name);
+        String const error = locateSkyDataFile(kind.name).error();
+        EXPECT_EQ(error.rfind(String("Could not find data file ") + kind.name + " (searched ", 0), 0u) << error;
+        EXPECT_NE(error.find(Io::pathToUtf8(mFolder)), String::npos) << error;
         EXPECT_EQ(loadError(kind), kind.notFound);
         EXPECT_FALSE(kind.available()) << kind.name;
     }
@@ -58,6 +60,7 @@ TEST_F(SkyDataFilesTest, FilesOfTheWrongSizeAreRefusedNamingFileAndSizes) {
             Files::SparseFile(mFolder / kind.name, size);
             EXPECT_TRUE(kind.available()) << kind.name;
             String const error = loadError(kind);
+            EXPECT_EQ(error.rfind("Could not load object from the stream. ", 0), 0u) << error;
             for (String const& part : {String(kind.name), std::to_string(size), std::to_string(kind.size)})
                 EXPECT_NE(error.find(part), String::npos) << error;
         }

@@ -141,6 +141,16 @@ TEST_F(TextureMapFixture, EveryOutputChoice) {
     }
 }
 
+TEST_F(TextureMapFixture, NewMapHasNoMapperAndEvaluatesThroughADefaultOne) {
+    auto map = makeMap(write("coords.exr", coordinateImage(16, 16)));
+    EXPECT_FALSE(map->get<EntityHolder<UvMapper>>("uvMapper"));
+    SettableShadeContext const ctx(0.3f, 0.6f);
+    RgbAlpha const withNone = evaluatorOf(*map)->evalColor(ctx, nullptr);
+    EXPECT_NE(withNone, RgbAlpha(0, 0, 0, 0));
+    mapperOf(*map);
+    EXPECT_EQ(evaluatorOf(*map)->evalColor(ctx, nullptr), withNone);
+}
+
 TEST_F(TextureMapFixture, FailedTextureReportsItsErrorAndIsOutside) {
     Io::Path const missing = mFolder / "missing.png";
     auto map = makeMap(missing);

@@ -77,7 +77,12 @@ protected:
         map->set("imageSource", EntityHolder<Entity>(FileDataSource::make(path)));
         return map;
     }
-    static UvMapper& mapperOf(TextureMap& map) { return *map.get<EntityHolder<UvMapper>>("uvMapper"); }
+    /// The map's own mapper, given one first when it has none (a new map has none).
+    static UvMapper& mapperOf(TextureMap& map) {
+        if (!map.get<EntityHolder<UvMapper>>("uvMapper"))
+            map.set("uvMapper", EntityHolder<Entity>(makeSharedPtr<UvMapper>()));
+        return *map.get<EntityHolder<UvMapper>>("uvMapper");
+    }
     static void setEnviro(TextureMap& map, StringView property, PropertyValue value) {
         GenericDataObject group = map.get<GenericDataObject>("enviroMode");
         ASSERT_TRUE(group.setValue(property, std::move(value)).has_value());

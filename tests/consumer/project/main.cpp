@@ -1,11 +1,18 @@
 // Evaluates a noise map and maps a colour through the default pipeline with
-// the installed headers and libraries; exits non-zero when a result is wrong.
+// the installed headers and libraries, compiled at the standard the package
+// asks for; exits non-zero when a result is wrong.
 #include <cmath>
 #include <cstdio>
 
+#include <cstring>
+
 #include "Ferrim/ColorMapping.h"
 #include "Ferrim/Ferrim.h"
+#include "Ferrim/Version.h"
 #include "Ferrim/maps/NoiseMap.h"
+#ifdef CONSUMER_USES_OPENIMAGEIO
+#include <OpenImageIO/imageio.h>
+#endif
 
 namespace {
 class UvwContext final : public Quelin::NullShadeContext {
@@ -25,6 +32,15 @@ int fail(char const* what) {
 } // namespace
 
 int main() {
+    char expected[32];
+    std::snprintf(expected, sizeof expected, "%d.%d.%d", FERRIM_VERSION_MAJOR, FERRIM_VERSION_MINOR,
+                  FERRIM_VERSION_PATCH);
+    if (std::strcmp(Quelin::Ferrim::version(), expected) != 0)
+        return fail("the library's version differs from its header's");
+#ifdef CONSUMER_USES_OPENIMAGEIO
+    if (OIIO::openimageio_version() <= 0)
+        return fail("the consumer's own OpenImageIO does not answer");
+#endif
     Quelin::Ferrim::startup();
     if (!Quelin::DataObjects::TypeDatabase::findType("Zatho.NoiseMap"))
         return fail("the noise map type is not registered");
@@ -53,7 +69,8 @@ int main() {
     if (!(display.g > 0.18f && display.g < 1.f) || std::abs(back.g - 0.18f) > 1e-3f)
         return fail("the default pipeline does not map mid grey to display and back");
 
-    std::printf("noise %.4f %.4f, mid grey displays as %.4f\n", a.r, b.r, display.g);
+    std::printf("Ferrim %s (C++ %ld): noise %.4f %.4f, mid grey displays as %.4f\n", Quelin::Ferrim::version(),
+                long(__cplusplus), a.r, b.r, display.g);
     Quelin::Ferrim::shutdown();
     return 0;
 }
