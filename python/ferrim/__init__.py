@@ -41,7 +41,7 @@ from ._ferrim import (  # noqa: F401  (re-exported API)
 
 __all__ = [
     "ColorMappingContext", "Entity", "Error", "Exclude", "Lut", "Map", "Operator", "Pipeline", "PropertyError",
-    "TextureError", "__version__", "create", "from_dict", "from_json", "is_started", "operator_menu", "read_lut",
+    "TextureError", "create", "from_dict", "from_json", "is_started", "operator_menu", "read_lut",
     "render", "texture_from_array", "type_info", "types",
 ]
 

@@ -1,6 +1,7 @@
 // Image textures from Python: what a texture map's image is (or why it has
 // none), and textures made from numpy arrays without a file on disk.
 #include <bit>
+#include <cstdio>
 #include <cstring>
 
 #include "Bindings.h"
@@ -39,7 +40,9 @@ py::dict textureInfo(IMap const& map) {
     d["pixel_type"] = getPixelFormatName(desc.format);
     d["levels"] = e ? e->getTexture().getLevelCount() : 0;
     // Integer texels are display-encoded and decoded with a gamma; float ones are linear.
-    d["color_space"] = info->gamma == 1.f ? String("linear") : "gamma " + py::str(py::float_(info->gamma)).cast<String>();
+    char gamma[32];
+    std::snprintf(gamma, sizeof gamma, "gamma %g", double(info->gamma));
+    d["color_space"] = info->gamma == 1.f ? String("linear") : String(gamma);
     d["gamma"] = info->gamma;
     d["error"] = py::none();
     return d;
@@ -121,21 +124,23 @@ SharedPtr<Entity> textureFromArray(py::handle value) {
         bool isFloat;
     };
     Optional<Kind> kind;
-    py::dtype const type = a.dtype();
-    if (type.attr("isnative").cast<bool>())
+    py::dtype const dtype = a.dtype();
+    if (dtype.attr("isnative").cast<bool>())
         for (Kind const k : {Kind{'u', 8, false}, Kind{'u', 16, false}, Kind{'f', 16, true}, Kind{'f', 32, true}})
-            if (type.kind() == k.code && type.itemsize() * 8 == k.bits) kind = k;
+            if (dtype.kind() == k.code && dtype.itemsize() * 8 == k.bits) kind = k;
     if (!kind)
         throw py::type_error("texture_from_array takes uint8, uint16, float16 or float32 values, not " +
-                             py::str(type).cast<String>());
+                             py::str(py::handle(dtype)).cast<String>());
     py::ssize_t const channels = a.ndim() == 3 ? a.shape(2) : 1;
     if ((a.ndim() != 2 && a.ndim() != 3) || channels < 1 || channels > 4 || a.shape(0) < 1 || a.shape(1) < 1)
         throw py::value_error("texture_from_array takes an array of shape (H, W) or (H, W, 1 to 4), not " +
                               py::str(py::tuple(py::cast(Stack<py::ssize_t>(a.shape(), a.shape() + a.ndim())))).cast<String>());
     std::int64_t const width = a.shape(1), height = a.shape(0);
     // The decoder's own limits, checked before the copy is made.
-    PixelFormat const bound = kind->isFloat ? PixelFormat::RgbaFloat : (kind->bits == 16 ? PixelFormat::Rgba16 : PixelFormat::Rgba8);
-    if (auto ok = checkImageSize(width, height, bound, "the array"); !ok)
+    // Formats in groups of three (8-bit, 16-bit, float) by channel layout; halves decode to floats.
+    int const layout = channels == 1 ? 0 : channels == 2 ? 1 : channels == 3 ? 2 : 3;
+    PixelFormat const decoded = PixelFormat(3 * layout + (kind->isFloat ? 2 : kind->bits == 16 ? 1 : 0));
+    if (auto ok = checkImageSize(width, height, decoded, "the array"); !ok)
         throw py::value_error(ok.error());
     std::size_t const bytes = std::size_t(a.nbytes());
     if (bytes > 0xffff0000u)
