@@ -51,7 +51,11 @@ inline float blendChannel(BlendMode mode, float a, float b) {
     case BlendMode::Subtract: return a - b;
     case BlendMode::Multiply: return a * b;
     case BlendMode::Screen: return a + b - a * b;
-    case BlendMode::Overlay: return a < 0.5f ? 2.f * a * b : 1.f - 2.f * (1.f - a) * (1.f - b);
+    case BlendMode::Overlay: {
+        // Both sides computed, then selected: the choice follows the data and would mispredict as a branch.
+        float const lo = 2.f * a * b, hi = 1.f - 2.f * (1.f - a) * (1.f - b);
+        return a < 0.5f ? lo : hi;
+    }
     case BlendMode::Difference: return std::fabs(a - b);
     case BlendMode::Darken: return std::fmin(a, b);
     case BlendMode::Lighten: return std::fmax(a, b);

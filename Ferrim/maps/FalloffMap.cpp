@@ -14,8 +14,12 @@ namespace Quelin {
 //   g = sqrt(eta^2 - 1 + c^2)
 //   F = 1/2 (g - c)^2 / (g + c)^2 (1 + ((c (g + c) - 1) / (c (g - c) + 1))^2)
 // written over one common denominator, so a sample costs one root and one division.
-float Fresnel::dielectric(float c, float eta) {
-    c = clamp(std::fabs(c), 0.f, 1.f);
+namespace {
+// Inline here, so the evaluators do not pay a call through the library's
+// exported (and so interposable) entry point per sample.
+inline float dielectricReflectance(float c, float eta) {
+    c = std::fabs(c);
+    c = c < 1.f ? c : 1.f;  // NaN counts as head-on
     float const g2 = eta * eta - 1.f + c * c;
     if (!(g2 > 0.f)) return eta == 1.f ? 0.f : 1.f;
     float const g = std::sqrt(g2);
@@ -25,6 +29,9 @@ float Fresnel::dielectric(float c, float eta) {
     if (!(den > 0.f)) return 1.f;
     return gm * gm * (lo * lo + hi * hi) / den;
 }
+} // namespace
+
+float Fresnel::dielectric(float c, float eta) { return dielectricReflectance(c, eta); }
 
 // The conductor reflectance from the complex index, as in Pharr, Jakob and
 // Humphreys, "Physically Based Rendering" (3rd ed.), section 8.2.1, evaluated
@@ -135,7 +142,7 @@ float FalloffEvaluator::weight(IShadeContext const& context) const {
     switch (mType) {
     case FalloffMap::Type::PerpendicularParallel: t = 1.f - std::fabs(c); break;
     case FalloffMap::Type::TowardsAway: t = 0.5f * (1.f - c); break;
-    case FalloffMap::Type::Fresnel: t = Fresnel::dielectric(c, mIor); break;
+    case FalloffMap::Type::Fresnel: t = dielectricReflectance(c, mIor); break;
     case FalloffMap::Type::ShadowLight: t = std::max(c, 0.f); break;
     case FalloffMap::Type::DistanceBlend: break;
     }
@@ -170,11 +177,11 @@ public:
         float const c = cosine(context);
         if (mConductor)
             return {Fresnel::conductor(c, mN.r, mK.r), Fresnel::conductor(c, mN.g, mK.g), Fresnel::conductor(c, mN.b, mK.b), 1.f};
-        float const f = Fresnel::dielectric(c, context.isBackFace() ? mInvEta : mEta);
+        float const f = dielectricReflectance(c, context.isBackFace() ? mInvEta : mEta);
         return {f, f, f, 1.f};
     }
     MonoAlpha evalMono(IShadeContext const& context, MapCache* cache) const override {
-        if (!mConductor) return {Fresnel::dielectric(cosine(context), context.isBackFace() ? mInvEta : mEta), 1.f};
+        if (!mConductor) return {dielectricReflectance(cosine(context), context.isBackFace() ? mInvEta : mEta), 1.f};
         return {evalColor(context, cache).rgb().mean(), 1.f};
     }
     Dir evalBump(IShadeContext const&, MapCache*) const override { return Dir(); }

@@ -60,9 +60,14 @@ MixEvaluator::MixEvaluator(ColorOrMap::Evaluator color1, ColorOrMap::Evaluator c
     : mColor1(std::move(color1)), mColor2(std::move(color2)), mMask(std::move(mask)), mAmount(amount), mCurve(curve),
       mMode(mode) {}
 
-RgbAlpha MixEvaluator::evalColor(IShadeContext const& context, MapCache* cache) const {
+// Channel by channel in scalar registers: colours come back from calls split
+// over two registers, and the compiler's packing of them into one vector goes
+// through memory and stalls on the store forwarding.
+[[gnu::optimize("no-tree-slp-vectorize")]] RgbAlpha MixEvaluator::evalColor(IShadeContext const& context, MapCache* cache) const {
     float const t = amountAt(context, cache);
-    return MapsDetail::blend(mMode, mColor1.evalColor(context, cache), mColor2.evalColor(context, cache), t);
+    RgbAlpha const a = mColor1.evalColor(context, cache), b = mColor2.evalColor(context, cache);
+    if (mMode == BlendMode::Mix) return MapsDetail::mix(a, b, t);
+    return MapsDetail::blend(mMode, a, b, t);
 }
 
 MonoAlpha MixEvaluator::evalMono(IShadeContext const& context, MapCache* cache) const {
