@@ -1,5 +1,7 @@
 #include "Ferrim/maps/DebugMap.h"
 
+#include <cmath>
+
 #include "Ferrim/Ferrim.h"
 #include "Ferrim/ShadingDataObjectBuilder.h"
 #include "Ferrim/maps/MiscMaps.h"
@@ -83,7 +85,8 @@ private:
 
 IMap::OptimizedResult DebugMap::getEvaluatorImpl() const {
     OptimizedResult r;
-    r.evaluator = makeSharedPtr<DebugEvaluator>(get<Show>("show"), get<int>("uvChannel"), get<float>("scale"));
+    float const scale = get<float>("scale");
+    r.evaluator = makeSharedPtr<DebugEvaluator>(get<Show>("show"), get<int>("uvChannel"), std::isfinite(scale) ? scale : 1.f);
     return r;
 }
 

@@ -2,8 +2,9 @@
 // Shows a property of the shading point as a colour, for people debugging a
 // scene: UVW of a channel (as it is), normals and the tangent frame encoded
 // as 0.5 + 0.5 n, the ray depth and the footprint as grey levels scaled by
-// "scale", the face, object or material id as a stable random colour, and
-// back faces as red over green fronts.
+// "scale" (a NaN or infinite scale counts as 1), the face, object or
+// material id as a stable random colour, and back faces as red over green
+// fronts.
 #include "Ferrim/IMap.h"
 #include "Ferrim/maps/CompositingSupport.h"
 

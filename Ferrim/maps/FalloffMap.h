@@ -12,7 +12,8 @@
 //   ShadowLight            t = max(c, 0)        D taken as the light direction
 //   DistanceBlend          t = (d - near) / (far - near), clamped, d the
 //                          distance from the camera (a step at near when
-//                          far <= near)
+//                          far <= near or either is NaN; an infinite far
+//                          keeps the front)
 // then the optional curve; the result is color1 + t (color2 - color1).
 #include "Ferrim/IMap.h"
 #include "Ferrim/maps/CompositingSupport.h"

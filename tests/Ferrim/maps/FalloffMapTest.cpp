@@ -127,3 +127,31 @@ TEST_F(FalloffMapTest, FresnelMapInvertsTheIndexOnBackFacesAndReadsPerChannelMet
 
 } // namespace
 } // namespace Quelin
+
+namespace Quelin {
+namespace {
+
+TEST_F(FalloffMapTest, NonFiniteSettingsHaveTheirStatedResults) {
+    using namespace MapsTest;
+    float const nan = std::numeric_limits<float>::quiet_NaN(), inf = std::numeric_limits<float>::infinity();
+    FalloffMap map;
+    map.set("falloffType", FalloffMap::Type::DistanceBlend);
+    SettableShadeContext p;
+    p.position = PrecisePos(0, 0, 15);
+    map.set("farDistance", nan);  // a step at near (0): the side
+    EXPECT_EQ(map.getEvaluator().evaluator->evalColor(p, nullptr).r, 1.f);
+    map.set("farDistance", inf);  // never reached: the front
+    EXPECT_EQ(map.getEvaluator().evaluator->evalColor(p, nullptr).r, 0.f);
+    EXPECT_FALSE(map.setValue("ior", nan).has_value());  // refused, the record keeps its IOR
+    EXPECT_EQ(map.get<float>("ior"), 1.6f);
+    FresnelMap fresnel;
+    fresnel.set("conductor", true);
+    fresnel.set("k", Rgb(nan, inf, 2.f));  // unknown extinction: reflects everything
+    RgbAlpha const f = fresnel.getEvaluator().evaluator->evalColor(p, nullptr);
+    EXPECT_NEAR(f.r, 1.f, 1e-5f);
+    EXPECT_NEAR(f.g, 1.f, 1e-5f);
+    EXPECT_LT(f.b, 1.f);
+}
+
+} // namespace
+} // namespace Quelin

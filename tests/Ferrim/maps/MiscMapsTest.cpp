@@ -244,6 +244,9 @@ TEST_F(MiscMapsTest, DebugShowsThePointsProperties) {
         map.set("scale", 2.f);
         Testing::expectNear(map.getEvaluator().evaluator->evalColor(p, nullptr).rgb(), c.want, 1e-6f);
     }
+    map.set("show", DebugMap::Show::RayDepth);
+    map.set("scale", std::numeric_limits<float>::quiet_NaN());  // counts as 1
+    EXPECT_FLOAT_EQ(map.getEvaluator().evaluator->evalColor(p, nullptr).r, 0.3f);
     map.set("show", DebugMap::Show::FaceIndex);
     auto const e = map.getEvaluator().evaluator;
     Rgb const face0 = e->evalColor(p, nullptr).rgb();
