@@ -1,6 +1,7 @@
 #include "Ferrim/maps/FalloffMap.h"
 
 #include <cmath>
+#include <limits>
 
 #include "Ferrim/Ferrim.h"
 #include "Ferrim/ShadingDataObjectBuilder.h"
@@ -17,7 +18,7 @@ namespace Quelin {
 namespace {
 // Inline here, so the evaluators do not pay a call through the library's
 // exported (and so interposable) entry point per sample.
-inline float dielectricReflectance(float c, float eta) {
+inline float dielectricReflectance(float c, float eta) {  // eta finite and above 0
     c = std::fabs(c);
     c = c < 1.f ? c : 1.f;  // NaN counts as head-on
     float const g2 = eta * eta - 1.f + c * c;
@@ -25,13 +26,16 @@ inline float dielectricReflectance(float c, float eta) {
     float const g = std::sqrt(g2);
     float const gm = g - c, gp = g + c;
     float const lo = c * gm + 1.f, hi = c * gp - 1.f;
-    float const den = 2.f * gp * gp * lo * lo;
-    if (!(den > 0.f)) return 1.f;
-    return gm * gm * (lo * lo + hi * hi) / den;
+    // Never 0 here: g > 0, and c (g - c) > -1 because g^2 > c^2 - 1.
+    float const q = gp * lo;
+    return gm * gm * (lo * lo + hi * hi) / (2.f * q * q);
 }
 } // namespace
 
-float Fresnel::dielectric(float c, float eta) { return dielectricReflectance(c, eta); }
+float Fresnel::dielectric(float c, float eta) {
+    if (eta == std::numeric_limits<float>::infinity()) return 1.f;
+    return dielectricReflectance(c, std::isfinite(eta) && eta > 0.f ? eta : 1.f);
+}
 
 // The conductor reflectance from the complex index, as in Pharr, Jakob and
 // Humphreys, "Physically Based Rendering" (3rd ed.), section 8.2.1, evaluated

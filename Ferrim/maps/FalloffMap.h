@@ -24,7 +24,8 @@ namespace Quelin {
 struct FERRIM_EXPORT Fresnel {
     /// A dielectric interface of relative index eta (transmitted over incident)
     /// at the cosine c of the incidence angle (clamped to [0, 1]). Total
-    /// internal reflection gives 1; eta = 1 gives 0 at every angle.
+    /// internal reflection gives 1; eta = 1 gives 0 at every angle. An
+    /// infinite eta reflects everything; NaN and eta <= 0 count as 1.
     static float dielectric(float c, float eta);
     /// A conductor of complex index n + i k seen from a medium of index 1.
     static float conductor(float c, float n, float k);

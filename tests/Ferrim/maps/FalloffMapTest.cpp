@@ -142,6 +142,10 @@ TEST_F(FalloffMapTest, NonFiniteSettingsHaveTheirStatedResults) {
     EXPECT_EQ(map.getEvaluator().evaluator->evalColor(p, nullptr).r, 1.f);
     map.set("farDistance", inf);  // never reached: the front
     EXPECT_EQ(map.getEvaluator().evaluator->evalColor(p, nullptr).r, 0.f);
+    EXPECT_EQ(Fresnel::dielectric(0.5f, inf), 1.f);
+    EXPECT_EQ(Fresnel::dielectric(0.5f, nan), 0.f);
+    EXPECT_EQ(Fresnel::dielectric(0.5f, -2.f), 0.f);
+    EXPECT_NEAR(Fresnel::dielectric(nan, 1.5f), 0.04f, 1e-6f);  // a NaN cosine counts as head-on
     EXPECT_FALSE(map.setValue("ior", nan).has_value());  // refused, the record keeps its IOR
     EXPECT_EQ(map.get<float>("ior"), 1.6f);
     FresnelMap fresnel;
