@@ -5,6 +5,32 @@
 
 namespace Quelin {
 
+namespace {
+
+/// The common case on its own: two maps mixed by a fixed amount. Calling the
+/// inputs directly keeps their colours in registers; the general path's choice
+/// between a map and a constant joins them through memory.
+class PlainMixOfMaps final : public IMapEvaluator {
+public:
+    PlainMixOfMaps(SharedPtr<IMapEvaluator> a, SharedPtr<IMapEvaluator> b, float t)
+        : mA(std::move(a)), mB(std::move(b)), mT(t) {}
+    [[gnu::optimize("no-tree-slp-vectorize")]] RgbAlpha evalColor(IShadeContext const& c, MapCache* cache) const override {
+        return MapsDetail::mix(mA->evalColor(c, cache), mB->evalColor(c, cache), mT);
+    }
+    MonoAlpha evalMono(IShadeContext const& c, MapCache* cache) const override {
+        return MapsDetail::mix(mA->evalMono(c, cache), mB->evalMono(c, cache), mT);
+    }
+    Dir evalBump(IShadeContext const& c, MapCache* cache) const override {
+        return MapsDetail::mix(mA->evalBump(c, cache), mB->evalBump(c, cache), mT);
+    }
+
+private:
+    SharedPtr<IMapEvaluator> mA, mB;
+    float mT;
+};
+
+} // namespace
+
 SharedPtr<DataObjectDefinition const> const& MixMap::Data::definition() {
     static SharedPtr<DataObjectDefinition const> const d = [] {
         ShadingDataObjectBuilder b;
@@ -46,6 +72,11 @@ IMap::OptimizedResult MixMap::getEvaluatorImpl() const {
         // Amount 0 shows color1 in every mode; amount 1 of a plain mix shows color2.
         if (amount == 0.f) return MapsDetail::passThrough(color1);
         if (amount == 1.f && mode == BlendMode::Mix) return MapsDetail::passThrough(color2);
+    }
+    if (!mask && mode == BlendMode::Mix && !color1.isConstant() && !color2.isConstant()) {
+        OptimizedResult result;
+        result.evaluator = makeSharedPtr<PlainMixOfMaps>(color1.getMapEvaluator(), color2.getMapEvaluator(), amount);
+        return result;
     }
     bool const constant = !mask && color1.isConstant() && color2.isConstant();
     auto evaluator = makeSharedPtr<MixEvaluator>(std::move(color1), std::move(color2), std::move(mask), amount, curve, mode);

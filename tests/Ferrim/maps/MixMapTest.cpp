@@ -132,6 +132,23 @@ TEST_F(MixMapTest, AmountZeroOrAFullPlainMixIsThatInputsOwnEvaluator) {
     EXPECT_FLOAT_EQ(multiply->getEvaluator().constantColor.g, 0.1f);
 }
 
+TEST_F(MixMapTest, TwoMapsMixedByAFixedAmountMatchTheGeneralEvaluator) {
+    SharedPtr<IMap> const a = makeSharedPtr<NoiseMap>(), b = makeSharedPtr<CountingMap>(RgbAlpha(0.2f, 0.9f, 0.4f, 0.5f));
+    auto const mix = makeMix(Rgb(0.f), Rgb(0.f), 0.3f);
+    setInputMap(*mix, "color1", a);
+    setInputMap(*mix, "color2", b);
+    auto const fast = mix->getEvaluator().evaluator;
+    MixEvaluator const general(mapInput(a), mapInput(b), nullptr, 0.3f, {}, BlendMode::Mix);
+    std::mt19937 rng(11);
+    std::uniform_real_distribution<float> d(-5.f, 5.f);
+    for (int i = 0; i < 20; ++i) {
+        SettableShadeContext const p(d(rng), d(rng), d(rng));
+        EXPECT_EQ(fast->evalColor(p, nullptr), general.evalColor(p, nullptr));
+        EXPECT_EQ(fast->evalMono(p, nullptr), general.evalMono(p, nullptr));
+        EXPECT_EQ(fast->evalBump(p, nullptr), general.evalBump(p, nullptr));
+    }
+}
+
 TEST_F(MixMapTest, AMaskSetsTheAmountPerPointThroughTheCurve) {
     auto const mix = makeMix(Rgb(0.f), Rgb(1.f), 0.5f);
     auto const mask = makeSharedPtr<CountingMap>(RgbAlpha(0.3f, 0.3f, 0.3f, 1.f));
