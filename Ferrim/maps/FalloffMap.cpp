@@ -10,31 +10,20 @@ namespace Quelin {
 
 // --------------------------------------------------------------- Fresnel
 
-// The unpolarised dielectric reflectance in the form of Cook and Torrance,
-// "A Reflectance Model for Computer Graphics" (1982):
-//   g = sqrt(eta^2 - 1 + c^2)
-//   F = 1/2 (g - c)^2 / (g + c)^2 (1 + ((c (g + c) - 1) / (c (g - c) + 1))^2)
-// written over one common denominator, so a sample costs one root and one division.
-namespace {
-// Inline here, so the evaluators do not pay a call through the library's
-// exported (and so interposable) entry point per sample.
-inline float dielectricReflectance(float c, float eta) {  // eta finite and above 0
-    c = std::fabs(c);
-    c = c < 1.f ? c : 1.f;  // NaN counts as head-on
-    float const g2 = eta * eta - 1.f + c * c;
-    if (!(g2 > 0.f)) return eta == 1.f ? 0.f : 1.f;
-    float const g = std::sqrt(g2);
-    float const gm = g - c, gp = g + c;
-    float const lo = c * gm + 1.f, hi = c * gp - 1.f;
-    // Never 0 here: g > 0, and c (g - c) > -1 because g^2 > c^2 - 1.
-    float const q = gp * lo;
-    return gm * gm * (lo * lo + hi * hi) / (2.f * q * q);
-}
-} // namespace
+// The unpolarised dielectric reflectance F = (Rs + Rp) / 2 from the Fresnel
+// amplitude equations with Snell's law, for relative index eta and cosine c:
+//   g = sqrt(eta^2 - 1 + c^2)           (eta times the refracted cosine)
+//   Rs = ((c - g) / (c + g))^2,  Rp = ((eta^2 c - g) / (eta^2 c + g))^2
+// Multiplying out the denominators, (c + g)(c - g) = 1 - eta^2 and
+// (eta^2 c + g)(eta^2 c - g) = (eta^4 - 1) c^2 + 1 - eta^2 =: d, so
+//   Rs = (c - g)^4 / (1 - eta^2)^2,  Rp = (eta^2 c - g)^4 / d^2,
+// and the one division (by d^2) does not wait for the root. Near Brewster's
+// angle d and the numerator of Rp vanish together; where d is within the
+// rounding of its own terms, Rp (then below 1e-9 for indices up to 3) is 0.
 
 float Fresnel::dielectric(float c, float eta) {
     if (eta == std::numeric_limits<float>::infinity()) return 1.f;
-    return dielectricReflectance(c, std::isfinite(eta) && eta > 0.f ? eta : 1.f);
+    return Dielectric(std::isfinite(eta) && eta > 0.f ? eta : 1.f).reflectance(c);
 }
 
 // The conductor reflectance from the complex index, as in Pharr, Jakob and
@@ -117,7 +106,7 @@ IMap::OptimizedResult FalloffMap::getEvaluatorImpl() const {
 FalloffEvaluator::FalloffEvaluator(ColorOrMap::Evaluator color1, ColorOrMap::Evaluator color2, FalloffMap::Type type,
                                    FalloffMap::Direction direction, float ior, float nearDistance, float farDistance,
                                    MapsDetail::AmountCurve curve)
-    : mColor1(std::move(color1)), mColor2(std::move(color2)), mType(type), mDirection(direction), mIor(ior),
+    : mColor1(std::move(color1)), mColor2(std::move(color2)), mType(type), mDirection(direction), mFresnel(ior),
       mNear(nearDistance), mFar(farDistance), mCurve(curve) {}
 
 float FalloffEvaluator::weight(IShadeContext const& context) const {
@@ -146,7 +135,7 @@ float FalloffEvaluator::weight(IShadeContext const& context) const {
     switch (mType) {
     case FalloffMap::Type::PerpendicularParallel: t = 1.f - std::fabs(c); break;
     case FalloffMap::Type::TowardsAway: t = 0.5f * (1.f - c); break;
-    case FalloffMap::Type::Fresnel: t = dielectricReflectance(c, mIor); break;
+    case FalloffMap::Type::Fresnel: t = mFresnel.reflectance(c); break;
     case FalloffMap::Type::ShadowLight: t = std::max(c, 0.f); break;
     case FalloffMap::Type::DistanceBlend: break;
     }
@@ -176,23 +165,24 @@ namespace {
 
 class FresnelEvaluator final : public IMapEvaluator {
 public:
-    FresnelEvaluator(float ior, bool conductor, Rgb n, Rgb k) : mEta(ior), mInvEta(1.f / ior), mConductor(conductor), mN(n), mK(k) {}
+    FresnelEvaluator(float ior, bool conductor, Rgb n, Rgb k)
+        : mOutside(ior), mInside(1.f / ior), mConductor(conductor), mN(n), mK(k) {}
     RgbAlpha evalColor(IShadeContext const& context, MapCache*) const override {
         float const c = cosine(context);
         if (mConductor)
             return {Fresnel::conductor(c, mN.r, mK.r), Fresnel::conductor(c, mN.g, mK.g), Fresnel::conductor(c, mN.b, mK.b), 1.f};
-        float const f = dielectricReflectance(c, context.isBackFace() ? mInvEta : mEta);
+        float const f = (context.isBackFace() ? mInside : mOutside).reflectance(c);
         return {f, f, f, 1.f};
     }
     MonoAlpha evalMono(IShadeContext const& context, MapCache* cache) const override {
-        if (!mConductor) return {dielectricReflectance(cosine(context), context.isBackFace() ? mInvEta : mEta), 1.f};
+        if (!mConductor) return {(context.isBackFace() ? mInside : mOutside).reflectance(cosine(context)), 1.f};
         return {evalColor(context, cache).rgb().mean(), 1.f};
     }
     Dir evalBump(IShadeContext const&, MapCache*) const override { return Dir(); }
 
 private:
     static float cosine(IShadeContext const& context) { return dot(context.getNormal(), context.getViewDirection()); }
-    float mEta, mInvEta;
+    Fresnel::Dielectric mOutside, mInside;  ///< a ray that hit a back face comes from inside
     bool mConductor;
     Rgb mN, mK;
 };

@@ -15,6 +15,8 @@
 //                          far <= near or either is NaN; an infinite far
 //                          keeps the front)
 // then the optional curve; the result is color1 + t (color2 - color1).
+#include <cmath>
+
 #include "Ferrim/IMap.h"
 #include "Ferrim/maps/CompositingSupport.h"
 
@@ -22,6 +24,39 @@ namespace Quelin {
 
 /// Fresnel reflectance for unpolarised light, exact (not Schlick's approximation).
 struct FERRIM_EXPORT Fresnel {
+    /// The terms of one index, prepared once (see FalloffMap.cpp for the form).
+    struct Dielectric {
+        float eta2 = 1.f, sScale = 0.f, dA = 0.f, dB = 0.f, dMin = 0.f;
+        double eta2m1 = 0.0;  ///< in double: near the critical angle g^2 is a small difference
+        bool unit = true;  ///< eta = 1: no interface
+
+        explicit Dielectric(float eta = 1.f) {
+            if (eta == 1.f) return;
+            unit = false;
+            eta2 = eta * eta;
+            eta2m1 = double(eta) * double(eta) - 1.0;
+            sScale = float(1.0 / (eta2m1 * eta2m1));
+            dA = eta2 * eta2 - 1.f;
+            dB = float(-eta2m1);
+            dMin = 1e-5f * (std::fabs(dA) + std::fabs(dB));
+        }
+        /// At the cosine c of the incidence angle; inline, as evaluators call it per sample.
+        float reflectance(float c) const {
+            c = std::fabs(c);
+            c = c < 1.f ? c : 1.f;  // NaN counts as head-on
+            if (unit) return 0.f;
+            float const c2 = c * c;
+            float const g2 = float(eta2m1 + double(c) * double(c));
+            if (!(g2 > 0.f)) return 1.f;  // total internal reflection
+            float const d = dA * c2 + dB;
+            float const pScale = std::fabs(d) > dMin ? 1.f / (d * d) : 0.f;
+            float const g = std::sqrt(g2);
+            float const s = c - g, p = eta2 * c - g;
+            float const s2 = s * s, p2 = p * p;
+            return 0.5f * (s2 * s2 * sScale + p2 * p2 * pScale);
+        }
+    };
+
     /// A dielectric interface of relative index eta (transmitted over incident)
     /// at the cosine c of the incidence angle (clamped to [0, 1]). Total
     /// internal reflection gives 1; eta = 1 gives 0 at every angle. An
@@ -62,7 +97,8 @@ private:
     ColorOrMap::Evaluator mColor1, mColor2;
     FalloffMap::Type mType;
     FalloffMap::Direction mDirection;
-    float mIor, mNear, mFar;
+    Fresnel::Dielectric mFresnel;
+    float mNear, mFar;
     MapsDetail::AmountCurve mCurve;
 };
 

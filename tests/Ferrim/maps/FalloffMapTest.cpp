@@ -11,13 +11,16 @@ using namespace MapsTest;
 
 /// Unpolarised reflectance from the Fresnel amplitude equations with Snell's
 /// law, in complex double arithmetic (a real index for a dielectric).
-double referenceReflectance(double degrees, std::complex<double> eta) {
-    double const ci = std::cos(degrees * 3.14159265358979323846 / 180.0);
+double reflectanceAtCosine(double ci, std::complex<double> eta) {
     double const si2 = 1.0 - ci * ci;
     std::complex<double> const ct = std::sqrt(1.0 - si2 / (eta * eta));
     std::complex<double> const rs = (ci - eta * ct) / (ci + eta * ct);
     std::complex<double> const rp = (eta * ci - ct) / (eta * ci + ct);
     return 0.5 * (std::norm(rs) + std::norm(rp));
+}
+
+double referenceReflectance(double degrees, std::complex<double> eta) {
+    return reflectanceAtCosine(std::cos(degrees * 3.14159265358979323846 / 180.0), eta);
 }
 
 TEST(Fresnel, DielectricAndConductorMatchTheExactEquations) {
@@ -28,6 +31,14 @@ TEST(Fresnel, DielectricAndConductorMatchTheExactEquations) {
         // Gold at 650 nm.
         EXPECT_NEAR(Fresnel::conductor(c, 0.18299f, 3.4242f), referenceReflectance(angle, {0.18299, 3.4242}), 1e-6) << angle;
     }
+    // Every tenth of a degree, across Brewster's angle and the critical angle, from both sides.
+    for (double ior : {1.5, 2.4, 1.0 / 1.5, 1.01})
+        for (int tenth = 0; tenth < 900; ++tenth) {
+            double const angle = tenth / 10.0;
+            float const c = float(std::cos(angle * 3.14159265358979323846 / 180.0));
+            // Against the same float cosine: next to the critical angle F is steep in c.
+            EXPECT_NEAR(Fresnel::dielectric(c, float(ior)), reflectanceAtCosine(c, float(ior)), 1e-6) << angle << " " << ior;
+        }
     // Seen from inside glass: total internal reflection beyond the critical angle (41.8 degrees).
     EXPECT_EQ(Fresnel::dielectric(std::cos(0.8f), 1.f / 1.5f), 1.f);
     EXPECT_NEAR(Fresnel::dielectric(1.f, 1.f / 1.5f), 0.04f, 1e-6f);
