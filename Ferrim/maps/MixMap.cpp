@@ -1,0 +1,119 @@
+#include "Ferrim/maps/MixMap.h"
+
+#include "Ferrim/Ferrim.h"
+#include "Ferrim/ShadingDataObjectBuilder.h"
+
+namespace Quelin {
+
+namespace {
+
+/// The common case on its own: two maps mixed by a fixed amount. Calling the
+/// inputs directly keeps their colours in registers; the general path's choice
+/// between a map and a constant joins them through memory.
+class PlainMixOfMaps final : public IMapEvaluator {
+public:
+    PlainMixOfMaps(SharedPtr<IMapEvaluator> a, SharedPtr<IMapEvaluator> b, float t)
+        : mA(std::move(a)), mB(std::move(b)), mT(t) {}
+    [[gnu::optimize("no-tree-slp-vectorize")]] RgbAlpha evalColor(IShadeContext const& c, MapCache* cache) const override {
+        return MapsDetail::mix(mA->evalColor(c, cache), mB->evalColor(c, cache), mT);
+    }
+    MonoAlpha evalMono(IShadeContext const& c, MapCache* cache) const override {
+        return MapsDetail::mix(mA->evalMono(c, cache), mB->evalMono(c, cache), mT);
+    }
+    Dir evalBump(IShadeContext const& c, MapCache* cache) const override {
+        return MapsDetail::mix(mA->evalBump(c, cache), mB->evalBump(c, cache), mT);
+    }
+
+private:
+    SharedPtr<IMapEvaluator> mA, mB;
+    float mT;
+};
+
+} // namespace
+
+SharedPtr<DataObjectDefinition const> const& MixMap::Data::definition() {
+    static SharedPtr<DataObjectDefinition const> const d = [] {
+        ShadingDataObjectBuilder b;
+        b.addColorOrMap("color1", Rgb(0, 0, 0), "Color 1", "The bottom input, shown where the amount is 0");
+        b.addColorOrMap("color2", Rgb(1, 1, 1), "Color 2", "The top input, blended over color 1 by the amount");
+        b.addFloat("amount", 0.5f, "Amount", "How much of the blend shows, 0 to 1 (used when no mask applies)")
+            .addValidator(makeSharedPtr<ClampValueToRangeValidator<float>>(0.f, 1.f));
+        b.addMap("mask", "Mask", "A map whose mono value is the amount at each point");
+        b.addBool("maskOn", true, "Mask on", "Whether the mask applies");
+        b.addEnum("blendMode", MapsDetail::blendModeType(), int(BlendMode::Mix), "Blend mode",
+                  "How color 2 combines with color 1 before the amount fades it in");
+        MapsDetail::addAmountCurve(b, "amount");
+        return b.build("Zatho.MixMap");
+    }();
+    return d;
+}
+
+MixMap::MixMap() : IMap(Data::definition()) {}
+
+SharedPtr<Entity> MixMap::createNewInstance() const { return makeSharedPtr<MixMap>(); }
+
+IMap::OptimizedResult MixMap::getEvaluatorImpl() const {
+    MapsDetail::BuildDepthGuard const guard(*this);
+    GenericDataObject const& d = getData();
+    auto color1 = MapsDetail::colorOrMapEvaluator(d, "color1");
+    auto color2 = MapsDetail::colorOrMapEvaluator(d, "color2");
+    MapsDetail::AmountCurve const curve = MapsDetail::readAmountCurve(d);
+    BlendMode const mode = d.get<BlendMode>("blendMode");
+    float amount = curve.apply(d.get<float>("amount"));
+    SharedPtr<IMapEvaluator> mask;
+    if (auto const maskMap = d.get<EntityHolder<IMap>>("mask"); maskMap && d.get<bool>("maskOn")) {
+        OptimizedResult r = maskMap->getEvaluator();
+        if (r.hasConstant)
+            amount = curve.apply(r.constantMono.value);
+        else
+            mask = std::move(r.evaluator);
+    }
+    if (!mask) {
+        // Amount 0 shows color1 in every mode; amount 1 of a plain mix shows color2.
+        if (amount == 0.f) return MapsDetail::passThrough(color1);
+        if (amount == 1.f && mode == BlendMode::Mix) return MapsDetail::passThrough(color2);
+    }
+    if (!mask && mode == BlendMode::Mix && !color1.isConstant() && !color2.isConstant()) {
+        OptimizedResult result;
+        result.evaluator = makeSharedPtr<PlainMixOfMaps>(color1.getMapEvaluator(), color2.getMapEvaluator(), amount);
+        return result;
+    }
+    bool const constant = !mask && color1.isConstant() && color2.isConstant();
+    auto evaluator = makeSharedPtr<MixEvaluator>(std::move(color1), std::move(color2), std::move(mask), amount, curve, mode);
+    if (constant) return MapsDetail::foldToConstant(*evaluator);
+    OptimizedResult result;
+    result.evaluator = std::move(evaluator);
+    return result;
+}
+
+MixEvaluator::MixEvaluator(ColorOrMap::Evaluator color1, ColorOrMap::Evaluator color2, SharedPtr<IMapEvaluator> mask,
+                           float amount, MapsDetail::AmountCurve curve, BlendMode mode)
+    : mColor1(std::move(color1)), mColor2(std::move(color2)), mMask(std::move(mask)), mAmount(amount), mCurve(curve),
+      mMode(mode) {}
+
+// Channel by channel in scalar registers: colours come back from calls split
+// over two registers, and the compiler's packing of them into one vector goes
+// through memory and stalls on the store forwarding.
+[[gnu::optimize("no-tree-slp-vectorize")]] RgbAlpha MixEvaluator::evalColor(IShadeContext const& context, MapCache* cache) const {
+    float const t = amountAt(context, cache);
+    RgbAlpha const a = mColor1.evalColor(context, cache), b = mColor2.evalColor(context, cache);
+    if (mMode == BlendMode::Mix) return MapsDetail::mix(a, b, t);
+    return MapsDetail::blend(mMode, a, b, t);
+}
+
+MonoAlpha MixEvaluator::evalMono(IShadeContext const& context, MapCache* cache) const {
+    float const t = amountAt(context, cache);
+    if (mMode == BlendMode::Mix)
+        return MapsDetail::mix(mColor1.evalMono(context, cache), mColor2.evalMono(context, cache), t);
+    RgbAlpha const c = MapsDetail::blend(mMode, mColor1.evalColor(context, cache), mColor2.evalColor(context, cache), t);
+    return {c.rgb().mean(), c.alpha};
+}
+
+Dir MixEvaluator::evalBump(IShadeContext const& context, MapCache* cache) const {
+    float const t = amountAt(context, cache);
+    return MapsDetail::mix(mColor1.evalBump(context, cache), mColor2.evalBump(context, cache), t);
+}
+
+FERRIM_REGISTER_ENTITY(MixMap);
+
+} // namespace Quelin

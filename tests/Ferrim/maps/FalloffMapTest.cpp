@@ -1,0 +1,172 @@
+#include "Ferrim/maps/FalloffMap.h"
+
+#include <complex>
+
+#include "MapsTestSupport.h"
+
+namespace Quelin {
+namespace {
+
+using namespace MapsTest;
+
+/// Unpolarised reflectance from the Fresnel amplitude equations with Snell's
+/// law, in complex double arithmetic (a real index for a dielectric).
+double reflectanceAtCosine(double ci, std::complex<double> eta) {
+    double const si2 = 1.0 - ci * ci;
+    std::complex<double> const ct = std::sqrt(1.0 - si2 / (eta * eta));
+    std::complex<double> const rs = (ci - eta * ct) / (ci + eta * ct);
+    std::complex<double> const rp = (eta * ci - ct) / (eta * ci + ct);
+    return 0.5 * (std::norm(rs) + std::norm(rp));
+}
+
+double referenceReflectance(double degrees, std::complex<double> eta) {
+    return reflectanceAtCosine(std::cos(degrees * 3.14159265358979323846 / 180.0), eta);
+}
+
+TEST(Fresnel, DielectricAndConductorMatchTheExactEquations) {
+    for (double angle : {0.0, 45.0, 89.9}) {
+        float const c = float(std::cos(angle * 3.14159265358979323846 / 180.0));
+        for (double ior : {1.0, 1.5, 2.4})
+            EXPECT_NEAR(Fresnel::dielectric(c, float(ior)), referenceReflectance(angle, ior), 1e-6) << angle << " " << ior;
+        // Gold at 650 nm.
+        EXPECT_NEAR(Fresnel::conductor(c, 0.18299f, 3.4242f), referenceReflectance(angle, {0.18299, 3.4242}), 1e-6) << angle;
+    }
+    // Every tenth of a degree, across Brewster's angle and the critical angle, from both sides.
+    for (double ior : {1.5, 2.4, 1.0 / 1.5, 1.01})
+        for (int tenth = 0; tenth < 900; ++tenth) {
+            double const angle = tenth / 10.0;
+            float const c = float(std::cos(angle * 3.14159265358979323846 / 180.0));
+            // Against the same float cosine: next to the critical angle F is steep in c.
+            EXPECT_NEAR(Fresnel::dielectric(c, float(ior)), reflectanceAtCosine(c, float(ior)), 1e-6) << angle << " " << ior;
+        }
+    // Seen from inside glass: total internal reflection beyond the critical angle (41.8 degrees).
+    EXPECT_EQ(Fresnel::dielectric(std::cos(0.8f), 1.f / 1.5f), 1.f);
+    EXPECT_NEAR(Fresnel::dielectric(1.f, 1.f / 1.5f), 0.04f, 1e-6f);
+    EXPECT_EQ(Fresnel::dielectric(0.f, 1.5f), 1.f);
+}
+
+class FalloffMapTest : public LibraryFixture {};
+
+/// A point whose shading normal is `angle` degrees away from the view direction's reverse.
+SettableShadeContext pointAt(float degrees) {
+    SettableShadeContext p;
+    float const a = degrees * PI / 180.f;
+    p.normal = Dir(std::sin(a), 0.f, std::cos(a));
+    p.view = Dir(0, 0, -1);
+    return p;
+}
+
+TEST_F(FalloffMapTest, EachTypeAtKnownAngles) {
+    struct Case {
+        FalloffMap::Type type;
+        float degrees, weight;
+    };
+    float const f45 = float(referenceReflectance(45.0, 1.6));
+    for (Case const c : {Case{FalloffMap::Type::PerpendicularParallel, 0.f, 0.f},
+                         Case{FalloffMap::Type::PerpendicularParallel, 60.f, 0.5f},
+                         Case{FalloffMap::Type::PerpendicularParallel, 90.f, 1.f},
+                         Case{FalloffMap::Type::PerpendicularParallel, 120.f, 0.5f},
+                         Case{FalloffMap::Type::TowardsAway, 0.f, 0.f}, Case{FalloffMap::Type::TowardsAway, 90.f, 0.5f},
+                         Case{FalloffMap::Type::TowardsAway, 180.f, 1.f},
+                         Case{FalloffMap::Type::Fresnel, 45.f, f45},
+                         Case{FalloffMap::Type::ShadowLight, 60.f, 0.5f},
+                         Case{FalloffMap::Type::ShadowLight, 150.f, 0.f}}) {
+        FalloffMap map;
+        map.set("falloffType", c.type);
+        auto const r = map.getEvaluator();
+        ASSERT_FALSE(r.hasConstant);
+        RgbAlpha const v = r.evaluator->evalColor(pointAt(c.degrees), nullptr);
+        EXPECT_NEAR(v.r, c.weight, 1e-5f) << int(c.type) << " at " << c.degrees;
+    }
+}
+
+TEST_F(FalloffMapTest, WorldAxesDistanceBlendAndTheCurve) {
+    FalloffMap map;
+    map.set("direction", FalloffMap::Direction::WorldX);
+    SettableShadeContext p;
+    p.normal = Dir(1, 0, 0);  // parallel to world X: front
+    EXPECT_NEAR(map.getEvaluator().evaluator->evalColor(p, nullptr).r, 0.f, 1e-6f);
+    p.normal = Dir(0, 0, 1);
+    EXPECT_NEAR(map.getEvaluator().evaluator->evalColor(p, nullptr).r, 1.f, 1e-6f);
+
+    map.set("falloffType", FalloffMap::Type::DistanceBlend);
+    map.set("nearDistance", 10.f);
+    map.set("farDistance", 20.f);
+    p.position = PrecisePos(0, 0, 15);  // the camera sits at the origin
+    EXPECT_NEAR(map.getEvaluator().evaluator->evalColor(p, nullptr).r, 0.5f, 1e-6f);
+    map.set("useCurve", true);
+    map.set("curveLower", 0.f);
+    map.set("curveUpper", 0.8f);
+    EXPECT_NEAR(map.getEvaluator().evaluator->evalColor(p, nullptr).r, 0.68359375f, 1e-6f);  // x = 0.625
+    map.set("farDistance", 5.f);  // far before near: a step at near
+    EXPECT_EQ(map.getEvaluator().evaluator->evalColor(p, nullptr).r, 1.f);
+}
+
+TEST_F(FalloffMapTest, EqualConstantInputsFoldAndBumpBlends) {
+    FalloffMap map;
+    GenericDataObject c = map.get<GenericDataObject>("color2");
+    c.set("color", Rgb(0, 0, 0));
+    map.set("color2", c);
+    EXPECT_TRUE(map.getEvaluator().hasConstant);
+    expectJsonRoundTrip(map);
+    setInputMap(map, "color2", makeSharedPtr<CountingMap>(RgbAlpha(1, 1, 1, 1)));
+    Testing::expectNear(map.getEvaluator().evaluator->evalBump(pointAt(60.f), nullptr), Dir(0.5f, 1.f, 1.5f), 1e-5f);
+}
+
+TEST_F(FalloffMapTest, FresnelMapInvertsTheIndexOnBackFacesAndReadsPerChannelMetals) {
+    FresnelMap map;
+    struct BackFace : SettableShadeContext {
+        bool isBackFace() const override { return true; }
+    };
+    BackFace inside;
+    inside.normal = pointAt(45.f).normal;
+    auto const e = map.getEvaluator().evaluator;
+    EXPECT_NEAR(e->evalMono(pointAt(45.f), nullptr).value, referenceReflectance(45.0, 1.5), 1e-6);
+    EXPECT_EQ(e->evalMono(inside, nullptr).value, 1.f);  // beyond the critical angle from inside
+    map.set("conductor", true);
+    map.set("n", Rgb(0.18299f, 0.42415f, 1.3734f));
+    map.set("k", Rgb(3.4242f, 2.3459f, 1.7704f));
+    RgbAlpha const gold = map.getEvaluator().evaluator->evalColor(pointAt(0.f), nullptr);
+    EXPECT_NEAR(gold.r, referenceReflectance(0.0, {0.18299, 3.4242}), 1e-6);
+    EXPECT_NEAR(gold.b, referenceReflectance(0.0, {1.3734, 1.7704}), 1e-6);
+    EXPECT_GT(gold.r, gold.b);  // gold is yellow
+    map.set("conductor", false);
+    map.set("ior", 1.f);
+    EXPECT_TRUE(map.getEvaluator().hasConstant);
+    expectJsonRoundTrip(map);
+}
+
+} // namespace
+} // namespace Quelin
+
+namespace Quelin {
+namespace {
+
+TEST_F(FalloffMapTest, NonFiniteSettingsHaveTheirStatedResults) {
+    using namespace MapsTest;
+    float const nan = std::numeric_limits<float>::quiet_NaN(), inf = std::numeric_limits<float>::infinity();
+    FalloffMap map;
+    map.set("falloffType", FalloffMap::Type::DistanceBlend);
+    SettableShadeContext p;
+    p.position = PrecisePos(0, 0, 15);
+    map.set("farDistance", nan);  // a step at near (0): the side
+    EXPECT_EQ(map.getEvaluator().evaluator->evalColor(p, nullptr).r, 1.f);
+    map.set("farDistance", inf);  // never reached: the front
+    EXPECT_EQ(map.getEvaluator().evaluator->evalColor(p, nullptr).r, 0.f);
+    EXPECT_EQ(Fresnel::dielectric(0.5f, inf), 1.f);
+    EXPECT_EQ(Fresnel::dielectric(0.5f, nan), 0.f);
+    EXPECT_EQ(Fresnel::dielectric(0.5f, -2.f), 0.f);
+    EXPECT_NEAR(Fresnel::dielectric(nan, 1.5f), 0.04f, 1e-6f);  // a NaN cosine counts as head-on
+    EXPECT_FALSE(map.setValue("ior", nan).has_value());  // refused, the record keeps its IOR
+    EXPECT_EQ(map.get<float>("ior"), 1.6f);
+    FresnelMap fresnel;
+    fresnel.set("conductor", true);
+    fresnel.set("k", Rgb(nan, inf, 2.f));  // unknown extinction: reflects everything
+    RgbAlpha const f = fresnel.getEvaluator().evaluator->evalColor(p, nullptr);
+    EXPECT_NEAR(f.r, 1.f, 1e-5f);
+    EXPECT_NEAR(f.g, 1.f, 1e-5f);
+    EXPECT_LT(f.b, 1.f);
+}
+
+} // namespace
+} // namespace Quelin
