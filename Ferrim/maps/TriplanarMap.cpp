@@ -6,6 +6,7 @@
 #include "Ferrim/Ferrim.h"
 #include "Ferrim/ShadingDataObjectBuilder.h"
 #include "Ferrim/UnitScaler.h"
+#include "Ferrim/UvMapper.h"
 #include "Ferrim/maps/ProceduralSupport.h"
 
 namespace Quelin {
@@ -108,6 +109,7 @@ TriplanarEvaluator::TriplanarEvaluator(StaticArray<ColorOrMap::Evaluator, 3> map
         axis.rotation = finiteOr(axis.rotation, 0.f);
         axis.scale = std::isfinite(axis.scale) && axis.scale != 0.f ? std::fabs(axis.scale) : 1.f;
         mInverseScale[std::size_t(a)] = 1.f / (p.size * axis.scale);
+        mScaleLength[std::size_t(a)] = p.size * axis.scale;
         mCos[std::size_t(a)] = std::cos(axis.rotation * DEGREES);
         mSin[std::size_t(a)] = std::sin(axis.rotation * DEGREES);
     }
@@ -143,10 +145,30 @@ float TriplanarEvaluator::randomAngle(IShadeContext const& context, int axis) co
     return float(h >> 8) * (360.f / 16777216.f);
 }
 
-TriplanarEvaluator::Projection TriplanarEvaluator::project(IShadeContext const& context, int axis) const {
+TriplanarEvaluator::Frame TriplanarEvaluator::frame(IShadeContext const& context, bool withTangents) const {
     bool const object = mParameters.space == Space::OBJECT;
-    Pos const p = object ? context.getObjectPosition() : context.getPosition().toPos();
-    Dir const n = normalInSpace(context);
+    Frame f;
+    f.position = object ? context.getObjectPosition() : context.getPosition().toPos();
+    f.normal = normalInSpace(context);
+    f.footprint = context.getPositionFootprint();
+    f.withTangents = withTangents;
+    if (object && withTangents) {
+        f.toWorld = context.getObjectToWorld();
+        f.transformTangents = true;
+        // A world footprint measured in object units: over the object's mean scale.
+        float const det = std::fabs(f.toWorld.linear().determinant());
+        if (det > 0.f && std::isfinite(det)) f.footprint /= std::cbrt(det);
+    }
+    return f;
+}
+
+TriplanarEvaluator::Projection TriplanarEvaluator::project(IShadeContext const& context, int axis) const {
+    return project(context, frame(context, true), axis);
+}
+
+TriplanarEvaluator::Projection TriplanarEvaluator::project(IShadeContext const& context, Frame const& f, int axis) const {
+    Pos const& p = f.position;
+    Dir const& n = f.normal;
     std::size_t const a = std::size_t(axis);
     // Plane coordinates and the directions they grow along.
     Vector2 raw;
@@ -179,38 +201,66 @@ TriplanarEvaluator::Projection TriplanarEvaluator::project(IShadeContext const& 
     Vector2 const q = (raw - mParameters.axes[a].offset) * inv;
     Projection out;
     out.uvw = Pos(c * q.x - s * q.y, s * q.x + c * q.y, 0.f);
-    // raw = R^T uv / inv + offset, so the tangents are R^T's columns over inv.
-    float const length = 1.f / inv;
-    Dir du = (U * c - V * s) * length, dv = (U * s + V * c) * length;
-    float footprint = context.getPositionFootprint();
-    if (object) {
-        AffineTm const tm = context.getObjectToWorld();
-        du = tm.transformDir(du), dv = tm.transformDir(dv);
-        // A world footprint measured in object units: over the object's mean scale.
-        float const det = std::fabs(tm.linear().determinant());
-        if (det > 0.f && std::isfinite(det)) footprint /= std::cbrt(det);
+    out.dUvw = Dir(f.footprint * inv, f.footprint * inv, 0.f);
+    if (f.withTangents) {
+        // raw = R^T uv / inv + offset, so the tangents are R^T's columns over inv.
+        float const length = mScaleLength[a];
+        Dir du = (U * c - V * s) * length, dv = (U * s + V * c) * length;
+        if (f.transformTangents) du = f.toWorld.transformDir(du), dv = f.toWorld.transformDir(dv);
+        out.dpdu = du, out.dpdv = dv;
     }
-    out.dUvw = Dir(footprint * inv, footprint * inv, 0.f);
-    out.dpdu = du, out.dpdv = dv;
     return out;
 }
 
 namespace {
 
+/// A projection's view of the shading point: its own UVW, footprint and bump
+/// frame on every channel. The kind of point and the filtering wish, which a
+/// texture lookup asks for, are read from the parent once per point, not once
+/// per projection and call.
+class ProjectionShadeContext final : public OverridableShadeContext {
+public:
+    ProjectionShadeContext(IShadeContext const& parent, ShadedKind kind, bool filtered, bool bump,
+                           TriplanarEvaluator::Projection const& projection)
+        : OverridableShadeContext(parent), mP(projection), mKind(kind), mFiltered(filtered), mBump(bump) {}
+    ProjectionShadeContext(ProjectionShadeContext const&) = delete;
+
+    Pos getUvw(int, std::uint32_t = 0) const override { return mP.uvw; }
+    Dir getDUvw(int) const override { return mP.dUvw; }
+    ShadedKind getShadedKind() const override { return mKind; }
+    bool wantsFilteredLookup() const override { return mFiltered; }
+    Dir getDpDu(int channel) const override { return mBump ? mP.dpdu : getParent().getDpDu(channel); }
+    Dir getDpDv(int channel) const override { return mBump ? mP.dpdv : getParent().getDpDv(channel); }
+    Matrix33 getBumpBase(int channel) const override {
+        return mBump ? UvMapper::bumpBaseFromTangents(getParent().getNormal(), mP.dpdu, mP.dpdv)
+                     : getParent().getBumpBase(channel);
+    }
+
+private:
+    TriplanarEvaluator::Projection mP;
+    ShadedKind mKind;
+    bool mFiltered, mBump;
+};
+
+/// Evaluates the projections with weight and blends them; a single projection
+/// is returned as it is. Colour and mono keep the parent's bump frame (they
+/// never read it), so the tangents are only worked out for bump.
 template <typename Result, typename Eval, typename Mix>
-Result blendProjections(TriplanarEvaluator const& e, IShadeContext const& context, StaticArray<float, 3> const& w,
-                        Eval const& eval, Mix const& mix) {
+Result blendProjections(TriplanarEvaluator const& e, IShadeContext const& context, Dir const& normal, float blend,
+                        bool bump, Eval const& eval, Mix const& mix) {
+    StaticArray<float, 3> const w = TriplanarEvaluator::blendWeights(normal, blend);
+    TriplanarEvaluator::Frame const f = e.frame(context, bump);
+    ShadedKind const kind = context.getShadedKind();
+    bool const filtered = context.wantsFilteredLookup();
     Result sum{};
-    bool first = true;
     for (int a = 0; a < 3; ++a) {
         float const weight = w[std::size_t(a)];
         if (weight == 0.f) continue;
-        TriplanarEvaluator::Projection const pr = e.project(context, a);
-        OverridableUvwShadeContext const sub(context, pr.uvw, pr.dUvw, pr.dpdu, pr.dpdv, true);
+        TriplanarEvaluator::Projection const pr = e.project(context, f, a);
+        ProjectionShadeContext const sub(context, kind, filtered, bump, pr);
         Result const r = eval(a, sub);
         if (weight == 1.f) return r;  // exactly the one axis's answer
-        sum = first ? mix(Result{}, r, weight) : mix(sum, r, weight);
-        first = false;
+        sum = mix(sum, r, weight);
     }
     return sum;
 }
@@ -219,14 +269,14 @@ Result blendProjections(TriplanarEvaluator const& e, IShadeContext const& contex
 
 RgbAlpha TriplanarEvaluator::evalColor(IShadeContext const& context, MapCache* cache) const {
     return blendProjections<RgbAlpha>(
-        *this, context, blendWeights(normalInSpace(context), mParameters.blend),
+        *this, context, normalInSpace(context), mParameters.blend, false,
         [&](int a, IShadeContext const& sub) { return mMaps[std::size_t(a)].evalColor(sub, cache); },
         [](RgbAlpha const& acc, RgbAlpha const& r, float w) { return acc + r * w; });
 }
 
 MonoAlpha TriplanarEvaluator::evalMono(IShadeContext const& context, MapCache* cache) const {
     return blendProjections<MonoAlpha>(
-        *this, context, blendWeights(normalInSpace(context), mParameters.blend),
+        *this, context, normalInSpace(context), mParameters.blend, false,
         [&](int a, IShadeContext const& sub) { return mMaps[std::size_t(a)].evalMono(sub, cache); },
         [](MonoAlpha const& acc, MonoAlpha const& r, float w) {
             return MonoAlpha(acc.value + r.value * w, acc.alpha + r.alpha * w);
@@ -236,7 +286,7 @@ MonoAlpha TriplanarEvaluator::evalMono(IShadeContext const& context, MapCache* c
 Dir TriplanarEvaluator::evalBump(IShadeContext const& context, MapCache* cache) const {
     // Each map differentiates in its own projection's frame; the tilts blend like the colours.
     return blendProjections<Dir>(
-        *this, context, blendWeights(normalInSpace(context), mParameters.blend),
+        *this, context, normalInSpace(context), mParameters.blend, true,
         [&](int a, IShadeContext const& sub) { return mMaps[std::size_t(a)].evalBump(sub, cache); },
         [](Dir const& acc, Dir const& r, float w) { return acc + r * w; });
 }

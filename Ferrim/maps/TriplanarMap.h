@@ -72,6 +72,17 @@ public:
         Dir dpdu, dpdv;    ///< world-space tangents
     };
     Projection project(IShadeContext const& context, int axis) const;
+    /// What every projection of one shading point shares, read from the context once.
+    struct Frame {
+        Pos position;
+        Dir normal;
+        float footprint = 0.f;
+        bool withTangents = false;
+        bool transformTangents = false;  ///< object space: tangents to world
+        AffineTm toWorld;
+    };
+    Frame frame(IShadeContext const& context, bool withTangents) const;
+    Projection project(IShadeContext const& context, Frame const& frame, int axis) const;
     Parameters const& parameters() const { return mParameters; }
 
 private:
@@ -81,6 +92,7 @@ private:
     StaticArray<ColorOrMap::Evaluator, 3> mMaps;
     Parameters mParameters;
     StaticArray<float, 3> mInverseScale{};  ///< 1 / (size scale_a)
+    StaticArray<float, 3> mScaleLength{};   ///< size scale_a
     StaticArray<float, 3> mCos{}, mSin{};
 };
 
