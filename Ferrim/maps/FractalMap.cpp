@@ -7,6 +7,7 @@
 #include "Ferrim/ShadingDataObjectBuilder.h"
 #include "Ferrim/maps/BumpConverterMap.h"
 #include "Ferrim/maps/CellularMap.h"
+#include "Ferrim/maps/GradientNoise.h"
 #include "Ferrim/maps/NoiseMap.h"
 
 namespace Quelin {
@@ -147,11 +148,6 @@ FractalEvaluator::FractalEvaluator(SharedPtr<UvMapper const> uvMapper, ColorOrMa
     mNormalizer = total > 0.f ? 1.f / (total * reach) : 0.f;
 }
 
-float FractalEvaluator::basis(Pos const& p) const {
-    if (mParameters.type == Type::WORLEY) return std::sqrt(CellularEvaluator::distanceSlots(p)[0]);
-    return NoiseMap::noise(p);
-}
-
 float FractalEvaluator::octaveWeight(int octave, float footprint) const {
     if (!mParameters.footprintCulling || !(footprint > 0.f)) return 1.f;
     float const x = footprint * mFrequency[std::size_t(std::clamp(octave, 0, MAX_OCTAVES))];
@@ -160,11 +156,47 @@ float FractalEvaluator::octaveWeight(int octave, float footprint) const {
 
 float FractalEvaluator::octaveSum(Pos const& p, float footprint) const { return sumImpl(p, footprint); }
 
-float FractalEvaluator::sumImpl(Pos const& p, float footprint) const {
+namespace {
+
+template <Type T> inline float basisOf(Float4 p) {
+    if constexpr (T == Type::WORLEY) {
+        alignas(16) float q[4];
+        p.store(q);
+        return std::sqrt(CellularEvaluator::distanceSlots(Pos(q[0], q[1], q[2]))[0]);
+    } else {
+        return MapsDetail::gradientNoise(p);
+    }
+}
+
+} // namespace
+
+template <int TypeIndex> float FractalEvaluator::sumOf(Pos const& p, float footprint) const {
+    constexpr Type T = Type(TypeIndex);
     int const count = mWholeOctaves + (mFraction > 0.f ? 1 : 0);
-    Type const type = mParameters.type;
+    // Octaves up to `full` keep their whole weight: the common case runs without the fade.
+    int full = count;
+    if (mParameters.footprintCulling && footprint > 0.f) {
+        full = 0;
+        while (full < count && footprint * mFrequency[std::size_t(full)] <= 0.25f) ++full;
+    }
+    Float4 const base(p.x, p.y, p.z, 0.f);
     float sum = 0.f, weight = 1.f;
-    for (int i = 0; i < count; ++i) {
+    int i = 0;
+    for (; i < full; ++i) {
+        float const n = basisOf<T>(base * Float4(mFrequency[std::size_t(i)]));
+        float const a = mAmplitude[std::size_t(i)];
+        if constexpr (T == Type::FBM || T == Type::WORLEY) {
+            sum += a * n;
+        } else if constexpr (T == Type::TURBULENCE) {
+            sum += a * std::fabs(n);
+        } else {
+            float const r = mParameters.offset - std::fabs(n);
+            sum += a * (r * r * weight);
+            // Crests grow sharper where the coarser octaves already are high.
+            weight = std::clamp(r * r, 0.f, 1.f);
+        }
+    }
+    for (; i < count; ++i) {
         float const w = octaveWeight(i, footprint);
         float const a = mAmplitude[std::size_t(i)];
         if (w == 0.f) {
@@ -172,26 +204,30 @@ float FractalEvaluator::sumImpl(Pos const& p, float footprint) const {
             for (int j = i; j < count; ++j) sum += mAmplitude[std::size_t(j)] * mBasisMean * weight;
             break;
         }
-        float const f = mFrequency[std::size_t(i)];
-        float const n = basis(Pos(p.x * f, p.y * f, p.z * f));
+        float const n = basisOf<T>(base * Float4(mFrequency[std::size_t(i)]));
         float term;
-        switch (type) {
-        case Type::FBM: term = n; break;
-        case Type::TURBULENCE: term = std::fabs(n); break;
-        case Type::RIDGED: {
+        if constexpr (T == Type::FBM || T == Type::WORLEY) {
+            term = n;
+        } else if constexpr (T == Type::TURBULENCE) {
+            term = std::fabs(n);
+        } else {
             float const r = mParameters.offset - std::fabs(n);
             term = r * r * weight;
-            // Crests grow sharper where the coarser octaves already are high.
-            float const next = std::clamp(r * r, 0.f, 1.f);
-            weight = w * next + (1.f - w) * std::clamp(mBasisMean, 0.f, 1.f);
-            break;
+            weight = w * std::clamp(r * r, 0.f, 1.f) + (1.f - w) * std::clamp(mBasisMean, 0.f, 1.f);
         }
-        default: term = n; break;  // WORLEY
-        }
-        if (w < 1.f) term = w * term + (1.f - w) * mBasisMean;
-        sum += a * term;
+        sum += a * (w * term + (1.f - w) * mBasisMean);
     }
     return sum;
+}
+
+float FractalEvaluator::sumImpl(Pos const& p, float footprint) const {
+    switch (mParameters.type) {
+    case Type::FBM: return sumOf<int(Type::FBM)>(p, footprint);
+    case Type::RIDGED: return sumOf<int(Type::RIDGED)>(p, footprint);
+    case Type::TURBULENCE: return sumOf<int(Type::TURBULENCE)>(p, footprint);
+    case Type::WORLEY: return sumOf<int(Type::WORLEY)>(p, footprint);
+    }
+    return 0.f;
 }
 
 float FractalEvaluator::value(Pos const& uvw, float footprint) const {

@@ -73,8 +73,8 @@ public:
     Parameters const& parameters() const { return mParameters; }
 
 private:
-    float basis(Pos const& p) const;
     float sumImpl(Pos const& p, float footprint) const;
+    template <int TypeIndex> float sumOf(Pos const& p, float footprint) const;
 
     SharedPtr<UvMapper const> mUvw;
     ColorOrMap::Evaluator mColor1, mColor2;
