@@ -88,7 +88,10 @@ NoiseMapEvaluator::NoiseMapEvaluator(SharedPtr<UvMapper const> uvMapper, ColorOr
     mConstantInputs = mColor1.isConstant() && mColor2.isConstant();
 }
 
-float NoiseMapEvaluator::noiseValue(Pos const& uvw) const {
+// The per-sample steps, inline in the evaluation entry points (the public
+// member functions are exported, so calls to them would go through the
+// dynamic linker's indirection).
+inline float NoiseMapEvaluator::noiseValueInline(Pos const& uvw) const {
     Float4 p = Float4(uvw.x, uvw.y, uvw.z, 0.f) / Float4(mSize);
     if (mLevels == 1.f) return (gradientNoise(p) + 1.f) * 0.5f;  // one octave, no partial one
     float amplitude = 1.f, sum = 0.f;
@@ -106,15 +109,19 @@ float NoiseMapEvaluator::noiseValue(Pos const& uvw) const {
     return (sum + 1.f) * 0.5f;
 }
 
-float NoiseMapEvaluator::blendWeight(float value) const {
+inline float NoiseMapEvaluator::blendWeightInline(float value) const {
     // The numerator keeps minThreshold even when the thresholds are reversed:
     // the ramp always rises from minThreshold upward.
     float const x = value - mMinThreshold;
     return clamp(mRampIsPowerOfTwo ? x * mRampReciprocal : x / mRampDenominator, 0.f, 1.f);
 }
 
+float NoiseMapEvaluator::noiseValue(Pos const& uvw) const { return noiseValueInline(uvw); }
+
+float NoiseMapEvaluator::blendWeight(float value) const { return blendWeightInline(value); }
+
 RgbAlpha NoiseMapEvaluator::evalColor(IShadeContext const& context, MapCache* cache) const {
-    float const t = blendWeight(noiseValue(mUvw->computeUvw(context)));
+    float const t = blendWeightInline(noiseValueInline(mUvw->computeUvw(context)));
     // Two constants: the blend is the whole answer (and equals the ends at t = 0 and 1).
     if (mConstantInputs) return MapsDetail::mix(mColor1.getColor(), mColor2.getColor(), t);
     if (t <= 0.f) return mColor1.evalColor(context, cache);
@@ -123,7 +130,7 @@ RgbAlpha NoiseMapEvaluator::evalColor(IShadeContext const& context, MapCache* ca
 }
 
 MonoAlpha NoiseMapEvaluator::evalMono(IShadeContext const& context, MapCache* cache) const {
-    float const t = blendWeight(noiseValue(mUvw->computeUvw(context)));
+    float const t = blendWeightInline(noiseValueInline(mUvw->computeUvw(context)));
     if (mConstantInputs) return MapsDetail::mix(mColor1.getMono(), mColor2.getMono(), t);
     if (t <= 0.f) return mColor1.evalMono(context, cache);
     if (t >= 1.f) return mColor2.evalMono(context, cache);
