@@ -4,7 +4,7 @@
 // map and the fractal map compute bit-identical values from it.
 #include <cstdint>
 
-#include "QuelinLib/Float4.h"
+#include "QuelinLib/Wide.h"
 #include "QuelinLib/Types.h"
 
 namespace Quelin::MapsDetail {
@@ -47,30 +47,19 @@ constexpr StaticArray<std::uint8_t, 512> makeGradientIndex() {
 inline constexpr StaticArray<std::uint8_t, 512> GRADIENT_INDEX = makeGradientIndex();
 
 /// The gradient of the corner whose hash is P[i].
-inline Float4 gradient(std::uint32_t i) { return _mm_load_ps(GRADIENTS[GRADIENT_INDEX[i]]); }
+inline Float4 gradient(std::uint32_t i) { return Float4::load(GRADIENTS[GRADIENT_INDEX[i]]); }
 
-template <int I> inline Float4 broadcast(Float4 a) { return _mm_shuffle_ps(a.v, a.v, _MM_SHUFFLE(I, I, I, I)); }
-
-/// Columns x, y, z of four row vectors.
-inline void transpose3(Float4 r0, Float4 r1, Float4 r2, Float4 r3, Float4& x, Float4& y, Float4& z) {
-    __m128 const t0 = _mm_unpacklo_ps(r0.v, r1.v);  // r0x r1x r0y r1y
-    __m128 const t1 = _mm_unpacklo_ps(r2.v, r3.v);  // r2x r3x r2y r3y
-    __m128 const t2 = _mm_unpackhi_ps(r0.v, r1.v);  // r0z r1z . .
-    __m128 const t3 = _mm_unpackhi_ps(r2.v, r3.v);  // r2z r3z . .
-    x = _mm_movelh_ps(t0, t1);
-    y = _mm_movehl_ps(t1, t0);
-    z = _mm_movelh_ps(t2, t3);
-}
-
-/// Noise of a point held as (x, y, z, 0).
+/// Noise of a point held as (x, y, z, 0). The lanes hold the four (y, z)
+/// corners of the cell, so one point is one pass of four-lane arithmetic.
 inline float gradientNoise(Float4 p) {
+    using namespace Wide;
     // Cell: truncation toward zero, one lower where the coordinate is not
     // positive, so 0 and -1 fall in cells -1 and -2 (fraction 1.0, continuous).
-    __m128i const cell = _mm_add_epi32(_mm_cvttps_epi32(p.v), _mm_castps_si128(_mm_cmple_ps(p.v, _mm_setzero_ps())));
-    Float4 const f = p - Float4(_mm_cvtepi32_ps(cell));
-    std::uint32_t const X = std::uint32_t(_mm_cvtsi128_si32(cell)) & 255u;
-    std::uint32_t const Y = std::uint32_t(_mm_extract_epi32(cell, 1)) & 255u;
-    std::uint32_t const Z = std::uint32_t(_mm_extract_epi32(cell, 2)) & 255u;
+    Int4 const cell = truncateToInt(p) + bitsToInt(p <= Float4(0.f));
+    Float4 const f = p - convertToFloat(cell);
+    std::uint32_t const X = std::uint32_t(lane<0>(cell)) & 255u;
+    std::uint32_t const Y = std::uint32_t(lane<1>(cell)) & 255u;
+    std::uint32_t const Z = std::uint32_t(lane<2>(cell)) & 255u;
 
     // z hashed first, then y, then x.
     std::uint32_t const A = PERM[Z] + Y, B = PERM[Z + 1] + Y;
@@ -81,24 +70,24 @@ inline float gradientNoise(Float4 p) {
     transpose3(gradient(AA), gradient(AB), gradient(BA), gradient(BB), gx0, gy0, gz0);
     transpose3(gradient(AA + 1), gradient(AB + 1), gradient(BA + 1), gradient(BB + 1), gx1, gy1, gz1);
 
-    Float4 const fx = broadcast<0>(f);
-    Float4 const oy = broadcast<1>(f) - Float4(0.f, 1.f, 0.f, 1.f);
-    Float4 const oz = broadcast<2>(f) - Float4(0.f, 0.f, 1.f, 1.f);
+    Float4 const fx = broadcastLane<0>(f);
+    Float4 const oy = broadcastLane<1>(f) - Float4(0.f, 1.f, 0.f, 1.f);
+    Float4 const oz = broadcastLane<2>(f) - Float4(0.f, 0.f, 1.f, 1.f);
     Float4 const d0 = gx0 * fx + gy0 * oy + gz0 * oz;
     Float4 const d1 = gx1 * (fx - Float4(1.f)) + gy1 * oy + gz1 * oz;
 
     // Quintic fade ((6t - 15)t + 10)t^3 per axis.
     Float4 const ramp = (f * Float4(6.f) - Float4(15.f)) * f + Float4(10.f);
     Float4 const fadeC = min(max(ramp * (f * f * f), Float4(0.f)), Float4(1.f));
-    Float4 const u = broadcast<0>(fadeC), v = broadcast<1>(fadeC), w = broadcast<2>(fadeC);
+    Float4 const u = broadcastLane<0>(fadeC), v = broadcastLane<1>(fadeC), w = broadcastLane<2>(fadeC);
 
     // Along x, then y, then z, with weights (1 - t, t).
-    Float4 const bx = d0 * (Float4(1.f) - u) + d1 * u;                 // (y,z): 00 10 01 11
-    Float4 const lo = _mm_shuffle_ps(bx.v, bx.v, _MM_SHUFFLE(2, 0, 2, 0));  // 00 01
-    Float4 const hi = _mm_shuffle_ps(bx.v, bx.v, _MM_SHUFFLE(3, 1, 3, 1));  // 10 11
+    Float4 const bx = d0 * (Float4(1.f) - u) + d1 * u;  // (y,z): 00 10 01 11
+    Float4 const lo = evenLanes(bx);                    // 00 01
+    Float4 const hi = oddLanes(bx);                     // 10 11
     Float4 const by = lo * (Float4(1.f) - v) + hi * v;
     Float4 const bz = by * (Float4(1.f) - w);
-    return _mm_cvtss_f32(_mm_add_ss(bz.v, _mm_mul_ss(broadcast<1>(by).v, w.v)));
+    return lane<0>(bz) + lane<1>(by) * lane<0>(w);
 }
 
 } // namespace Quelin::MapsDetail
