@@ -312,6 +312,15 @@ inline void transpose3(Float4 r0, Float4 r1, Float4 r2, Float4 r3, Float4& x, Fl
     y = _mm_movehl_ps(t1, t0);
     z = _mm_movelh_ps(t2, t3);
 }
+/// (0, a0, a1, a2): every lane moved one place up.
+inline Float4 shiftLanesUp(Float4 a) { return _mm_castsi128_ps(_mm_slli_si128(_mm_castps_si128(a.v), 4)); }
+/// ~a & b, bit by bit.
+inline Float4 andNot(Float4 a, Float4 b) { return _mm_andnot_ps(a.v, b.v); }
+inline Int4 loadInt4(std::uint32_t const* p) { return _mm_loadu_si128(reinterpret_cast<__m128i const*>(p)); }
+/// The low 32 bits of the lane products (wrap-around multiplication).
+inline Int4 multiplyLow(Int4 a, Int4 b) { return _mm_mullo_epi32(a.v, b.v); }
+/// Shift that fills with zeros: the lanes as unsigned.
+inline Int4 shiftRightLogical(Int4 a, int n) { return _mm_srli_epi32(a.v, n); }
 #else
 template <int I> inline Float4 broadcastLane(Float4 a) { return Float4(a.l[I]); }
 template <int I> inline float lane(Float4 a) { return a.l[I]; }
@@ -322,6 +331,7 @@ inline void transpose3(Float4 r0, Float4 r1, Float4 r2, Float4 r3, Float4& x, Fl
     y = Float4(r0.l[1], r1.l[1], r2.l[1], r3.l[1]);
     z = Float4(r0.l[2], r1.l[2], r2.l[2], r3.l[2]);
 }
+inline Float4 shiftLanesUp(Float4 a) { return Float4(0.f, a.l[0], a.l[1], a.l[2]); }
 #endif
 
 } // namespace
