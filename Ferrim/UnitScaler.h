@@ -61,3 +61,11 @@ private:
 FERRIM_EXPORT void setupMapUnitScaler();
 
 } // namespace Quelin
+
+#define FERRIM_UNIT_SCALER_CONCAT2(a, b) a##b
+#define FERRIM_UNIT_SCALER_CONCAT(a, b) FERRIM_UNIT_SCALER_CONCAT2(a, b)
+/// At namespace scope beside a map's registration:
+///   FERRIM_REGISTER_SCENE_UNITS("Zatho.SomeMap", "radius", "distance");
+#define FERRIM_REGISTER_SCENE_UNITS(typeName, ...)                                                                     \
+    static bool const FERRIM_UNIT_SCALER_CONCAT(sFerrimSceneUnits_, __LINE__) =                                      \
+        (::Quelin::UnitScaler::registerSceneUnitProperties(typeName, {__VA_ARGS__}), true)

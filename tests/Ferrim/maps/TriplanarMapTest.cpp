@@ -174,6 +174,9 @@ TEST(UnitScaler, ConvertsBetweenUnitsExactlyEnough) {
         EXPECT_FLOAT_EQ(UnitScaler(c.from, c.to).factor(), c.factor) << int(c.from) << " " << int(c.to);
 }
 
+// How a map outside this library marks its lengths.
+FERRIM_REGISTER_SCENE_UNITS("Zatho.TestRadiusMap", "radius", "falloff");
+
 class UnitScalerMapTest : public LibraryFixture {
 protected:
     void TearDown() override {
@@ -185,8 +188,9 @@ protected:
 TEST_F(UnitScalerMapTest, RegisteredLengthsAreConvertedWhenTheEvaluatorIsBuilt) {
     EXPECT_EQ(UnitScaler::sceneUnitProperties("Zatho.TriplanarMap"),
               (Stack<String>{"offsetX", "offsetY", "offsetZ", "size"}));
-    UnitScaler::registerSceneUnitProperties("Zatho.SomeoneElsesMap", {"radius"});
-    EXPECT_TRUE(UnitScaler::isSceneUnitProperty("Zatho.SomeoneElsesMap", "radius"));
+    EXPECT_EQ(UnitScaler::sceneUnitProperties("Zatho.TestRadiusMap"), (Stack<String>{"falloff", "radius"}));
+    UnitScaler::registerSceneUnitProperties("Zatho.TestRadiusMap", {"radius", "width"});
+    EXPECT_TRUE(UnitScaler::isSceneUnitProperty("Zatho.TestRadiusMap", "width"));
     EXPECT_FALSE(UnitScaler::isSceneUnitProperty("Zatho.TriplanarMap", "blend"));
 
     auto map = makeSharedPtr<TriplanarMap>();
