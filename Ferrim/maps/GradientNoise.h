@@ -46,8 +46,21 @@ constexpr StaticArray<std::uint8_t, 512> makeGradientIndex() {
 }
 inline constexpr StaticArray<std::uint8_t, 512> GRADIENT_INDEX = makeGradientIndex();
 
+// The gradient of each permutation entry, GRADIENTS[P[i] mod 12], copied out
+// (8 KiB): a corner's gradient is one load after its hash, with no index in between.
+struct GradientOfHash {
+    alignas(16) float g[512][4];
+};
+constexpr GradientOfHash makeGradientOfHash() {
+    GradientOfHash t{};
+    for (int i = 0; i < 512; ++i)
+        for (int k = 0; k < 4; ++k) t.g[i][k] = GRADIENTS[GRADIENT_INDEX[std::size_t(i)]][k];
+    return t;
+}
+inline constexpr GradientOfHash GRADIENT_OF_HASH = makeGradientOfHash();
+
 /// The gradient of the corner whose hash is P[i].
-inline Float4 gradient(std::uint32_t i) { return Float4::load(GRADIENTS[GRADIENT_INDEX[i]]); }
+inline Float4 gradient(std::uint32_t i) { return Float4::load(GRADIENT_OF_HASH.g[i]); }
 
 /// Noise of a point held as (x, y, z, 0). The lanes hold the four (y, z)
 /// corners of the cell, so one point is one pass of four-lane arithmetic.
