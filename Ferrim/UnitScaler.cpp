@@ -93,12 +93,6 @@ Stack<String> UnitScaler::sceneUnitProperties(StringView typeName) {
     return Stack<String>(it->second.begin(), it->second.end());
 }
 
-SharedPtr<TypeDefinition const> const& UnitScaler::unitType() {
-    static SharedPtr<TypeDefinition const> const t = TypeDefinition::makeEnum(
-        "Zatho.Unit", {{0, "MILLIMETER"}, {1, "CENTIMETER"}, {2, "METER"}, {3, "INCH"}, {4, "FOOT"}});
-    return t;
-}
-
 void setupMapUnitScaler() {
     // Lengths in the scene: the projection size and the per-axis offsets of a triplanar map.
     UnitScaler::registerSceneUnitProperties("Zatho.TriplanarMap", {"size", "offsetX", "offsetY", "offsetZ"});

@@ -49,8 +49,6 @@ public:
     /// The registered lengths of a type, sorted.
     static Stack<String> sceneUnitProperties(StringView typeName);
 
-    static SharedPtr<TypeDefinition const> const& unitType();
-
 private:
     Unit mParameterUnit, mSceneUnit;
     float mFactor;

@@ -33,8 +33,13 @@ float finiteOr(float v, float fallback) { return std::isfinite(v) ? v : fallback
 SharedPtr<DataObjectDefinition const> buildDefinition() {
     ShadingDataObjectBuilder b;
     b.addColorOrMap("mapX", Rgb(0.5f, 0.5f, 0.5f), "X map", "Colour (or map) projected along the X axis");
-    b.addColorOrMap("mapY", Rgb(0.5f, 0.5f, 0.5f), "Y map", "Colour (or map) projected along the Y axis");
-    b.addColorOrMap("mapZ", Rgb(0.5f, 0.5f, 0.5f), "Z map", "Colour (or map) projected along the Z axis");
+    MetadataPredicate const ownMaps{"sameMapOnEveryAxis == false", [](GenericDataObject const& data) {
+                                        return !data.get<bool>("sameMapOnEveryAxis");
+                                    }};
+    b.addColorOrMap("mapY", Rgb(0.5f, 0.5f, 0.5f), "Y map", "Colour (or map) projected along the Y axis")
+        .setMetadata(Metadata::UI_ENABLED_IF, ownMaps);
+    b.addColorOrMap("mapZ", Rgb(0.5f, 0.5f, 0.5f), "Z map", "Colour (or map) projected along the Z axis")
+        .setMetadata(Metadata::UI_ENABLED_IF, ownMaps);
     b.addBool("sameMapOnEveryAxis", true, "Same map on every axis", "Project the X map along all three axes");
     b.addEnum("space", TriplanarMap::Data::spaceType(), int(Space::OBJECT), "Space",
               "OBJECT: the projection moves with the object; WORLD: the object moves through it");
