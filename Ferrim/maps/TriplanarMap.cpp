@@ -120,7 +120,9 @@ TriplanarEvaluator::TriplanarEvaluator(StaticArray<ColorOrMap::Evaluator, 3> map
     }
 }
 
-StaticArray<float, 3> TriplanarEvaluator::blendWeights(Dir const& normal, float blend) {
+namespace {
+
+inline StaticArray<float, 3> weightsOf(Dir const& normal, float blend) {
     float const n[3] = {std::fabs(normal.x), std::fabs(normal.y), std::fabs(normal.z)};
     int dominant = 0;
     for (int a = 1; a < 3; ++a)
@@ -140,6 +142,10 @@ StaticArray<float, 3> TriplanarEvaluator::blendWeights(Dir const& normal, float 
     return w;
 }
 
+} // namespace
+
+StaticArray<float, 3> TriplanarEvaluator::blendWeights(Dir const& normal, float blend) { return weightsOf(normal, blend); }
+
 Dir TriplanarEvaluator::normalInSpace(IShadeContext const& context) const {
     return mParameters.space == Space::OBJECT ? context.getObjectNormal() : context.getNormal();
 }
@@ -150,7 +156,7 @@ float TriplanarEvaluator::randomAngle(IShadeContext const& context, int axis) co
     return float(h >> 8) * (360.f / 16777216.f);
 }
 
-TriplanarEvaluator::Frame TriplanarEvaluator::frame(IShadeContext const& context, bool withTangents) const {
+inline TriplanarEvaluator::Frame TriplanarEvaluator::frameInline(IShadeContext const& context, bool withTangents) const {
     bool const object = mParameters.space == Space::OBJECT;
     Frame f;
     f.position = object ? context.getObjectPosition() : context.getPosition().toPos();
@@ -168,10 +174,18 @@ TriplanarEvaluator::Frame TriplanarEvaluator::frame(IShadeContext const& context
 }
 
 TriplanarEvaluator::Projection TriplanarEvaluator::project(IShadeContext const& context, int axis) const {
-    return project(context, frame(context, true), axis);
+    return projectInline(context, frameInline(context, true), axis);
 }
 
 TriplanarEvaluator::Projection TriplanarEvaluator::project(IShadeContext const& context, Frame const& f, int axis) const {
+    return projectInline(context, f, axis);
+}
+
+TriplanarEvaluator::Frame TriplanarEvaluator::frame(IShadeContext const& context, bool withTangents) const {
+    return frameInline(context, withTangents);
+}
+
+inline TriplanarEvaluator::Projection TriplanarEvaluator::projectInline(IShadeContext const& context, Frame const& f, int axis) const {
     Pos const& p = f.position;
     Dir const& n = f.normal;
     std::size_t const a = std::size_t(axis);
@@ -247,21 +261,23 @@ private:
     bool mFiltered, mBump;
 };
 
+} // namespace
+
 /// Evaluates the projections with weight and blends them; a single projection
 /// is returned as it is. Colour and mono keep the parent's bump frame (they
 /// never read it), so the tangents are only worked out for bump.
 template <typename Result, typename Eval, typename Mix>
-Result blendProjections(TriplanarEvaluator const& e, IShadeContext const& context, Dir const& normal, float blend,
-                        bool bump, Eval const& eval, Mix const& mix) {
-    StaticArray<float, 3> const w = TriplanarEvaluator::blendWeights(normal, blend);
-    TriplanarEvaluator::Frame const f = e.frame(context, bump);
+inline Result TriplanarEvaluator::blendProjections(IShadeContext const& context, bool bump, Eval const& eval,
+                                                   Mix const& mix) const {
+    Frame const f = frameInline(context, bump);
+    StaticArray<float, 3> const w = weightsOf(f.normal, mParameters.blend);
     ShadedKind const kind = context.getShadedKind();
     bool const filtered = context.wantsFilteredLookup();
     Result sum{};
     for (int a = 0; a < 3; ++a) {
         float const weight = w[std::size_t(a)];
         if (weight == 0.f) continue;
-        TriplanarEvaluator::Projection const pr = e.project(context, f, a);
+        Projection const pr = projectInline(context, f, a);
         ProjectionShadeContext const sub(context, kind, filtered, bump, pr);
         Result const r = eval(a, sub);
         if (weight == 1.f) return r;  // exactly the one axis's answer
@@ -270,18 +286,16 @@ Result blendProjections(TriplanarEvaluator const& e, IShadeContext const& contex
     return sum;
 }
 
-} // namespace
-
 RgbAlpha TriplanarEvaluator::evalColor(IShadeContext const& context, MapCache* cache) const {
     return blendProjections<RgbAlpha>(
-        *this, context, normalInSpace(context), mParameters.blend, false,
+        context, false,
         [&](int a, IShadeContext const& sub) { return mMaps[std::size_t(a)].evalColor(sub, cache); },
         [](RgbAlpha const& acc, RgbAlpha const& r, float w) { return acc + r * w; });
 }
 
 MonoAlpha TriplanarEvaluator::evalMono(IShadeContext const& context, MapCache* cache) const {
     return blendProjections<MonoAlpha>(
-        *this, context, normalInSpace(context), mParameters.blend, false,
+        context, false,
         [&](int a, IShadeContext const& sub) { return mMaps[std::size_t(a)].evalMono(sub, cache); },
         [](MonoAlpha const& acc, MonoAlpha const& r, float w) {
             return MonoAlpha(acc.value + r.value * w, acc.alpha + r.alpha * w);
@@ -291,7 +305,7 @@ MonoAlpha TriplanarEvaluator::evalMono(IShadeContext const& context, MapCache* c
 Dir TriplanarEvaluator::evalBump(IShadeContext const& context, MapCache* cache) const {
     // Each map differentiates in its own projection's frame; the tilts blend like the colours.
     return blendProjections<Dir>(
-        *this, context, normalInSpace(context), mParameters.blend, true,
+        context, true,
         [&](int a, IShadeContext const& sub) { return mMaps[std::size_t(a)].evalBump(sub, cache); },
         [](Dir const& acc, Dir const& r, float w) { return acc + r * w; });
 }

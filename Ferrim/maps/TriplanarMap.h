@@ -87,6 +87,10 @@ public:
 
 private:
     Dir normalInSpace(IShadeContext const& context) const;
+    Frame frameInline(IShadeContext const& context, bool withTangents) const;
+    Projection projectInline(IShadeContext const& context, Frame const& frame, int axis) const;
+    template <typename Result, typename Eval, typename Mix>
+    Result blendProjections(IShadeContext const& context, bool bump, Eval const& eval, Mix const& mix) const;
     float randomAngle(IShadeContext const& context, int axis) const;
 
     StaticArray<ColorOrMap::Evaluator, 3> mMaps;
