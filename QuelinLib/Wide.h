@@ -291,5 +291,48 @@ constexpr char const* ISA_NAME = "sse4.1";
 
 #endif
 
+// Four-lane shuffles of Float4 for kernels whose lanes are not points but the
+// corners or axes of one point's cell (the gradient noise of the procedural
+// maps), written once here so those kernels use no instructions directly.
+#if QUELIN_FLOAT4_SSE
+/// Lane I in every lane.
+template <int I> inline Float4 broadcastLane(Float4 a) { return _mm_shuffle_ps(a.v, a.v, _MM_SHUFFLE(I, I, I, I)); }
+template <int I> inline float lane(Float4 a) { return _mm_cvtss_f32(broadcastLane<I>(a).v); }
+template <int I> inline std::int32_t lane(Int4 a) { return _mm_extract_epi32(a.v, I); }
+/// (a0, a2, a0, a2) and (a1, a3, a1, a3).
+inline Float4 evenLanes(Float4 a) { return _mm_shuffle_ps(a.v, a.v, _MM_SHUFFLE(2, 0, 2, 0)); }
+inline Float4 oddLanes(Float4 a) { return _mm_shuffle_ps(a.v, a.v, _MM_SHUFFLE(3, 1, 3, 1)); }
+/// The x, y and z columns of four rows (x, y, z, any).
+inline void transpose3(Float4 r0, Float4 r1, Float4 r2, Float4 r3, Float4& x, Float4& y, Float4& z) {
+    __m128 const t0 = _mm_unpacklo_ps(r0.v, r1.v);  // r0x r1x r0y r1y
+    __m128 const t1 = _mm_unpacklo_ps(r2.v, r3.v);  // r2x r3x r2y r3y
+    __m128 const t2 = _mm_unpackhi_ps(r0.v, r1.v);  // r0z r1z . .
+    __m128 const t3 = _mm_unpackhi_ps(r2.v, r3.v);  // r2z r3z . .
+    x = _mm_movelh_ps(t0, t1);
+    y = _mm_movehl_ps(t1, t0);
+    z = _mm_movelh_ps(t2, t3);
+}
+/// (0, a0, a1, a2): every lane moved one place up.
+inline Float4 shiftLanesUp(Float4 a) { return _mm_castsi128_ps(_mm_slli_si128(_mm_castps_si128(a.v), 4)); }
+/// ~a & b, bit by bit.
+inline Float4 andNot(Float4 a, Float4 b) { return _mm_andnot_ps(a.v, b.v); }
+inline Int4 loadInt4(std::uint32_t const* p) { return _mm_loadu_si128(reinterpret_cast<__m128i const*>(p)); }
+/// The low 32 bits of the lane products (wrap-around multiplication).
+inline Int4 multiplyLow(Int4 a, Int4 b) { return _mm_mullo_epi32(a.v, b.v); }
+/// Shift that fills with zeros: the lanes as unsigned.
+inline Int4 shiftRightLogical(Int4 a, int n) { return _mm_srli_epi32(a.v, n); }
+#else
+template <int I> inline Float4 broadcastLane(Float4 a) { return Float4(a.l[I]); }
+template <int I> inline float lane(Float4 a) { return a.l[I]; }
+inline Float4 evenLanes(Float4 a) { return Float4(a.l[0], a.l[2], a.l[0], a.l[2]); }
+inline Float4 oddLanes(Float4 a) { return Float4(a.l[1], a.l[3], a.l[1], a.l[3]); }
+inline void transpose3(Float4 r0, Float4 r1, Float4 r2, Float4 r3, Float4& x, Float4& y, Float4& z) {
+    x = Float4(r0.l[0], r1.l[0], r2.l[0], r3.l[0]);
+    y = Float4(r0.l[1], r1.l[1], r2.l[1], r3.l[1]);
+    z = Float4(r0.l[2], r1.l[2], r2.l[2], r3.l[2]);
+}
+inline Float4 shiftLanesUp(Float4 a) { return Float4(0.f, a.l[0], a.l[1], a.l[2]); }
+#endif
+
 } // namespace
 } // namespace Quelin::Wide

@@ -8,7 +8,7 @@
 #include "Ferrim/ShadingDataObjectBuilder.h"
 #include "Ferrim/maps/BumpConverterMap.h"
 #include "Ferrim/maps/ProceduralSupport.h"
-#include "QuelinLib/Float4.h"
+#include "QuelinLib/Wide.h"
 
 namespace Quelin {
 
@@ -70,14 +70,14 @@ alignas(16) constexpr auto NEIGHBOUR_AXES_TABLE = makeNeighbourAxes();
 float const* const NEIGHBOUR_AXES[3] = {NEIGHBOUR_AXES_TABLE[0].data(), NEIGHBOUR_AXES_TABLE[1].data(),
                                         NEIGHBOUR_AXES_TABLE[2].data()};
 
-template <int I> inline Float4 broadcast(Float4 a) { return _mm_shuffle_ps(a.v, a.v, _MM_SHUFFLE(I, I, I, I)); }
-template <int I> inline float lane(Float4 a) { return _mm_cvtss_f32(broadcast<I>(a).v); }
+using Wide::lane;
+template <int I> inline Float4 broadcast(Float4 a) { return Wide::broadcastLane<I>(a); }
 
 /// s * 2^-32 for unsigned s, rounded once (the two halves convert exactly).
-inline Float4 unitFloat(__m128i s) {
-    __m128 const hi = _mm_cvtepi32_ps(_mm_srli_epi32(s, 16));
-    __m128 const lo = _mm_cvtepi32_ps(_mm_and_si128(s, _mm_set1_epi32(0xFFFF)));
-    return _mm_add_ps(_mm_mul_ps(hi, _mm_set1_ps(0x1p-16f)), _mm_mul_ps(lo, _mm_set1_ps(0x1p-32f)));
+inline Float4 unitFloat(Int4 s) {
+    Float4 const hi = convertToFloat(Wide::shiftRightLogical(s, 16));
+    Float4 const lo = convertToFloat(s & Int4(0xFFFF));
+    return hi * Float4(0x1p-16f) + lo * Float4(0x1p-32f);
 }
 
 inline int countPoints(std::uint32_t state) {
@@ -90,11 +90,11 @@ inline int countPoints(std::uint32_t state) {
 /// Places a squared distance in the first slot it beats; nothing shifts down.
 /// The slots stay ascending, so "first slot it beats" is the first lane of the
 /// comparison mask.
-inline __m128 place(__m128 slots, float d) {
-    __m128 const dv = _mm_set1_ps(d);
-    __m128 const beats = _mm_cmplt_ps(dv, slots);
-    __m128 const first = _mm_andnot_ps(_mm_castsi128_ps(_mm_slli_si128(_mm_castps_si128(beats), 4)), beats);
-    return _mm_blendv_ps(slots, dv, first);
+inline Float4 place(Float4 slots, float d) {
+    Float4 const dv(d);
+    Float4 const beats = dv < slots;
+    Float4 const first = Wide::andNot(Wide::shiftLanesUp(beats), beats);
+    return select(first, dv, slots);
 }
 
 /// The generator state of a point coordinate with its top bit flipped, read as
@@ -108,36 +108,36 @@ constexpr Jumps makeCentredJumps() {
 }
 constexpr Jumps CENTRED_JUMPS = makeCentredJumps();
 
-inline __m128i jumpState(Jumps const& table, int axis, int group, __m128i s) {
-    __m128i const a = _mm_load_si128(reinterpret_cast<__m128i const*>(&table.a[axis][4 * group]));
-    __m128i const c = _mm_load_si128(reinterpret_cast<__m128i const*>(&table.c[axis][4 * group]));
-    return _mm_add_epi32(_mm_mullo_epi32(a, s), c);
+inline Int4 jumpState(Jumps const& table, int axis, int group, Int4 s) {
+    Int4 const a = Wide::loadInt4(&table.a[axis][4 * group]);
+    Int4 const c = Wide::loadInt4(&table.c[axis][4 * group]);
+    return Wide::multiplyLow(a, s) + c;
 }
 
 /// Visits the cell with integer corner k = (kx, ky, kz, 0). `margin` bounds the
 /// difference between the quick centred distances and the exact ones, so the
 /// quick pass only rules out points that cannot reach a slot.
-inline void visitCell(Float4 p, Float4 k, __m128& slots, float margin) {
+inline void visitCell(Float4 p, Float4 k, Float4& slots, float margin) {
     // Seed in single precision, truncated: (541 kx + 79 ky) + 31 kz.
     Float4 const weighted = k * Float4(541.f, 79.f, 31.f, 0.f);
     float const seedF = (lane<0>(weighted) + lane<1>(weighted)) + lane<2>(weighted);
-    std::uint32_t const seed = std::uint32_t(_mm_cvttss_si32(_mm_set_ss(seedF)));
+    std::uint32_t const seed = std::uint32_t(lane<0>(truncateToInt(Float4(seedF))));
     std::uint32_t const state = seed * LCG_A + LCG_C;
     int const n = countPoints(state);
     int const groups = (n + 3) >> 2;
-    __m128i const s = _mm_set1_epi32(std::int32_t(state));
+    Int4 const s = Int4(std::int32_t(state));
 
     // Quick pass: distances from p to the points measured from the cell centre.
     Float4 const q = p - k - Float4(0.5f);
     Float4 const qx = broadcast<0>(q), qy = broadcast<1>(q), qz = broadcast<2>(q);
-    float const f4 = _mm_cvtss_f32(_mm_shuffle_ps(slots, slots, 0xFF));
+    float const f4 = lane<3>(slots);
     Float4 const limit(f4 + (margin + f4 * 0x1p-20f));
     Float4 const scale(0x1p-32f);
     unsigned candidates = 0;
     for (int g = 0; g < groups; ++g) {
-        Float4 const dx = qx - Float4(_mm_cvtepi32_ps(jumpState(CENTRED_JUMPS, 0, g, s))) * scale;
-        Float4 const dy = qy - Float4(_mm_cvtepi32_ps(jumpState(CENTRED_JUMPS, 1, g, s))) * scale;
-        Float4 const dz = qz - Float4(_mm_cvtepi32_ps(jumpState(CENTRED_JUMPS, 2, g, s))) * scale;
+        Float4 const dx = qx - convertToFloat(jumpState(CENTRED_JUMPS, 0, g, s)) * scale;
+        Float4 const dy = qy - convertToFloat(jumpState(CENTRED_JUMPS, 1, g, s)) * scale;
+        Float4 const dz = qz - convertToFloat(jumpState(CENTRED_JUMPS, 2, g, s)) * scale;
         candidates |= unsigned((dx * dx + dy * dy + dz * dz < limit).mask()) << (4 * g);
     }
     candidates &= (1u << n) - 1u;
@@ -153,7 +153,7 @@ inline void visitCell(Float4 p, Float4 k, __m128& slots, float margin) {
         Float4 const dy = py - (ky + unitFloat(jumpState(JUMPS, 1, g, s)));
         Float4 const dz = pz - (kz + unitFloat(jumpState(JUMPS, 2, g, s)));
         alignas(16) float ds[4];
-        _mm_store_ps(ds, (dx * dx + dy * dy + dz * dz).v);
+        (dx * dx + dy * dy + dz * dz).store(ds);
         while (lanes) {
             int const i = std::countr_zero(lanes);
             lanes &= lanes - 1;
@@ -227,7 +227,7 @@ int CellularEvaluator::pointCount(std::uint32_t state) { return countPoints(stat
 
 StaticArray<float, 4> CellularEvaluator::distanceSlots(Pos const& point) {
     float const inf = std::numeric_limits<float>::infinity();
-    __m128 slots = _mm_set1_ps(inf);
+    Float4 slots(inf);
     Float4 const p(point.x, point.y, point.z, 0.f);
     Float4 const c = floor(p);
     // Rounding of the exact point (k + s 2^-32, at the spacing of k) and of the
@@ -258,11 +258,11 @@ StaticArray<float, 4> CellularEvaluator::distanceSlots(Pos const& point) {
     }
     for (int i = 0; i < 13; ++i) {
         Float4 const o = Float4::load(NEIGHBOURS[i]);
-        if (plusDistance[i] < _mm_cvtss_f32(_mm_shuffle_ps(slots, slots, 0xFF))) visitCell(p, c + o, slots, margin);
-        if (minusDistance[i] < _mm_cvtss_f32(_mm_shuffle_ps(slots, slots, 0xFF))) visitCell(p, c - o, slots, margin);
+        if (plusDistance[i] < lane<3>(slots)) visitCell(p, c + o, slots, margin);
+        if (minusDistance[i] < lane<3>(slots)) visitCell(p, c - o, slots, margin);
     }
     alignas(16) StaticArray<float, 4> out;
-    _mm_store_ps(out.data(), slots);
+    slots.store(out.data());
     return out;
 }
 

@@ -3,104 +3,15 @@
 #include "Ferrim/Ferrim.h"
 #include "Ferrim/ShadingDataObjectBuilder.h"
 #include "Ferrim/maps/BumpConverterMap.h"
+#include "Ferrim/maps/GradientNoise.h"
 #include "Ferrim/maps/ProceduralSupport.h"
-#include "QuelinLib/Float4.h"
 
 namespace Quelin {
 
 namespace {
 
-// Ken Perlin's reference permutation (improved noise, 2002).
-constexpr std::uint32_t PERMUTATION[256] = {
-    151, 160, 137, 91,  90,  15,  131, 13,  201, 95,  96,  53,  194, 233, 7,   225, 140, 36,  103, 30,  69,  142,
-    8,   99,  37,  240, 21,  10,  23,  190, 6,   148, 247, 120, 234, 75,  0,   26,  197, 62,  94,  252, 219, 203,
-    117, 35,  11,  32,  57,  177, 33,  88,  237, 149, 56,  87,  174, 20,  125, 136, 171, 168, 68,  175, 74,  165,
-    71,  134, 139, 48,  27,  166, 77,  146, 158, 231, 83,  111, 229, 122, 60,  211, 133, 230, 220, 105, 92,  41,
-    55,  46,  245, 40,  244, 102, 143, 54,  65,  25,  63,  161, 1,   216, 80,  73,  209, 76,  132, 187, 208, 89,
-    18,  169, 200, 196, 135, 130, 116, 188, 159, 86,  164, 100, 109, 198, 173, 186, 3,   64,  52,  217, 226, 250,
-    124, 123, 5,   202, 38,  147, 118, 126, 255, 82,  85,  212, 207, 206, 59,  227, 47,  16,  58,  17,  182, 189,
-    28,  42,  223, 183, 170, 213, 119, 248, 152, 2,   44,  154, 163, 70,  221, 153, 101, 155, 167, 43,  172, 9,
-    129, 22,  39,  253, 19,  98,  108, 110, 79,  113, 224, 232, 178, 185, 112, 104, 218, 246, 97,  228, 251, 34,
-    242, 193, 238, 210, 144, 12,  191, 179, 162, 241, 81,  51,  145, 235, 249, 14,  239, 107, 49,  192, 214, 31,
-    181, 199, 106, 157, 184, 84,  204, 176, 115, 121, 50,  45,  127, 4,   150, 254, 138, 236, 205, 93,  222, 114,
-    67,  29,  24,  72,  243, 141, 128, 195, 78,  66,  215, 61,  156, 180};
-
-// Stored twice so that an index up to 511 needs no wrap.
-constexpr StaticArray<std::uint32_t, 512> makeDoubledPermutation() {
-    StaticArray<std::uint32_t, 512> p{};
-    for (int i = 0; i < 512; ++i) p[std::size_t(i)] = PERMUTATION[i & 255];
-    return p;
-}
-constexpr StaticArray<std::uint32_t, 512> PERM = makeDoubledPermutation();
-
-// The 12 edge directions of a cube; the fourth lane is zero so a gradient is one load.
-alignas(16) constexpr float GRADIENTS[12][4] = {
-    {1, 1, 0, 0},  {-1, 1, 0, 0},  {1, -1, 0, 0},  {-1, -1, 0, 0}, {1, 0, 1, 0},  {-1, 0, 1, 0},
-    {1, 0, -1, 0}, {-1, 0, -1, 0}, {0, 1, 1, 0},  {0, -1, 1, 0},  {0, 1, -1, 0}, {0, -1, -1, 0}};
-
-// The gradient row of each permutation entry, P[i] mod 12, tabulated once so
-// the corner lookups are plain loads.
-constexpr StaticArray<std::uint8_t, 512> makeGradientIndex() {
-    StaticArray<std::uint8_t, 512> g{};
-    for (int i = 0; i < 512; ++i) g[std::size_t(i)] = std::uint8_t(PERM[std::size_t(i)] % 12u);
-    return g;
-}
-constexpr StaticArray<std::uint8_t, 512> GRADIENT_INDEX = makeGradientIndex();
-
-/// The gradient of the corner whose hash is P[i].
-inline Float4 gradient(std::uint32_t i) { return _mm_load_ps(GRADIENTS[GRADIENT_INDEX[i]]); }
-
-template <int I> inline Float4 broadcast(Float4 a) { return _mm_shuffle_ps(a.v, a.v, _MM_SHUFFLE(I, I, I, I)); }
-
-/// Columns x, y, z of four row vectors.
-inline void transpose3(Float4 r0, Float4 r1, Float4 r2, Float4 r3, Float4& x, Float4& y, Float4& z) {
-    __m128 const t0 = _mm_unpacklo_ps(r0.v, r1.v);  // r0x r1x r0y r1y
-    __m128 const t1 = _mm_unpacklo_ps(r2.v, r3.v);  // r2x r3x r2y r3y
-    __m128 const t2 = _mm_unpackhi_ps(r0.v, r1.v);  // r0z r1z . .
-    __m128 const t3 = _mm_unpackhi_ps(r2.v, r3.v);  // r2z r3z . .
-    x = _mm_movelh_ps(t0, t1);
-    y = _mm_movehl_ps(t1, t0);
-    z = _mm_movelh_ps(t2, t3);
-}
-
-/// Noise of a point held as (x, y, z, 0).
-inline float gradientNoise(Float4 p) {
-    // Cell: truncation toward zero, one lower where the coordinate is not
-    // positive, so 0 and -1 fall in cells -1 and -2 (fraction 1.0, continuous).
-    __m128i const cell = _mm_add_epi32(_mm_cvttps_epi32(p.v), _mm_castps_si128(_mm_cmple_ps(p.v, _mm_setzero_ps())));
-    Float4 const f = p - Float4(_mm_cvtepi32_ps(cell));
-    std::uint32_t const X = std::uint32_t(_mm_cvtsi128_si32(cell)) & 255u;
-    std::uint32_t const Y = std::uint32_t(_mm_extract_epi32(cell, 1)) & 255u;
-    std::uint32_t const Z = std::uint32_t(_mm_extract_epi32(cell, 2)) & 255u;
-
-    // z hashed first, then y, then x.
-    std::uint32_t const A = PERM[Z] + Y, B = PERM[Z + 1] + Y;
-    std::uint32_t const AA = PERM[A] + X, AB = PERM[A + 1] + X, BA = PERM[B] + X, BB = PERM[B + 1] + X;
-
-    // Lanes are the (y, z) corners (0,0), (1,0), (0,1), (1,1); gx0.. for x = 0, gx1.. for x = 1.
-    Float4 gx0, gy0, gz0, gx1, gy1, gz1;
-    transpose3(gradient(AA), gradient(AB), gradient(BA), gradient(BB), gx0, gy0, gz0);
-    transpose3(gradient(AA + 1), gradient(AB + 1), gradient(BA + 1), gradient(BB + 1), gx1, gy1, gz1);
-
-    Float4 const fx = broadcast<0>(f);
-    Float4 const oy = broadcast<1>(f) - Float4(0.f, 1.f, 0.f, 1.f);
-    Float4 const oz = broadcast<2>(f) - Float4(0.f, 0.f, 1.f, 1.f);
-    Float4 const d0 = gx0 * fx + gy0 * oy + gz0 * oz;
-    Float4 const d1 = gx1 * (fx - Float4(1.f)) + gy1 * oy + gz1 * oz;
-
-    // Quintic fade ((6t - 15)t + 10)t^3 per axis.
-    Float4 const ramp = (f * Float4(6.f) - Float4(15.f)) * f + Float4(10.f);
-    Float4 const fadeC = min(max(ramp * (f * f * f), Float4(0.f)), Float4(1.f));
-    Float4 const u = broadcast<0>(fadeC), v = broadcast<1>(fadeC), w = broadcast<2>(fadeC);
-
-    // Along x, then y, then z, with weights (1 - t, t).
-    Float4 const bx = d0 * (Float4(1.f) - u) + d1 * u;                 // (y,z): 00 10 01 11
-    Float4 const lo = _mm_shuffle_ps(bx.v, bx.v, _MM_SHUFFLE(2, 0, 2, 0));  // 00 01
-    Float4 const hi = _mm_shuffle_ps(bx.v, bx.v, _MM_SHUFFLE(3, 1, 3, 1));  // 10 11
-    Float4 const by = lo * (Float4(1.f) - v) + hi * v;
-    Float4 const bz = by * (Float4(1.f) - w);
-    return _mm_cvtss_f32(_mm_add_ss(bz.v, _mm_mul_ss(broadcast<1>(by).v, w.v)));
-}
+using MapsDetail::gradientNoise;
+using MapsDetail::PERM;
 
 SharedPtr<DataObjectDefinition const> buildDefinition() {
     ShadingDataObjectBuilder b;
@@ -177,7 +88,10 @@ NoiseMapEvaluator::NoiseMapEvaluator(SharedPtr<UvMapper const> uvMapper, ColorOr
     mConstantInputs = mColor1.isConstant() && mColor2.isConstant();
 }
 
-float NoiseMapEvaluator::noiseValue(Pos const& uvw) const {
+// The per-sample steps, inline in the evaluation entry points (the public
+// member functions are exported, so calls to them would go through the
+// dynamic linker's indirection).
+inline float NoiseMapEvaluator::noiseValueInline(Pos const& uvw) const {
     Float4 p = Float4(uvw.x, uvw.y, uvw.z, 0.f) / Float4(mSize);
     if (mLevels == 1.f) return (gradientNoise(p) + 1.f) * 0.5f;  // one octave, no partial one
     float amplitude = 1.f, sum = 0.f;
@@ -195,15 +109,19 @@ float NoiseMapEvaluator::noiseValue(Pos const& uvw) const {
     return (sum + 1.f) * 0.5f;
 }
 
-float NoiseMapEvaluator::blendWeight(float value) const {
+inline float NoiseMapEvaluator::blendWeightInline(float value) const {
     // The numerator keeps minThreshold even when the thresholds are reversed:
     // the ramp always rises from minThreshold upward.
     float const x = value - mMinThreshold;
     return clamp(mRampIsPowerOfTwo ? x * mRampReciprocal : x / mRampDenominator, 0.f, 1.f);
 }
 
+float NoiseMapEvaluator::noiseValue(Pos const& uvw) const { return noiseValueInline(uvw); }
+
+float NoiseMapEvaluator::blendWeight(float value) const { return blendWeightInline(value); }
+
 RgbAlpha NoiseMapEvaluator::evalColor(IShadeContext const& context, MapCache* cache) const {
-    float const t = blendWeight(noiseValue(mUvw->computeUvw(context)));
+    float const t = blendWeightInline(noiseValueInline(mUvw->computeUvw(context)));
     // Two constants: the blend is the whole answer (and equals the ends at t = 0 and 1).
     if (mConstantInputs) return MapsDetail::mix(mColor1.getColor(), mColor2.getColor(), t);
     if (t <= 0.f) return mColor1.evalColor(context, cache);
@@ -212,7 +130,7 @@ RgbAlpha NoiseMapEvaluator::evalColor(IShadeContext const& context, MapCache* ca
 }
 
 MonoAlpha NoiseMapEvaluator::evalMono(IShadeContext const& context, MapCache* cache) const {
-    float const t = blendWeight(noiseValue(mUvw->computeUvw(context)));
+    float const t = blendWeightInline(noiseValueInline(mUvw->computeUvw(context)));
     if (mConstantInputs) return MapsDetail::mix(mColor1.getMono(), mColor2.getMono(), t);
     if (t <= 0.f) return mColor1.evalMono(context, cache);
     if (t >= 1.f) return mColor2.evalMono(context, cache);

@@ -48,6 +48,9 @@ public:
     static constexpr float BUMP_STRENGTH = 15.f;
 
 private:
+    float noiseValueInline(Pos const& uvw) const;
+    float blendWeightInline(float value) const;
+
     SharedPtr<UvMapper const> mUvw;
     ColorOrMap::Evaluator mColor1;
     ColorOrMap::Evaluator mColor2;

@@ -1,0 +1,315 @@
+#include "Ferrim/maps/TriplanarMap.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "Ferrim/Ferrim.h"
+#include "Ferrim/ShadingDataObjectBuilder.h"
+#include "Ferrim/UnitScaler.h"
+#include "Ferrim/UvMapper.h"
+#include "Ferrim/maps/ProceduralSupport.h"
+
+namespace Quelin {
+
+namespace {
+
+using Space = TriplanarMap::Space;
+
+constexpr float DEGREES = 3.14159265358979f / 180.f;
+char const* const AXIS_NAMES[3] = {"X", "Y", "Z"};
+
+/// A well-mixed 32-bit hash (the finaliser of MurmurHash3).
+std::uint32_t mix32(std::uint32_t h) {
+    h ^= h >> 16;
+    h *= 0x85EBCA6Bu;
+    h ^= h >> 13;
+    h *= 0xC2B2AE35u;
+    h ^= h >> 16;
+    return h;
+}
+
+float finiteOr(float v, float fallback) { return std::isfinite(v) ? v : fallback; }
+
+SharedPtr<DataObjectDefinition const> buildDefinition() {
+    ShadingDataObjectBuilder b;
+    b.addColorOrMap("mapX", Rgb(0.5f, 0.5f, 0.5f), "X map", "Colour (or map) projected along the X axis");
+    MetadataPredicate const ownMaps{"sameMapOnEveryAxis == false", [](GenericDataObject const& data) {
+                                        return !data.get<bool>("sameMapOnEveryAxis");
+                                    }};
+    b.addColorOrMap("mapY", Rgb(0.5f, 0.5f, 0.5f), "Y map", "Colour (or map) projected along the Y axis")
+        .setMetadata(Metadata::UI_ENABLED_IF, ownMaps);
+    b.addColorOrMap("mapZ", Rgb(0.5f, 0.5f, 0.5f), "Z map", "Colour (or map) projected along the Z axis")
+        .setMetadata(Metadata::UI_ENABLED_IF, ownMaps);
+    b.addBool("sameMapOnEveryAxis", true, "Same map on every axis", "Project the X map along all three axes");
+    b.addEnum("space", TriplanarMap::Data::spaceType(), int(Space::OBJECT), "Space",
+              "OBJECT: the projection moves with the object; WORLD: the object moves through it");
+    b.addFloat("size", 1.f, "Size", "Scene length of one repeat of the projected maps")
+        .addValidator(makeSharedPtr<MinimumValueValidator<float>>(1e-6f));
+    b.addFloat("blend", 0.2f, "Blend", "Width of the transition between projections: 0 hard seams, 1 the widest")
+        .addValidator(makeSharedPtr<ClampValueToRangeValidator<float>>(0.f, 1.f));
+    for (int a = 0; a < 3; ++a) {
+        String const axis = AXIS_NAMES[a];
+        b.addVector2("offset" + axis, Vector2(0.f, 0.f), axis + " offset", "Shift of this projection in scene units");
+        b.addFloat("rotation" + axis, 0.f, axis + " rotation", "Rotation of this projection in its plane, in degrees")
+            .addValidator(makeSharedPtr<ClampValueToRangeValidator<float>>(-3600.f, 3600.f));
+        b.addFloat("scale" + axis, 1.f, axis + " scale", "Size factor of this projection")
+            .addValidator(makeSharedPtr<ClampValueToRangeValidator<float>>(1e-4f, 1e4f));
+    }
+    b.addBool("randomRotation", false, "Random rotation", "Turn the projections by an angle drawn per object");
+    b.addInt("seed", 0, "Seed", "Varies the random angles");
+    return b.build("Zatho.TriplanarMap");
+}
+
+} // namespace
+
+SharedPtr<TypeDefinition const> const& TriplanarMap::Data::spaceType() {
+    static SharedPtr<TypeDefinition const> const t =
+        TypeDefinition::makeEnum("Zatho.TriplanarMap.Space", {{0, "OBJECT"}, {1, "WORLD"}});
+    return t;
+}
+
+SharedPtr<DataObjectDefinition const> const& TriplanarMap::Data::definition() {
+    static SharedPtr<DataObjectDefinition const> const d = buildDefinition();
+    return d;
+}
+
+TriplanarMap::TriplanarMap() : IMap(Data::definition()) {}
+
+SharedPtr<Entity> TriplanarMap::createNewInstance() const { return makeSharedPtr<TriplanarMap>(); }
+
+IMap::OptimizedResult TriplanarMap::getEvaluatorImpl() const {
+    GenericDataObject const& d = getData();
+    UnitScaler const units = UnitScaler::current();
+    TriplanarEvaluator::Parameters p;
+    p.space = d.get<Space>("space");
+    p.size = units.getFloat(d, "size");
+    p.blend = d.get<float>("blend");
+    for (int a = 0; a < 3; ++a) {
+        String const axis = AXIS_NAMES[a];
+        p.axes[std::size_t(a)] = {units.getVector2(d, "offset" + axis), d.get<float>("rotation" + axis),
+                                  d.get<float>("scale" + axis)};
+    }
+    p.randomRotation = d.get<bool>("randomRotation");
+    p.seed = d.get<int>("seed");
+
+    ColorOrMap::Evaluator const x = MapsDetail::colorOrMapEvaluator(d, "mapX");
+    bool const same = d.get<bool>("sameMapOnEveryAxis");
+    // One constant colour on every face is the answer everywhere.
+    if (same && x.isConstant()) return makeConstantResult(x.getColor());
+    StaticArray<ColorOrMap::Evaluator, 3> maps{x, same ? x : MapsDetail::colorOrMapEvaluator(d, "mapY"),
+                                               same ? x : MapsDetail::colorOrMapEvaluator(d, "mapZ")};
+    OptimizedResult result;
+    result.evaluator = makeSharedPtr<TriplanarEvaluator>(std::move(maps), p);
+    return result;
+}
+
+TriplanarEvaluator::TriplanarEvaluator(StaticArray<ColorOrMap::Evaluator, 3> maps, Parameters const& parameters)
+    : mMaps(std::move(maps)), mParameters(parameters) {
+    Parameters& p = mParameters;
+    p.size = std::isfinite(p.size) && p.size > 0.f ? p.size : 1.f;
+    p.blend = std::clamp(finiteOr(p.blend, 0.2f), 0.f, 1.f);
+    for (int a = 0; a < 3; ++a) {
+        Axis& axis = p.axes[std::size_t(a)];
+        axis.offset = Vector2(finiteOr(axis.offset.x, 0.f), finiteOr(axis.offset.y, 0.f));
+        axis.rotation = finiteOr(axis.rotation, 0.f);
+        axis.scale = std::isfinite(axis.scale) && axis.scale != 0.f ? std::fabs(axis.scale) : 1.f;
+        mInverseScale[std::size_t(a)] = 1.f / (p.size * axis.scale);
+        mScaleLength[std::size_t(a)] = p.size * axis.scale;
+        mCos[std::size_t(a)] = std::cos(axis.rotation * DEGREES);
+        mSin[std::size_t(a)] = std::sin(axis.rotation * DEGREES);
+    }
+}
+
+namespace {
+
+inline StaticArray<float, 3> weightsOf(Dir const& normal, float blend) {
+    float const n[3] = {std::fabs(normal.x), std::fabs(normal.y), std::fabs(normal.z)};
+    int dominant = 0;
+    for (int a = 1; a < 3; ++a)
+        if (n[a] > n[dominant]) dominant = a;
+    StaticArray<float, 3> w{0.f, 0.f, 0.f};
+    float const m = n[dominant];
+    if (blend > 0.f && m > 0.f && std::isfinite(m)) {
+        float const floorValue = (1.f - blend) * m;
+        float sum = 0.f;
+        for (int a = 0; a < 3; ++a) sum += w[std::size_t(a)] = std::max(n[a] - floorValue, 0.f);
+        float const inv = 1.f / sum;  // the dominant axis alone gives blend m > 0
+        for (float& v : w) v *= inv;
+        return w;
+    }
+    // Hard seams, and a zero or non-finite normal: one projection.
+    w[std::size_t(dominant)] = 1.f;
+    return w;
+}
+
+} // namespace
+
+StaticArray<float, 3> TriplanarEvaluator::blendWeights(Dir const& normal, float blend) { return weightsOf(normal, blend); }
+
+Dir TriplanarEvaluator::normalInSpace(IShadeContext const& context) const {
+    return mParameters.space == Space::OBJECT ? context.getObjectNormal() : context.getNormal();
+}
+
+float TriplanarEvaluator::randomAngle(IShadeContext const& context, int axis) const {
+    std::uint32_t const h = mix32(std::uint32_t(context.getObjectId()) * 0x9E3779B1u ^ mix32(std::uint32_t(mParameters.seed)) ^
+                                  std::uint32_t(axis) * 0x85EBCA77u);
+    return float(h >> 8) * (360.f / 16777216.f);
+}
+
+inline TriplanarEvaluator::Frame TriplanarEvaluator::frameInline(IShadeContext const& context, bool withTangents) const {
+    bool const object = mParameters.space == Space::OBJECT;
+    Frame f;
+    f.position = object ? context.getObjectPosition() : context.getPosition().toPos();
+    f.normal = normalInSpace(context);
+    f.footprint = context.getPositionFootprint();
+    f.withTangents = withTangents;
+    if (object && withTangents) {
+        f.toWorld = context.getObjectToWorld();
+        f.transformTangents = true;
+        // A world footprint measured in object units: over the object's mean scale.
+        float const det = std::fabs(f.toWorld.linear().determinant());
+        if (det > 0.f && std::isfinite(det)) f.footprint /= std::cbrt(det);
+    }
+    return f;
+}
+
+TriplanarEvaluator::Projection TriplanarEvaluator::project(IShadeContext const& context, int axis) const {
+    return projectInline(context, frameInline(context, true), axis);
+}
+
+TriplanarEvaluator::Projection TriplanarEvaluator::project(IShadeContext const& context, Frame const& f, int axis) const {
+    return projectInline(context, f, axis);
+}
+
+TriplanarEvaluator::Frame TriplanarEvaluator::frame(IShadeContext const& context, bool withTangents) const {
+    return frameInline(context, withTangents);
+}
+
+inline TriplanarEvaluator::Projection TriplanarEvaluator::projectInline(IShadeContext const& context, Frame const& f, int axis) const {
+    Pos const& p = f.position;
+    Dir const& n = f.normal;
+    std::size_t const a = std::size_t(axis);
+    // Plane coordinates and the directions they grow along.
+    Vector2 raw;
+    Dir U, V;
+    switch (axis) {
+    case 0: {
+        float const s = n.x >= 0.f ? 1.f : -1.f;
+        raw = Vector2(s * p.y, p.z), U = Dir(0.f, s, 0.f), V = Dir(0.f, 0.f, 1.f);
+        break;
+    }
+    case 1: {
+        float const s = n.y >= 0.f ? 1.f : -1.f;
+        raw = Vector2(-s * p.x, p.z), U = Dir(-s, 0.f, 0.f), V = Dir(0.f, 0.f, 1.f);
+        break;
+    }
+    default: {
+        float const s = n.z >= 0.f ? 1.f : -1.f;
+        raw = Vector2(s * p.x, p.y), U = Dir(s, 0.f, 0.f), V = Dir(0.f, 1.f, 0.f);
+        break;
+    }
+    }
+    float c = mCos[a], s = mSin[a];
+    if (mParameters.randomRotation) {
+        float const r = randomAngle(context, axis) * DEGREES;
+        float const cr = std::cos(r), sr = std::sin(r);
+        float const c2 = c * cr - s * sr, s2 = s * cr + c * sr;
+        c = c2, s = s2;
+    }
+    float const inv = mInverseScale[a];
+    Vector2 const q = (raw - mParameters.axes[a].offset) * inv;
+    Projection out;
+    out.uvw = Pos(c * q.x - s * q.y, s * q.x + c * q.y, 0.f);
+    out.dUvw = Dir(f.footprint * inv, f.footprint * inv, 0.f);
+    if (f.withTangents) {
+        // raw = R^T uv / inv + offset, so the tangents are R^T's columns over inv.
+        float const length = mScaleLength[a];
+        Dir du = (U * c - V * s) * length, dv = (U * s + V * c) * length;
+        if (f.transformTangents) du = f.toWorld.transformDir(du), dv = f.toWorld.transformDir(dv);
+        out.dpdu = du, out.dpdv = dv;
+    }
+    return out;
+}
+
+namespace {
+
+/// A projection's view of the shading point: its own UVW, footprint and bump
+/// frame on every channel. The kind of point and the filtering wish, which a
+/// texture lookup asks for, are read from the parent once per point, not once
+/// per projection and call.
+class ProjectionShadeContext final : public OverridableShadeContext {
+public:
+    ProjectionShadeContext(IShadeContext const& parent, ShadedKind kind, bool filtered, bool bump,
+                           TriplanarEvaluator::Projection const& projection)
+        : OverridableShadeContext(parent), mP(projection), mKind(kind), mFiltered(filtered), mBump(bump) {}
+    ProjectionShadeContext(ProjectionShadeContext const&) = delete;
+
+    Pos getUvw(int, std::uint32_t = 0) const override { return mP.uvw; }
+    Dir getDUvw(int) const override { return mP.dUvw; }
+    ShadedKind getShadedKind() const override { return mKind; }
+    bool wantsFilteredLookup() const override { return mFiltered; }
+    Dir getDpDu(int channel) const override { return mBump ? mP.dpdu : getParent().getDpDu(channel); }
+    Dir getDpDv(int channel) const override { return mBump ? mP.dpdv : getParent().getDpDv(channel); }
+    Matrix33 getBumpBase(int channel) const override {
+        return mBump ? UvMapper::bumpBaseFromTangents(getParent().getNormal(), mP.dpdu, mP.dpdv)
+                     : getParent().getBumpBase(channel);
+    }
+
+private:
+    TriplanarEvaluator::Projection mP;
+    ShadedKind mKind;
+    bool mFiltered, mBump;
+};
+
+} // namespace
+
+/// Evaluates the projections with weight and blends them; a single projection
+/// is returned as it is. Colour and mono keep the parent's bump frame (they
+/// never read it), so the tangents are only worked out for bump.
+template <typename Result, typename Eval, typename Mix>
+inline Result TriplanarEvaluator::blendProjections(IShadeContext const& context, bool bump, Eval const& eval,
+                                                   Mix const& mix) const {
+    Frame const f = frameInline(context, bump);
+    StaticArray<float, 3> const w = weightsOf(f.normal, mParameters.blend);
+    ShadedKind const kind = context.getShadedKind();
+    bool const filtered = context.wantsFilteredLookup();
+    Result sum{};
+    for (int a = 0; a < 3; ++a) {
+        float const weight = w[std::size_t(a)];
+        if (weight == 0.f) continue;
+        Projection const pr = projectInline(context, f, a);
+        ProjectionShadeContext const sub(context, kind, filtered, bump, pr);
+        Result const r = eval(a, sub);
+        if (weight == 1.f) return r;  // exactly the one axis's answer
+        sum = mix(sum, r, weight);
+    }
+    return sum;
+}
+
+RgbAlpha TriplanarEvaluator::evalColor(IShadeContext const& context, MapCache* cache) const {
+    return blendProjections<RgbAlpha>(
+        context, false,
+        [&](int a, IShadeContext const& sub) { return mMaps[std::size_t(a)].evalColor(sub, cache); },
+        [](RgbAlpha const& acc, RgbAlpha const& r, float w) { return acc + r * w; });
+}
+
+MonoAlpha TriplanarEvaluator::evalMono(IShadeContext const& context, MapCache* cache) const {
+    return blendProjections<MonoAlpha>(
+        context, false,
+        [&](int a, IShadeContext const& sub) { return mMaps[std::size_t(a)].evalMono(sub, cache); },
+        [](MonoAlpha const& acc, MonoAlpha const& r, float w) {
+            return MonoAlpha(acc.value + r.value * w, acc.alpha + r.alpha * w);
+        });
+}
+
+Dir TriplanarEvaluator::evalBump(IShadeContext const& context, MapCache* cache) const {
+    // Each map differentiates in its own projection's frame; the tilts blend like the colours.
+    return blendProjections<Dir>(
+        context, true,
+        [&](int a, IShadeContext const& sub) { return mMaps[std::size_t(a)].evalBump(sub, cache); },
+        [](Dir const& acc, Dir const& r, float w) { return acc + r * w; });
+}
+
+FERRIM_REGISTER_ENTITY(TriplanarMap);
+
+} // namespace Quelin

@@ -1,0 +1,178 @@
+#include "Ferrim/maps/ColorCorrectMap.h"
+
+#include <cmath>
+
+#include "MapsTestSupport.h"
+
+namespace Quelin {
+namespace {
+
+using namespace MapsTest;
+using Params = ColorCorrection::Parameters;
+using Source = ColorCorrection::Source;
+
+// In range, black with partial alpha, over-bright, negative, white.
+RgbAlpha const COLORS[] = {{0.2f, 0.5f, 0.8f, 1.f}, {0.f, 0.f, 0.f, 0.5f}, {1.5f, -0.2f, 3.f, 1.f},
+                           {-1.f, 2.f, 0.5f, 0.3f}, {1.f, 1.f, 1.f, 1.f},  {0.9f, 0.1f, 0.1f, 0.f}};
+
+float luma(Rgb const& c) { return 0.2126f * c.r + 0.7152f * c.g + 0.0722f * c.b; }
+Rgb perChannel(Rgb const& c, float (*f)(float)) { return {f(c.r), f(c.g), f(c.b)}; }
+
+void expectNear(RgbAlpha const& a, RgbAlpha const& b, float tol, std::string const& what) {
+    EXPECT_NEAR(a.r, b.r, tol) << what;
+    EXPECT_NEAR(a.g, b.g, tol) << what;
+    EXPECT_NEAR(a.b, b.b, tol) << what;
+    EXPECT_NEAR(a.alpha, b.alpha, tol) << what;
+}
+
+TEST(ColorCorrection, DefaultsAreExactlyTheIdentity) {
+    ColorCorrection const neutral{Params()};
+    for (RgbAlpha const& c : COLORS) EXPECT_EQ(neutral.apply(c), c);
+    // Non-finite controls fall back to their neutral values.
+    float const nan = std::nanf(""), inf = INFINITY;
+    Params p;
+    p.exposure = inf, p.hueShift = nan, p.saturation = nan, p.vibrance = -inf, p.brightness = nan, p.contrast = inf;
+    p.gamma = nan, p.lift = Rgb(nan), p.gain = Rgb(inf);
+    for (RgbAlpha const& c : COLORS) EXPECT_EQ(ColorCorrection(p).apply(c), c);
+}
+
+struct Control {
+    char const* name;
+    void (*set)(Params&);
+    RgbAlpha (*expected)(RgbAlpha const&);
+    void (*neutral)(Params&);  ///< the control at its neutral value, set explicitly
+};
+
+Control const CONTROLS[] = {
+    {"exposure", [](Params& p) { p.exposure = 1.5f; },
+     [](RgbAlpha const& c) { return RgbAlpha(c.rgb() * std::exp2(1.5f), c.alpha); }, [](Params& p) { p.exposure = 0.f; }},
+    {"invert", [](Params& p) { p.invert = true; },
+     [](RgbAlpha const& c) { return RgbAlpha(Rgb(1.f) - c.rgb(), c.alpha); }, [](Params& p) { p.invert = false; }},
+    {"hue 120", [](Params& p) { p.hueShift = 120.f; },
+     [](RgbAlpha const& c) { return RgbAlpha(c.b, c.r, c.g, c.alpha); }, [](Params& p) { p.hueShift = 0.f; }},
+    {"hue -120", [](Params& p) { p.hueShift = -120.f; },
+     [](RgbAlpha const& c) { return RgbAlpha(c.g, c.b, c.r, c.alpha); }, [](Params& p) { p.hueShift = 360.f; }},
+    {"saturation", [](Params& p) { p.saturation = 0.3f; },
+     [](RgbAlpha const& c) {
+         float const y = luma(c.rgb());
+         return RgbAlpha(Rgb(y) + (c.rgb() - Rgb(y)) * 0.3f, c.alpha);
+     },
+     [](Params& p) { p.saturation = 1.f; }},
+    {"vibrance", [](Params& p) { p.vibrance = 0.8f; },
+     [](RgbAlpha const& c) {
+         float const y = luma(c.rgb());
+         float const hi = std::max({c.r, c.g, c.b}), lo = std::min({c.r, c.g, c.b});
+         float const sat = std::clamp((hi - lo) / std::max(std::fabs(hi), 1e-6f), 0.f, 1.f);
+         return RgbAlpha(Rgb(y) + (c.rgb() - Rgb(y)) * (1.f + 0.8f * (1.f - sat)), c.alpha);
+     },
+     [](Params& p) { p.vibrance = 0.f; }},
+    {"lift and gain", [](Params& p) { p.lift = Rgb(0.1f, 0.f, -0.2f), p.gain = Rgb(2.f, 0.5f, 1.f); },
+     [](RgbAlpha const& c) {
+         return RgbAlpha(0.1f + 1.9f * c.r, 0.5f * c.g, -0.2f + 1.2f * c.b, c.alpha);
+     },
+     [](Params& p) { p.lift = Rgb(0.f), p.gain = Rgb(1.f); }},
+    {"brightness and contrast", [](Params& p) { p.brightness = 0.1f, p.contrast = 0.5f; },
+     [](RgbAlpha const& c) { return RgbAlpha(c.rgb() * 1.5f + Rgb(0.1f - 0.25f), c.alpha); },
+     [](Params& p) { p.brightness = 0.f, p.contrast = 0.f; }},
+    {"gamma", [](Params& p) { p.gamma = 2.2f; },
+     [](RgbAlpha const& c) {
+         return RgbAlpha(perChannel(c.rgb(), [](float x) { return std::copysign(std::pow(std::fabs(x), 1.f / 2.2f), x); }),
+                         c.alpha);
+     },
+     [](Params& p) { p.gamma = 1.f; }},
+    {"rewire", [](Params& p) { p.rewire = {Source::ALPHA, Source::MONO, Source::ONE, Source::RED_INVERSE}; },
+     [](RgbAlpha const& c) { return RgbAlpha(c.alpha, luma(c.rgb()), 1.f, 1.f - c.r); },
+     [](Params& p) { p.rewire = {Source::RED, Source::GREEN, Source::BLUE, Source::ALPHA}; }},
+    {"rewire zero and inverses", [](Params& p) { p.rewire = {Source::BLUE_INVERSE, Source::ZERO, Source::GREEN_INVERSE, Source::ALPHA_INVERSE}; },
+     [](RgbAlpha const& c) { return RgbAlpha(1.f - c.b, 0.f, 1.f - c.g, 1.f - c.alpha); },
+     [](Params& p) { p.rewire = {Source::RED, Source::GREEN, Source::BLUE, Source::ALPHA}; }},
+    {"red curve", [](Params& p) { p.channelCurves[0] = {{0.f, 0.f}, {1.f, 0.5f}}; },
+     [](RgbAlpha const& c) { return RgbAlpha(0.5f * c.r, c.g, c.b, c.alpha); },
+     [](Params& p) { p.channelCurves[0] = {{0.f, 0.f}, {1.f, 1.f}}; }},
+    {"master curve, per channel", [](Params& p) { p.masterCurve = {{0.f, 0.1f}, {1.f, 2.1f}}, p.preserveHue = false; },
+     [](RgbAlpha const& c) { return RgbAlpha(c.rgb() * 2.f + Rgb(0.1f), c.alpha); },
+     [](Params& p) { p.masterCurve = {}; }},
+};
+
+TEST(ColorCorrection, EachControlFollowsItsFormulaAndIsNeutralAtItsNeutralValue) {
+    for (Control const& control : CONTROLS) {
+        Params p;
+        control.set(p);
+        ColorCorrection const changed(p);
+        Params n;
+        control.set(n);
+        control.neutral(n);
+        ColorCorrection const neutral(n);
+        for (RgbAlpha const& c : COLORS) {
+            std::string const what = std::string(control.name) + " on " + std::to_string(c.r) + " " +
+                                     std::to_string(c.g) + " " + std::to_string(c.b);
+            expectNear(changed.apply(c), control.expected(c), 2e-3f * (1.f + std::fabs(c.r) + std::fabs(c.b)), what);
+            expectNear(neutral.apply(c), c, 1e-5f, what + " (neutral)");
+        }
+    }
+}
+
+TEST(ColorCorrection, HuePreservingMasterCurveMovesTheExtremesAndKeepsTheHue) {
+    Params p;
+    p.masterCurve = {{0.f, 0.f}, {0.5f, 0.8f}, {1.f, 1.f}};
+    MonotoneCurve const curve = MonotoneCurve::fromPoints(p.masterCurve);
+    ColorCorrection const preserving(p);
+    p.preserveHue = false;
+    ColorCorrection const plain(p);
+    for (RgbAlpha const& c : {RgbAlpha(0.2f, 0.5f, 0.8f, 1.f), RgbAlpha(0.9f, 0.1f, 0.4f, 1.f), RgbAlpha(1.5f, -0.2f, 0.3f, 1.f)}) {
+        Rgb const in = c.rgb(), out = preserving.apply(c).rgb();
+        int hi = 0, lo = 0;
+        for (int i = 1; i < 3; ++i) hi = in[i] > in[hi] ? i : hi, lo = in[i] < in[lo] ? i : lo;
+        int const mid = 3 - hi - lo;
+        EXPECT_FLOAT_EQ(out[hi], curve.evaluate(in[hi]));
+        EXPECT_FLOAT_EQ(out[lo], curve.evaluate(in[lo]));
+        EXPECT_NEAR((out[mid] - out[lo]) / (out[hi] - out[lo]), (in[mid] - in[lo]) / (in[hi] - in[lo]), 1e-5f);
+        // Applied per channel the same curve changes that proportion: the option matters.
+        Rgb const q = plain.apply(c).rgb();
+        EXPECT_EQ(q[mid], curve.evaluate(in[mid]));
+        EXPECT_GT(std::fabs((q[mid] - q[lo]) / (q[hi] - q[lo]) - (in[mid] - in[lo]) / (in[hi] - in[lo])), 1e-3f);
+    }
+    // Grey stays grey.
+    RgbAlpha const grey = preserving.apply({0.3f, 0.3f, 0.3f, 1.f});
+    EXPECT_EQ(grey.r, grey.g);
+    EXPECT_EQ(grey.g, grey.b);
+}
+
+class ColorCorrectMapTest : public LibraryFixture {};
+
+TEST_F(ColorCorrectMapTest, ConstantInputFoldsAndMapInputIsCorrectedPerSample) {
+    auto map = makeSharedPtr<ColorCorrectMap>();
+    map->set("color", ColorOrMap{Rgb(0.2f, 0.4f, 0.6f), {}, true}.toData());
+    map->set("exposure", 1.f);
+    map->set("rewireBlue", Source::ZERO);
+    IMap::OptimizedResult folded = map->getEvaluator();
+    ASSERT_EQ(folded.hasConstant, 1);
+    EXPECT_EQ(folded.constantColor, RgbAlpha(0.4f, 0.8f, 0.f, 1.f));
+    expectJsonRoundTrip(*map);
+
+    auto input = makeSharedPtr<CountingMap>(RgbAlpha(0.5f, 0.25f, 1.f, 0.5f));
+    setInputMap(*map, "color", input);
+    auto const e = map->getEvaluator().evaluator;
+    SettableShadeContext ctx;
+    EXPECT_EQ(e->evalColor(ctx, nullptr), RgbAlpha(1.f, 0.5f, 0.f, 0.5f));
+    EXPECT_FLOAT_EQ(e->evalMono(ctx, nullptr).value, 0.5f);
+    EXPECT_EQ(e->evalBump(ctx, nullptr), Dir(1, 2, 3));  // the input's bump
+    EXPECT_EQ(input->calls.load(), 3);
+}
+
+TEST_F(ColorCorrectMapTest, OutOfRangeParametersAreClampedByTheRecord) {
+    ColorCorrectMap map;
+    map.set("gamma", 0.f);
+    map.set("saturation", -3.f);
+    EXPECT_EQ(map.get<float>("gamma"), ColorCorrection::MIN_GAMMA);
+    EXPECT_EQ(map.get<float>("saturation"), 0.f);
+    // Gamma at its floor still gives finite results for every colour.
+    ColorCorrection const c(map.parameters());
+    for (RgbAlpha const& in : COLORS) {
+        RgbAlpha const out = c.apply(in);
+        EXPECT_TRUE(std::isfinite(out.r) && std::isfinite(out.g) && std::isfinite(out.b));
+    }
+}
+
+} // namespace
+} // namespace Quelin
