@@ -23,13 +23,13 @@ namespace SceneMapsDetail {
 FERRIM_EXPORT Expected<Stack<int>, String> parseObjectIds(StringView text);
 
 /// An orthonormal frame around a unit normal (tangent, bitangent, normal).
-struct Frame {
+struct FERRIM_EXPORT Frame {
     Dir t, b, n;
     explicit Frame(Dir const& normal);
 };
 
 /// Origin offset that keeps a ray from finding the surface it leaves.
-float rayBias(PrecisePos const& p);
+FERRIM_EXPORT float rayBias(PrecisePos const& p);
 
 } // namespace SceneMapsDetail
 
