@@ -395,20 +395,26 @@ float CurvatureEvaluator::curvature(IShadeContext const& context) const {
     float sum = 0.f;
     int answered = 0;
     for (int k = 0; k < count; ++k) {
-        // Probe directions evenly round the circle (pairs cancel a surface's tilt).
+        // Probe directions evenly round the circle (pairs cancel a surface's tilt),
+        // each going down at 45 degrees to land `radius` away on a flat surface.
         float const a = step * float(k);
         Dir const t = f.t * std::cos(a) + f.b * std::sin(a);
-        Optional<SceneHit> const hit = context.traceNearest(offset(above, t, r), -n, 2.f * r);
+        Dir const d = (t - n) * 0.70710678f;
+        Optional<SceneHit> const hit = context.traceNearest(above, d, 3.f * r);
         if (hit) {
-            sum += dot(hit->normal, t);
+            // How far along t the probe landed; a wall right beside the point
+            // counts as a crease a quarter radius away, so one probe cannot dominate.
+            Dir const landed = n * r + d * hit->distance;
+            float const s = std::max(dot(landed, t), 0.25f * r);
+            sum += dot(hit->normal, t) / s;
             ++answered;
         } else {
-            sum += 1.f;
+            sum += 1.f / r;
         }
     }
     // A context that answers no probe at all cannot see the scene: flat.
     if (answered == 0 && !context.traceNearest(above, -n, 2.f * r)) return 0.f;
-    return sum / (float(count) * r);
+    return sum / float(count);
 }
 
 namespace {

@@ -131,11 +131,13 @@ public:
     OptimizedResult getEvaluatorImpl() const override;
 };
 
-/// Mean normal curvature k (1 / scene units, convex positive) from probes at
-/// `radius` around the point: each probe ray drops along -N onto the surface
-/// beside the point, and (N_hit . T) / radius is the curvature along T. A probe
-/// that finds nothing counts as a surface falling away (k = 1 / radius), one
-/// that meets a wall as a crease (its normal faces back). The grey output is
+/// Mean normal curvature k (1 / scene units, convex positive) from probes
+/// around the point: each probe ray leaves `radius` above the point and goes
+/// down at 45 degrees along a tangent T, landing `radius` away on a flat
+/// surface; (N_hit . T) / s, s how far along T it landed, is the curvature
+/// along T (exact on spheres). A probe that finds nothing counts as a surface
+/// falling away (k = 1 / radius), one that meets a wall as a crease (its normal
+/// faces back). The grey output is
 /// Signed: 0.5 + 0.5 scale k, Convex: scale k, Concave: -scale k, each clamped to [0, 1].
 class FERRIM_EXPORT CurvatureEvaluator : public IMapEvaluator {
 public:
