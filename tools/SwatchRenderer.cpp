@@ -39,11 +39,14 @@ constexpr float BALL_RADIUS = 0.45f;
 Vector2 cellPosition(SwatchPoint const& p, PrecisePos const& q) {
     switch (p.swatch ? p.swatch->shape : SwatchShape::Sphere) {
     case SwatchShape::Environment: {
-        // The environment's camera sits at the origin looking along +y with +z up;
-        // a direction (0.5 sx, 1, 0.5 sy) shows at (sx, sy) of the ball's frame.
-        // Points behind it are mirrored, as a backplate seen in a reflection would be.
-        double const depth = std::max(std::fabs(q.y), 1e-6);
-        float const sx = float(2.0 * q.x / depth), sy = float(2.0 * q.z / depth);
+        // The environment lies at infinity, so a point on a ray from the shading
+        // point shows where the ray's direction does. The camera looks along +y
+        // with +z up; a direction (0.5 sx, 1, 0.5 sy) shows at (sx, sy) of the
+        // ball's frame. Directions towards the camera are mirrored, as a backplate
+        // seen in a reflection would be.
+        double const dx = q.x - double(p.position.x), dy = q.y - double(p.position.y), dz = q.z - double(p.position.z);
+        double const depth = std::max(std::fabs(dy), 1e-6);
+        float const sx = float(2.0 * dx / depth), sy = float(2.0 * dz / depth);
         return {0.5f + BALL_RADIUS * sx, 0.5f - BALL_RADIUS * sy};
     }
     case SwatchShape::Plane: {
@@ -102,7 +105,8 @@ public:
     Vector2 unprojectPoint(Optional<PrecisePos> const& point, UnprojectPoint mode) const override {
         // Without a point: the shading point, which for an environment lies along the view ray.
         PrecisePos q = point ? *point : getPosition();
-        if (!point && (mP.kind == ShadedKind::Environment || mP.kind == ShadedKind::Background)) q = PrecisePos(q.x + mP.view.x, q.y + mP.view.y, q.z + mP.view.z);
+        if (!point && (mP.kind == ShadedKind::Environment || mP.kind == ShadedKind::Background))
+            q = PrecisePos(q.x + mP.view.x, q.y + mP.view.y, q.z + mP.view.z);
         Vector2 const c = cellPosition(mP, q);
         if (mode == UnprojectPoint::Pixels)
             return {float(mP.cellX) + c.x * float(mP.cellW), float(mP.cellY) + c.y * float(mP.cellH)};
