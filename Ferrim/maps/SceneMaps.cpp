@@ -72,6 +72,17 @@ inline SceneMapsDetail::Frame turnedFrame(Dir const& n, float turn) {
 }
 
 inline int clampSamples(int n, int maximum) { return std::clamp(n, 1, maximum); }
+
+/// Cosine and sine of `count` angles evenly round the circle.
+Stack<Vector2> circle(int count) {
+    Stack<Vector2> c;
+    c.reserve(std::size_t(count));
+    for (int k = 0; k < count; ++k) {
+        double const a = 2.0 * PI * double(k) / double(count);
+        c.emplace_back(float(std::cos(a)), float(std::sin(a)));
+    }
+    return c;
+}
 inline float clampDistance(float x, float fallback) {
     if (std::isnan(x)) return fallback;
     return std::clamp(x, 0.f, MAX_DISTANCE);
@@ -378,6 +389,7 @@ CurvatureEvaluator::CurvatureEvaluator(Settings settings) : mSettings(settings) 
     mSettings.samples = clampSamples(mSettings.samples, MAX_SAMPLES);
     mSettings.radius = clampDistance(mSettings.radius, 0.1f);
     mSettings.scale = clampDistance(mSettings.scale, 0.1f);
+    mCircle = circle(mSettings.samples);
 }
 
 float CurvatureEvaluator::curvature(IShadeContext const& context) const {
@@ -391,14 +403,13 @@ float CurvatureEvaluator::curvature(IShadeContext const& context) const {
     Frame const f = turnedFrame(n, random.x);
     PrecisePos const above = offset(p, n, r);
     int const count = mSettings.samples;
-    float const step = TWO_PI / float(count);
     float sum = 0.f;
     int answered = 0;
     for (int k = 0; k < count; ++k) {
         // Probe directions evenly round the circle (pairs cancel a surface's tilt),
         // each going down at 45 degrees to land `radius` away on a flat surface.
-        float const a = step * float(k);
-        Dir const t = f.t * std::cos(a) + f.b * std::sin(a);
+        Vector2 const cs = mCircle[std::size_t(k)];
+        Dir const t = f.t * cs.x + f.b * cs.y;
         Dir const d = (t - n) * 0.70710678f;
         Optional<SceneHit> const hit = context.traceNearest(above, d, 3.f * r);
         if (hit) {
@@ -488,6 +499,11 @@ IMap::OptimizedResult RoundEdgesMap::getEvaluatorImpl() const {
 RoundEdgesEvaluator::RoundEdgesEvaluator(Settings settings) : mSettings(settings) {
     mSettings.samples = clampSamples(mSettings.samples, MAX_SAMPLES);
     mSettings.radius = clampDistance(mSettings.radius, 0.05f);
+    mCircle = circle(mSettings.samples);
+    // Landing radii (tan of the tilt) in equal-area strata, visited in
+    // golden-ratio order so that neighbouring azimuths land at different radii.
+    for (int k = 0; k < mSettings.samples; ++k)
+        mStrata.push_back(float(std::fmod(double(k) * GOLDEN_FRACTION, 1.0)));
 }
 
 Dir RoundEdgesEvaluator::roundedNormal(IShadeContext const& context) const {
@@ -504,16 +520,15 @@ Dir RoundEdgesEvaluator::roundedNormal(IShadeContext const& context) const {
     bool const ownOnly = mSettings.mode != RoundEdgesMap::Mode::AllObjects;
     bool const convexOnly = mSettings.mode == RoundEdgesMap::Mode::CornersOnly;
     int const count = mSettings.samples;
-    float const invCount = 1.f / float(count);
+    float const shift = std::clamp(random.y, 0.f, 1.f);
     Dir sum;
     int hits = 0;
     for (int k = 0; k < count; ++k) {
-        // Azimuths evenly round the circle; the landing radius (tan of the tilt)
-        // in equal-area strata, visited in golden-ratio order so any count spreads.
-        float const a = TWO_PI * (float(k) + random.y) * invCount;
-        float const u = fraction(float(double(k) * GOLDEN_FRACTION) + 0.5f * invCount);
-        float const spread = std::sqrt(u);
-        Dir const t = f.t * std::cos(a) + f.b * std::sin(a);
+        // Azimuths evenly round the circle (the frame turns per point), the
+        // strata shifted per point so that every landing radius gets its turn.
+        float const spread = std::sqrt(fraction(mStrata[std::size_t(k)] + shift));
+        Vector2 const cs = mCircle[std::size_t(k)];
+        Dir const t = f.t * cs.x + f.b * cs.y;
         Dir const d = normalize(t * spread - n);
         Optional<SceneHit> const hit = context.traceNearest(above, d, 2.f * r);
         Dir contribution = n;

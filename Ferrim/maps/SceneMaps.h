@@ -157,6 +157,7 @@ public:
 
 private:
     Settings mSettings;
+    Stack<Vector2> mCircle; ///< cosine and sine of each probe's angle
 };
 
 // ---------------------------------------------------------------------------
@@ -204,6 +205,8 @@ public:
 
 private:
     Settings mSettings;
+    Stack<Vector2> mCircle; ///< cosine and sine of each probe's azimuth
+    Stack<float> mStrata;   ///< each probe's landing stratum before the per-point shift
 };
 
 // ---------------------------------------------------------------------------
