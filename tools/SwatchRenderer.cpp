@@ -26,6 +26,7 @@ struct SwatchPoint {
     float footprint = 0;
     ShadedKind kind = ShadedKind::Surface;
     Pixel pixel, imageSize;
+    int sample = 0;                     ///< index of the sample within its pixel
     int objectId = EmbreeStage::SWATCH;
     EmbreeStage const* stage = nullptr; ///< the scene the swatch stands in; null: nothing to find
     Swatch const* swatch = nullptr;
@@ -91,8 +92,9 @@ public:
     }
     BoundingBox<Pos> getSceneBbox() const override { return getObjectBbox(); }
     Vector2 generateRandom2() const override {
-        // Hash of the pixel: repeatable renders.
-        std::uint32_t h = std::uint32_t(mP.pixel.x) * 0x9E3779B1u ^ std::uint32_t(mP.pixel.y) * 0x85EBCA77u;
+        // Hash of the pixel and its sample: repeatable renders whose samples differ.
+        std::uint32_t h = std::uint32_t(mP.pixel.x) * 0x9E3779B1u ^ std::uint32_t(mP.pixel.y) * 0x85EBCA77u ^
+                          std::uint32_t(mP.sample) * 0xC2B2AE3Du;
         h ^= h >> 15;
         h *= 0x2C1B3C6Du;
         h ^= h >> 12;
@@ -310,6 +312,7 @@ LinearImage renderScene(Scene const& scene, int width, int height, std::function
                 float const pixelSize = 1.f / float(std::min(cellW, cellH));
                 for (int sy = 0; sy < side; ++sy) {
                     for (int sx = 0; sx < side; ++sx) {
+                        p.sample = sy * side + sx;
                         // Stratified samples at the strata centres.
                         float const fx = (float(x - col * cellW) + (float(sx) + 0.5f) / float(side)) / float(cellW);
                         float const fy = (float(y - row * cellH) + (float(sy) + 0.5f) / float(side)) / float(cellH);
