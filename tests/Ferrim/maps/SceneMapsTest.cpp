@@ -434,6 +434,30 @@ TEST(DistanceMap, DistanceToASphereThroughNearFarAndFalloff) {
     EXPECT_FLOAT_EQ(e.evalColor(NullShadeContext(), nullptr).b, 0.5f);
 }
 
+TEST(SceneMaps, NotANumberSettingsFallBackToTheDefaults) {
+    float const nan = std::numeric_limits<float>::quiet_NaN();
+    // A point on the top face of a cube near its edge, on the triangle of knownTriangle(2, 0.004).
+    SceneShadeContext c = pointAt(Dir(0.97f, 0.1f, 1), Dir(0, 0, 1));
+    c.shapes = {box(Dir(-1, -1, -1), Dir(1, 1, 1)), sphere(Dir(0.97f, 0.1f, 1.6f), 0.1f, 3)};
+    c.triangle = knownTriangle(2.f, 0.004f);
+    c.footprint = 0.001f;
+
+    CurvatureEvaluator::Settings curvatureNan;
+    curvatureNan.radius = curvatureNan.scale = nan;
+    EXPECT_EQ(CurvatureEvaluator(curvatureNan).evalMono(c, nullptr), CurvatureEvaluator({}).evalMono(c, nullptr));
+    RoundEdgesEvaluator::Settings roundNan;
+    roundNan.radius = nan;
+    EXPECT_EQ(RoundEdgesEvaluator(roundNan).roundedNormal(c), RoundEdgesEvaluator({}).roundedNormal(c));
+    WireframeEvaluator const wireNan({nan, WireframeMap::Units::World}, constant(1.f), constant(0.f));
+    WireframeEvaluator const wire({}, constant(1.f), constant(0.f));
+    EXPECT_EQ(wireNan.coverage(c), wire.coverage(c));
+    EXPECT_GT(wire.coverage(c), 0.f);
+    DistanceEvaluator const distanceNan({{}, nan, nan, nan}, constant(0.f), constant(1.f));
+    DistanceEvaluator const distance({}, constant(0.f), constant(1.f));
+    EXPECT_EQ(distanceNan.weight(c), distance.weight(c));
+    EXPECT_NEAR(distance.weight(c), 0.5f, 1e-5f); // the sphere 0.5 away, between near 0 and far 1
+}
+
 // ---------------------------------------------------------------------------
 // Records
 
