@@ -165,7 +165,9 @@ Expected<EmbreeStage> EmbreeStage::make(SwatchShape shape, float tiling) {
     } else {
         // The plane's size follows its tiling; keep it finite and the grid bounded.
         float const size = std::isfinite(tiling) && tiling > 0.f ? std::min(tiling, 1e6f) : 1.f;
-        int const cells = std::clamp(int(std::lround(4.f * std::min(size, 64.f))), 1, 256);
+        // Four quads a tile, at most 16 a side: a scene of many plane swatches of
+        // different tilings keeps its stages small.
+        int const cells = std::clamp(int(std::lround(4.f * std::min(size, 4.f))), 1, 16);
         stage.mMeshes[SWATCH] = makeGrid(size, cells);
         stage.mProp.include(Pos(0.72f * size, 0.72f * size, 0.f));
         stage.mProp.include(Pos(1.1f * size, 1.1f * size, 0.2f * size));
