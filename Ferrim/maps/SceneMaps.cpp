@@ -71,6 +71,13 @@ inline SceneMapsDetail::Frame turnedFrame(Dir const& n, float turn) {
     return f;
 }
 
+/// The context's random pair in [0, 1); a context without one (NaN) gets 0.
+inline Vector2 randomPair(IShadeContext const& context) {
+    Vector2 const r = context.generateRandom2();
+    auto usable = [](float x) { return std::isfinite(x) ? std::clamp(x - std::floor(x), 0.f, 0.99999994f) : 0.f; };
+    return {usable(r.x), usable(r.y)};
+}
+
 inline int clampSamples(int n, int maximum) { return std::clamp(n, 1, maximum); }
 
 /// Cosine and sine of `count` angles evenly round the circle.
@@ -300,12 +307,12 @@ float AmbientOcclusionEvaluator::openness(IShadeContext const& context) const {
     if (!normal) return 1.f;
     Dir const n = mSettings.invert ? -*normal : *normal;
     PrecisePos const p = context.getPosition();
-    Vector2 const random = context.generateRandom2();
+    Vector2 const random = randomPair(context);
     Frame const f = turnedFrame(n, random.x);
     PrecisePos const origin = offset(p, n, rayBias(p));
     int const count = mSettings.samples;
     float const invCount = 1.f / float(count);
-    float const jitter = std::clamp(random.y, 0.f, 0.99999994f);
+    float const jitter = random.y;
     int const ownId = mNeedsObjects ? context.getObjectId() : 0;
     int occluded = 0;
     for (int i = 0; i < count; ++i) {
@@ -399,7 +406,7 @@ float CurvatureEvaluator::curvature(IShadeContext const& context) const {
     if (!normal) return 0.f;
     Dir const n = *normal;
     PrecisePos const p = context.getPosition();
-    Vector2 const random = context.generateRandom2();
+    Vector2 const random = randomPair(context);
     Frame const f = turnedFrame(n, random.x);
     PrecisePos const above = offset(p, n, r);
     int const count = mSettings.samples;
@@ -513,14 +520,14 @@ Dir RoundEdgesEvaluator::roundedNormal(IShadeContext const& context) const {
     float const r = mSettings.radius;
     if (!(r > 0.f)) return n;
     PrecisePos const p = context.getPosition();
-    Vector2 const random = context.generateRandom2();
+    Vector2 const random = randomPair(context);
     Frame const f = turnedFrame(n, random.x);
     PrecisePos const above = offset(p, n, r);
     int const ownId = context.getObjectId();
     bool const ownOnly = mSettings.mode != RoundEdgesMap::Mode::AllObjects;
     bool const convexOnly = mSettings.mode == RoundEdgesMap::Mode::CornersOnly;
     int const count = mSettings.samples;
-    float const shift = std::clamp(random.y, 0.f, 1.f);
+    float const shift = random.y;
     Dir sum;
     int hits = 0;
     for (int k = 0; k < count; ++k) {

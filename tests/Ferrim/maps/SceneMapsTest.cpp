@@ -223,6 +223,13 @@ TEST(AmbientOcclusionMap, BoundsItsWorkAndAnswersOpenWithoutAScene) {
     c.position = PrecisePos(0.3, 0, 0);
     AmbientOcclusionEvaluator::Settings s;
     EXPECT_EQ(openness(s, c), openness(s, c));
+    // A context without random numbers (NaN) samples as with zeros.
+    c.random = Vector2(0, 0);
+    float const zeros = openness(s, c);
+    c.random = Vector2(nan, inf);
+    EXPECT_EQ(openness(s, c), zeros);
+    EXPECT_GT(zeros, 0.3f);
+    EXPECT_LT(zeros, 0.7f);
     NullShadeContext const nothing;
     AmbientOcclusionEvaluator const e(s, constant(0.f), constant(1.f));
     EXPECT_FLOAT_EQ(e.evalMono(nothing, nullptr).value, 1.f);
