@@ -87,7 +87,9 @@ public:
 
 /// The cosine-weighted fraction of the hemisphere (above the surface, or below
 /// it when inverted) that no counted surface closes within `radius`; mixes
-/// occludedColor (0) to unoccludedColor (1) by it.
+/// occludedColor (0) to unoccludedColor (1) by it. With object options each ray
+/// asks for its nearest surface: one of an uncounted object leaves the ray open
+/// even if a counted one lies behind it.
 class FERRIM_EXPORT AmbientOcclusionEvaluator : public IMapEvaluator {
 public:
     static constexpr int MAX_SAMPLES = 256;
