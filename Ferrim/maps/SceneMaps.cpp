@@ -115,8 +115,13 @@ Expected<Stack<int>, String> parseObjectIds(StringView text) {
         StringView const token = text.substr(i, j - i);
         int id = 0;
         auto const [end, error] = std::from_chars(token.data(), token.data() + token.size(), id);
-        if (error != std::errc() || end != token.data() + token.size())
-            return makeError("\"" + String(token) + "\" is not an object id (whole numbers separated by commas)");
+        if (error != std::errc() || end != token.data() + token.size()) {
+            // Appended piece by piece: the "+" chain trips a false -Wrestrict of GCC 12.
+            String message = "\"";
+            message.append(token);
+            message.append("\" is not an object id (whole numbers separated by commas)");
+            return makeError(std::move(message));
+        }
         ids.push_back(id);
         i = j;
     }
