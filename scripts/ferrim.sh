@@ -15,7 +15,7 @@ root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 build="$root/build/release"
 
 packages=(cmake ninja-build g++ pkg-config libopenimageio-dev libtbb-dev nlohmann-json3-dev libcli11-dev
-          libgtest-dev libgmock-dev libbenchmark-dev libnoise-dev libstb-dev libopencolorio-dev
+          libgtest-dev libgmock-dev libbenchmark-dev libnoise-dev libstb-dev libopencolorio-dev libembree-dev
           python3-dev python3-numpy python3-pytest pybind11-dev)
 missing=()
 for p in "${packages[@]}"; do

@@ -235,7 +235,22 @@ Quelin::StringView getDemoSceneText() {
      "map": {"@class": "Zatho.FractalMap", "type": "TURBULENCE", "octaves": 5, "size": 0.3,
              "color1": {"color": [0.9, 0.3, 0.0]}, "color2": {"color": [1.0, 1.0, 0.6]}}},
     {"label": "bump of a Worley fractal", "shape": "sphere", "bump": true,
-     "map": {"@class": "Zatho.FractalMap", "type": "WORLEY", "octaves": 3, "size": 0.3}}
+     "map": {"@class": "Zatho.FractalMap", "type": "WORLEY", "octaves": 3, "size": 0.3}},
+    {"label": "ambient occlusion from the ground and the box", "shape": "sphere",
+     "map": {"@class": "Zatho.AmbientOcclusionMap", "samples": 16, "radius": 1.0,
+             "occludedColor": {"color": [0.05, 0.04, 0.03]}, "unoccludedColor": {"color": [0.95, 0.9, 0.8]}}},
+    {"label": "ambient occlusion around a box on a plane", "shape": "plane",
+     "map": {"@class": "Zatho.AmbientOcclusionMap", "samples": 16, "radius": 0.3}},
+    {"label": "distance to the box", "shape": "sphere",
+     "map": {"@class": "Zatho.DistanceMap", "objectIds": "3", "farDistance": 0.8, "falloff": 0.7,
+             "nearColor": {"color": [1.0, 0.35, 0.05]}, "farColor": {"color": [0.1, 0.2, 0.45]}}},
+    {"label": "curvature of a box on a plane", "shape": "plane",
+     "map": {"@class": "Zatho.CurvatureMap", "radius": 0.04, "scale": 0.04}},
+    {"label": "round edges of a box on a plane", "shape": "plane", "bump": true,
+     "map": {"@class": "Zatho.RoundEdgesMap", "radius": 0.06, "samples": 16, "mode": "all_objects"}},
+    {"label": "wireframe, 1.5 pixels", "shape": "sphere",
+     "map": {"@class": "Zatho.WireframeMap", "width": 1.5, "units": "pixels",
+             "edgeColor": {"color": [0.9, 0.95, 1.0]}, "faceColor": {"color": [0.05, 0.1, 0.2]}}}
   ]
 })json";
 }

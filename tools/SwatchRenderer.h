@@ -12,7 +12,8 @@ struct LinearImage {
 };
 
 /// Renders every swatch into its cell, rows in parallel; `progress` receives
-/// the finished fraction from any thread.
+/// the finished fraction from any thread. Sphere and plane swatches stand in
+/// an Embree stage (EmbreeStage.h) that answers the maps' scene queries.
 LinearImage renderScene(Scene const& scene, int width, int height, std::function<void(double)> const& progress);
 
 /// The cell grid of a scene: columns and rows for its swatch count.
