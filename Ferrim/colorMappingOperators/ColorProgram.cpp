@@ -96,6 +96,8 @@ char const* kindName(StepKind kind) {
     case StepKind::Curves: return "curves";
     case StepKind::ToneCurve: return "tone curve";
     case StepKind::Lut: return "lut";
+    case StepKind::PbrNeutral: return "pbr neutral";
+    case StepKind::Agx: return "agx";
     case StepKind::Callback: return "callback";
     case StepKind::Count: break;
     }
@@ -299,7 +301,8 @@ void ColorProgram::map(std::span<RgbAlpha> pixels, Pixel origin, Pixel extent) c
 }
 
 void ColorProgram::mapFloats(float* data, int stride, std::size_t count, Pixel origin, Pixel extent) const {
-    if (mSteps.empty() || !mKernels) return;
+    // An empty program still reads NaN as 0, as the chain does.
+    if (!mKernels) return;
     alignas(64) float r[CHUNK], g[CHUNK], b[CHUNK], xs[CHUNK], ys[CHUNK];
     int const lanes = mKernels->lanes;
     std::size_t const width = std::size_t(extent.x);
@@ -327,7 +330,7 @@ void ColorProgram::mapFloats(float* data, int stride, std::size_t count, Pixel o
                 float const* p = src + std::size_t(k) * std::size_t(stride);
                 Rgb const in(p[0], p[1], p[2]);
                 if (finite(in) && finite(Rgb(r[k], g[k], b[k]))) continue;
-                Rgb const out = mChain->map(in, position(start + std::size_t(k)));
+                Rgb const out = mChain ? mChain->map(in, position(start + std::size_t(k))) : zeroNaN(in);
                 r[k] = out.r, g[k] = out.g, b[k] = out.b;
             }
         }
