@@ -90,9 +90,25 @@ Rgb AgxOperator::unmapImpl(Rgb const& color, Flags<ColorMappingExclude> exclude)
 
 void AgxOperator::compileMapping(ColorProgramBuilder& builder) const {
     if (isNeutral()) return;
-    ColorProgramBuilder::Step s;
-    s.kind = ColorProgramBuilder::Kind::Agx;
-    builder.append(s);
+    // Matrix, encoding, matrix, power, clamp as separate steps: the inset
+    // matrix joins the affine operators before it, and the power is the
+    // fixed-exponent one of the display encodings.
+    using Kind = ColorProgramBuilder::Kind;
+    auto matrix = [](float const (&m)[9]) { return Matrix33(m[0], m[1], m[2], m[3], m[4], m[5], m[6], m[7], m[8]); };
+    builder.appendAffine(matrix(Math::AGX_INSET));
+    ColorProgramBuilder::Step encode;
+    encode.kind = Kind::Agx;
+    builder.append(encode);
+    builder.appendAffine(matrix(Math::AGX_OUTSET));
+    ColorProgramBuilder::Step power;
+    power.kind = Kind::Pow;
+    power.p[0] = power.p[1] = power.p[2] = Math::AGX_GAMMA;
+    builder.append(power);
+    ColorProgramBuilder::Step clamp;
+    clamp.kind = Kind::Clamp;
+    clamp.p[0] = 0.f;
+    clamp.p[1] = 1.f;
+    builder.append(clamp);
 }
 
 FERRIM_REGISTER_COLOR_OPERATOR(AgxOperator, "AgX");

@@ -29,7 +29,7 @@ enum class StepKind : int {
     ToneCurve,       ///< table[0] as Curves' p[0..4], grey p[5], 1/grey p[6], preserve colour p[7] != 0; size ints[0]
     Lut,             ///< see LutStep below
     PbrNeutral,      ///< Khronos PBR Neutral (DisplayTransformMath.h)
-    Agx,             ///< AgX (DisplayTransformMath.h)
+    Agx,             ///< AgX's log2 encoding and sigmoid on each channel (DisplayTransformMath::agxEncode)
     Callback,        ///< the operator's own single-colour mapping, pixel by pixel
     Count
 };

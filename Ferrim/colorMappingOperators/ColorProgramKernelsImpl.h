@@ -399,8 +399,10 @@ void pbrNeutralStep(Step const&, Planes const& pl) {
     forEachVector(pl, [](F& r, F& g, F& b, int) { DisplayTransformMath::pbrNeutral(r, g, b); });
 }
 
+// One channel at a time: the encoding's chain (log2, sigmoid) is long, and
+// short independent iterations let the processor overlap many of them.
 void agxStep(Step const&, Planes const& pl) {
-    forEachVector(pl, [](F& r, F& g, F& b, int) { DisplayTransformMath::agx(r, g, b); });
+    perChannel(pl, [](F c, int) { return DisplayTransformMath::agxEncode(c); });
 }
 
 // ------------------------------------------------------------------ fallback
