@@ -14,6 +14,7 @@
 #include "Ferrim/colorMappingOperators/FilmicOperator.h"
 #include "Ferrim/colorMappingOperators/Lut.h"
 #include "Ferrim/colorMappingOperators/ReinhardOperator.h"
+#include "QuelinLibImage/ImageDecode.h"
 
 using namespace Quelin;
 
@@ -135,6 +136,30 @@ TEST(OutOfRange, ToneCurvesReachTheirLimitsNeverBlack) {
     auto reinhard = make("ReinhardOperator");
     EXPECT_EQ(reinhard->map(Rgb(-3.f), {}), Rgb(0.f));
     EXPECT_EQ(reinhard->map(Rgb(INF), {}).r, INF);
+}
+
+TEST(OutOfRange, TheWideRangeTestImageMapsToDisplayValuesWithHugeValuesWhite) {
+    // A real file with values from far below 0 to far above 1e20 (and not a NaN in sight of black).
+    auto stream = Io::FileInputStream::open(Io::Path(FERRIM_TESTDATA_DIR) / "exr" / "WideFloatRange.exr");
+    ASSERT_TRUE(stream) << stream.error();
+    TaskProgress progress;
+    Image const image = makeImage(**stream, ImageFormat::Exr, progress);
+    Stack<RgbAlpha> source;
+    for (int y = 0; y < image.getHeight(); ++y)
+        for (int x = 0; x < image.getWidth(); ++x) source.push_back(image.getRgbAlpha(x, y));
+    Stack<RgbAlpha> frame = source;
+    ColorMapping().mapFrameBuffer(std::span<RgbAlpha>(frame), image.getWidth(), image.getHeight(), 2);
+    int huge = 0;
+    for (std::size_t i = 0; i < frame.size(); ++i) {
+        for (int ch = 0; ch < 3; ++ch) ASSERT_TRUE(frame[i].rgb()[ch] >= 0.f && frame[i].rgb()[ch] <= 1.f) << i;
+        Rgb const in = source[i].rgb();
+        if (std::min({in.r, in.g, in.b}) > 1e20f) {
+            ++huge;
+            ASSERT_EQ(frame[i].rgb(), Rgb(1.f)) << i;
+        }
+        if (std::max({in.r, in.g, in.b}) <= 0.f) ASSERT_EQ(frame[i].rgb(), Rgb(0.f)) << i;
+    }
+    EXPECT_GT(huge, 1000);
 }
 
 TEST(OutOfRange, EveryWidthMapsHostileInputAsTheChain) {
