@@ -73,6 +73,11 @@ Float4 multiply(int which, Float4 c) {
 }
 
 Float4 curveLanes(Float4 x) {
+    // The fit is a ratio of two quadratics: defined for x >= 0 only (below, it
+    // rises again toward white) and saturated to its limit 1/0.983729 long
+    // before x^2 would overflow. Negative input takes the value at 0, input
+    // beyond 2^60 the value there (the limit to float precision); NaN is 0.
+    x = min(max(x, Float4(0.f)), Float4(AcesOtOperator::CURVE_INPUT_MAX));
     return (x * (x + Float4(0.0245786f)) - Float4(0.000090537f)) /
            (x * (Float4(0.983729f) * x + Float4(0.432951f)) + Float4(0.238081f));
 }
@@ -137,6 +142,8 @@ Float4 AcesOtOperator::mapLanes(Float4 c) const {
     if (!mActive) return c;
     Float4 const a = curveLanes(multiply(INPUT, c));
     Float4 const b = min(max(multiply(OUTPUT, a), Float4(0.f)), Float4(1.f));
+    // Unfaded, the input's share is none at all: 0 times an infinity is no share.
+    if (mOpacity == 1.f) return b;
     return Float4(mOpacity) * b + Float4(1.f - mOpacity) * c;
 }
 
@@ -157,7 +164,7 @@ void AcesOtOperator::mapPlanes(Float4& r, Float4& g, Float4& b) const {
     Float4* planes[3] = {&r, &g, &b};
     for (int i = 0; i < 3; ++i) {
         Float4 const clamped = min(max(o[i], Float4(0.f)), Float4(1.f));
-        *planes[i] = take * clamped + keep * *planes[i];
+        *planes[i] = mOpacity == 1.f ? clamped : take * clamped + keep * *planes[i];
     }
 }
 

@@ -27,6 +27,9 @@ public:
     /// Scene values of the faded curve: entry [i * 16 + j] maps to display
     /// value i / 15 at opacity j / 15.
     static StaticArray<float, 256> const& unmappingTable();
+    /// Where the curve's input is bounded: there it equals its limit to float
+    /// precision, and x^2 is far from overflowing.
+    static constexpr float CURVE_INPUT_MAX = 1152921504606846976.f;  // 2^60
     /// The fitted tone curve of one channel.
     static float curve(float x);
 

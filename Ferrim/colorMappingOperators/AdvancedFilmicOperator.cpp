@@ -8,6 +8,9 @@ namespace Quelin {
 
 namespace {
 constexpr float MIDDLE_GREY = 0.18f;
+// Beyond the contrast step values are bounded here (2^60): toe and shoulder
+// square them.
+constexpr float INPUT_MAX = 1152921504606846976.f;
 // Rec. 709 luminance weights; they sum to 1, so blending toward luminance keeps it.
 constexpr float LUMA_R = 0.2126f, LUMA_G = 0.7152f, LUMA_B = 0.0722f;
 
@@ -66,6 +69,8 @@ void AdvancedFilmicOperator::prepareForApplicationImpl(ColorMappingContext const
 float AdvancedFilmicOperator::curve(float x) const {
     x = std::max(x, 0.f);
     if (mContrast != 1.f) x = MIDDLE_GREY * std::pow(x * (1.f / MIDDLE_GREY), mContrast);
+    // The curve grows without bound; its squares must not overflow on the way.
+    x = std::min(x, INPUT_MAX);
     if (mToe > 0.f) x = x * x / (x + mToe) * mToeScale;
     if (mShoulder > 0.f) {
         // Extended Reinhard: 1 at the white point.

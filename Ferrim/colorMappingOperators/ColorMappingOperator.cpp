@@ -77,34 +77,54 @@ UnaryColorMappingOperator::UnaryColorMappingOperator(SharedPtr<DataObjectDefinit
     editData().set("id", generateId());
 }
 
+namespace {
+/// NaN channels of a bucket as 0: what each operator reads, and what a chain
+/// gives where an operator made NaN of an infinity.
+template <typename P> void zeroNaNs(std::span<P> pixels, Pixel extent) {
+    if (extent.x <= 0 || extent.y <= 0) return;
+    std::size_t const n = std::min(pixels.size(), std::size_t(extent.x) * std::size_t(extent.y));
+    for (std::size_t k = 0; k < n; ++k)
+        for (float* c : {&pixels[k].r, &pixels[k].g, &pixels[k].b})
+            if (*c != *c) *c = 0.f;
+}
+} // namespace
+
 void UnaryColorMappingOperator::map(std::span<Rgb> pixels, Pixel origin, Pixel extent) const {
-    ChainOrder<UnaryColorMappingOperator const>(this).forEachFirstToLast(
-        [&](UnaryColorMappingOperator const* op) { op->mapImpl(pixels, origin, extent); });
+    ChainOrder<UnaryColorMappingOperator const>(this).forEachFirstToLast([&](UnaryColorMappingOperator const* op) {
+        zeroNaNs(pixels, extent);
+        op->mapImpl(pixels, origin, extent);
+    });
+    zeroNaNs(pixels, extent);
 }
 
 void UnaryColorMappingOperator::map(std::span<RgbAlpha> pixels, Pixel origin, Pixel extent) const {
-    ChainOrder<UnaryColorMappingOperator const>(this).forEachFirstToLast(
-        [&](UnaryColorMappingOperator const* op) { op->mapImpl(pixels, origin, extent); });
+    ChainOrder<UnaryColorMappingOperator const>(this).forEachFirstToLast([&](UnaryColorMappingOperator const* op) {
+        zeroNaNs(pixels, extent);
+        op->mapImpl(pixels, origin, extent);
+    });
+    zeroNaNs(pixels, extent);
 }
 
 Rgb UnaryColorMappingOperator::map(Rgb const& color, Pixel pixel) const {
     Rgb c = color;
     ChainOrder<UnaryColorMappingOperator const>(this).forEachFirstToLast(
-        [&](UnaryColorMappingOperator const* op) { c = op->mapImpl(c, pixel); });
-    return c;
+        [&](UnaryColorMappingOperator const* op) { c = op->mapImpl(zeroNaN(c), pixel); });
+    // An operator can make NaN of an infinity (0 times infinity): 0 as well.
+    return zeroNaN(c);
 }
 
 Rgb UnaryColorMappingOperator::unmap(Rgb const& color, Flags<ColorMappingExclude> exclude) const {
     Rgb c = color;
-    for (UnaryColorMappingOperator const* op = this; op; op = op->getPredecessorPointer()) c = op->unmapImpl(c, exclude);
-    return c;
+    for (UnaryColorMappingOperator const* op = this; op; op = op->getPredecessorPointer())
+        c = op->unmapImpl(zeroNaN(c), exclude);
+    return zeroNaN(c);
 }
 
 void UnaryColorMappingOperator::mapImpl(std::span<Rgb> pixels, Pixel origin, Pixel extent) const {
     std::size_t const n = bucketSize(pixels.size(), extent);
     for (std::size_t k = 0; k < n; ++k) {
         Pixel const p(origin.x + std::int32_t(k % std::size_t(extent.x)), origin.y + std::int32_t(k / std::size_t(extent.x)));
-        pixels[k] = mapImpl(pixels[k], p);
+        pixels[k] = mapImpl(zeroNaN(pixels[k]), p);
     }
 }
 
@@ -113,7 +133,7 @@ void UnaryColorMappingOperator::mapImpl(std::span<RgbAlpha> pixels, Pixel origin
     for (std::size_t k = 0; k < n; ++k) {
         Pixel const p(origin.x + std::int32_t(k % std::size_t(extent.x)), origin.y + std::int32_t(k / std::size_t(extent.x)));
         RgbAlpha& c = pixels[k];
-        Rgb const m = mapImpl(c.rgb(), p);
+        Rgb const m = mapImpl(zeroNaN(c.rgb()), p);
         c.r = m.r;
         c.g = m.g;
         c.b = m.b;

@@ -224,6 +224,14 @@ private:
 };
 
 inline Float4 toFloat4(Rgb const& c) { return Float4(c.r, c.g, c.b, 0.f); }
+/// NaN lanes as 0: every operator reads a NaN channel as 0 (see the README's
+/// table of out-of-range pixels); every other value is kept bit for bit.
+inline Float4 zeroNaN(Float4 c) { return select(isNaN(c), Float4(0.f), c); }
+inline Rgb zeroNaN(Rgb c) {
+    for (int i = 0; i < 3; ++i)
+        if (c[i] != c[i]) c[i] = 0.f;
+    return c;
+}
 inline Rgb toRgb(Float4 v) {
     alignas(16) float t[4];
     v.store(t);
@@ -237,7 +245,7 @@ template <typename Derived> class LaneColorMappingOperator : public UnaryColorMa
 protected:
     using UnaryColorMappingOperator::UnaryColorMappingOperator;
 
-    Rgb mapImpl(Rgb const& color, Pixel) const override { return toRgb(self().mapLanes(toFloat4(color))); }
+    Rgb mapImpl(Rgb const& color, Pixel) const override { return toRgb(self().mapLanes(zeroNaN(toFloat4(color)))); }
     void mapImpl(std::span<Rgb> pixels, Pixel, Pixel extent) const override {
         if (isNeutral()) return;
         Derived const& d = self();
@@ -248,8 +256,8 @@ protected:
             float* f = reinterpret_cast<float*>(bucket.data());
             std::size_t const count = bucket.size() * 3;
             std::size_t i = 0;
-            for (; i + 4 <= count; i += 4) d.mapLanes(Float4::load(f + i)).store(f + i);
-            for (; i < count; ++i) f[i] = d.mapLanes(Float4(f[i])).x();
+            for (; i + 4 <= count; i += 4) d.mapLanes(zeroNaN(Float4::load(f + i))).store(f + i);
+            for (; i < count; ++i) f[i] = d.mapLanes(zeroNaN(Float4(f[i]))).x();
         } else if constexpr (requires(Float4& x) { d.mapPlanes(x, x, x); }) {
             // Four pixels at a time as red, green and blue planes: matrices
             // become plain lane arithmetic and no lane is wasted.
@@ -257,14 +265,14 @@ protected:
             for (; k + 4 <= bucket.size(); k += 4) {
                 alignas(16) float r[4], g[4], b[4];
                 for (int i = 0; i < 4; ++i) r[i] = bucket[k + i].r, g[i] = bucket[k + i].g, b[i] = bucket[k + i].b;
-                Float4 pr = Float4::load(r), pg = Float4::load(g), pb = Float4::load(b);
+                Float4 pr = zeroNaN(Float4::load(r)), pg = zeroNaN(Float4::load(g)), pb = zeroNaN(Float4::load(b));
                 d.mapPlanes(pr, pg, pb);
                 pr.store(r), pg.store(g), pb.store(b);
                 for (int i = 0; i < 4; ++i) bucket[k + i] = Rgb(r[i], g[i], b[i]);
             }
-            for (; k < bucket.size(); ++k) bucket[k] = toRgb(d.mapLanes(toFloat4(bucket[k])));
+            for (; k < bucket.size(); ++k) bucket[k] = toRgb(d.mapLanes(zeroNaN(toFloat4(bucket[k]))));
         } else {
-            for (Rgb& p : bucket) p = toRgb(d.mapLanes(toFloat4(p)));
+            for (Rgb& p : bucket) p = toRgb(d.mapLanes(zeroNaN(toFloat4(p))));
         }
     }
     void mapImpl(std::span<RgbAlpha> pixels, Pixel, Pixel extent) const override {
@@ -272,7 +280,7 @@ protected:
         Derived const& d = self();
         for (RgbAlpha& p : pixels.first(bucketSize(pixels.size(), extent))) {
             float const alpha = p.alpha;
-            d.mapLanes(Float4::load(&p.r)).store(&p.r);
+            d.mapLanes(zeroNaN(Float4::load(&p.r))).store(&p.r);
             p.alpha = alpha;
         }
     }

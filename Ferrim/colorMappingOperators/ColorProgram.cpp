@@ -96,6 +96,8 @@ char const* kindName(StepKind kind) {
     case StepKind::Curves: return "curves";
     case StepKind::ToneCurve: return "tone curve";
     case StepKind::Lut: return "lut";
+    case StepKind::PbrNeutral: return "pbr neutral";
+    case StepKind::Agx: return "agx";
     case StepKind::Callback: return "callback";
     case StepKind::Count: break;
     }
@@ -258,6 +260,16 @@ ColorProgram ColorProgram::compile(EntityHolder<IColorMappingOperator> const& la
         }
         // One positive exponent for all three channels (the display
         // encodings): the power from tables made here.
+        // Whether finite input now gives bounded values: a clamp or the ACES
+        // pass bounds them (its curve input is bounded too), and a power of at
+        // most 1 keeps them bounded. Then the result needs no second look.
+        bool const lowPower = (e.step.kind == StepKind::Pow || e.step.kind == StepKind::SignedPow) &&
+                              std::all_of(e.step.p, e.step.p + 3, [](float x) { return x > 0.f && x <= 1.f; });
+        if (e.step.kind == StepKind::AcesTone ||
+            (e.step.kind == StepKind::Clamp && std::isfinite(e.step.p[0]) && std::isfinite(e.step.p[1])))
+            program.mBoundedResult = true;
+        else if (!lowPower)
+            program.mBoundedResult = false;
         bool const power = e.step.kind == StepKind::Pow || e.step.kind == StepKind::SignedPow;
         auto tables = power && e.step.p[0] > 0.f && e.step.p[0] == e.step.p[1] && e.step.p[0] == e.step.p[2]
                           ? powerTables(double(e.step.p[0]))
@@ -299,7 +311,8 @@ void ColorProgram::map(std::span<RgbAlpha> pixels, Pixel origin, Pixel extent) c
 }
 
 void ColorProgram::mapFloats(float* data, int stride, std::size_t count, Pixel origin, Pixel extent) const {
-    if (mSteps.empty() || !mKernels) return;
+    // An empty program still reads NaN as 0, as the chain does.
+    if (!mKernels) return;
     alignas(64) float r[CHUNK], g[CHUNK], b[CHUNK], xs[CHUNK], ys[CHUNK];
     int const lanes = mKernels->lanes;
     std::size_t const width = std::size_t(extent.x);
@@ -319,7 +332,7 @@ void ColorProgram::mapFloats(float* data, int stride, std::size_t count, Pixel o
             }
         }
         for (auto const& s : mSteps) s.run(s.step, planes);
-        suspicious = suspicious || mKernels->anyNonFinite(planes);
+        suspicious = suspicious || (!mBoundedResult && mKernels->anyNonFinite(planes));
         if (suspicious) {
             // Non-finite input or result: the chain itself decides, as it
             // always did for such values.
@@ -327,7 +340,7 @@ void ColorProgram::mapFloats(float* data, int stride, std::size_t count, Pixel o
                 float const* p = src + std::size_t(k) * std::size_t(stride);
                 Rgb const in(p[0], p[1], p[2]);
                 if (finite(in) && finite(Rgb(r[k], g[k], b[k]))) continue;
-                Rgb const out = mChain->map(in, position(start + std::size_t(k)));
+                Rgb const out = mChain ? mChain->map(in, position(start + std::size_t(k))) : zeroNaN(in);
                 r[k] = out.r, g[k] = out.g, b[k] = out.b;
             }
         }

@@ -15,7 +15,8 @@
 // of the four-lane path (QuelinLib/WideMath.h), so the default pipeline stays
 // within 1e-6 of single-colour mapping. A pixel whose input or result is not
 // finite (NaN, infinity) is mapped again by the chain itself, so such values
-// behave exactly as before.
+// map as the chain maps them (a program that ends in a bounding step, such as
+// the default one, checks the input only).
 #include <span>
 
 #include "Ferrim/colorMappingOperators/ColorMappingOperator.h"
@@ -88,6 +89,9 @@ private:
     ColorKernels::Table const* mKernels = nullptr;
     WideIsa mIsa = WideIsa::Scalar;
     bool mNeedsPixel = false;
+    /// Finite input gives finite results (the program ends in a bounding
+    /// step): only the input is checked for values the chain must map.
+    bool mBoundedResult = false;
 };
 
 } // namespace Quelin

@@ -28,6 +28,8 @@ enum class StepKind : int {
     Curves,          ///< per channel k: table[k], xMin p[5k], xMax p[5k+1], scale p[5k+2], slopes p[5k+3..4]; size ints[0]
     ToneCurve,       ///< table[0] as Curves' p[0..4], grey p[5], 1/grey p[6], preserve colour p[7] != 0; size ints[0]
     Lut,             ///< see LutStep below
+    PbrNeutral,      ///< Khronos PBR Neutral (DisplayTransformMath.h)
+    Agx,             ///< AgX's log2 encoding and sigmoid on each channel (DisplayTransformMath::agxEncode)
     Callback,        ///< the operator's own single-colour mapping, pixel by pixel
     Count
 };

@@ -11,6 +11,7 @@
 // a NaN, so a pixel that went wrong anywhere ends non-finite and the program
 // hands it to the operator-by-operator path.
 #include "Ferrim/colorMappingOperators/ColorProgramKernels.h"
+#include "Ferrim/colorMappingOperators/DisplayTransformMath.h"
 #include "QuelinLib/Wide.h"
 #include "QuelinLib/WideMath.h"
 
@@ -118,7 +119,10 @@ void signedPowStep(Step const& s, Planes const& pl) {
 
 // ------------------------------------------------------------------ ACES
 
+/// Bounded as AcesOtOperator's curve: negative input (and NaN) as 0, input
+/// beyond 2^60, where the curve has saturated, as 2^60.
 F acesCurve(F x) {
+    x = min(max(x, F(0.f)), F(1152921504606846976.f));
     return (x * (x + F(0.0245786f)) - F(0.000090537f)) / madd(x, madd(F(0.983729f), x, F(0.432951f)), F(0.238081f));
 }
 
@@ -166,15 +170,28 @@ void reinhardStep(Step const& s, Planes const& pl) {
     // (k c + 1) c / (c + 1) as c (k + (1 - k) / (c + 1)), as the operator has
     // it: exactly c for k = 1 and no overflow of k c^2 for large c.
     F const k(s.p[0]), oneMinusK(1.f - s.p[0]), one(1.f);
-    perChannel(pl, [&](F c, int) { return max(F(0.f), c * (k + oneMinusK / (c + one))); });
+    // Negative input takes the curve's value at 0, as the operator's own mapping.
+    perChannel(pl, [&](F c, int) {
+        c = max(c, F(0.f));
+        return max(F(0.f), c * (k + oneMinusK / (c + one)));
+    });
 }
 
 void filmicStep(Step const& s, Planes const& pl) {
     F const shadows(s.p[1]), span(s.p[0] - s.p[1]);
+    auto curve = [](F x) {
+        return madd(F(1.0003055f), x, F(0.0021391737f)) * x / madd(x + F(0.43034402f), x, F(0.036029063f));
+    };
+    // The two forms of FilmicOperator::mapLanes: negative input as 0, and
+    // beyond 1024 the blend that cannot cancel, on a bounded curve input.
+    F const wFar = madd(span, F(1.f), shadows);
     perChannel(pl, [&](F x, int) {
-        F const g = madd(F(1.0003055f), x, F(0.0021391737f)) * x / madd(x + F(0.43034402f), x, F(0.036029063f));
+        x = max(x, F(0.f));
+        F const g = curve(min(x, F(1152921504606846976.f)));
         F const w = madd(span, min(x, F(1.f)), shadows);
-        return madd(w, g - x, x);
+        F const nearForm = madd(w, g - x, x);
+        F const farForm = madd(wFar, g, (F(1.f) - wFar) * min(x, F(FLT_MAX)));
+        return select(x > F(1024.f), farForm, nearForm);
     });
 }
 
@@ -242,6 +259,7 @@ void advancedFilmicStep(Step const& s, Planes const& pl) {
     auto curve = [&](F x) {
         x = max(x, F(0.f));
         if (contrast != 1.f) x = F(0.18f) * WideMath::powApprox(x * F(1.f / 0.18f), F(contrast));
+        x = min(x, F(1152921504606846976.f));  // as the operator: toe and shoulder square x
         if (toe > 0.f) x = x * x / (x + F(toe)) * toeScale;
         if (shoulder > 0.f) {
             F const rr = x * madd(x, invWhite2, one) / (one + x);  // extended Reinhard: 1 at the white point
@@ -282,7 +300,7 @@ void curvesStep(Step const& s, Planes const& pl) {
 void toneCurveStep(Step const& s, Planes const& pl) {
     F const grey(s.p[5]), invGrey(s.p[6]), zero(0.f);
     auto mapValue = [&](F v) {
-        F const stops = evaluateCurve(WideMath::log2Approx(v * invGrey), s.table[0], s.ints[0], s.p);
+        F const stops = evaluateCurve(WideMath::log2Approx(min(v * invGrey, F(FLT_MAX))), s.table[0], s.ints[0], s.p);
         return select(v > zero, grey * WideMath::exp2Approx(stops), v);
     };
     if (s.p[7] != 0.f) {
@@ -375,6 +393,18 @@ void lutStep(Step const& s, Planes const& pl) {
     });
 }
 
+// ------------------------------------------------------------------ display transforms
+
+void pbrNeutralStep(Step const&, Planes const& pl) {
+    forEachVector(pl, [](F& r, F& g, F& b, int) { DisplayTransformMath::pbrNeutral(r, g, b); });
+}
+
+// One channel at a time: the encoding's chain (log2, sigmoid) is long, and
+// short independent iterations let the processor overlap many of them.
+void agxStep(Step const&, Planes const& pl) {
+    perChannel(pl, [](F c, int) { return DisplayTransformMath::agxEncode(c); });
+}
+
 // ------------------------------------------------------------------ fallback
 
 void callbackStep(Step const& s, Planes const& pl) {
@@ -453,6 +483,8 @@ constexpr Table makeTable() {
     set(StepKind::Curves, curvesStep);
     set(StepKind::ToneCurve, toneCurveStep);
     set(StepKind::Lut, lutStep);
+    set(StepKind::PbrNeutral, pbrNeutralStep);
+    set(StepKind::Agx, agxStep);
     set(StepKind::Callback, callbackStep);
     t.load = loadPlanes;
     t.store = storePlanes;

@@ -50,8 +50,9 @@ public:
 
     float evaluate(float x) const {
         float const t = (x - mXMin) * mScale;
-        if (!(t >= 0.f)) return t < 0.f ? mY.front() + (x - mXMin) * mSlopeLow : x;  // NaN stays NaN
-        if (t >= float(TABLE_SIZE - 1)) return mY.back() + (x - mXMax) * mSlopeHigh;
+        // NaN stays NaN; a flat end stays flat out to infinity (not 0 times infinity).
+        if (!(t >= 0.f)) return t < 0.f ? (mSlopeLow == 0.f ? mY.front() : mY.front() + (x - mXMin) * mSlopeLow) : x;
+        if (t >= float(TABLE_SIZE - 1)) return mSlopeHigh == 0.f ? mY.back() : mY.back() + (x - mXMax) * mSlopeHigh;
         int const i = int(t);
         float const f = t - float(i);
         return mY[std::size_t(i)] + (mY[std::size_t(i) + 1] - mY[std::size_t(i)]) * f;

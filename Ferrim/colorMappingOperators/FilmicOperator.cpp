@@ -48,9 +48,12 @@ void FilmicOperator::prepareForApplicationImpl(ColorMappingContext const& contex
 
 Rgb FilmicOperator::unmapImpl(Rgb const& color, Flags<ColorMappingExclude> exclude) const {
     if (exclude.has(ColorMappingExclude::Filmic) || (mHighlights == 0.f && mShadows == 0.f)) return color;
-    if (!(color.r > 0.f && color.g > 0.f && color.b > 0.f)) return color;
-    // The fourth lane repeats red so that it converges with the others.
-    Float4 const target = min(Float4(color.r, color.g, color.b, color.r), mCap);
+    // Channels at or below 0 come from 0 (the curve's value there); they are
+    // solved as 1 and set to 0 after. The fourth lane repeats red so that it
+    // converges with the others.
+    Float4 const in(color.r, color.g, color.b, color.r);
+    Float4 const positive = in > Float4(0.f);
+    Float4 const target = min(select(positive, in, Float4(1.f)), mCap);
     Float4 const highMinusShadow(mHighlights - mShadows);
     Float4 lo(0.f), hi(mUpperBracket);
     Float4 x = target;
@@ -61,7 +64,7 @@ Rgb FilmicOperator::unmapImpl(Rgb const& color, Flags<ColorMappingExclude> exclu
         Float4 const g = curve(x);
         Float4 const w = strength(x);
         Float4 const f = x + w * (g - x) - target;
-        if (((abs(f) < Float4(1e-6f) * x).mask() & 7) == 7) return toRgb(x);
+        if (((abs(f) < Float4(1e-6f) * x).mask() & 7) == 7) return toRgb(x & positive);
         // The last term carries an extra factor x against the exact derivative
         // (H - S)(g - x); it only shapes the steps, the bracket keeps them safe.
         Float4 const slope = (curveDerivative(x) - Float4(1.f)) * w + Float4(1.f) +
@@ -71,7 +74,7 @@ Rgb FilmicOperator::unmapImpl(Rgb const& color, Flags<ColorMappingExclude> exclu
         lo = select(above, lo, x);
         x = x - f / slope;
     }
-    return toRgb((lo + hi) * Float4(0.5f));
+    return toRgb(((lo + hi) * Float4(0.5f)) & positive);
 }
 
 void FilmicOperator::compileMapping(ColorProgramBuilder& builder) const {

@@ -3,6 +3,8 @@
 // running linearly from "richShadows" at 0 to "highlightCompression" at 1 and
 // above. g has no closed-form inverse: unmapping solves for the input with a
 // bracketed Newton search on four lanes.
+#include <cfloat>
+
 #include "Ferrim/colorMappingOperators/ColorMappingOperator.h"
 
 namespace Quelin {
@@ -29,11 +31,24 @@ public:
     FilmicOperator();
     SharedPtr<Entity> createNewInstance() const override;
     void compileMapping(ColorProgramBuilder& builder) const override;
-    /// x + w(x) (g(x) - x), w(x) = S + (H - S) min(x, 1). No clamping.
+    /// Up to FAR_INPUT: x + w(x) (g(x) - x), w(x) = S + (H - S) min(x, 1).
+    /// Beyond, where that form loses g to cancellation, (1 - w) x + w g(x)
+    /// with g's input bounded where g has saturated (2^60): +inf and huge
+    /// values reach g's limit 1.0003055 at H = 1 and grow without bound
+    /// (finite) below. g is not defined below 0: negative input takes the
+    /// value at 0, which is 0.
     Float4 mapLanes(Float4 x) const {
         if (isNeutral()) return x;
-        return x + strength(x) * (curve(x) - x);
+        x = max(x, Float4(0.f));
+        Float4 const g = curve(min(x, Float4(CURVE_INPUT_MAX)));
+        Float4 const near = x + strength(x) * (g - x);
+        Float4 const w = strength(Float4(1.f));
+        Float4 const far = w * g + (Float4(1.f) - w) * min(x, Float4(FLT_MAX));
+        return select(x > Float4(FAR_INPUT), far, near);
     }
+    /// Where mapping switches to the form that cannot cancel.
+    static constexpr float FAR_INPUT = 1024.f;
+    static constexpr float CURVE_INPUT_MAX = 1152921504606846976.f;  // 2^60
     /// The display value above which unmapping treats colours as the cap.
     float getOutputCap() const { return mCap[0]; }
 

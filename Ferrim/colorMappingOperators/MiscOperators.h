@@ -12,6 +12,8 @@
 // Linear to sRGB clamps negative input to 0 first; sRGB to Linear, and both
 // inverses, do not clamp: a negative value is carried through as
 // -(|c| raised to the exponent), so negatives survive the round trip.
+#include <cfloat>
+
 #include "Ferrim/colorMappingOperators/ColorMappingOperator.h"
 
 namespace Quelin {
@@ -141,7 +143,11 @@ public:
     SaturationOperator();
     SharedPtr<Entity> createNewInstance() const override;
     void compileMapping(ColorProgramBuilder& builder) const override;
-    Float4 mapLanes(Float4 c) const { return mAmount == 0.f ? c : shiftSaturation(max(c, Float4(0.f)), mAmount, false); }
+    /// Negative channels are read as 0 and +inf as the largest float, so hue
+    /// and saturation stay defined.
+    Float4 mapLanes(Float4 c) const {
+        return mAmount == 0.f ? c : shiftSaturation(min(max(c, Float4(0.f)), Float4(FLT_MAX)), mAmount, false);
+    }
 
 protected:
     Rgb unmapImpl(Rgb const& color, Flags<ColorMappingExclude> exclude) const override;

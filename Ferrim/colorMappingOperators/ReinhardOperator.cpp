@@ -37,7 +37,8 @@ void ReinhardOperator::prepareForApplicationImpl(ColorMappingContext const& cont
 
 Rgb ReinhardOperator::unmapImpl(Rgb const& color, Flags<ColorMappingExclude> exclude) const {
     if (exclude.has(ColorMappingExclude::Reinhard)) return color;
-    Float4 const c = toFloat4(color);
+    // Display values below 0 come from no input: they unmap as 0 does.
+    Float4 const c = max(toFloat4(color), Float4(0.f));
     // k = 1 (switched off, or the white point at 1): the quadratic below
     // factors as (x + 1)(x - c), so its larger root is exact without rounding.
     if (mK == 1.f) return toRgb(max(c, Float4(-1.f)));
@@ -50,7 +51,10 @@ Rgb ReinhardOperator::unmapImpl(Rgb const& color, Flags<ColorMappingExclude> exc
     Float4 const root = sqrt(max(Float4(4.f) * k * c + b * b, Float4(0.f)));
     Float4 const large = (root - b) / (Float4(2.f) * k);
     Float4 const small = Float4(2.f) * c / (root + b);
-    return toRgb(select(b > Float4(0.f), small, large));
+    // Beyond 2^40 the root is c / k to float precision, and b^2 would
+    // overflow from 2^64 on.
+    Float4 const huge = c / k;
+    return toRgb(select(c > Float4(1099511627776.f), huge, select(b > Float4(0.f), small, large)));
 }
 
 void ReinhardOperator::compileMapping(ColorProgramBuilder& builder) const {

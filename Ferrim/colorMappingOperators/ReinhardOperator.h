@@ -18,12 +18,13 @@ public:
     ReinhardOperator();
     SharedPtr<Entity> createNewInstance() const override;
     void compileMapping(ColorProgramBuilder& builder) const override;
-    /// max(0, (k c + 1) c / (c + 1)), written as c (k + (1 - k) / (c + 1)):
-    /// exactly c for k = 1, k c at +infinity, and NaN maps to 0. The channel
-    /// is taken as it is: values from -1 to 0 give 0, and beyond the pole at
-    /// -1 the curve is positive again between -1/k and -1 (k < 1).
+    /// (k c + 1) c / (c + 1), written as c (k + (1 - k) / (c + 1)): exactly
+    /// c for k = 1 and k c at +infinity, where it never overflows early. The
+    /// curve is not defined below 0 (a pole at -1): negative values and NaN
+    /// take its value at 0, which is 0.
     Float4 mapLanes(Float4 c) const {
         Float4 const k(mK);
+        c = max(c, Float4(0.f));
         return max(c * (k + (Float4(1.f) - k) / (c + Float4(1.f))), Float4(0.f));
     }
     float getCoefficient() const { return mK; }

@@ -2,6 +2,7 @@
 #include "Ferrim/colorMappingOperators/ColorProgram.h"
 
 #include <algorithm>
+#include <cfloat>
 #include <cmath>
 
 namespace Quelin {
@@ -47,7 +48,8 @@ void ToneCurveOperator::prepareForApplicationImpl(ColorMappingContext const& con
 
 float ToneCurveOperator::mapValue(float v) const {
     if (!(v > 0.f)) return v;
-    return mGrey * std::exp2(mCurve.evaluate(std::log2(v * mInvGrey)));
+    // Huge values and +inf: the largest float's stops, never log2 of infinity.
+    return mGrey * std::exp2(mCurve.evaluate(std::log2(std::min(v * mInvGrey, FLT_MAX))));
 }
 
 float ToneCurveOperator::unmapValue(float v) const {

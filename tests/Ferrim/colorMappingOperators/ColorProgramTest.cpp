@@ -150,6 +150,8 @@ OperatorCase const OPERATOR_CASES[] = {
     {"srgb_to_linear", "SrgbToLinearOperator", {}},
     {"aces", "AcesOtOperator", {}},
     {"aces_faded", "AcesOtOperator", setFloat("opacity", 0.4f)},
+    {"pbr_neutral", "PbrNeutralOperator", {}},
+    {"agx", "AgxOperator", {}},
     {"reinhard", "ReinhardOperator", setFloat("highlightCompression", 4.f)},
     {"filmic", "FilmicOperator", {}},
     {"advanced_filmic", "AdvancedFilmicOperator", {}, 1e-5f},

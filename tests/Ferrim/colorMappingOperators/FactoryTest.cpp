@@ -16,7 +16,7 @@ namespace {
 using ColorMappingOperatorFactoryTest = Testing::LibraryFixture;
 ColorMappingOperatorFactory& factory() { return ColorMappingOperatorFactory::getInstance(); }
 
-TEST_F(ColorMappingOperatorFactoryTest, EachOfTheEighteenOperatorsIsCreatedWithItsEncodings) {
+TEST_F(ColorMappingOperatorFactoryTest, EachOfTheTwentyOperatorsIsCreatedWithItsEncodings) {
     // Pipelines insert conversions from the encodings and hide the Hidden
     // group; all other operators are visible and linear in and out.
     using E = OperatorColorEncoding;
@@ -30,7 +30,7 @@ TEST_F(ColorMappingOperatorFactoryTest, EachOfTheEighteenOperatorsIsCreatedWithI
         {"Zatho.LinearToSrgbOperator", {true, E::Linear, E::Srgb}},
         {"Zatho.SrgbToLinearOperator", {true, E::Srgb, E::Linear}},
     };
-    ASSERT_EQ(factory().getAllDescriptors().size(), 18u);
+    ASSERT_EQ(factory().getAllDescriptors().size(), 20u);
     for (auto const& [type, descriptor] : factory().getAllDescriptors()) {
         SCOPED_TRACE(type);
         auto op = factory().createOperator(type);

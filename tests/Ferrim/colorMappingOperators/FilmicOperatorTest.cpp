@@ -33,9 +33,17 @@ TEST(FilmicOperatorTest, ZeroStrengthsChangeNothingAndUnmapClampsItsInput) {
     EXPECT_EQ(zero->map(c, {}), c);
     EXPECT_EQ(zero->unmap(c, NONE), c);
     auto op = make(1.f, 0.3f);
-    // Display values above the cap are the cap; a channel at or below 0 leaves the colour alone.
+    // Display values above the cap are the cap; a channel at or below 0 comes from 0, the others are
+    // still undone.
     EXPECT_EQ(op->unmap(Rgb(1.5f, 0.5f, 0.2f), NONE), op->unmap(Rgb(1.f, 0.5f, 0.2f), NONE));
-    for (Rgb const& d : {Rgb(0.f, 0.5f, 0.5f), Rgb(0.2f, -0.1f, 0.5f)}) EXPECT_EQ(op->unmap(d, NONE), d);
+    for (Rgb const& d : {Rgb(0.f, 0.5f, 0.5f), Rgb(0.2f, -0.1f, 0.5f)}) {
+        Rgb const back = op->unmap(d, NONE);
+        Rgb const again = op->map(back, {});
+        for (int ch = 0; ch < 3; ++ch) {
+            if (d[ch] <= 0.f) EXPECT_EQ(back[ch], 0.f);
+            else EXPECT_NEAR(again[ch], d[ch], 1e-6f);
+        }
+    }
 }
 
 TEST(FilmicOperatorTest, SmallChangesKeepThePreparedState) {

@@ -81,11 +81,12 @@ Stack<ValueCase> valueCases() {
         {"ReinhardWhitePointToOne", reinhard4, Rgb(4.f), Rgb(1.f), 1e-6f},
         // The channel is taken as it is: 0 from -1 to 0, and past the pole at
         // -1 the curve is positive again ((1 - 2/16) 2 / 1 at -2), 0 below -16.
-        {"ReinhardNegatives", reinhard4, Rgb(-0.5f, -2.f, -20.f), Rgb(0.f, 1.75f, 0.f), 1e-6f},
+        // Not defined below 0 (a pole at -1): negatives take the value at 0.
+        {"ReinhardNegatives", reinhard4, Rgb(-0.5f, -2.f, -20.f), Rgb(0.f, 0.f, 0.f), 1e-6f},
         {"ReinhardNanAndInfinity", reinhard4, Rgb(-0.999f, std::nanf(""), INFINITY), Rgb(0.f, 0.f, INFINITY)},
-        // Off, the curve stays with k = 1 (see the switched-off test): the
-        // inverse is the larger root of (x + 1)(x - c).
-        {"ReinhardOffUnmapStopsAtMinusOne", reinhard4, Rgb(0.37f, -0.5f, -3.f), Rgb(0.37f, -0.5f, -1.f), 0.f, true, off},
+        // Off, the curve stays with k = 1 (see the switched-off test): no
+        // input maps below 0, so negative display values unmap as 0.
+        {"ReinhardOffUnmapTakesNegativesAsZero", reinhard4, Rgb(0.37f, -0.5f, -3.f), Rgb(0.37f, 0.f, 0.f), 0.f, true, off},
     };
 }
 
@@ -272,9 +273,11 @@ TEST_P(EveryOperatorTest, SwitchedOffInTheRecordOrTheContextIsTheIdentityBothWay
         op->set("enabled", enabled);
         op->prepareForApplication(context(8.f, !enabled));
         for (Rgb c : COLORS) {
-            // Reinhard's curve stays in place with k = 1, which still maps negatives to 0.
-            EXPECT_EQ(op->map(c, {0, 0}), GetParam().name == "Reinhard" ? Rgb(std::max(c.r, 0.f), c.g, c.b) : c);
-            EXPECT_EQ(op->unmap(c, NO_EXCLUDE), c);
+            // Reinhard's curve stays in place with k = 1, which still maps negatives to 0 (and
+            // unmaps them as 0).
+            Rgb const kept = GetParam().name == "Reinhard" ? Rgb(std::max(c.r, 0.f), c.g, c.b) : c;
+            EXPECT_EQ(op->map(c, {0, 0}), kept);
+            EXPECT_EQ(op->unmap(c, NO_EXCLUDE), kept);
         }
         expectBucketsMapLikeColours(*op);
     }
