@@ -1,10 +1,14 @@
 #include "Ferrim/TextureMap/ImageTexture.h"
 
+#include "Ferrim/ColorSpaces.h"
 #include "Ferrim/Ferrim.h"
 #include "Ferrim/TextureMap/ImageTextureCacheDetail.h"
 #include "QuelinLib/DebugLogger.h"
 #include "QuelinLib/Lib.h"
 #include "QuelinLibImage/ImageDecode.h"
+
+#include <algorithm>
+#include <cstring>
 
 namespace Quelin {
 
@@ -13,7 +17,102 @@ namespace Quelin {
 FERRIM_REGISTER_ENTITY(FileDataSource);
 FERRIM_REGISTER_ENTITY(MemoryDataSource);
 
-ImageTexture::ImageTexture(EntityHolder<IDataSource const> source) : mSource(std::move(source)) {
+namespace {
+
+/// Pixel format of float texels with the channels of `format`, RGB when the
+/// conversion mixes channels.
+PixelFormat floatFormatFor(PixelFormat format, bool keepMono) {
+    int const channels = getChannelCount(format);
+    bool const alpha = channels == 2 || channels == 4;
+    if (keepMono && channels <= 2) return alpha ? PixelFormat::MonoAlphaFloat : PixelFormat::MonoFloat;
+    return alpha ? PixelFormat::RgbaFloat : PixelFormat::RgbFloat;
+}
+
+/// `level` as float texels in linear light: 8-bit colour through `table` (or
+/// scaled when null), alpha scaled, then `processor` on the colour channels.
+Image linearLevel(Image const& level, TextureSampling::Table8 const* table, ColorSpaces::Processor const* processor,
+                  bool keepMono) {
+    PixelFormat const target = floatFormatFor(level.getFormat(), keepMono);
+    int const channels = getChannelCount(target);
+    bool const hasAlpha = channels == 2 || channels == 4;
+    Image out = Image::makeForOverwrite(Image::Descriptor(level.getResolution(), target));
+    int const width = level.getWidth();
+    bool const eightBit = getChannelType(level.getFormat()) == ChannelType::UInt8;
+    int const sourceChannels = getChannelCount(level.getFormat());
+    bool const rawFloat = getChannelType(level.getFormat()) == ChannelType::Float && level.getFormat() != PixelFormat::Rgbe &&
+                          level.getFormat() != PixelFormat::MonoWithExp && sourceChannels == channels;
+    parallelFor(0, level.getHeight(), 16, [&](std::int64_t y0, std::int64_t y1) {
+        Stack<float> rgba(std::size_t(width) * 4);
+        for (int y = int(y0); y < int(y1); ++y) {
+            float* row = reinterpret_cast<float*>(out.getData() + std::int64_t(y) * out.getRowBytes());
+            if (rawFloat) {
+                std::memcpy(row, level.getData() + std::int64_t(y) * level.getRowBytes(), std::size_t(out.getRowBytes()));
+            } else if (eightBit && table && sourceChannels == channels) {
+                auto const* src = reinterpret_cast<std::uint8_t const*>(level.getData() + std::int64_t(y) * level.getRowBytes());
+                for (int i = 0, n = width * channels; i < n; ++i) {
+                    bool const isAlpha = hasAlpha && i % channels == channels - 1;
+                    row[i] = (*table)[std::size_t(src[i]) + (isAlpha ? 256 : 0)];
+                }
+            } else {
+                for (int x = 0; x < width; ++x) {
+                    RgbAlpha const c = level.getRgbAlpha(x, y);
+                    float* p = row + std::size_t(x) * std::size_t(channels);
+                    if (channels <= 2) p[0] = c.r;
+                    else p[0] = c.r, p[1] = c.g, p[2] = c.b;
+                    if (hasAlpha) p[channels - 1] = c.alpha;
+                }
+            }
+            if (!processor) continue;
+            if (channels == 4) {
+                processor->applyRgba(row, std::size_t(width));
+            } else if (channels == 3) {
+                processor->applyRgb(row, std::size_t(width));
+            } else {
+                // Mono kept mono: the conversion is one curve for all channels.
+                for (int x = 0; x < width; ++x) rgba[std::size_t(x)] = row[std::size_t(x) * std::size_t(channels)];
+                Stack<float> rgb(std::size_t(width) * 3);
+                for (int x = 0; x < width; ++x) rgb[3 * std::size_t(x)] = rgb[3 * std::size_t(x) + 1] = rgb[3 * std::size_t(x) + 2] = rgba[std::size_t(x)];
+                processor->applyRgb(rgb.data(), std::size_t(width));
+                for (int x = 0; x < width; ++x) row[std::size_t(x) * std::size_t(channels)] = rgb[3 * std::size_t(x)];
+            }
+        }
+    });
+    return out;
+}
+
+/// Float linear levels back to 8-bit codes: each colour value takes the code
+/// whose table entry is nearest (the table rises), alpha is rounded.
+Image encodeLevel(Image const& linear, PixelFormat format, TextureSampling::Table8 const& table) {
+    StaticArray<float, 255> midpoints;
+    for (std::size_t i = 0; i < 255; ++i) midpoints[i] = 0.5f * (table[i] + table[i + 1]);
+    int const channels = getChannelCount(format);
+    bool const hasAlpha = channels == 2 || channels == 4;
+    Image out = Image::makeForOverwrite(Image::Descriptor(linear.getResolution(), format));
+    std::int64_t const count = std::int64_t(linear.getWidth()) * linear.getHeight() * channels;
+    float const* src = reinterpret_cast<float const*>(linear.getData());
+    auto* dst = reinterpret_cast<std::uint8_t*>(out.getData());
+    parallelFor(0, count, 1 << 16, [&](std::int64_t i0, std::int64_t i1) {
+        for (std::int64_t i = i0; i < i1; ++i) {
+            float const x = src[i];
+            if (hasAlpha && i % channels == channels - 1) {
+                dst[i] = std::uint8_t(std::clamp(x * 255.f + 0.5f, 0.f, 255.f));
+            } else {
+                // NaN takes code 0.
+                dst[i] = x > midpoints[0]
+                             ? std::uint8_t(std::upper_bound(midpoints.begin(), midpoints.end(), x) - midpoints.begin())
+                             : 0;
+            }
+        }
+    });
+    return out;
+}
+
+} // namespace
+
+ImageTexture::ImageTexture(EntityHolder<IDataSource const> source) : ImageTexture(std::move(source), String()) {}
+
+ImageTexture::ImageTexture(EntityHolder<IDataSource const> source, String colorSpace)
+    : mSource(std::move(source)), mRequestedColorSpace(std::move(colorSpace)) {
     std::lock_guard lock(mMutex);
     Stack<Image> levels;
     try {
@@ -34,7 +133,10 @@ ImageTexture::ImageTexture(EntityHolder<IDataSource const> source) : mSource(std
         if (!stream)
             throw Exception(stream.error());
         TaskProgress progress;
-        levels = makeImageLevels(**stream, format, progress);
+        ImageColorTag tag;
+        levels = makeImageLevels(**stream, format, progress, tag);
+        if (!mRequestedColorSpace.empty() && !levels.empty())
+            levels = toLinearLight(std::move(levels), tag);
         // A file's own chain is used as it stands; one that stops short of 1 x 1
         // (or a file without one) is completed by the filter.
         if (!levels.empty()) {
@@ -53,6 +155,44 @@ ImageTexture::ImageTexture(EntityHolder<IDataSource const> source) : mSource(std
 }
 
 ImageTexture::~ImageTexture() = default;
+
+Stack<Image> ImageTexture::toLinearLight(Stack<Image> levels, ImageColorTag const& tag) {
+    PixelFormat const format = levels.front().getFormat();
+    mColorSpace = mRequestedColorSpace == ColorSpaces::AUTO ? ColorSpaces::spaceForFile(tag.space, tag.gamma, format)
+                                                            : mRequestedColorSpace;
+    auto linear = ColorSpaces::sceneLinearSpace();
+    if (!linear) throw Exception(linear.error());
+    auto processor = ColorSpaces::makeConversion(mColorSpace, *linear);
+    if (!processor) throw Exception(processor.error());
+    // Linear already: the file's texels and chain are used as they are.
+    if (processor->isNoOp()) return levels;
+    bool const eightBit = getChannelType(format) == ChannelType::UInt8;
+    if (eightBit && processor->isPerChannel()) {
+        // One curve for the three channels: a table of the 256 codes.
+        float ramp[256 * 3];
+        for (int i = 0; i < 256; ++i) ramp[3 * i] = ramp[3 * i + 1] = ramp[3 * i + 2] = float(i) / 255.f;
+        processor->applyRgb(ramp, 256);
+        bool same = true;
+        for (int i = 0; i < 256; ++i) same = same && ramp[3 * i] == ramp[3 * i + 1] && ramp[3 * i] == ramp[3 * i + 2];
+        if (same) {
+            auto table = makeSharedPtr<TextureSampling::Table8>(TextureSampling::makeTable8(1.f));
+            for (int i = 0; i < 256; ++i) (*table)[std::size_t(i)] = ramp[3 * i];
+            mTexelTable = table;
+            // Level 0 stays as stored; the coarser levels are averaged in
+            // linear light and stored as the nearest codes.
+            Stack<Image> out;
+            out.push_back(std::move(levels.front()));
+            Image const linearTop = linearLevel(out.front(), table.get(), nullptr, true);
+            Stack<Image> coarser = MipMapManager::buildMipChain(linearTop);
+            for (Image const& level : coarser) out.push_back(encodeLevel(level, format, *table));
+            return out;
+        }
+    }
+    // Anything else is converted once, here, to float texels; the chain is rebuilt from them.
+    Stack<Image> out;
+    out.push_back(linearLevel(levels.front(), nullptr, &*processor, processor->isPerChannel()));
+    return out;
+}
 
 Image::Descriptor ImageTexture::getDescriptor() const {
     return mMips.getLevelCount() > 0 ? mMips.getLevel(0).getDescriptor() : Image::Descriptor();
