@@ -28,10 +28,8 @@ struct ProcessorAccess {
     static Processor make(OCIO::ConstProcessorRcPtr const& processor) {
         auto impl = makeSharedPtr<Processor::Impl>();
         impl->processor = processor;
-        // Full precision: the conversions are checked against OpenColorIO's
-        // default processor, and texture loads and encodings run once per pixel.
-        impl->cpu = processor->getOptimizedCPUProcessor(OCIO::BIT_DEPTH_F32, OCIO::BIT_DEPTH_F32,
-                                                        OCIO::OPTIMIZATION_LOSSLESS);
+        // OpenColorIO's own choice for float pixels: the results are its processor's.
+        impl->cpu = processor->getDefaultCPUProcessor();
         impl->id = processor->getCacheID();
         impl->noOp = processor->isNoOp();
         impl->perChannel = !processor->hasChannelCrosstalk();

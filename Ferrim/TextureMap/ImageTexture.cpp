@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 
 namespace Quelin {
 
@@ -80,11 +81,39 @@ Image linearLevel(Image const& level, TextureSampling::Table8 const* table, Colo
     return out;
 }
 
-/// Float linear levels back to 8-bit codes: each colour value takes the code
-/// whose table entry is nearest (the table rises), alpha is rounded.
-Image encodeLevel(Image const& linear, PixelFormat format, TextureSampling::Table8 const& table) {
-    StaticArray<float, 255> midpoints;
-    for (std::size_t i = 0; i < 255; ++i) midpoints[i] = 0.5f * (table[i] + table[i + 1]);
+/// Linear light back to 8-bit codes: the code whose table entry is nearest
+/// (the table rises). A uniform grid over the table's range gives the first
+/// candidate, a short scan the code. NaN takes code 0.
+class Encoder8 {
+public:
+    explicit Encoder8(TextureSampling::Table8 const& table) {
+        for (std::size_t i = 0; i < 255; ++i) mMidpoints[i] = 0.5f * (table[i] + table[i + 1]);
+        mMidpoints[255] = std::numeric_limits<float>::infinity();
+        float const top = std::max(table[255], 1e-30f);
+        mScale = float(GRID) / top;
+        for (int k = 0; k < GRID; ++k) {
+            float const x = float(k) / mScale;
+            mStart[std::size_t(k)] =
+                std::uint8_t(std::upper_bound(mMidpoints.begin(), mMidpoints.begin() + 255, x) - mMidpoints.begin());
+        }
+    }
+    std::uint8_t operator()(float x) const {
+        if (!(x > mMidpoints[0])) return 0;
+        float const g = x * mScale;
+        unsigned code = mStart[g < float(GRID - 1) ? std::size_t(g) : std::size_t(GRID - 1)];
+        while (x > mMidpoints[code]) ++code;  // stops at 255: its bound is infinite
+        return std::uint8_t(code);
+    }
+
+private:
+    static constexpr int GRID = 16384;
+    StaticArray<float, 256> mMidpoints;
+    StaticArray<std::uint8_t, GRID> mStart;
+    float mScale = 1.f;
+};
+
+/// Float linear levels back to 8-bit codes; alpha is rounded.
+Image encodeLevel(Image const& linear, PixelFormat format, Encoder8 const& encode) {
     int const channels = getChannelCount(format);
     bool const hasAlpha = channels == 2 || channels == 4;
     Image out = Image::makeForOverwrite(Image::Descriptor(linear.getResolution(), format));
@@ -92,15 +121,41 @@ Image encodeLevel(Image const& linear, PixelFormat format, TextureSampling::Tabl
     float const* src = reinterpret_cast<float const*>(linear.getData());
     auto* dst = reinterpret_cast<std::uint8_t*>(out.getData());
     parallelFor(0, count, 1 << 16, [&](std::int64_t i0, std::int64_t i1) {
-        for (std::int64_t i = i0; i < i1; ++i) {
-            float const x = src[i];
-            if (hasAlpha && i % channels == channels - 1) {
-                dst[i] = std::uint8_t(std::clamp(x * 255.f + 0.5f, 0.f, 255.f));
-            } else {
-                // NaN takes code 0.
-                dst[i] = x > midpoints[0]
-                             ? std::uint8_t(std::upper_bound(midpoints.begin(), midpoints.end(), x) - midpoints.begin())
-                             : 0;
+        for (std::int64_t i = i0; i < i1; ++i)
+            dst[i] = hasAlpha && i % channels == channels - 1
+                         ? std::uint8_t(std::clamp(src[i] * 255.f + 0.5f, 0.f, 255.f))
+                         : encode(src[i]);
+    });
+    return out;
+}
+
+/// The next level of an 8-bit level whose sides are even (or 1): each texel
+/// the mean of its 2 x 2 (or 2 x 1) block in linear light, stored as the
+/// nearest code; alpha averaged as stored. The same averages as the exact-area
+/// filter gives even sizes, without a float copy of the level.
+Image downsample8(Image const& finer, TextureSampling::Table8 const& table, Encoder8 const& encode) {
+    int const w = finer.getWidth(), h = finer.getHeight();
+    int const sx = w > 1 ? 2 : 1, sy = h > 1 ? 2 : 1;
+    int const channels = getChannelCount(finer.getFormat());
+    bool const hasAlpha = channels == 2 || channels == 4;
+    Image out = Image::makeForOverwrite(Image::Descriptor(Pixel(std::max(1, w / 2), std::max(1, h / 2)), finer.getFormat()));
+    parallelFor(0, out.getHeight(), 64, [&](std::int64_t y0, std::int64_t y1) {
+        for (int y = int(y0); y < int(y1); ++y) {
+            auto const* r0 = reinterpret_cast<std::uint8_t const*>(finer.getData() + std::int64_t(sy * y) * finer.getRowBytes());
+            auto const* r1 = r0 + (sy == 2 ? finer.getRowBytes() : 0);
+            auto* dst = reinterpret_cast<std::uint8_t*>(out.getData() + std::int64_t(y) * out.getRowBytes());
+            for (int x = 0, n = out.getWidth(); x < n; ++x) {
+                int const a = sx * x * channels, b = a + (sx == 2 ? channels : 0);
+                for (int c = 0; c < channels; ++c) {
+                    std::uint8_t* d = dst + x * channels + c;
+                    if (hasAlpha && c == channels - 1) {
+                        int const sum = r0[a + c] + r0[b + c] + r1[a + c] + r1[b + c];
+                        *d = std::uint8_t((sum + 2) / 4);  // a 1-wide block counts each texel twice
+                    } else {
+                        *d = encode((table[r0[a + c]] + table[r0[b + c]] + table[r1[a + c]] + table[r1[b + c]]) *
+                                    0.25f);
+                    }
+                }
             }
         }
     });
@@ -179,12 +234,24 @@ Stack<Image> ImageTexture::toLinearLight(Stack<Image> levels, ImageColorTag cons
             for (int i = 0; i < 256; ++i) (*table)[std::size_t(i)] = ramp[3 * i];
             mTexelTable = table;
             // Level 0 stays as stored; the coarser levels are averaged in
-            // linear light and stored as the nearest codes.
+            // linear light and stored as the nearest codes. Even sides halve
+            // directly; from the first odd side on, the exact-area filter
+            // works on a float copy (small by then, or an odd-sized file).
+            Encoder8 const encode(*table);
             Stack<Image> out;
             out.push_back(std::move(levels.front()));
-            Image const linearTop = linearLevel(out.front(), table.get(), nullptr, true);
-            Stack<Image> coarser = MipMapManager::buildMipChain(linearTop);
-            for (Image const& level : coarser) out.push_back(encodeLevel(level, format, *table));
+            for (;;) {
+                Image const& last = out.back();
+                int const w = last.getWidth(), h = last.getHeight();
+                if (w == 1 && h == 1) break;
+                if ((w % 2 == 0 || w == 1) && (h % 2 == 0 || h == 1)) {
+                    out.push_back(downsample8(last, *table, encode));
+                    continue;
+                }
+                Stack<Image> coarser = MipMapManager::buildMipChain(linearLevel(last, table.get(), nullptr, true));
+                for (Image const& level : coarser) out.push_back(encodeLevel(level, format, encode));
+                break;
+            }
             return out;
         }
     }
