@@ -129,6 +129,22 @@ Image encodeLevel(Image const& linear, PixelFormat format, Encoder8 const& encod
     return out;
 }
 
+/// One row of `downsample8` for N channels, the last one alpha when A.
+template <int N, bool A>
+void downsampleRow8(std::uint8_t const* r0, std::uint8_t const* r1, std::uint8_t* dst, int width, int sx,
+                    float const* table, Encoder8 const& encode) {
+    int const step = sx == 2 ? N : 0;
+    for (int x = 0; x < width; ++x, r0 += sx * N, r1 += sx * N, dst += N) {
+        for (int c = 0; c < (A ? N - 1 : N); ++c)
+            dst[c] = encode((table[r0[c]] + table[r0[c + step]] + table[r1[c]] + table[r1[c + step]]) * 0.25f);
+        if constexpr (A) {
+            // A 1-wide block counts each texel twice.
+            int const sum = r0[N - 1] + r0[N - 1 + step] + r1[N - 1] + r1[N - 1 + step];
+            dst[N - 1] = std::uint8_t((sum + 2) / 4);
+        }
+    }
+}
+
 /// The next level of an 8-bit level whose sides are even (or 1): each texel
 /// the mean of its 2 x 2 (or 2 x 1) block in linear light, stored as the
 /// nearest code; alpha averaged as stored. The same averages as the exact-area
@@ -136,27 +152,22 @@ Image encodeLevel(Image const& linear, PixelFormat format, Encoder8 const& encod
 Image downsample8(Image const& finer, TextureSampling::Table8 const& table, Encoder8 const& encode) {
     int const w = finer.getWidth(), h = finer.getHeight();
     int const sx = w > 1 ? 2 : 1, sy = h > 1 ? 2 : 1;
-    int const channels = getChannelCount(finer.getFormat());
-    bool const hasAlpha = channels == 2 || channels == 4;
     Image out = Image::makeForOverwrite(Image::Descriptor(Pixel(std::max(1, w / 2), std::max(1, h / 2)), finer.getFormat()));
+    auto const row = [&]() -> void (*)(std::uint8_t const*, std::uint8_t const*, std::uint8_t*, int, int, float const*,
+                                       Encoder8 const&) {
+        switch (getChannelCount(finer.getFormat())) {
+        case 1: return &downsampleRow8<1, false>;
+        case 2: return &downsampleRow8<2, true>;
+        case 3: return &downsampleRow8<3, false>;
+        default: return &downsampleRow8<4, true>;
+        }
+    }();
     parallelFor(0, out.getHeight(), 64, [&](std::int64_t y0, std::int64_t y1) {
         for (int y = int(y0); y < int(y1); ++y) {
             auto const* r0 = reinterpret_cast<std::uint8_t const*>(finer.getData() + std::int64_t(sy * y) * finer.getRowBytes());
             auto const* r1 = r0 + (sy == 2 ? finer.getRowBytes() : 0);
             auto* dst = reinterpret_cast<std::uint8_t*>(out.getData() + std::int64_t(y) * out.getRowBytes());
-            for (int x = 0, n = out.getWidth(); x < n; ++x) {
-                int const a = sx * x * channels, b = a + (sx == 2 ? channels : 0);
-                for (int c = 0; c < channels; ++c) {
-                    std::uint8_t* d = dst + x * channels + c;
-                    if (hasAlpha && c == channels - 1) {
-                        int const sum = r0[a + c] + r0[b + c] + r1[a + c] + r1[b + c];
-                        *d = std::uint8_t((sum + 2) / 4);  // a 1-wide block counts each texel twice
-                    } else {
-                        *d = encode((table[r0[a + c]] + table[r0[b + c]] + table[r1[a + c]] + table[r1[b + c]]) *
-                                    0.25f);
-                    }
-                }
-            }
+            row(r0, r1, dst, out.getWidth(), sx, table.data(), encode);
         }
     });
     return out;
