@@ -259,4 +259,14 @@ FileEncoding fileEncodingOf(StringView space) {
     return {};
 }
 
+String fileTagOf(StringView space) {
+    switch (fileEncodingOf(space).curve) {
+    case FileEncoding::Curve::Srgb: return "sRGB";
+    case FileEncoding::Curve::Gamma22: return "Gamma2.2";
+    case FileEncoding::Curve::Linear: return "Linear";
+    case FileEncoding::Curve::Other: break;
+    }
+    return String(space);
+}
+
 } // namespace Quelin::ColorSpaces

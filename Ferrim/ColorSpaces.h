@@ -95,5 +95,8 @@ struct FileEncoding {
 /// linear spaces, the sRGB curve, a pure 2.2 power; anything else is Other
 /// (tagged with the space's name only).
 FERRIM_EXPORT FileEncoding fileEncodingOf(StringView space);
+/// OpenImageIO's name for what a file in `space` holds: "sRGB", "Gamma2.2",
+/// "Linear", else the space's own name.
+FERRIM_EXPORT String fileTagOf(StringView space);
 
 } // namespace Quelin::ColorSpaces

@@ -171,3 +171,20 @@ TEST_F(TonemapColor, UnknownNamesGiveOneLineNamingConfigAndName) {
     ::setenv("OCIO", missing.c_str(), 1);
     Testing::expectOneLineError(runTool("tonemap " + quoted(in) + " -o " + quoted(out)), {missing}, "missing config");
 }
+
+TEST_F(TonemapColor, RenderTagsDisplayFilesWithTheirCurveAndRadianceFilesAsLinear) {
+    std::string const png = path("r.png"), exr = path("r.exr");
+    ASSERT_EQ(runTool("render -o " + quoted(png) + " --size 16x16 --samples 1").code, 0);
+    ASSERT_EQ(runTool("render -o " + quoted(exr) + " --size 16x16 --samples 1").code, 0);
+    Pixels const display = readBack(png), linear = readBack(exr);
+    // The display chain encodes with a 2.2 power: a gAMA chunk, no sRGB chunk.
+    EXPECT_EQ(display.spec.get_string_attribute("oiio:ColorSpace"), "Gamma2.2");
+    EXPECT_NEAR(display.spec.get_float_attribute("oiio:Gamma"), 2.2f, 1e-3f);
+    std::string const bytes = fileBytes(png).substr(0, 256);
+    EXPECT_NE(bytes.find("gAMA"), std::string::npos);
+    EXPECT_EQ(bytes.find("sRGB"), std::string::npos);
+    EXPECT_EQ(linear.spec.get_string_attribute("oiio:ColorSpace"), "Linear");
+    OIIO::ParamValue const* chroma = linear.spec.find_attribute("chromaticities");
+    ASSERT_TRUE(chroma);
+    EXPECT_NEAR(static_cast<float const*>(chroma->data())[0], 0.64f, 1e-4f);  // Rec.709 red x
+}
