@@ -1,6 +1,8 @@
 #include "Ferrim/colorMappingOperators/DisplayViewOperator.h"
 #include "Ferrim/colorMappingOperators/ColorProgram.h"
 
+#include <algorithm>
+
 namespace Quelin {
 
 SharedPtr<DataObjectDefinition const> const& DisplayViewOperator::Data::definition() {
@@ -54,7 +56,12 @@ void DisplayViewOperator::prepareForApplicationImpl(ColorMappingContext const& c
 }
 
 Rgb DisplayViewOperator::mapImpl(Rgb const& color, Pixel) const {
-    return isNeutral() ? color : mForward.apply(color);
+    if (isNeutral()) return color;
+    // NaN is taken as 0 (compiled programs send non-finite pixels here);
+    // infinities as a huge finite value, so that a matrix of mixed signs
+    // cannot turn them into NaN: the display's range then bounds them.
+    auto const defined = [](float v) { return v == v ? std::clamp(v, -1e30f, 1e30f) : 0.f; };
+    return mForward.apply(Rgb(defined(color.r), defined(color.g), defined(color.b)));
 }
 
 void DisplayViewOperator::mapImpl(std::span<Rgb> pixels, Pixel, Pixel extent) const {

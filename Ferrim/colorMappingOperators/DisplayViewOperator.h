@@ -7,6 +7,9 @@
 // of planes). Unmapping goes through the inverse transform where the config
 // can build one and leaves colours as they are where it cannot.
 //
+// A NaN channel maps as 0, infinities as +-1e30 (the displays of Ferrim's
+// config clip them: +inf to 1, -inf to 0).
+//
 // A name the config does not know makes the operator neutral, with the error
 // (naming the config and the name) in `getError`.
 #include "Ferrim/ColorSpaces.h"

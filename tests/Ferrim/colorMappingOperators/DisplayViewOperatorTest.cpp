@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <random>
 
 #include "Ferrim/ColorMapping.h"
@@ -61,6 +62,15 @@ TEST_F(DisplayViewOperatorTest, MapsLikeTheConfigsTransformOnEveryPathAndUnmapsT
             // Within the display's range the inverse gives the scene colour back.
             ASSERT_NEAR(op->unmap(expected, {})[ch], colors[i][ch], 1e-4f) << i;
         }
+    }
+    // Non-finite input, through the compiled program: NaN as 0, infinities clipped by the display.
+    float const inf = std::numeric_limits<float>::infinity(), nan = std::numeric_limits<float>::quiet_NaN();
+    Stack<Rgb> odd = {Rgb(nan, nan, nan), Rgb(inf, inf, inf), Rgb(-inf, -inf, -inf)};
+    ColorProgram::compile(op).map(std::span<Rgb>(odd), Pixel(0, 0), Pixel(3, 1));
+    for (int ch = 0; ch < 3; ++ch) {
+        EXPECT_NEAR(odd[0][ch], reference->apply(Rgb(0.f))[ch], 1e-6f);
+        EXPECT_NEAR(odd[1][ch], 1.f, 1e-6f);
+        EXPECT_NEAR(odd[2][ch], 0.f, 1e-6f);
     }
     // Excluded with the display encodings, unmapping leaves the colour alone.
     EXPECT_EQ(op->unmap(Rgb(0.5f), Flags<ColorMappingExclude>(ColorMappingExclude::SrgbConversion)), Rgb(0.5f));
