@@ -360,6 +360,15 @@ Expected<void> writeImage(Image const& image, Io::Path const& path, ImageWriteOp
     spec.attribute("oiio:UnassociatedAlpha", 1);
     if (!options.compression.empty())
         spec.attribute("compression", options.compression);
+    if (!options.colorSpace.empty()) {
+        spec.attribute("oiio:ColorSpace", options.colorSpace);
+        if (options.colorSpace == "Gamma2.2")
+            spec.attribute("oiio:Gamma", 2.2f);
+        // EXIF: 1 is sRGB, 0xFFFF uncalibrated.
+        spec.attribute("Exif:ColorSpace", options.colorSpace == "sRGB" ? 1 : 0xFFFF);
+    }
+    if (options.chromaticities)
+        spec.attribute("chromaticities", OIIO::TypeDesc(OIIO::TypeDesc::FLOAT, 8), options.chromaticities->data());
 
     if (!out->open(name, spec))
         return fail(out->geterror());

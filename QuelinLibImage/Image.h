@@ -124,6 +124,12 @@ struct ImageWriteOptions {
     FileChannelType channelType = FileChannelType::Auto;
     /// Compression name of the format ("zip", "piz", "none" for EXR); empty: its default.
     String compression;
+    /// What the values are in, as OpenImageIO names it ("sRGB", "Gamma2.2",
+    /// "Linear" or a config's space): PNG sRGB and gAMA chunks, the EXIF colour
+    /// space of JPEG and TIFF. Empty: no tag.
+    String colorSpace;
+    /// CIE xy of red, green, blue and white (EXR chromaticities), when known.
+    Optional<StaticArray<float, 8>> chromaticities;
 };
 
 /// Writes by the path's extension: PNG (8 or 16 bits), EXR (half or float) and

@@ -155,6 +155,13 @@ class Decoder {
             mInput->close();
     }
 
+    void seekFirst() { mInput->seek_subimage(0, 0); }
+
+    ImageColorTag colorTag() const {
+        OIIO::ImageSpec const& spec = mInput->spec();
+        return {String(spec.get_string_attribute("oiio:ColorSpace")), spec.get_float_attribute("oiio:Gamma", 0.f)};
+    }
+
     [[noreturn]] void fail(String const& reason) const { throw Exception(toOneLine(mName + ": " + reason)); }
 
     Stack<Image> readLevels(bool allLevels) {
@@ -315,10 +322,18 @@ Image makeImage(Io::InputStream& stream, ImageFormat format, TaskProgress& progr
 }
 
 Stack<Image> makeImageLevels(Io::InputStream& stream, ImageFormat format, TaskProgress& progress) {
+    ImageColorTag unused;
+    return makeImageLevels(stream, format, progress, unused);
+}
+
+Stack<Image> makeImageLevels(Io::InputStream& stream, ImageFormat format, TaskProgress& progress, ImageColorTag& tag) {
     Decoder decoder(stream, format, progress);
     Stack<Image> levels = decoder.readLevels(true);
     if (levels.empty())
         decoder.fail("the file holds no image");
+    // Of the finest level: reading the chain may have moved the reader on.
+    decoder.seekFirst();
+    tag = decoder.colorTag();
     return levels;
 }
 

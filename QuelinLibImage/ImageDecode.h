@@ -44,4 +44,14 @@ Image makeImage(Io::InputStream& stream, ImageFormat format, TaskProgress& progr
 /// gives one level.
 Stack<Image> makeImageLevels(Io::InputStream& stream, ImageFormat format, TaskProgress& progress);
 
+/// What a file says of its colours, as the reader found it: OpenImageIO's
+/// "oiio:ColorSpace" ("sRGB", "Linear", "GammaCorrected", a config's name;
+/// empty when the file says nothing) and "oiio:Gamma" (0 when absent).
+struct ImageColorTag {
+    String space;
+    float gamma = 0.f;
+};
+/// `makeImageLevels` that also reports the file's colour tag.
+Stack<Image> makeImageLevels(Io::InputStream& stream, ImageFormat format, TaskProgress& progress, ImageColorTag& tag);
+
 } // namespace Quelin

@@ -3,6 +3,7 @@
 #include <OpenImageIO/imageio.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
@@ -10,7 +11,10 @@
 #include "Commands.h"
 #include "DisplayOutput.h"
 #include "Ferrim/ColorMapping.h"
+#include "Ferrim/ColorSpaces.h"
+#include "Ferrim/colorMappingOperators/DisplayViewOperator.h"
 #include "QuelinLib/MessageText.h"
+#include "QuelinLib/TaskScheduler.h"
 #include "QuelinLibImage/ImageLimits.h"
 
 namespace FerrimTool {
@@ -24,6 +28,8 @@ struct TonemapOptions {
     bool useDefault = false;
     Optional<float> exposure;
     Stack<String> sets;
+    String inputSpace = String(ColorSpaces::AUTO);
+    String display, view;
 };
 
 struct UnmapOptions {
@@ -35,11 +41,6 @@ struct UnmapOptions {
 String lower(String s) {
     std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return char(std::tolower(c)); });
     return s;
-}
-
-/// The piecewise sRGB transfer, for 8- and 16-bit inputs that store display values.
-float srgbToLinear(float v) {
-    return v <= 0.04045f ? v / 12.92f : std::pow((v + 0.055f) / 1.055f, 2.4f);
 }
 
 /// The operator type that OPERATOR in --set names: the record type
@@ -144,7 +145,25 @@ struct LoadedImage {
     int width = 0, height = 0;
     bool hasAlpha = false;
     Stack<RgbAlpha> pixels;  ///< linear
+    String colorSpace;       ///< of `pixels`: what the file was read in, or what was written
 };
+
+/// A colour-space error of the tool's options as a CommandError.
+template <typename T> T orFail(Expected<T, String> value, char const* option) {
+    if (!value) throw CommandError{String(option) + ": " + value.error()};
+    return std::move(*value);
+}
+
+/// `processor` over the colour of every pixel, on all cores; alpha is kept.
+void applyToPixels(ColorSpaces::Processor const& processor, Stack<RgbAlpha>& pixels) {
+    if (processor.isNoOp()) return;
+    parallelFor(0, std::int64_t(pixels.size()), 1 << 14, [&](std::int64_t begin, std::int64_t end) {
+        Stack<float> alpha(std::size_t(end - begin));
+        for (std::int64_t i = begin; i < end; ++i) alpha[std::size_t(i - begin)] = pixels[std::size_t(i)].alpha;
+        processor.applyRgba(&pixels[std::size_t(begin)].r, std::size_t(end - begin));
+        for (std::int64_t i = begin; i < end; ++i) pixels[std::size_t(i)].alpha = alpha[std::size_t(i - begin)];
+    });
+}
 
 /// An image library's error text as one printable line.
 String libraryError(String const& text, char const* fallback) {
@@ -152,7 +171,9 @@ String libraryError(String const& text, char const* fallback) {
     return line.empty() ? String(fallback) : line;
 }
 
-LoadedImage readImage(String const& path) {
+/// Reads the file's values as stored; `colorSpace` ("auto": the file's tag,
+/// else sRGB for integer files and linear for float ones) is what they are in.
+LoadedImage readImage(String const& path, String const& colorSpace) {
     auto in = OIIO::ImageInput::open(path);
     if (!in) throw CommandError{"cannot read \"" + path + "\": " + libraryError(OIIO::geterror(), "unknown image format")};
     OIIO::ImageSpec const& spec = in->spec();
@@ -164,10 +185,17 @@ LoadedImage readImage(String const& path) {
     Stack<float> data(std::size_t(spec.width) * std::size_t(spec.height) * std::size_t(channels));
     if (!in->read_image(0, 0, 0, channels, OIIO::TypeDesc::FLOAT, data.data()))
         throw CommandError{"cannot read \"" + path + "\": " + libraryError(in->geterror(), "the file is damaged")};
-    // Integer formats store display values; float formats store radiance.
-    bool const displayEncoded = !(spec.format.basetype == OIIO::TypeDesc::HALF || spec.format.basetype == OIIO::TypeDesc::FLOAT ||
-                                  spec.format.basetype == OIIO::TypeDesc::DOUBLE);
+    bool const floats = spec.format.basetype == OIIO::TypeDesc::HALF || spec.format.basetype == OIIO::TypeDesc::FLOAT ||
+                        spec.format.basetype == OIIO::TypeDesc::DOUBLE;
     LoadedImage image;
+    if (colorSpace == ColorSpaces::AUTO) {
+        PixelFormat const kind = floats ? PixelFormat::RgbFloat
+                                        : spec.format.basetype == OIIO::TypeDesc::UINT8 ? PixelFormat::Rgb8 : PixelFormat::Rgb16;
+        image.colorSpace = ColorSpaces::spaceForFile(spec.get_string_attribute("oiio:ColorSpace"),
+                                                     spec.get_float_attribute("oiio:Gamma", 0.f), kind);
+    } else {
+        image.colorSpace = colorSpace;
+    }
     image.width = spec.width;
     image.height = spec.height;
     image.hasAlpha = spec.alpha_channel >= 0 || channels == 2 || channels >= 4;
@@ -175,11 +203,36 @@ LoadedImage readImage(String const& path) {
     image.pixels.resize(std::size_t(spec.width) * std::size_t(spec.height));
     for (std::size_t i = 0; i < image.pixels.size(); ++i) {
         float const* p = &data[i * std::size_t(channels)];
-        Rgb c = channels >= 3 ? Rgb(p[0], p[1], p[2]) : Rgb(p[0]);
-        if (displayEncoded) c = Rgb(srgbToLinear(c.r), srgbToLinear(c.g), srgbToLinear(c.b));
+        Rgb const c = channels >= 3 ? Rgb(p[0], p[1], p[2]) : Rgb(p[0]);
         image.pixels[i] = RgbAlpha(c, alphaChannel >= 0 ? p[alphaChannel] : 1.f);
     }
     return image;
+}
+
+/// Tags `spec` with what its values are in: OpenImageIO's colour-space
+/// attribute (PNG sRGB or gAMA chunks, the EXIF colour space of JPEG and
+/// TIFF) and the primaries and white (EXR chromaticities).
+void tagColorSpace(OIIO::ImageSpec& spec, String const& space) {
+    using Curve = ColorSpaces::FileEncoding::Curve;
+    ColorSpaces::FileEncoding const encoding = ColorSpaces::fileEncodingOf(space);
+    switch (encoding.curve) {
+    case Curve::Srgb:
+        spec.attribute("oiio:ColorSpace", "sRGB");
+        spec.attribute("Exif:ColorSpace", 1);
+        break;
+    case Curve::Gamma22:
+        spec.attribute("oiio:ColorSpace", "Gamma2.2");
+        spec.attribute("oiio:Gamma", 2.2f);
+        spec.attribute("Exif:ColorSpace", 0xFFFF);  // uncalibrated
+        break;
+    case Curve::Linear:
+        spec.attribute("oiio:ColorSpace", "Linear");
+        spec.attribute("oiio:Gamma", 1.f);
+        spec.attribute("Exif:ColorSpace", 0xFFFF);
+        break;
+    case Curve::Other: spec.attribute("oiio:ColorSpace", space); break;
+    }
+    if (encoding.chromaticities) spec.attribute("chromaticities", OIIO::TypeDesc(OIIO::TypeDesc::FLOAT, 8), encoding.chromaticities->data());
 }
 
 void writeImage(String const& path, LoadedImage const& image) {
@@ -194,7 +247,7 @@ void writeImage(String const& path, LoadedImage const& image) {
     if (!out) throw CommandError{"cannot write \"" + path + "\": " + libraryError(OIIO::geterror(), "unknown image format")};
     OIIO::ImageSpec spec(image.width, image.height, channels, format);
     if (channels == 4) spec.alpha_channel = 3;
-    spec.attribute("oiio:ColorSpace", "sRGB");
+    tagColorSpace(spec, image.colorSpace);
     Stack<float> data(std::size_t(image.width) * std::size_t(image.height) * std::size_t(channels));
     for (std::size_t i = 0; i < image.pixels.size(); ++i) {
         RgbAlpha const& p = image.pixels[i];
@@ -221,7 +274,15 @@ EntityHolder<IColorMappingOperator> appendLut(EntityHolder<IColorMappingOperator
 
 void runTonemap(TonemapOptions const& o) {
     if (!o.pipelinePath.empty() && o.useDefault) throw CommandError{"--pipeline and --default exclude each other"};
-    LoadedImage image = guardMemory(o.input, [&] { return readImage(o.input); });
+    if (o.display.empty() != o.view.empty()) throw CommandError{"--display and --view go together"};
+    String const linear = orFail(ColorSpaces::sceneLinearSpace(), "--input-space");
+    // Names are checked before the image is read.
+    if (o.inputSpace != ColorSpaces::AUTO) orFail(ColorSpaces::makeConversion(o.inputSpace, linear), "--input-space");
+    ColorSpaces::DisplayView const target{linear, o.display.empty() ? String("sRGB - Display") : o.display,
+                                          o.view.empty() ? String("Standard") : o.view, String()};
+    ColorSpaces::Processor const toDisplay = orFail(ColorSpaces::makeDisplayView(target), "--display");
+    LoadedImage image = guardMemory(o.input, [&] { return readImage(o.input, o.inputSpace); });
+    applyToPixels(orFail(ColorSpaces::makeConversion(image.colorSpace, linear), "--input-space"), image.pixels);
     // A LUT alone is the whole pipeline unless one is asked for with it.
     bool const lutAlone = !o.lutPath.empty() && o.pipelinePath.empty() && !o.useDefault;
     EntityHolder<IColorMappingOperator> pipeline =
@@ -241,17 +302,46 @@ void runTonemap(TonemapOptions const& o) {
         float const scale = std::exp2(*o.exposure);
         for (RgbAlpha& p : image.pixels) p = RgbAlpha(p.rgb() * scale, p.alpha);
     }
+    // The pipeline's values go to the display through the display's view
+    // unless the pipeline ends in display values of its own: then they are
+    // written as they are (a display/view operator's space, or the pipeline's
+    // 2.2 display encoding).
+    bool encode = true;
+    if (pipeline && pipeline->getOutputEncoding() == OperatorColorEncoding::Srgb) {
+        if (!o.display.empty()) throw CommandError{"--display: the pipeline ends in display values already"};
+        encode = false;
+        auto const last = pipeline.cast<DisplayViewOperator>();
+        image.colorSpace = last ? orFail(ColorSpaces::displayViewSpace(last->get<String>("display"), last->get<String>("view")), "pipeline")
+                                : String("Gamma 2.2 Rec.709 - Display");
+    }
     ColorMappingContext context;
     context.imageSize = Vector2(float(image.width), float(image.height));
     ColorMapping mapping(pipeline, context, false);
     mapping.setContext(context);
     requirePipelineFiles(mapping);
+    if (auto const last = mapping.getPipeline().cast<DisplayViewOperator>(); last && !last->getError().empty())
+        throw CommandError{"pipeline: " + last->getError()};
     {
         ProgressBar bar("tonemap " + std::filesystem::path(o.input).filename().string());
-        // Alpha is carried through; tiles report progress as they finish.
-        mapping.mapFrameBuffer(std::span<RgbAlpha>(image.pixels), image.width, image.height, 0,
-                               [&bar](double fraction) { bar.update(fraction); });
+        // The linear chain (what the display encoding is applied to) or the
+        // whole chain of a pipeline that encodes itself. Alpha is carried
+        // through; bands report progress as they finish.
+        EntityHolder<IColorMappingOperator> const chain = encode ? mapping.getLinearChain() : mapping.getPipeline();
+        ColorProgram const program = chain && mapping.isEnabled() ? ColorProgram::compile(chain) : ColorProgram();
+        std::atomic<std::int64_t> rowsDone{0};
+        int const width = image.width;
+        parallelFor(0, image.height, 16, [&](std::int64_t y0, std::int64_t y1) {
+            std::span<RgbAlpha> rows(image.pixels.data() + std::size_t(y0) * std::size_t(width),
+                                     std::size_t(y1 - y0) * std::size_t(width));
+            if (!program.isIdentity())
+                program.map(rows, Pixel(0, int(y0)), Pixel(width, int(y1 - y0)));
+            bar.update(double(rowsDone += y1 - y0) / double(std::max(1, image.height)));
+        });
         bar.finish();
+    }
+    if (encode) {
+        applyToPixels(toDisplay, image.pixels);
+        image.colorSpace = orFail(ColorSpaces::displayViewSpace(target.display, target.view), "--display");
     }
     guardMemory(o.output, [&] { writeImage(o.output, image); });
 }
@@ -298,7 +388,9 @@ void runUnmap(UnmapOptions const& o) {
 void addColorCommands(CLI::App& app) {
     auto tonemap = std::make_shared<TonemapOptions>();
     auto* t = app.add_subcommand("tonemap", "Map an image (EXR, HDR, TIFF or PNG) through a colour-mapping pipeline to display values");
-    t->add_option("input", tonemap->input, "Input image; float formats are read as linear radiance, 8- and 16-bit ones as sRGB")
+    t->add_option("input", tonemap->input,
+                  "Input image; read in the colour space its file names, else float formats as linear radiance and "
+                  "8- and 16-bit ones as sRGB")
         ->required()
         ->check(CLI::ExistingFile);
     t->add_option("-o,--output", tonemap->output, "Output image; the format follows the extension")->required();
@@ -310,6 +402,11 @@ void addColorCommands(CLI::App& app) {
     t->add_option_function<float>("--exposure", [tonemap](float ev) { tonemap->exposure = ev; },
                                   "Exposure change in stops, applied before the pipeline");
     t->add_option("--set", tonemap->sets, "OPERATOR.PROPERTY=VALUE, e.g. Contrast.contrast=1.3 (repeatable)");
+    t->add_option("--input-space", tonemap->inputSpace,
+                  "Colour space of the input, by its name in the OpenColorIO config ($OCIO, else Ferrim's own); "
+                  "default auto");
+    t->add_option("--display", tonemap->display, "Display of the config the output is for (default sRGB - Display)");
+    t->add_option("--view", tonemap->view, "View of that display (default Standard)");
     t->callback([tonemap] { runTonemap(*tonemap); });
 
     auto unmap = std::make_shared<UnmapOptions>();

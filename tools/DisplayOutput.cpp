@@ -3,7 +3,9 @@
 #include <cmath>
 #include <cstdio>
 
+#include "Ferrim/ColorSpaces.h"
 #include "Ferrim/colorMappingOperators/ColorMappingPipeline.h"
+#include "Ferrim/colorMappingOperators/DisplayViewOperator.h"
 #include "Commands.h"
 #include "QuelinLib/MessageText.h"
 #include "QuelinLibImage/Image.h"
@@ -62,7 +64,20 @@ Expected<void> writeDisplayImage(LinearImage& image, EntityHolder<IColorMappingO
             if (!hdr) v = RgbAlpha(clamp(v.r, 0.f, 1.f), clamp(v.g, 0.f, 1.f), clamp(v.b, 0.f, 1.f), clamp(v.alpha, 0.f, 1.f));
             result.setRgbAlpha(x, y, v);
         }
-    return writeImage(result, out);
+    // The tag says what the values are: scene-linear radiance, the view of a
+    // pipeline that ends in a display/view operator, or the display chain's
+    // 2.2 encoding.
+    String space = "Linear Rec.709 (sRGB)";
+    if (!hdr) {
+        auto const view = pipeline ? pipeline.cast<DisplayViewOperator>() : EntityHolder<DisplayViewOperator>();
+        auto const viewSpace = view ? ColorSpaces::displayViewSpace(view->get<String>("display"), view->get<String>("view"))
+                                    : Expected<String, String>(makeError(String()));
+        space = viewSpace ? *viewSpace : String("Gamma 2.2 Rec.709 - Display");
+    }
+    ImageWriteOptions options;
+    options.colorSpace = ColorSpaces::fileTagOf(space);
+    options.chromaticities = ColorSpaces::fileEncodingOf(space).chromaticities;
+    return writeImage(result, out, options);
 }
 
 } // namespace FerrimTool

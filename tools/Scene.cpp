@@ -170,7 +170,8 @@ Expected<void> loadSceneTextures(Scene const& scene, String const& source) {
     // All requested before any is waited for, so the loader decodes them in turn.
     Stack<ImageTextureCache::FutureTexture> requests;
     for (Use const& u : uses)
-        requests.push_back(ImageTextureCache::getOrCreate(u.map->get<EntityHolder<IDataSource>>("imageSource"), {}));
+        requests.push_back(ImageTextureCache::getOrCreateInColorSpace(u.map->get<EntityHolder<IDataSource>>("imageSource"),
+                                                                      u.map->get<String>("colorSpace"), {}));
     for (Use const& u : uses) {
         auto const info = u.map->getTextureInfo();
         if (!info)

@@ -3,10 +3,13 @@
 // decoding failed, the error text instead of pixels.
 #include "Ferrim/Export.h"
 #include "Ferrim/TextureMap/MipMapManager.h"
+#include "Ferrim/TextureMap/TextureSampling.h"
 #include "QuelinLib/DataSource.h"
 #include "QuelinLibImage/Image.h"
 
 namespace Quelin {
+
+struct ImageColorTag;
 
 class FERRIM_EXPORT ImageTexture : Noncopyable {
   public:
@@ -15,6 +18,15 @@ class FERRIM_EXPORT ImageTexture : Noncopyable {
     /// without content type, an unknown format or a file that fails to decode
     /// leave the texture without pixels and with the error text.
     explicit ImageTexture(EntityHolder<IDataSource const> source);
+    /// Loaded for a colour space of the config ("auto": the file's own tag,
+    /// else by channel type; see ColorSpaces::spaceForFile), converted to the
+    /// config's scene-linear space. An 8-bit file whose conversion is one
+    /// curve for all channels keeps its texels and gets a table (see
+    /// `getTexelTable`); any other conversion is applied here, to float texels
+    /// (mono files become RGB when the conversion mixes channels). The mip
+    /// levels are filtered in linear light. An unknown space is the texture's
+    /// error. An empty `colorSpace` loads as the constructor above.
+    ImageTexture(EntityHolder<IDataSource const> source, String colorSpace);
     /// Removes the texture's offloaded level files.
     ~ImageTexture();
 
@@ -23,6 +35,13 @@ class FERRIM_EXPORT ImageTexture : Noncopyable {
     String const& getName() const { return mName; }
     /// Empty when loading succeeded.
     String const& getError() const { return mError; }
+    /// The colour space asked for ("auto", a name, or empty) and the one the
+    /// file was read in (empty without one).
+    String const& getRequestedColorSpace() const { return mRequestedColorSpace; }
+    String const& getColorSpace() const { return mColorSpace; }
+    /// With a colour space: the 8-bit table taking stored texels to linear
+    /// light, or null when the stored texels are linear already.
+    TextureSampling::Table8 const* getTexelTable() const { return mTexelTable.get(); }
     bool hasPixels() const { return mError.empty() && mMips.getLevelCount() > 0; }
 
     /// Level 0's descriptor; empty (0 x 0) when loading failed.
@@ -53,11 +72,17 @@ class FERRIM_EXPORT ImageTexture : Noncopyable {
     MipChain& getMipChain() const { return mMips; }
 
   private:
+    /// The decoded levels converted for the requested colour space (see the constructor).
+    Stack<Image> toLinearLight(Stack<Image> levels, ImageColorTag const& tag);
+
     mutable Mutex mMutex;
     EntityHolder<IDataSource const> mSource;
     String mName;
     mutable MipChain mMips;
     String mError;
+    String mRequestedColorSpace;
+    String mColorSpace;
+    SharedPtr<TextureSampling::Table8 const> mTexelTable;
 };
 
 } // namespace Quelin

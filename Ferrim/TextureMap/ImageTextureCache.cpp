@@ -1,5 +1,6 @@
 #include "Ferrim/TextureMap/ImageTextureCache.h"
 
+#include "Ferrim/ColorSpaces.h"
 #include "Ferrim/Ferrim.h"
 #include "QuelinLib/DebugLogger.h"
 #include "QuelinLib/Thread.h"
@@ -20,7 +21,8 @@ class CallbackList {
 /// One distinct image source: its texture once built, and who waits for it.
 class CacheRecord : Noncopyable {
   public:
-    explicit CacheRecord(EntityHolder<IDataSource const> source_) : source(std::move(source_)) {}
+    explicit CacheRecord(EntityHolder<IDataSource const> source_, String colorSpace_ = {})
+        : source(std::move(source_)), colorSpace(std::move(colorSpace_)) {}
 
     /// Builds the texture and runs the callbacks, unless done already. A
     /// concurrent build is waited for (the recursive mutex), not repeated.
@@ -29,6 +31,7 @@ class CacheRecord : Noncopyable {
     void addCallback(Function<void(ImageTexture const&)> callback);
 
     EntityHolder<IDataSource const> source;
+    String colorSpace;  ///< empty: the plain load
     WeakPtr<CacheRecord> self;
     std::atomic<bool> ready{false};
     RecursiveMutex buildMutex;
@@ -43,11 +46,23 @@ enum class LoaderState { Running = 0, Suspended = 1, Stopping = 2 };
 
 String const LOADER_THREAD_NAME = "Ostrel.ImageTextureCache.Loader";
 
+/// A source and the colour space it is loaded in (with the config that names it).
+struct IndexKey {
+    Io::FileId file;
+    String colorSpace;
+    bool operator==(IndexKey const&) const = default;
+};
+struct IndexKeyHash {
+    std::size_t operator()(IndexKey const& k) const {
+        return std::hash<Io::FileId>()(k.file) ^ (std::hash<String>()(k.colorSpace) * 31);
+    }
+};
+
 /// Everything under the cache mutex.
 struct Cache {
     Mutex mutex;
     std::condition_variable wake;
-    std::unordered_map<Io::FileId, WeakPtr<CacheRecord>> index;
+    std::unordered_map<IndexKey, WeakPtr<CacheRecord>, IndexKeyHash> index;
     std::deque<WeakPtr<CacheRecord>> queue;
     LoaderState state = LoaderState::Stopping;
     Thread loader;
@@ -123,7 +138,7 @@ void CacheRecord::build() {
     // A build whose callback threw left its texture: keep it, do not decode again.
     if (!texture) {
         timeStamp = source ? source->getTimeStamp() : std::nullopt;
-        texture = makeSharedPtr<ImageTexture>(source);
+        texture = makeSharedPtr<ImageTexture>(source, colorSpace);
     }
     std::lock_guard callbackLock(callbacks.mutex);
     std::exception_ptr failure;
@@ -167,14 +182,21 @@ SharedPtr<ImageTexture> FutureTexture::getImageTexture() const {
 }
 
 FutureTexture getOrCreate(EntityHolder<IDataSource const> const& source, Function<void(ImageTexture const&)> onReady) {
+    return getOrCreateInColorSpace(source, String(), std::move(onReady));
+}
+
+FutureTexture getOrCreateInColorSpace(EntityHolder<IDataSource const> const& source, String const& colorSpace,
+                          Function<void(ImageTexture const&)> onReady) {
     SharedPtr<CacheRecord> record;
     if (!source) {
         // Not indexed: every empty request builds its own failing texture.
-        record = makeSharedPtr<CacheRecord>(source);
+        record = makeSharedPtr<CacheRecord>(source, colorSpace);
         record->self = record;
     } else {
         // File system queries before the lock: they may be slow.
-        Io::FileId const id = source->getFileId();
+        // The same name means other texels under another config.
+        IndexKey const id{source->getFileId(),
+                          colorSpace.empty() ? String() : ColorSpaces::configName() + '\n' + colorSpace};
         Optional<Io::TimeStamp> const stamp = source->getTimeStamp();
         Cache& c = cache();
         Stack<SharedPtr<CacheRecord>> dropped; // released after the lock
@@ -190,7 +212,7 @@ FutureTexture getOrCreate(EntityHolder<IDataSource const> const& source, Functio
                 }
             }
             if (!record) {
-                record = makeSharedPtr<CacheRecord>(source);
+                record = makeSharedPtr<CacheRecord>(source, colorSpace);
                 record->self = record;
                 pruneIndex(c);
                 c.index[id] = record;
@@ -204,9 +226,13 @@ FutureTexture getOrCreate(EntityHolder<IDataSource const> const& source, Functio
 }
 
 SharedPtr<ImageTexture> getOrCreate(EntityHolder<IDataSource const> const& source) {
+    return getOrCreateInColorSpace(source, String());
+}
+
+SharedPtr<ImageTexture> getOrCreateInColorSpace(EntityHolder<IDataSource const> const& source, String const& colorSpace) {
     if (!source)
-        return makeSharedPtr<ImageTexture>(source);
-    return getOrCreate(source, {}).getImageTexture();
+        return makeSharedPtr<ImageTexture>(source, colorSpace);
+    return getOrCreateInColorSpace(source, colorSpace, {}).getImageTexture();
 }
 
 namespace {
@@ -272,7 +298,7 @@ void start() {
 void stop() {
     Cache& c = cache();
     Thread loader;
-    std::unordered_map<Io::FileId, WeakPtr<CacheRecord>> index;
+    std::unordered_map<IndexKey, WeakPtr<CacheRecord>, IndexKeyHash> index;
     std::deque<WeakPtr<CacheRecord>> queue;
     {
         std::lock_guard lock(c.mutex);

@@ -35,6 +35,13 @@ class FERRIM_EXPORT FutureTexture {
 /// references handed out before keep the old pixels.
 FERRIM_EXPORT FutureTexture getOrCreate(EntityHolder<IDataSource const> const& source,
                                         Function<void(ImageTexture const&)> onReady);
+/// The same for the texture loaded in a colour space (see ImageTexture's
+/// constructor): one texture per source and colour space, so maps of one file
+/// in different spaces never share texels. An empty `colorSpace` is the plain load.
+FERRIM_EXPORT FutureTexture getOrCreateInColorSpace(EntityHolder<IDataSource const> const& source, String const& colorSpace,
+                                        Function<void(ImageTexture const&)> onReady);
+FERRIM_EXPORT SharedPtr<ImageTexture> getOrCreateInColorSpace(EntityHolder<IDataSource const> const& source,
+                                                              String const& colorSpace);
 /// Blocking: the texture, built on this thread when the loader has not got to it.
 /// An empty source gives a texture with the error "No texture source specified".
 FERRIM_EXPORT SharedPtr<ImageTexture> getOrCreate(EntityHolder<IDataSource const> const& source);
@@ -48,6 +55,12 @@ requires std::derived_from<Source, IDataSource> FutureTexture getOrCreate(Shared
 template <typename Source>
 requires std::derived_from<Source, IDataSource> SharedPtr<ImageTexture> getOrCreate(SharedPtr<Source> const& source) {
     return getOrCreate(EntityHolder<IDataSource const>(SharedPtr<IDataSource const>(source)));
+}
+
+template <typename Source>
+requires std::derived_from<Source, IDataSource> SharedPtr<ImageTexture> getOrCreateInColorSpace(SharedPtr<Source> const& source,
+                                                                                              String const& colorSpace) {
+    return getOrCreateInColorSpace(EntityHolder<IDataSource const>(SharedPtr<IDataSource const>(source)), colorSpace);
 }
 
 /// Bytes held by all ready textures (pixels and resident mip levels).

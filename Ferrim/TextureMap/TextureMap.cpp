@@ -97,6 +97,10 @@ SharedPtr<DataObjectDefinition const> const& TextureMap::Data::definition() {
         b.addFloat("gamma", 2.2f, "Gamma", "Gamma the image's values are decoded with when the custom gamma is on")
             .addValidator(makeSharedPtr<MinimumValueValidator<float>>(0.f))
             .setMetadata(Metadata::UI_ENABLED_IF, whenSet("customGamma"));
+        b.addString("colorSpace", String(), "Color space",
+                    "Colour space of the image, by its name in the colour-management config; \"auto\" takes the "
+                    "file's own, else sRGB for 8- and 16-bit images and linear for float ones. Empty: the gamma "
+                    "above");
         b.addEnum("monoOutput", monoOutputType(), int(MonoOutput::RgbIntensity), "Mono output",
                   "What the scalar output returns: the mean of the colour or the alpha");
         b.addEnum("rgbOutput", rgbOutputType(), int(RgbOutput::Rgb), "Color output",
@@ -137,6 +141,7 @@ TextureMap::Settings TextureMap::Settings::fromData(GenericDataObject const& d) 
     s.interpolation = d.get<InterpolationMode>("interpolation");
     s.bumpStrength = d.get<float>("bumpStrength");
     if (d.get<bool>("customGamma")) s.customGamma = d.get<float>("gamma");
+    s.colorSpace = d.get<String>("colorSpace");
     s.monoOutput = d.get<MonoOutput>("monoOutput");
     s.rgbOutput = d.get<RgbOutput>("rgbOutput");
     s.alphaSource = d.get<AlphaSource>("alphaSource");
@@ -167,8 +172,9 @@ Optional<int> TextureMap::getOwnUvChannel() const { return MapsDetail::ownUvChan
 IMap::OptimizedResult TextureMap::getEvaluatorImpl() const {
     GenericDataObject const& d = getData();
     EntityHolder<IDataSource const> const source = d.get<EntityHolder<IDataSource>>("imageSource");
-    auto evaluator = makeSharedPtr<Evaluator>(ImageTextureCache::getOrCreate(source), MapsDetail::evaluatorUvMapper(d),
-                                              Settings::fromData(d));
+    Settings settings = Settings::fromData(d);
+    auto evaluator = makeSharedPtr<Evaluator>(ImageTextureCache::getOrCreateInColorSpace(source, settings.colorSpace),
+                                              MapsDetail::evaluatorUvMapper(d), settings);
     {
         std::lock_guard lock(mEvaluatorMutex);
         mEvaluator = evaluator;
@@ -197,7 +203,7 @@ Expected<TextureMap::TextureInfo, String> TextureMap::getTextureInfo() const {
     ImageTexture const& t = e->getTexture();
     Image::Descriptor const descriptor = t.getDescriptor();
     if (t.hasPixels() && t.getLevelCount() >= 1 && !descriptor.isEmpty())
-        return TextureInfo{descriptor, t.getName(), e->getGamma()};
+        return TextureInfo{descriptor, t.getName(), e->getGamma(), t.getColorSpace()};
     if (!t.getError().empty()) return makeError(t.getError());
     return makeError(t.getName() + ": the texture has no pixels");
 }
@@ -344,7 +350,16 @@ TextureMap::Evaluator::Evaluator(SharedPtr<ImageTexture const> texture, SharedPt
     // The pixels are stored as decoded: the texture's own gamma is 1.
     constexpr float TEXTURE_GAMMA = 1.f;
     Conversion conversion;
-    if (getChannelType(format) == ChannelType::UInt8) {
+    if (!t.getRequestedColorSpace().empty()) {
+        // Read in a colour space: linear already, or through the texture's table.
+        mGamma = 1.f;
+        if (TextureSampling::Table8 const* table = t.getTexelTable()) {
+            conversion = Conversion::Table8;
+            mConversion.table = table->data();
+        } else {
+            conversion = Conversion::None;
+        }
+    } else if (getChannelType(format) == ChannelType::UInt8) {
         conversion = Conversion::Table8;
         if (mGamma == 2.2f && TEXTURE_GAMMA == 1.f) {
             mConversion.table = gamma22Table();

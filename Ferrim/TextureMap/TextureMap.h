@@ -17,6 +17,16 @@
 // 8-bit and 16-bit images (display-referred files) and 1.0 for float and
 // shared-exponent ones (scene-linear files).
 //
+// Colour space ("colorSpace"): empty keeps the gamma rule above. Otherwise the
+// texture is read in that colour space of the colour-management config (see
+// Ferrim/ColorSpaces.h), or with "auto" in the space the file names, else
+// sRGB for 8- and 16-bit files and scene-linear for float ones, and converted
+// to the config's scene-linear space; the gamma settings are then unused. An
+// 8-bit file in a space with one curve for all channels is looked up through
+// a table of that curve, as the gamma rule does; other conversions are done
+// once when the texture loads. The mip levels are averaged in linear light.
+// A name the config does not know is the texture's error.
+//
 // Environment lookups ("enviroMode"): with "mode" Auto, environment and
 // background rays look up by their direction through "mapping" (see
 // EnvironmentMapping.h) and surfaces use the UV mapper; Environment uses the
@@ -58,7 +68,7 @@ public:
     enum class EnvironmentMode : int { Auto = 0, Environment = 1, Texture = 2 };
 
     /// "imageSource", "uvMapper", "interpolation", "bumpStrength", "customGamma",
-    /// "gamma", "monoOutput", "rgbOutput", "alphaSource", "transformation_enabled",
+    /// "gamma", "colorSpace", "monoOutput", "rgbOutput", "alphaSource", "transformation_enabled",
     /// "transformation_mode", "transformation_lowerLeft",
     /// "transformation_upperRight", "enviroMode" (group "mapping", "mode",
     /// "blur"), "dome_origin", "dome_radius", "dome_cameraHeight".
@@ -71,7 +81,8 @@ public:
     struct TextureInfo {
         Image::Descriptor descriptor;
         String name;   ///< the texture's display name (the file's path for files)
-        float gamma;   ///< the gamma in effect
+        float gamma;   ///< the gamma in effect (1 with a colour space)
+        String colorSpace;  ///< the space the file was read in; empty for the gamma rule
     };
 
     /// Everything a lookup needs besides the texture and mapper, read from the
@@ -80,6 +91,7 @@ public:
         InterpolationMode interpolation = InterpolationMode::Bilinear;
         float bumpStrength = 1.f;
         Optional<float> customGamma;  ///< set: overrides the texture's default gamma
+        String colorSpace;  ///< empty: the gamma rule; "auto" or a colour space of the config
         MonoOutput monoOutput = MonoOutput::RgbIntensity;
         RgbOutput rgbOutput = RgbOutput::Rgb;
         AlphaSource alphaSource = AlphaSource::ImageAlpha;

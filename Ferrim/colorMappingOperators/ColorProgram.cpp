@@ -178,6 +178,21 @@ void ColorProgramBuilder::appendCallback(void (*callback)(void const*, float*, i
     append(s);
 }
 
+void ColorProgramBuilder::appendPlanesCallback(void (*callback)(void const*, float*, float*, float*, int),
+                                               void const* owner) {
+    Step s;
+    s.kind = Kind::Callback;
+    s.planesCallback = callback;
+    s.owner = owner;
+    append(s);
+}
+
+namespace {
+void runPlanesCallback(ColorKernels::Step const& step, ColorKernels::Planes const& planes) {
+    step.planesCallback(step.owner, planes.r, planes.g, planes.b, planes.count);
+}
+} // namespace
+
 // ---------------------------------------------------------------- the operators' default
 
 void UnaryColorMappingOperator::mapOneForProgram(void const* self, float* rgb, int x, int y) {
@@ -280,10 +295,12 @@ ColorProgram ColorProgram::compile(EntityHolder<IColorMappingOperator> const& la
             e.step.table[0] = tables->data();
             e.keepAlive = std::move(tables);
         }
-        if (e.step.kind == StepKind::Vignette || e.step.kind == StepKind::Callback) program.mNeedsPixel = true;
+        bool const planesCallback = e.step.kind == StepKind::Callback && e.step.planesCallback;
+        if (e.step.kind == StepKind::Vignette || (e.step.kind == StepKind::Callback && !planesCallback))
+            program.mNeedsPixel = true;
         BoundStep bound;
         bound.step = e.step;
-        bound.run = program.mKernels->steps[int(e.step.kind)];
+        bound.run = planesCallback ? &runPlanesCallback : program.mKernels->steps[int(e.step.kind)];
         bound.keepAlive = std::move(e.keepAlive);
         program.mSteps.push_back(std::move(bound));
     }

@@ -42,6 +42,10 @@ public:
     /// The operator's own single-colour mapping, pixel by pixel: the fallback
     /// for operators without a vector form.
     void appendCallback(void (*callback)(void const* owner, float* rgb, int x, int y), void const* owner);
+    /// An operator's own mapping of whole planes (a chunk of `count` pixels):
+    /// for operators that hand buckets to another library.
+    void appendPlanesCallback(void (*callback)(void const* owner, float* r, float* g, float* b, int count),
+                              void const* owner);
 
 private:
     friend class ColorProgram;

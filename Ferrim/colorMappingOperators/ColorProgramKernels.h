@@ -56,6 +56,8 @@ struct Step {
     int ints[2] = {0, 0};
     /// Callback: maps rgb[0..2] in place for the pixel (x, y).
     void (*callback)(void const* owner, float* rgb, int x, int y) = nullptr;
+    /// Callback with this set: maps a whole chunk's planes (count values each) at once.
+    void (*planesCallback)(void const* owner, float* r, float* g, float* b, int count) = nullptr;
     void const* owner = nullptr;
 };
 

@@ -94,7 +94,7 @@ TEST_F(ColorMappingTest, SettingsRecordOffersMenuDefaultsAndPipeline) {
     auto const menu = nlohmann::json::parse(ColorMappingWithObservers::getAddOperatorMenu());
     std::size_t items = 0;
     for (auto const& group : menu) items += group["items"].size();
-    EXPECT_EQ(items, 17u);  // Identity and the two conversions are not offered
+    EXPECT_EQ(items, 18u);  // Identity and the two conversions are not offered
 
     auto lutItem = ColorMappingWithObservers::makeDefaultItem("Zatho.LutOperator");
     ASSERT_TRUE(lutItem);

@@ -16,7 +16,7 @@ namespace {
 using ColorMappingOperatorFactoryTest = Testing::LibraryFixture;
 ColorMappingOperatorFactory& factory() { return ColorMappingOperatorFactory::getInstance(); }
 
-TEST_F(ColorMappingOperatorFactoryTest, EachOfTheTwentyOperatorsIsCreatedWithItsEncodings) {
+TEST_F(ColorMappingOperatorFactoryTest, EachOperatorIsCreatedWithItsEncodings) {
     // Pipelines insert conversions from the encodings and hide the Hidden
     // group; all other operators are visible and linear in and out.
     using E = OperatorColorEncoding;
@@ -26,11 +26,12 @@ TEST_F(ColorMappingOperatorFactoryTest, EachOfTheTwentyOperatorsIsCreatedWithIts
     };
     std::map<String, Special> const special = {
         {"Zatho.CurvesOperator", {false, E::Srgb, E::Srgb}},
+        {"Zatho.DisplayViewOperator", {false, E::Linear, E::Srgb}},
         {"Zatho.IdentityOperator", {true, E::Passthrough, E::Passthrough}},
         {"Zatho.LinearToSrgbOperator", {true, E::Linear, E::Srgb}},
         {"Zatho.SrgbToLinearOperator", {true, E::Srgb, E::Linear}},
     };
-    ASSERT_EQ(factory().getAllDescriptors().size(), 20u);
+    ASSERT_EQ(factory().getAllDescriptors().size(), 21u);
     for (auto const& [type, descriptor] : factory().getAllDescriptors()) {
         SCOPED_TRACE(type);
         auto op = factory().createOperator(type);

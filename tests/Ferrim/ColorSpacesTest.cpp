@@ -1,0 +1,180 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+#include "Ferrim/ColorSpaces.h"
+#include "TestSupport/TempFolderTest.h"
+
+#include <OpenColorIO/OpenColorIO.h>
+
+using namespace Quelin;
+namespace OCIO = OCIO_NAMESPACE;
+
+namespace {
+
+/// OpenColorIO's own reading of Ferrim's config: the reference the conversions are held to.
+OCIO::ConstConfigRcPtr referenceConfig() {
+    std::istringstream text{String(ColorSpaces::builtinConfigText())};
+    return OCIO::Config::CreateFromStream(text);
+}
+
+Stack<Rgb> probes() {
+    Stack<Rgb> colors = {Rgb(0.f), Rgb(1.f), Rgb(0.5f), Rgb(0.002f, 0.04f, 0.3f), Rgb(0.9f, 0.2f, 0.05f),
+                         Rgb(4.f, 0.7f, 12.f)};
+    std::mt19937 rng(3);
+    std::uniform_real_distribution<float> u(0.f, 1.f);
+    for (int i = 0; i < 64; ++i) colors.push_back(Rgb(u(rng), u(rng), u(rng)));
+    return colors;
+}
+
+void expectSameAsReference(ColorSpaces::Processor const& ours, OCIO::ConstCPUProcessorRcPtr const& reference,
+                           String const& what) {
+    for (Rgb const c : probes()) {
+        float p[3] = {c.r, c.g, c.b};
+        reference->applyRGB(p);
+        Rgb const got = ours.apply(c);
+        for (int ch = 0; ch < 3; ++ch)
+            EXPECT_NEAR(got[ch], p[ch], 1e-5f * std::max(1.f, std::abs(p[ch])))
+                << what << " at " << c.r << " " << c.g << " " << c.b << " channel " << ch;
+    }
+}
+
+/// Sets $OCIO for one test and restores it.
+class ScopedOcio {
+public:
+    explicit ScopedOcio(char const* value) {
+        if (char const* old = std::getenv("OCIO")) mOld = old;
+        if (value) ::setenv("OCIO", value, 1);
+        else ::unsetenv("OCIO");
+    }
+    ~ScopedOcio() {
+        if (mOld) ::setenv("OCIO", mOld->c_str(), 1);
+        else ::unsetenv("OCIO");
+    }
+
+private:
+    Optional<String> mOld;
+};
+
+} // namespace
+
+TEST(ColorSpaces, BuiltinConfigNamesTheSpacesDisplaysAndViews) {
+    ScopedOcio ocio(nullptr);
+    auto names = ColorSpaces::colorSpaceNames();
+    ASSERT_TRUE(names) << names.error();
+    for (char const* name : {"Linear Rec.709 (sRGB)", "sRGB - Texture", "Gamma 2.2 Rec.709 - Texture", "ACEScg",
+                             "ACES2065-1", "Raw"})
+        EXPECT_NE(std::find(names->begin(), names->end(), String(name)), names->end()) << name;
+    EXPECT_EQ(ColorSpaces::sceneLinearSpace().value_or(""), "Linear Rec.709 (sRGB)");
+    for (char const* display : {"sRGB - Display", "Gamma 2.2 Rec.709 - Display"})
+        for (char const* view : {"Standard", "Raw"})
+            EXPECT_TRUE(ColorSpaces::displayViewSpace(display, view)) << display << " / " << view;
+}
+
+TEST(ColorSpaces, ConversionsMatchOpenColorIOsOwnProcessor) {
+    ScopedOcio ocio(nullptr);
+    auto const reference = referenceConfig();
+    for (char const* from : {"sRGB - Texture", "Gamma 2.2 Rec.709 - Texture", "ACEScg", "ACES2065-1", "Raw"}) {
+        auto ours = ColorSpaces::makeConversion(from, "Linear Rec.709 (sRGB)");
+        ASSERT_TRUE(ours) << ours.error();
+        expectSameAsReference(*ours, reference->getProcessor(from, "Linear Rec.709 (sRGB)")->getDefaultCPUProcessor(),
+                              from);
+    }
+    struct Case { char const* display; char const* view; char const* looks; };
+    for (Case const c : {Case{"sRGB - Display", "Standard", ""}, Case{"Gamma 2.2 Rec.709 - Display", "Standard", ""},
+                         Case{"sRGB - Display", "Standard", "One Stop Up"}}) {
+        auto ours = ColorSpaces::makeDisplayView({"ACEScg", c.display, c.view, c.looks});
+        ASSERT_TRUE(ours) << ours.error();
+        auto group = OCIO::GroupTransform::Create();
+        if (*c.looks) {
+            auto looks = OCIO::LookTransform::Create();
+            looks->setSrc("ACEScg"), looks->setDst("ACEScg"), looks->setLooks(c.looks);
+            group->appendTransform(looks);
+        }
+        auto view = OCIO::DisplayViewTransform::Create();
+        view->setSrc("ACEScg"), view->setDisplay(c.display), view->setView(c.view);
+        group->appendTransform(view);
+        expectSameAsReference(*ours, reference->getProcessor(group)->getDefaultCPUProcessor(),
+                              String(c.display) + " " + c.looks);
+    }
+}
+
+TEST(ColorSpaces, KnownCurvesAndSpaces) {
+    ScopedOcio ocio(nullptr);
+    auto srgb = ColorSpaces::makeConversion("sRGB - Texture", "Linear Rec.709 (sRGB)");
+    ASSERT_TRUE(srgb);
+    EXPECT_TRUE(srgb->isPerChannel());
+    EXPECT_FALSE(srgb->isNoOp());
+    // IEC 61966-2-1: the linear segment below 0.04045, the 2.4 power above.
+    EXPECT_NEAR(srgb->apply(Rgb(0.04f)).r, 0.04f / 12.92f, 1e-6f);
+    EXPECT_NEAR(srgb->apply(Rgb(0.5f)).g, std::pow((0.5f + 0.055f) / 1.055f, 2.4f), 1e-6f);
+    auto acescg = ColorSpaces::makeConversion("ACEScg", "Linear Rec.709 (sRGB)");
+    ASSERT_TRUE(acescg);
+    EXPECT_FALSE(acescg->isPerChannel());
+    // Same white: equal channels stay equal.
+    Rgb const white = acescg->apply(Rgb(1.f));
+    EXPECT_NEAR(white.r, 1.f, 1e-4f);
+    EXPECT_NEAR(white.g, 1.f, 1e-4f);
+    EXPECT_NEAR(white.b, 1.f, 1e-4f);
+    EXPECT_TRUE(ColorSpaces::makeConversion("Raw", "Linear Rec.709 (sRGB)")->isNoOp());
+}
+
+TEST(ColorSpaces, AutoPicksTheFileTagThenTheChannelType) {
+    ScopedOcio ocio(nullptr);
+    struct Case { char const* tag; float gamma; PixelFormat format; char const* expected; };
+    for (Case const c : {Case{"", 0.f, PixelFormat::Rgb8, "sRGB - Texture"},
+                         Case{"", 0.f, PixelFormat::Rgba16, "sRGB - Texture"},
+                         Case{"", 0.f, PixelFormat::RgbFloat, "Linear Rec.709 (sRGB)"},
+                         Case{"", 0.f, PixelFormat::Rgbe, "Linear Rec.709 (sRGB)"},
+                         Case{"sRGB", 0.f, PixelFormat::RgbaFloat, "sRGB - Texture"},
+                         Case{"Linear", 0.f, PixelFormat::Rgb8, "Linear Rec.709 (sRGB)"},
+                         Case{"GammaCorrected", 2.2f, PixelFormat::Rgb8, "Gamma 2.2 Rec.709 - Texture"},
+                         Case{"Gamma2.2", 0.f, PixelFormat::Rgb8, "Gamma 2.2 Rec.709 - Texture"},
+                         Case{"ACEScg", 0.f, PixelFormat::RgbFloat, "ACEScg"},
+                         Case{"SomethingElse", 0.f, PixelFormat::Mono16, "sRGB - Texture"}})
+        EXPECT_EQ(ColorSpaces::spaceForFile(c.tag, c.gamma, c.format), c.expected) << c.tag;
+}
+
+class ColorSpacesConfigTest : public Testing::TempFolderTest {};
+
+TEST_F(ColorSpacesConfigTest, ErrorsNameTheConfigAndWhatItLacks) {
+    {
+        ScopedOcio ocio(nullptr);
+        auto bad = ColorSpaces::makeConversion("sRGB - Txture", "Linear Rec.709 (sRGB)");
+        ASSERT_FALSE(bad);
+        EXPECT_NE(bad.error().find("built-in config"), String::npos) << bad.error();
+        EXPECT_NE(bad.error().find("\"sRGB - Txture\""), String::npos) << bad.error();
+        auto noView = ColorSpaces::makeDisplayView({"ACEScg", "sRGB - Display", "Filmic", ""});
+        ASSERT_FALSE(noView);
+        EXPECT_NE(noView.error().find("\"Filmic\""), String::npos) << noView.error();
+        auto noDisplay = ColorSpaces::makeDisplayView({"ACEScg", "P3", "Standard", ""});
+        ASSERT_FALSE(noDisplay);
+        EXPECT_NE(noDisplay.error().find("\"P3\""), String::npos) << noDisplay.error();
+    }
+    String const missing = (mFolder / "missing.ocio").string();
+    {
+        ScopedOcio ocio(missing.c_str());
+        auto bad = ColorSpaces::makeConversion("sRGB - Texture", "Linear Rec.709 (sRGB)");
+        ASSERT_FALSE(bad);
+        EXPECT_NE(bad.error().find(missing), String::npos) << bad.error();
+    }
+    // A config of the user's: its own spaces, errors naming its file.
+    String const own = (mFolder / "own.ocio").string();
+    std::ofstream(own) << "ocio_profile_version: 2\nroles:\n  default: lin\n  scene_linear: lin\n"
+                          "displays:\n  Screen:\n    - !<View> {name: Plain, colorspace: lin}\n"
+                          "colorspaces:\n  - !<ColorSpace>\n    name: lin\n"
+                          "  - !<ColorSpace>\n    name: squared\n    to_scene_reference: !<ExponentTransform> {value: 2}\n";
+    {
+        ScopedOcio ocio(own.c_str());
+        auto squared = ColorSpaces::makeConversion("squared", "lin");
+        ASSERT_TRUE(squared) << squared.error();
+        EXPECT_NEAR(squared->apply(Rgb(0.5f)).r, 0.25f, 1e-6f);
+        auto bad = ColorSpaces::makeConversion("sRGB - Texture", "lin");
+        ASSERT_FALSE(bad);
+        EXPECT_NE(bad.error().find(own), String::npos) << bad.error();
+        EXPECT_NE(bad.error().find("\"sRGB - Texture\""), String::npos) << bad.error();
+    }
+}

@@ -1,0 +1,104 @@
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <random>
+
+#include "Ferrim/ColorMapping.h"
+#include "Ferrim/FerrimTestSupport.h"
+#include "Ferrim/colorMappingOperators/DisplayViewOperator.h"
+#include "TestSupport/TempFolderTest.h"
+
+using namespace Quelin;
+
+namespace {
+
+EntityHolder<DisplayViewOperator> makeOperator(String input, String display, String view, String looks = {}) {
+    auto op = ColorMappingOperatorFactory::getInstance().createOperator("Zatho.DisplayViewOperator").cast<DisplayViewOperator>();
+    op->set("inputSpace", std::move(input));
+    op->set("display", std::move(display));
+    op->set("view", std::move(view));
+    op->set("looks", std::move(looks));
+    op->prepareForApplication(ColorMappingContext());
+    return op;
+}
+
+class DisplayViewOperatorTest : public Testing::TempFolderTest {
+protected:
+    void SetUp() override {
+        TempFolderTest::SetUp();
+        Ferrim::startup();
+    }
+    void TearDown() override {
+        Ferrim::shutdown();
+        TempFolderTest::TearDown();
+    }
+};
+
+} // namespace
+
+TEST_F(DisplayViewOperatorTest, MapsLikeTheConfigsTransformOnEveryPathAndUnmapsThroughItsInverse) {
+    auto const op = makeOperator("ACEScg", "sRGB - Display", "Standard", "One Stop Up");
+    ASSERT_TRUE(op->getError().empty()) << op->getError();
+    auto const reference = ColorSpaces::makeDisplayView({"ACEScg", "sRGB - Display", "Standard", "One Stop Up"});
+    ASSERT_TRUE(reference);
+    std::mt19937 rng(4);
+    // Near-neutral colours: inside the display's gamut and range, where the
+    // inverse exists (the display clips the rest).
+    std::uniform_real_distribution<float> u(0.01f, 0.35f), tint(0.95f, 1.05f);
+    Stack<Rgb> colors(1000);
+    for (Rgb& c : colors) {
+        float const grey = u(rng);
+        c = Rgb(grey * tint(rng), grey * tint(rng), grey * tint(rng));
+    }
+    Stack<Rgb> bucket = colors, compiled = colors;
+    op->map(std::span<Rgb>(bucket), Pixel(0, 0), Pixel(1000, 1));
+    ColorProgram::compile(op).map(std::span<Rgb>(compiled), Pixel(0, 0), Pixel(1000, 1));
+    for (std::size_t i = 0; i < colors.size(); ++i) {
+        Rgb const expected = reference->apply(colors[i]);
+        for (int ch = 0; ch < 3; ++ch) {
+            ASSERT_NEAR(op->map(colors[i], Pixel(0, 0))[ch], expected[ch], 1e-6f);
+            ASSERT_NEAR(bucket[i][ch], expected[ch], 1e-6f);
+            ASSERT_NEAR(compiled[i][ch], expected[ch], 1e-6f);
+            // Within the display's range the inverse gives the scene colour back.
+            ASSERT_NEAR(op->unmap(expected, {})[ch], colors[i][ch], 1e-4f) << i;
+        }
+    }
+    // Non-finite input, through the compiled program: NaN as 0, infinities clipped by the display.
+    float const inf = std::numeric_limits<float>::infinity(), nan = std::numeric_limits<float>::quiet_NaN();
+    Stack<Rgb> odd = {Rgb(nan, nan, nan), Rgb(inf, inf, inf), Rgb(-inf, -inf, -inf)};
+    ColorProgram::compile(op).map(std::span<Rgb>(odd), Pixel(0, 0), Pixel(3, 1));
+    for (int ch = 0; ch < 3; ++ch) {
+        EXPECT_NEAR(odd[0][ch], reference->apply(Rgb(0.f))[ch], 1e-6f);
+        EXPECT_NEAR(odd[1][ch], 1.f, 1e-6f);
+        EXPECT_NEAR(odd[2][ch], 0.f, 1e-6f);
+    }
+    // Excluded with the display encodings, unmapping leaves the colour alone.
+    EXPECT_EQ(op->unmap(Rgb(0.5f), Flags<ColorMappingExclude>(ColorMappingExclude::SrgbConversion)), Rgb(0.5f));
+}
+
+TEST_F(DisplayViewOperatorTest, UnknownNamesLeaveItNeutralWithTheError) {
+    auto const op = makeOperator("ACEScg", "sRGB - Display", "Filmic");
+    EXPECT_TRUE(op->isNeutral());
+    EXPECT_NE(op->getError().find("\"Filmic\""), String::npos) << op->getError();
+    EXPECT_NE(op->getError().find("built-in config"), String::npos) << op->getError();
+    EXPECT_EQ(op->map(Rgb(0.3f), Pixel(0, 0)), Rgb(0.3f));
+    // Fixed, it maps again.
+    op->set("view", String("Standard"));
+    op->prepareForApplication(ColorMappingContext());
+    EXPECT_TRUE(op->getError().empty());
+    EXPECT_FALSE(op->isNeutral());
+}
+
+TEST_F(DisplayViewOperatorTest, SurvivesACtmFileInAPipeline) {
+    auto const op = makeOperator("ACES2065-1", "Gamma 2.2 Rec.709 - Display", "Standard");
+    String const path = (mFolder / "look.ctm").string();
+    ASSERT_TRUE(savePipelinePreset(path, EntityHolder<IColorMappingOperator const>(op)));
+    auto loaded = loadPipelinePreset(path);
+    ASSERT_TRUE(loaded) << loaded.error();
+    auto const back = loaded->pipeline.cast<DisplayViewOperator>();
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->get<String>("inputSpace"), "ACES2065-1");
+    EXPECT_EQ(back->get<String>("display"), "Gamma 2.2 Rec.709 - Display");
+    back->prepareForApplication(ColorMappingContext());
+    EXPECT_EQ(back->map(Rgb(0.2f, 0.1f, 0.05f), Pixel(0, 0)), op->map(Rgb(0.2f, 0.1f, 0.05f), Pixel(0, 0)));
+}
