@@ -47,7 +47,7 @@ ImageTexture::ImageTexture(EntityHolder<IDataSource const> source) : mSource(std
     }
     if (mName.empty())
         mName = generateUuidAsString();
-    MipChainAccess::levels(mMips) = std::move(levels);
+    MipChainAccess::setLevels(mMips, std::move(levels));
     MipChainAccess::setOffloadable(mMips, mError.empty());
     MipChainAccess::setId(mMips, generateUuidAsString());
 }
