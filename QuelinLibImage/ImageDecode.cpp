@@ -121,7 +121,8 @@ class StreamProxy final : public OIIO::Filesystem::IOProxy {
 
 /// Bytes `[offset, offset + size)` of the stream; fewer at its end.
 std::size_t readAt(Io::InputStream& stream, std::int64_t offset, void* buffer, std::size_t size) {
-    if (!stream.seek(offset, Io::SeekOrigin::Begin))
+    // Sequential reads go on without a seek (a seek drops the file stream's buffer).
+    if (stream.tell() != offset && !stream.seek(offset, Io::SeekOrigin::Begin))
         return 0;
     std::size_t done = 0;
     while (done < size) {
@@ -133,23 +134,60 @@ std::size_t readAt(Io::InputStream& stream, std::int64_t offset, void* buffer, s
     return done;
 }
 
+/// CRC-32 as PNG chunks carry it (ISO 3309; the PNG specification's sample code).
+struct Crc32 {
+    std::array<std::uint32_t, 256> table{};
+    Crc32() {
+        for (std::uint32_t n = 0; n < 256; ++n) {
+            std::uint32_t c = n;
+            for (int k = 0; k < 8; ++k) c = (c & 1) ? 0xEDB88320u ^ (c >> 1) : c >> 1;
+            table[n] = c;
+        }
+    }
+    std::uint32_t update(std::uint32_t crc, unsigned char const* data, std::size_t size) const {
+        for (std::size_t i = 0; i < size; ++i) crc = table[(crc ^ data[i]) & 0xFF] ^ (crc >> 8);
+        return crc;
+    }
+};
+
 /// Where a container tells its own end, a file cut short is found before the
 /// codec meets it (some codecs read past a missing tail, some print to the
-/// console when they do). Null when the file is complete or the format has
-/// no such mark; the codec's own errors cover the rest.
+/// console when they do). PNG chunks are also checked against their CRCs, so
+/// that the codec, which prints its complaints, meets only intact chunks.
+/// Null when the file is sound as far as the container goes; the codec's own
+/// errors cover the rest.
 Optional<String> findTruncation(Io::InputStream& stream, ImageFormat format, std::int64_t size) {
     if (format == ImageFormat::Png) {
+        static Crc32 const crc;
         // Chunks: length (big-endian), type, data, CRC; the last is IEND.
+        Stack<unsigned char> block(std::size_t(1) << 16);
+        auto const be32 = [](unsigned char const* p) {
+            return (std::uint32_t(p[0]) << 24) | (std::uint32_t(p[1]) << 16) | (std::uint32_t(p[2]) << 8) | p[3];
+        };
         std::int64_t offset = 8;
         for (;;) {
             unsigned char header[8];
             if (readAt(stream, offset, header, 8) != 8)
                 return String("the file ends early: no IEND chunk");
-            std::int64_t const length = (std::int64_t(header[0]) << 24) | (header[1] << 16) | (header[2] << 8) | header[3];
+            std::int64_t const length = be32(header);
             std::int64_t const end = offset + 12 + length;
             if (end > size)
                 return "the file ends early: a chunk of " + std::to_string(length) + " bytes at offset " +
                        std::to_string(offset) + " runs past its end";
+            // The CRC covers the type and the data; the stream is at the data now.
+            std::uint32_t sum = crc.update(0xFFFFFFFFu, header + 4, 4);
+            for (std::int64_t left = length; left > 0;) {
+                std::size_t const n = std::size_t(std::min<std::int64_t>(left, std::int64_t(block.size())));
+                if (readAt(stream, end - 4 - left, block.data(), n) != n)
+                    return String("the file ends early");
+                sum = crc.update(sum, block.data(), n);
+                left -= std::int64_t(n);
+            }
+            unsigned char stored[4];
+            if (readAt(stream, end - 4, stored, 4) != 4)
+                return String("the file ends early");
+            if ((sum ^ 0xFFFFFFFFu) != be32(stored))
+                return "the chunk at offset " + std::to_string(offset) + " is damaged (CRC mismatch)";
             if (std::memcmp(header + 4, "IEND", 4) == 0)
                 return std::nullopt;
             offset = end;
@@ -163,10 +201,24 @@ Optional<String> findTruncation(Io::InputStream& stream, ImageFormat format, std
             return String("the file ends early");
         static constexpr char SIGNATURE[] = "TRUEVISION-XFILE";
         bool const complete = std::memcmp(tail.data() + 8, SIGNATURE, 16) == 0 && tail[24] == '.' && tail[25] == '\0';
-        if (!complete)
+        if (!complete) {
             for (std::size_t i = 9; i + 16 <= tail.size(); ++i)
                 if (std::memcmp(tail.data() + i, SIGNATURE, 16) == 0)
                     return String("the file ends early: its footer is cut");
+            // Uncompressed pixels have a known end; the version 2 extension
+            // area that follows them starts with its size, 495. Found there
+            // without the footer, the file lost its tail.
+            unsigned char h[18];
+            if (readAt(stream, 0, h, 18) == 18 && (h[2] == 1 || h[2] == 2 || h[2] == 3)) {
+                std::int64_t const mapBytes = h[1] ? std::int64_t(h[5] | (h[6] << 8)) * ((h[7] + 7) / 8) : 0;
+                std::int64_t const pixelEnd = 18 + h[0] + mapBytes +
+                                              std::int64_t(h[12] | (h[13] << 8)) * std::int64_t(h[14] | (h[15] << 8)) *
+                                                  ((h[16] + 7) / 8);
+                unsigned char area[2];
+                if (pixelEnd + 2 <= size && readAt(stream, pixelEnd, area, 2) == 2 && area[0] == 0xEF && area[1] == 0x01)
+                    return String("the file ends early: its extension area and footer are cut");
+            }
+        }
     }
     return std::nullopt;
 }
@@ -193,7 +245,7 @@ OIIO::TypeDesc channelTypeOf(PixelFormat format) {
 /// One decode: the reader, opened on the stream, with the texts for errors.
 class Decoder {
   public:
-    Decoder(Io::InputStream& stream, ImageFormat format, TaskProgress& progress)
+    Decoder(Io::InputStream& stream, ImageFormat format, TaskProgress& progress, ImageDecodeOptions const& options)
         : mProxy(stream), mFormat(format), mProgress(progress), mName(stream.getName()) {
         mFileBytes = std::int64_t(mProxy.size());
         if (!stream.getSize())
@@ -205,7 +257,8 @@ class Decoder {
             fail("no " + String(entry(format).name) + " reader: " + OIIO::geterror());
         OIIO::ImageSpec config;
         // Textures keep alpha as stored; the reader would otherwise premultiply.
-        config.attribute("oiio:UnassociatedAlpha", 1);
+        if (!options.associateAlpha)
+            config.attribute("oiio:UnassociatedAlpha", 1);
         if (format == ImageFormat::Jpeg) {
             // The JPEG reader takes files and memory only: it reads a copy of
             // the bytes (compressed, so a fraction of the decoded size).
@@ -422,9 +475,10 @@ Expected<void> checkImageSize(std::int64_t width, std::int64_t height, PixelForm
 }
 
 namespace {
-Stack<Image> decode(Io::InputStream& stream, ImageFormat format, TaskProgress& progress, bool allLevels) {
+Stack<Image> decode(Io::InputStream& stream, ImageFormat format, TaskProgress& progress, bool allLevels,
+                    ImageDecodeOptions const& options = {}) {
     try {
-        Decoder decoder(stream, format, progress);
+        Decoder decoder(stream, format, progress, options);
         Stack<Image> levels = decoder.readLevels(allLevels);
         if (levels.empty())
             decoder.fail("the file holds no image");
@@ -438,6 +492,10 @@ Stack<Image> decode(Io::InputStream& stream, ImageFormat format, TaskProgress& p
 
 Image makeImage(Io::InputStream& stream, ImageFormat format, TaskProgress& progress) {
     return std::move(decode(stream, format, progress, false).front());
+}
+
+Image makeImage(Io::InputStream& stream, ImageFormat format, TaskProgress& progress, ImageDecodeOptions const& options) {
+    return std::move(decode(stream, format, progress, false, options).front());
 }
 
 Stack<Image> makeImageLevels(Io::InputStream& stream, ImageFormat format, TaskProgress& progress) {
