@@ -161,7 +161,7 @@ LoadedImage readImage(String const& path) {
         Io::Path const file = Io::pathFromUtf8(path);
         ImageFormat const format = getImageFormatFromContentType(Io::pathToUtf8(file.extension()), "\"" + path + "\"");
         auto stream = Io::FileInputStream::open(file);
-        if (!stream) throw CommandError{"cannot read: " + stream.error()};
+        if (!stream) throw CommandError{stream.error()};
         TaskProgress progress;
         decoded = makeImage(**stream, format, progress, {.associateAlpha = true});
     } catch (Exception const& e) {

@@ -35,9 +35,15 @@ struct alignas(64) LookupSlot {
 FERRIM_EXPORT LookupSlot* registerLookupThread();
 // Initial-exec: one load from the thread pointer on the per-sample path.
 extern constinit thread_local LookupSlot* tLookupSlot [[gnu::tls_model("initial-exec")]];
+/// Set once, before any thread's first lookup (see `registerLookupThread`):
+/// the reclaimer makes every thread of the process pass a full barrier
+/// (Linux `membarrier`, private expedited), so that a lookup announces itself
+/// with a plain store instead of a locked instruction.
+extern constinit bool gAsymmetricFence;
 
 /// Brackets one lookup: level pixels read (see `MipChain::getPixels`) stay
-/// allocated until it ends. One atomic add in, one store out.
+/// allocated until it ends. A store in (an atomic add where the system has
+/// no process-wide barrier), a store out.
 class LookupGuard : Noncopyable {
   public:
     LookupGuard() {
@@ -45,8 +51,15 @@ class LookupGuard : Noncopyable {
         if (!s) [[unlikely]]
             s = registerLookupThread();
         mSlot = s;
-        if (s->depth++ == 0)
-            s->sequence.fetch_add(1, std::memory_order_seq_cst);
+        if (s->depth++ == 0) {
+            if (gAsymmetricFence) [[likely]] {
+                s->sequence.store(s->sequence.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+                // The reclaimer's barrier does the rest; the compiler must not move the pixel loads above.
+                std::atomic_signal_fence(std::memory_order_seq_cst);
+            } else {
+                s->sequence.fetch_add(1, std::memory_order_seq_cst);
+            }
+        }
     }
     ~LookupGuard() {
         if (--mSlot->depth == 0)

@@ -10,7 +10,14 @@
 #include <filesystem>
 #include <limits>
 #include <sstream>
+#include <mutex>
 #include <thread>
+
+#if defined(__linux__)
+#include <linux/membarrier.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#endif
 
 namespace Quelin {
 
@@ -408,9 +415,36 @@ namespace MipMapManager {
 namespace Detail {
 
 constinit thread_local LookupSlot* tLookupSlot [[gnu::tls_model("initial-exec")]] = nullptr;
+constinit bool gAsymmetricFence = false;
 
 namespace {
 std::atomic<LookupSlot*> sLookupSlots{nullptr};
+
+/// Registers the process for expedited barriers; false where they are missing.
+bool registerProcessBarrier() {
+#if defined(__linux__)
+    return ::syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0;
+#else
+    return false;
+#endif
+}
+
+/// Chooses the kind of fence once; lookups and the reclaimer both pass here
+/// first, so both see the same choice.
+void chooseFence() {
+    static std::once_flag sOnce;
+    std::call_once(sOnce, [] { gAsymmetricFence = registerProcessBarrier(); });
+}
+
+/// A full memory barrier on every running thread of the process.
+void processBarrier() {
+    chooseFence();
+#if defined(__linux__)
+    if (gAsymmetricFence && ::syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0) == 0)
+        return;
+#endif
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+}
 
 /// Hands the thread's slot back when the thread ends.
 struct SlotRelease {
@@ -425,6 +459,9 @@ struct SlotRelease {
 
 /// Waits until every lookup that was running when it started has ended.
 void waitForLookups() {
+    // Unpublished pointers before this barrier; every lookup after it sees
+    // them gone, every lookup before it shows here as an odd sequence.
+    processBarrier();
     Stack<std::pair<LookupSlot const*, std::uint64_t>> busy;
     for (LookupSlot const* s = sLookupSlots.load(std::memory_order_acquire); s; s = s->next) {
         std::uint64_t const sequence = s->sequence.load(std::memory_order_seq_cst);
@@ -438,6 +475,8 @@ void waitForLookups() {
 } // namespace
 
 LookupSlot* registerLookupThread() {
+    // Decided before the thread's first lookup: a guard never changes its kind of fence.
+    chooseFence();
     static thread_local SlotRelease sRelease;
     LookupSlot* slot = nullptr;
     for (LookupSlot* s = sLookupSlots.load(std::memory_order_acquire); s && !slot; s = s->next) {
