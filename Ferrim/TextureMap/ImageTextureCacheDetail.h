@@ -33,8 +33,9 @@ struct alignas(64) LookupSlot {
 };
 /// The calling thread's slot, taken on its first lookup.
 FERRIM_EXPORT LookupSlot* registerLookupThread();
-// Initial-exec: one load from the thread pointer on the per-sample path.
-extern constinit thread_local LookupSlot* tLookupSlot [[gnu::tls_model("initial-exec")]];
+// Not initial-exec: the library is also loaded at run time (the Python module),
+// where the static TLS block may have no room left.
+extern constinit thread_local LookupSlot* tLookupSlot;
 /// Set once, before any thread's first lookup (see `registerLookupThread`):
 /// the reclaimer makes every thread of the process pass a full barrier
 /// (Linux `membarrier`, private expedited), so that a lookup announces itself

@@ -414,7 +414,7 @@ namespace MipMapManager {
 
 namespace Detail {
 
-constinit thread_local LookupSlot* tLookupSlot [[gnu::tls_model("initial-exec")]] = nullptr;
+constinit thread_local LookupSlot* tLookupSlot = nullptr;
 constinit bool gAsymmetricFence = false;
 
 namespace {

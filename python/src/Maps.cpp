@@ -92,8 +92,12 @@ std::pair<String, String> sceneText(py::handle scene, String const& shape) {
         // Regular files only, checked before opening (a FIFO would block), of a bounded size.
         constexpr std::int64_t MAX_SCENE_FILE_BYTES = 64 << 20;
         auto text = Io::readTextFile(Io::pathFromUtf8(path), MAX_SCENE_FILE_BYTES);
-        if (!text)
-            raiseError("cannot read scene file " + text.error());
+        if (!text) {
+            // The reason without the path that the error starts with: the path is quoted here.
+            String reason = text.error();
+            if (reason.starts_with(path + ": ")) reason.erase(0, path.size() + 2);
+            raiseError("cannot read scene file \"" + path + "\": " + reason);
+        }
         return {std::move(*text), path};
     }
     throw py::type_error("scene must be None (the demo scene), a ferrim.Map, a scene dict or a scene file path");
