@@ -377,13 +377,13 @@ TEST_F(OffloadTest, BudgetsChangingWhileEightThreadsSampleGiveTheSingleThreadedR
     float const budgets[] = {0.f, 0.002f, 0.f, 0.0005f, 0.f, 1.f, 0.0001f};
     int changes = 0;
     auto const end = std::chrono::steady_clock::now() + duration;
-    while (std::chrono::steady_clock::now() < end) {
+    // Two rounds of every budget at least, however slow the build (sanitizers, valgrind).
+    while (std::chrono::steady_clock::now() < end || changes < 2 * int(std::size(budgets))) {
         auto const r = MipMapManager::updateCache(true, budgets[changes++ % std::size(budgets)], std::nullopt, mStore);
         EXPECT_TRUE(r) << r.error();
     }
     stop = true;
     for (auto& thread : threads) thread.join();
-    EXPECT_GT(changes, 7);
     EXPECT_GT(MipMapManager::getStats().levelsWritten, 0) << "levels went to disk under the lookups";
     EXPECT_GT(done.load(), 8 * 100);
     EXPECT_EQ(wrong.load(), 0);
