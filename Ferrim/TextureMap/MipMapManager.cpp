@@ -598,10 +598,9 @@ int offloadLocked(ImageTexture const& texture, Io::Path const& folder) {
             // Unpublish first; lookups that saw the pixels keep them until they end.
             MipChainAccess::pixels(chain, k).store(nullptr, std::memory_order_seq_cst);
             MipChainAccess::offloaded(chain).store(k + 1, std::memory_order_release);
-            Image retired = std::move(level);
-            // The descriptor stays (an untouched allocation, released at once).
-            level = Image::makeForOverwrite(retired.getDescriptor());
-            level.releasePixels();
+            // Moving out (not assigning) writes only the level's pixel storage,
+            // which no lookup reads: its descriptor stays as it is, readable by all.
+            Image retired(std::move(level));
             {
                 std::lock_guard retiredLock(state().retiredMutex);
                 state().retired.push_back(std::move(retired));
