@@ -436,14 +436,18 @@ void chooseFence() {
     std::call_once(sOnce, [] { gAsymmetricFence = registerProcessBarrier(); });
 }
 
-/// A full memory barrier on every running thread of the process.
-void processBarrier() {
+/// A full memory barrier on every running thread of the process; false if
+/// the system refused it (then nothing may be freed). Without one, lookups
+/// announce themselves with a sequentially consistent add, and the
+/// unpublishing store and the reclaimer's loads are sequentially consistent
+/// too: nothing more is needed.
+bool processBarrier() {
     chooseFence();
 #if defined(__linux__)
-    if (gAsymmetricFence && ::syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0) == 0)
-        return;
+    if (gAsymmetricFence)
+        return ::syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0) == 0;
 #endif
-    std::atomic_thread_fence(std::memory_order_seq_cst);
+    return true;
 }
 
 /// Hands the thread's slot back when the thread ends.
@@ -458,10 +462,11 @@ struct SlotRelease {
 };
 
 /// Waits until every lookup that was running when it started has ended.
-void waitForLookups() {
+bool waitForLookups() {
     // Unpublished pointers before this barrier; every lookup after it sees
     // them gone, every lookup before it shows here as an odd sequence.
-    processBarrier();
+    if (!processBarrier())
+        return false;
     Stack<std::pair<LookupSlot const*, std::uint64_t>> busy;
     for (LookupSlot const* s = sLookupSlots.load(std::memory_order_acquire); s; s = s->next) {
         std::uint64_t const sequence = s->sequence.load(std::memory_order_seq_cst);
@@ -471,6 +476,7 @@ void waitForLookups() {
     // Lookups take microseconds, a read-back of a level milliseconds.
     for (auto const& [slot, sequence] : busy)
         while (slot->sequence.load(std::memory_order_acquire) == sequence) std::this_thread::yield();
+    return true;
 }
 } // namespace
 
@@ -508,7 +514,12 @@ void reclaimRetired() {
     }
     if (batch.empty())
         return;
-    waitForLookups();
+    if (!waitForLookups()) {
+        // Kept for a later call rather than freed under a lookup.
+        std::lock_guard lock(s.retiredMutex);
+        for (auto& image : batch) s.retired.push_back(std::move(image));
+        return;
+    }
     batch.clear();
 }
 
