@@ -322,15 +322,19 @@ Expected<std::unique_ptr<FileInputStream>> FileInputStream::open(Path const& pat
     std::unique_ptr<FileInputStream> stream(new FileInputStream());
     stream->mPath = path;
     stream->mName = quoted(path);
-    if (folderExists(path))
+    // Checked before opening: opening a FIFO blocks until a writer comes, and
+    // a device such as /dev/zero never ends.
+    std::error_code ec;
+    auto const status = fs::status(path, ec);
+    if (ec || !fs::exists(status))
+        return makeError("Could not open " + stream->mName + " for reading: no such file");
+    if (fs::is_directory(status))
         return makeError("Could not open " + stream->mName + " for reading: it is a folder");
+    if (!fs::is_regular_file(status))
+        return makeError("Could not open " + stream->mName + " for reading: not a regular file");
     stream->mFile.open(path, std::ios::binary | std::ios::in);
-    if (!stream->mFile) {
-        std::error_code ec;
-        bool const exists = fs::exists(path, ec);
-        return makeError("Could not open " + stream->mName +
-                         " for reading: " + (exists ? String("access denied") : String("no such file")));
-    }
+    if (!stream->mFile)
+        return makeError("Could not open " + stream->mName + " for reading: access denied");
     auto const size = getFileSize(path);
     if (!size)
         return makeError(size.error());
@@ -367,6 +371,11 @@ Expected<std::unique_ptr<FileOutputStream>> FileOutputStream::open(Path const& p
     std::unique_ptr<FileOutputStream> stream(new FileOutputStream());
     stream->mPath = path;
     stream->mName = quoted(path);
+    // An existing FIFO or device would block or swallow the data: files only.
+    std::error_code ec;
+    auto const status = fs::status(path, ec);
+    if (!ec && fs::exists(status) && !fs::is_regular_file(status))
+        return makeError("Could not open " + stream->mName + " for writing: not a regular file");
     auto const flags = std::ios::binary | std::ios::out | (mode == Mode::Append ? std::ios::app : std::ios::trunc);
     stream->mFile.open(path, flags);
     if (!stream->mFile) {

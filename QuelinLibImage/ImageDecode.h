@@ -35,9 +35,23 @@ Expected<void> checkImageSize(std::int64_t width, std::int64_t height, PixelForm
 /// 16-bit or float channels (half and 32-bit integer channels become float);
 /// Radiance HDR files keep their shared-exponent pixels (`PixelRgbe`).
 /// Rows are top first. Progress counts scanlines.
-/// A file that fails to decode throws `Exception` whose one-line text names
-/// the stream and the reason.
+/// Every image the library reads comes through here. Before any pixel memory
+/// is asked for, the header's size is checked against the limits and against
+/// what the stream's bytes can hold (`checkDeclaredImageSize`). A file that
+/// fails to decode, ends early (a chunk, strip or tile past its end, a codec
+/// warning of missing data) or needs more memory than there is throws
+/// `Exception` whose one-line text names the stream and the reason.
 Image makeImage(Io::InputStream& stream, ImageFormat format, TaskProgress& progress);
+
+struct ImageDecodeOptions {
+    /// Premultiplied colour where the file stores straight alpha (the codec
+    /// library's own default, for programs that treat images as it does);
+    /// textures keep alpha as stored.
+    bool associateAlpha = false;
+    /// When set, receives what the file says of its colours.
+    struct ImageColorTag* colorTag = nullptr;
+};
+Image makeImage(Io::InputStream& stream, ImageFormat format, TaskProgress& progress, ImageDecodeOptions const& options);
 
 /// Like `makeImage`, but also the coarser levels when the file stores a mip
 /// chain (tiled, mip-mapped EXR and TIFF): level 0 first. A file without one

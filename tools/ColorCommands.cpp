@@ -15,6 +15,7 @@
 #include "Ferrim/colorMappingOperators/DisplayViewOperator.h"
 #include "QuelinLib/MessageText.h"
 #include "QuelinLib/TaskScheduler.h"
+#include "QuelinLibImage/ImageDecode.h"
 #include "QuelinLibImage/ImageLimits.h"
 
 namespace FerrimTool {
@@ -174,38 +175,38 @@ String libraryError(String const& text, char const* fallback) {
 /// Reads the file's values as stored; `colorSpace` ("auto": the file's tag,
 /// else sRGB for integer files and linear for float ones) is what they are in.
 LoadedImage readImage(String const& path, String const& colorSpace) {
-    auto in = OIIO::ImageInput::open(path);
-    if (!in) throw CommandError{"cannot read \"" + path + "\": " + libraryError(OIIO::geterror(), "unknown image format")};
-    OIIO::ImageSpec const& spec = in->spec();
-    // The header's size is checked before anything is allocated for it.
-    DeclaredImageSize declared{spec.width, spec.height, spec.nchannels, int(spec.format.size()), std::nullopt};
-    if (auto bytes = Io::getFileSize(Io::pathFromUtf8(path))) declared.fileBytes = *bytes;
-    if (auto ok = checkDeclaredImageSize("\"" + path + "\"", declared); !ok) throw CommandError{"cannot read " + ok.error()};
-    int const channels = spec.nchannels;
-    Stack<float> data(std::size_t(spec.width) * std::size_t(spec.height) * std::size_t(channels));
-    if (!in->read_image(0, 0, 0, channels, OIIO::TypeDesc::FLOAT, data.data()))
-        throw CommandError{"cannot read \"" + path + "\": " + libraryError(in->geterror(), "the file is damaged")};
-    bool const floats = spec.format.basetype == OIIO::TypeDesc::HALF || spec.format.basetype == OIIO::TypeDesc::FLOAT ||
-                        spec.format.basetype == OIIO::TypeDesc::DOUBLE;
+    // The library's decoding front door: a regular file only, its declared size
+    // checked before allocating, a file cut short refused.
+    Image decoded;
+    ImageColorTag tag;
+    try {
+        Io::Path const file = Io::pathFromUtf8(path);
+        ImageFormat const format = getImageFormatFromContentType(Io::pathToUtf8(file.extension()), "\"" + path + "\"");
+        auto stream = Io::FileInputStream::open(file);
+        if (!stream) throw CommandError{stream.error()};
+        TaskProgress progress;
+        decoded = makeImage(**stream, format, progress, {.associateAlpha = true, .colorTag = &tag});
+    } catch (Exception const& e) {
+        throw CommandError{"cannot read " + libraryError(e.what(), "the file is damaged")};
+    }
+    PixelFormat const format = decoded.getFormat();
+    ChannelType const type = getChannelType(format);
     LoadedImage image;
     if (colorSpace == ColorSpaces::AUTO) {
-        PixelFormat const kind = floats ? PixelFormat::RgbFloat
-                                        : spec.format.basetype == OIIO::TypeDesc::UINT8 ? PixelFormat::Rgb8 : PixelFormat::Rgb16;
-        image.colorSpace = ColorSpaces::spaceForFile(spec.get_string_attribute("oiio:ColorSpace"),
-                                                     spec.get_float_attribute("oiio:Gamma", 0.f), kind);
+        PixelFormat const kind = type == ChannelType::UInt8    ? PixelFormat::Rgb8
+                                 : type == ChannelType::UInt16 ? PixelFormat::Rgb16
+                                                               : PixelFormat::RgbFloat;
+        image.colorSpace = ColorSpaces::spaceForFile(tag.space, tag.gamma, kind);
     } else {
         image.colorSpace = colorSpace;
     }
-    image.width = spec.width;
-    image.height = spec.height;
-    image.hasAlpha = spec.alpha_channel >= 0 || channels == 2 || channels >= 4;
-    int const alphaChannel = spec.alpha_channel >= 0 ? spec.alpha_channel : (channels == 2 ? 1 : (channels >= 4 ? 3 : -1));
-    image.pixels.resize(std::size_t(spec.width) * std::size_t(spec.height));
-    for (std::size_t i = 0; i < image.pixels.size(); ++i) {
-        float const* p = &data[i * std::size_t(channels)];
-        Rgb const c = channels >= 3 ? Rgb(p[0], p[1], p[2]) : Rgb(p[0]);
-        image.pixels[i] = RgbAlpha(c, alphaChannel >= 0 ? p[alphaChannel] : 1.f);
-    }
+    image.width = decoded.getWidth();
+    image.height = decoded.getHeight();
+    image.hasAlpha = getChannelCount(format) == 2 || getChannelCount(format) == 4;
+    image.pixels.resize(std::size_t(image.width) * std::size_t(image.height));
+    for (int y = 0; y < image.height; ++y)
+        for (int x = 0; x < image.width; ++x)
+            image.pixels[std::size_t(y) * std::size_t(image.width) + std::size_t(x)] = decoded.getRgbAlpha(x, y);
     return image;
 }
 

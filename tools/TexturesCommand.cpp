@@ -2,6 +2,7 @@
 // image files through the texture cache, lists them, applies the out-of-core
 // settings and prints the mip-map manager's report.
 #include <atomic>
+#include <cmath>
 #include <cstdio>
 
 #include "Commands.h"
@@ -47,17 +48,27 @@ void run(TexturesOptions const& options) {
     for (auto const& future : futures) textures.push_back(future.getImageTexture());
     progress.finish();
 
-    bool failed = false;
+    // The first failure's file and reason make the error line; every texture is listed.
+    String firstError;
+    int failures = 0;
     for (auto const& texture : textures) {
         std::printf("%s\n", describe(*texture).c_str());
-        failed |= !texture->hasPixels();
+        if (!texture->hasPixels() && failures++ == 0)
+            firstError = texture->getError().find(texture->getName()) != String::npos
+                             ? texture->getError()
+                             : texture->getName() + ": " + texture->getError();
     }
+    bool failed = failures > 0;
 
     if (options.budgetGiB || options.percent || !options.folder.empty()) {
         Io::Path const folder =
             options.folder.empty() ? MipMapManager::getDefaultOffloadDirectory() : Io::pathFromUtf8(options.folder);
         auto const updated = MipMapManager::updateCache(true, options.budgetGiB, options.percent, folder);
-        if (!updated) throw CommandError{updated.error()};
+        if (!updated) {
+            if (failures++ == 0)
+                firstError = updated.error();
+            failed = true;
+        }
         std::printf("Offloaded %.2f MiB of a budget of %.2f MiB\n", double(MipMapManager::getOffloadedBytes()) / double(1 << 20),
                     double(MipMapManager::getBudget()) / double(1 << 20));
         // The report (and textureStats.csv in the offload folder) only with the
@@ -65,7 +76,8 @@ void run(TexturesOptions const& options) {
         std::printf("\n%s", MipMapManager::getStatsAndSaveReport().c_str());
     }
     if (failed)
-        throw CommandError{"some textures could not be loaded"};
+        throw CommandError{failures == 1 ? firstError
+                                         : firstError + " (and " + std::to_string(failures - 1) + " more failures listed above)"};
 }
 
 } // namespace
@@ -75,11 +87,21 @@ void addTexturesCommand(CLI::App& app) {
     CLI::App* command = app.add_subcommand("textures", "Load image files through the texture cache, offload mip levels to disk "
                                                        "under a budget and print the cache's report");
     command->add_option("files", options->files, "Image files (EXR, HDR, PNG, JPEG, TIFF, TGA, BMP)")->required();
+    // NaN passes the range checks (every comparison is false): refused here.
+    auto const finite = CLI::Validator(
+        [](String& text) -> String {
+            float value = 0.f;
+            if (!CLI::detail::lexical_cast(text, value) || !std::isfinite(value)) return "not a finite number: " + text;
+            return {};
+        },
+        "FINITE");
     command->add_option_function<float>(
                "--budget-gib", [options](float g) { options->budgetGiB = g; }, "Disk budget for offloaded mip levels, in GiB")
+        ->check(finite)
         ->check(CLI::NonNegativeNumber);
     command->add_option_function<float>(
                "--percent", [options](float p) { options->percent = p; }, "Per cent of the offload disk to keep free")
+        ->check(finite)
         ->check(CLI::Range(0.f, 100.f));
     command->add_option("--folder", options->folder, "Offload folder (default: the temporary folder's OstrelRenderer/ImageTextureCache)");
     command->callback([options] { run(*options); });

@@ -48,11 +48,15 @@ void convertRecord(std::byte const* source, float* destination, String const& fi
         double d;
         std::memcpy(&d, source + pass * PASS_BYTES + SCALE_OFFSET, sizeof d);
         d = Io::Detail::fromLittleEndian(d);
-        if (!std::isfinite(d) || d == 0.0)
+        // Values are scaled in float: the scale and its reciprocal must both
+        // be ordinary floats (1e-300 is non-zero but becomes 0 and then infinity).
+        float const scale = float(d);
+        float const reciprocal = float(1.0 / d);
+        if (!std::isnormal(scale) || !std::isfinite(reciprocal))
             throw Exception(fileName + ": the scale at offset " +
                             std::to_string(fileOffset + pass * PASS_BYTES + SCALE_OFFSET) + " is " + std::to_string(d) +
-                            ", not a finite non-zero number: the file is damaged");
-        scales[pass] = float(1.0 / d);
+                            ", not a normal float with a finite reciprocal: the file is damaged");
+        scales[pass] = reciprocal;
     }
     convertHalvesInterleaved(source, PASS_BYTES, Self::PASSES, Self::PASS_VALUES, nullptr, destination);
     convertHalvesInterleaved(source + SCALE_OFFSET + 8, PASS_BYTES, Self::PASSES, Self::SCALED_VALUES, scales,

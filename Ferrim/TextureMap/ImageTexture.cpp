@@ -212,10 +212,14 @@ ImageTexture::ImageTexture(EntityHolder<IDataSource const> source, String colorS
     } catch (Exception const& e) {
         mError = e.what();
         levels.clear();
+    } catch (std::bad_alloc const&) {
+        // The decoder names the size it wanted; this is the mip chain's.
+        levels.clear();
+        mError = (mSource ? mSource->getDisplayName() : String("texture")) + ": not enough memory for the mip levels";
     }
     if (mName.empty())
         mName = generateUuidAsString();
-    MipChainAccess::levels(mMips) = std::move(levels);
+    MipChainAccess::setLevels(mMips, std::move(levels));
     MipChainAccess::setOffloadable(mMips, mError.empty());
     MipChainAccess::setId(mMips, generateUuidAsString());
 }

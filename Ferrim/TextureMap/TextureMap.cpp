@@ -8,6 +8,7 @@
 #include "Ferrim/Ferrim.h"
 #include "Ferrim/ShadingDataObjectBuilder.h"
 #include "Ferrim/TextureMap/ImageTextureCache.h"
+#include "Ferrim/TextureMap/ImageTextureCacheDetail.h"
 #include "Ferrim/maps/BumpConverterMap.h"
 #include "Ferrim/maps/ProceduralSupport.h"
 
@@ -264,15 +265,22 @@ template <PixelFormat F> inline Float4 boundAlpha(Float4 c) {
 
 } // namespace
 
-[[gnu::noinline]] void TextureMap::Evaluator::readBack(int level) const {
+[[gnu::noinline]] std::byte const* TextureMap::Evaluator::readBack(int level) const {
     // Second test under the lock: of several threads needing the level, one reads it back.
     std::lock_guard lock(mTexture->getMutex());
     if (level < mTexture->getOffloadedCount()) MipMapManager::readBack(*mTexture, level);
+    // Offloading needs the lock, so the level is resident here; the caller's
+    // lookup guard keeps the buffer alive once the lock is released.
+    std::byte const* const pixels = mLevels[std::size_t(level)].pixels->load(std::memory_order_seq_cst);
+    if (!pixels) Quelin::Detail::throwStopException(SOURCE, __LINE__);
+    return pixels;
 }
 
-inline void TextureMap::Evaluator::requireResident(int level) const {
-    if (level < mTexture->getOffloadedCount()) [[unlikely]]
-        readBack(level);
+inline std::byte const* TextureMap::Evaluator::residentPixels(int level) const {
+    std::byte const* const pixels = mLevels[std::size_t(level)].pixels->load(std::memory_order_seq_cst);
+    if (!pixels) [[unlikely]]
+        return readBack(level);
+    return pixels;
 }
 
 // Unfiltered lookups of resident textures: level 0, of the format the routine
@@ -280,26 +288,26 @@ inline void TextureMap::Evaluator::requireResident(int level) const {
 template <PixelFormat F, Conversion C, InterpolationMode I>
 Float4 TextureMap::Evaluator::sampleTexture(Evaluator const& e, float u, float v, float du, float dv, bool filtered,
                                             Addressing addressing) {
-    if (filtered || e.mTexture->getOffloadedCount() > 0) [[unlikely]]
-        return sampleGeneral<F, C, I>(e, u, v, du, dv, filtered, addressing);
+    MipMapManager::Detail::LookupGuard const guard;
     Level const& l = e.mLevels[0];
-    return boundAlpha<F>(sample<F, C, I>(l.image->getData(), l.shape, u, v, addressing, e.mConversion));
+    std::byte const* const pixels = l.pixels->load(std::memory_order_seq_cst);
+    if (filtered || !pixels) [[unlikely]]
+        return sampleGeneral<F, C, I>(e, u, v, du, dv, filtered, addressing);
+    return boundAlpha<F>(sample<F, C, I>(pixels, l.shape, u, v, addressing, e.mConversion));
 }
 
 // The level choice, reading back and the kernels of both levels in one routine.
+// Runs inside the caller's lookup guard.
 template <PixelFormat F, Conversion C, InterpolationMode I>
 [[gnu::noinline]] Float4 TextureMap::Evaluator::sampleGeneral(Evaluator const& e, float u, float v, float du,
                                                               float dv, bool filtered, Addressing addressing) {
-    auto const level = [&](int i) {
+    auto const level = [&](int i, std::byte const* pixels) {
         Level const& l = e.mLevels[std::size_t(i)];
         if (l.likeFirst) [[likely]]
-            return sample<F, C, I>(l.image->getData(), l.shape, u, v, addressing, e.mConversion);
-        return l.sample(l.image->getData(), l.shape, u, v, addressing, e.mConversion);
+            return sample<F, C, I>(pixels, l.shape, u, v, addressing, e.mConversion);
+        return l.sample(pixels, l.shape, u, v, addressing, e.mConversion);
     };
-    auto const single = [&](int i) {
-        e.requireResident(i);
-        return boundAlpha<F>(level(i));
-    };
+    auto const single = [&](int i) { return boundAlpha<F>(level(i, e.residentPixels(i))); };
     if (!filtered) return single(0);
     float w = du < dv ? du : dv;
     if (!(w >= 1e-8f)) w = 1e-8f;  // NaN too
@@ -311,9 +319,9 @@ template <PixelFormat F, Conversion C, InterpolationMode I>
     if (whole < 0) return single(0);  // L <= 0
     if (whole >= e.mTopLevel) return single(e.mTopLevel);
     float const fraction = log2Approx(std::bit_cast<float>((bits & 0x007FFFFFu) | 0x3F800000u));  // [0, 1]
-    e.requireResident(whole);  // makes level whole + 1 resident too
-    Float4 const a = level(whole);
-    return boundAlpha<F>(a + (level(whole + 1) - a) * Float4(fraction));
+    std::byte const* const finer = e.residentPixels(whole);
+    Float4 const a = level(whole, finer);
+    return boundAlpha<F>(a + (level(whole + 1, e.residentPixels(whole + 1)) - a) * Float4(fraction));
 }
 
 TextureMap::Evaluator::Evaluator(SharedPtr<ImageTexture const> texture, SharedPtr<UvMapper const> uvMapper,
@@ -377,12 +385,12 @@ TextureMap::Evaluator::Evaluator(SharedPtr<ImageTexture const> texture, SharedPt
     mLevels.reserve(std::size_t(n));
     for (int i = 0; i < n; ++i) {
         // Descriptors stay valid while a level is offloaded; its pixels are
-        // looked up at each sample, after the residency test.
+        // looked up at each sample, through the chain's published pointer.
         Image const& level = t.getLevel(i);
         mLevels.push_back({selectSampleFunction(level.getFormat(), settings.interpolation, conversion),
                            LevelShape{level.getWidth(), level.getHeight(), float(level.getWidth()),
                                       float(level.getHeight()), level.getRowBytes()},
-                           &level,
+                           &MipChainAccess::pixels(t.getMipChain(), i),
                            level.getFormat() == format});
     }
     mSample = dispatch(format, conversion, settings.interpolation,

@@ -131,8 +131,10 @@ private:
 };
 
 /// Immutable after construction and shared by render threads. The only
-/// shared state it touches is the texture's offloaded levels, read back under
-/// the texture's mutex when a lookup needs one.
+/// shared state it touches is the texture's levels: each lookup runs inside a
+/// lookup guard, so that offloading (at any time, see
+/// `MipMapManager::updateCache`) frees no level it reads; a level found
+/// offloaded is read back under the texture's mutex.
 class FERRIM_EXPORT TextureMap::Evaluator : public IMapEvaluator {
 public:
     /// An unknown enumeration value in `settings` or a wrap mode of the
@@ -162,7 +164,7 @@ private:
     struct Level {
         TextureSampling::SampleFunction sample;  ///< for a level whose format differs from level 0's
         TextureSampling::LevelShape shape;
-        Image const* image;
+        std::atomic<std::byte const*> const* pixels;  ///< the chain's published pointer, null while offloaded
         bool likeFirst;  ///< of level 0's pixel format
     };
     /// Level choice, residency and filtering, specialised for level 0's format.
@@ -200,9 +202,10 @@ private:
     FERRIM_TEXTURE_INTERNAL RgbAlpha colorOutput(Float4 colour) const;
     FERRIM_TEXTURE_INTERNAL MonoAlpha monoOutput(Float4 colour) const;
 
-    /// Makes `level` and coarser levels resident (double-checked under the texture's mutex).
-    FERRIM_TEXTURE_INTERNAL void requireResident(int level) const;
-    FERRIM_TEXTURE_INTERNAL void readBack(int level) const;
+    /// The pixels of `level`, read back (under the texture's mutex) when offloaded.
+    FERRIM_TEXTURE_INTERNAL std::byte const* residentPixels(int level) const;
+    /// Makes `level` and coarser levels resident and returns the pixels of `level`.
+    FERRIM_TEXTURE_INTERNAL std::byte const* readBack(int level) const;
     FERRIM_TEXTURE_INTERNAL bool usesEnvironment(IShadeContext const& context) const;
     FERRIM_TEXTURE_INTERNAL Found findEnvironment(IShadeContext const& context) const;
 

@@ -9,6 +9,7 @@
 #include "Ferrim/IMap.h"
 #include "Ferrim/TextureMap/TextureMap.h"
 #include "PointShadeContext.h"
+#include "QuelinLib/Io.h"
 #include "QuelinLib/Json.h"
 #include "QuelinLib/TaskScheduler.h"
 #include "SwatchRenderer.h"
@@ -185,12 +186,16 @@ std::pair<String, String> sceneText(py::handle scene, String const& shape) {
         return {toJson(scene, "scene").dump(), "scene"};
     if (PyUnicode_Check(scene.ptr()) || py::hasattr(scene, "__fspath__")) {
         String const path = py::module_::import("os").attr("fspath")(scene).cast<String>();
-        std::ifstream in(path, std::ios::binary);
-        if (!in)
-            raiseError("cannot read scene file \"" + path + "\": no such file or not readable");
-        std::ostringstream text;
-        text << in.rdbuf();
-        return {text.str(), path};
+        // Regular files only, checked before opening (a FIFO would block), of a bounded size.
+        constexpr std::int64_t MAX_SCENE_FILE_BYTES = 64 << 20;
+        auto text = Io::readTextFile(Io::pathFromUtf8(path), MAX_SCENE_FILE_BYTES);
+        if (!text) {
+            // The reason without the path that the error starts with: the path is quoted here.
+            String reason = text.error();
+            if (reason.starts_with(path + ": ")) reason.erase(0, path.size() + 2);
+            raiseError("cannot read scene file \"" + path + "\": " + reason);
+        }
+        return {std::move(*text), path};
     }
     throw py::type_error("scene must be None (the demo scene), a ferrim.Map, a scene dict or a scene file path");
 }

@@ -4,6 +4,7 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <numeric>
+#include <sys/stat.h>
 
 #include "TestSupport/TempFolderTest.h"
 
@@ -128,6 +129,21 @@ TEST_F(IoTest, MissingFilesAndUnwritableFoldersAreRefusedByName) {
     expectNames(Io::FileOutputStream::open(folder / "level0"), folder / "level0");
     // A regular file where a folder is asked for is not a folder.
     expectNames(Io::createDirs(mFolder / "blocker"), mFolder / "blocker");
+}
+
+TEST_F(IoTest, OnlyRegularFilesOpenAndAFifoDoesNotBlock) {
+    // Opening a FIFO would wait for a writer forever; /dev/zero never ends.
+    Io::Path const fifo = mFolder / "fifo.exr";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    fs::create_directories(mFolder / "folder.exr");
+    for (Io::Path const& path : {fifo, mFolder / "folder.exr", Io::Path("/dev/zero")}) {
+        auto const in = Io::FileInputStream::open(path);
+        ASSERT_FALSE(in) << path;
+        expectNames(in, path);
+    }
+    auto const out = Io::FileOutputStream::open(fifo);
+    ASSERT_FALSE(out);
+    EXPECT_NE(out.error().find("not a regular file"), String::npos) << out.error();
 }
 
 TEST_F(IoTest, RandomNamedFilesAreNewAndRemovable) {

@@ -1,5 +1,8 @@
 // Reading the bracketing slices of the sky and sun data files: values from
 // the right places, only the bytes the layout needs, forward seeks only.
+#include <cmath>
+#include <fstream>
+#include <limits>
 #include <gtest/gtest.h>
 
 #include "Ferrim/SkyMap/PrgSkyModelData.h"
@@ -101,6 +104,27 @@ TEST_F(PrgSkyModelDataFaults, AFileCutBeforeAPerPassScaleIsTheStreamError) {
             ADD_FAILURE() << "a cut at " << cut << " was read";
         } catch (Exception const& e) {
             EXPECT_EQ(String(e.what()).rfind(message, 0), 0u) << e.what();
+        }
+    }
+}
+
+TEST_F(PrgSkyModelDataFaults, ScalesThatAreNotNormalFloatsWithFiniteReciprocalsAreRefused) {
+    // 1e-300 is finite and non-zero as a double, but 0 as a float and infinite once inverted.
+    Io::Path const path = mFolder / "scaled.dat";
+    Files::writeSkyFile(path, {{{0, 0, 0}, 0, 0}});
+    std::int64_t const offset = Files::skyRecordOffset(0, 0, 0, 0, 0) + 550;
+    for (double scale : {1e-300, 1e-40, 0.0, 1e39, std::numeric_limits<double>::infinity(), std::nan("")}) {
+        {
+            std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+            file.seekp(offset);
+            file.write(reinterpret_cast<char const*>(&scale), sizeof scale);
+        }
+        RecordingStream stream(path);
+        try {
+            PrgSkyModelData const data({{0, 0, 0}, 0, 0}, stream);
+            ADD_FAILURE() << "a scale of " << scale << " was read";
+        } catch (Exception const& e) {
+            EXPECT_NE(String(e.what()).find("the scale at offset " + std::to_string(offset)), String::npos) << e.what();
         }
     }
 }

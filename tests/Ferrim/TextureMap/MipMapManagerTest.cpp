@@ -2,7 +2,13 @@
 
 #include <filesystem>
 #include <fstream>
+#include <cmath>
+#include <cstdlib>
+#include <fcntl.h>
+#include <future>
 #include <gmock/gmock.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <thread>
 
 #include "Ferrim/TextureMap/ImageTextureCache.h"
@@ -129,7 +135,7 @@ TEST_F(OffloadTest, UnlimitedBudgetOffloadsEverythingAndZeroReadsItAllBackIntact
     expectSplit(*texture, 0, 0);
     ASSERT_TRUE(offloadAll());
     expectSplit(*texture, 7, TOTAL);
-    EXPECT_EQ(fs::file_size(levelFile(*texture, 0)), 16384u) << "raw pixel bytes, no header";
+    EXPECT_EQ(fs::file_size(levelFile(*texture, 0)), 16384u + 8u) << "raw pixel bytes and their checksum";
     EXPECT_EQ(MipMapManager::getOffloadDirectory(), mStore);
     ASSERT_TRUE(budgetBytes(0));
     expectSplit(*texture, 0, 0);
@@ -240,6 +246,150 @@ TEST_F(OffloadTest, TheReportSumsTheTexturesAndWritesThreeCsvSections) {
     ASSERT_EQ(lines.size(), 7u);
     EXPECT_EQ(lines[0], "Loaded mip maps size, Total mip maps size");
     EXPECT_EQ(lines[1], std::to_string(2 * TOTAL - 16384) + ", " + std::to_string(2 * TOTAL));
+}
+
+TEST_F(OffloadTest, ALevelFileOverwrittenWithGarbageOfTheSameSizeIsRefusedAndStaysCounted) {
+    SharedPtr<ImageTexture> const texture = load("a.png");
+    ASSERT_TRUE(offloadAll());
+    {
+        std::fstream file(levelFile(*texture, 1), std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(100);
+        file.put('\x7f'); // one byte of 4096 + 8
+    }
+    auto const readAll = [&] {
+        try {
+            texture->requireLevel(0);
+            return String();
+        } catch (Exception const& e) {
+            return String(e.what());
+        }
+    };
+    String const error = readAll();
+    EXPECT_TRUE(error.starts_with("EOF while reading mip map data!")) << error;
+    EXPECT_NE(error.find("Ostrel_Mip_Map_1"), String::npos) << error;
+    // Levels 2 to 6 came back; 0 and 1 are still on disk and counted as such.
+    expectSplit(*texture, 2, 16384 + 4096);
+    // The same budget again is not silently "done": it retries and reports.
+    auto const again = budgetBytes(0);
+    ASSERT_FALSE(again);
+    EXPECT_NE(again.error().find("Ostrel_Mip_Map_1"), String::npos) << again.error();
+    EXPECT_FALSE(budgetBytes(0)) << "and again with the same budget";
+    expectSplit(*texture, 2, 16384 + 4096);
+}
+
+TEST_F(OffloadTest, ALevelFileReplacedByAFifoIsRefusedWithoutBlocking) {
+    SharedPtr<ImageTexture> const texture = load("a.png");
+    ASSERT_TRUE(offloadAll());
+    Io::Path const level = levelFile(*texture, 6); // the first one read back
+    fs::remove(level);
+    ASSERT_EQ(::mkfifo(level.c_str(), 0600), 0);
+    auto reading = std::async(std::launch::async, [&] {
+        try {
+            texture->requireLevel(0);
+            return String();
+        } catch (Exception const& e) {
+            return String(e.what());
+        }
+    });
+    if (reading.wait_for(std::chrono::seconds(20)) != std::future_status::ready) {
+        int const fd = ::open(level.c_str(), O_WRONLY | O_NONBLOCK); // let the blocked reader go
+        if (fd >= 0) ::close(fd);
+        FAIL() << "reading the level back blocked";
+    }
+    String const error = reading.get();
+    EXPECT_NE(error.find("Ostrel_Mip_Map_6"), String::npos) << error;
+    expectSplit(*texture, 7, TOTAL);
+}
+
+TEST_F(OffloadTest, NonFiniteOrOutOfRangeBudgetsAreRefusedAndChangeNothing) {
+    SharedPtr<ImageTexture> const texture = load("a.png");
+    ASSERT_TRUE(budgetBytes(16384));
+    float const inf = std::numeric_limits<float>::infinity(), nan = std::numeric_limits<float>::quiet_NaN();
+    for (auto const& [size, percent] : {std::pair<Optional<float>, Optional<float>>{nan, std::nullopt},
+                                        {inf, std::nullopt}, {-1.f, std::nullopt}, {std::nullopt, nan},
+                                        {std::nullopt, -inf}, {std::nullopt, 100.5f}, {1.f, nan}}) {
+        auto const result = MipMapManager::updateCache(true, size, percent, mStore);
+        ASSERT_FALSE(result);
+        EXPECT_THAT(result.error(), ::testing::HasSubstr("must be a finite number"));
+        EXPECT_EQ(MipMapManager::getBudget(), 16384);
+        EXPECT_EQ(texture->getOffloadedCount(), 1);
+    }
+}
+
+TEST_F(OffloadTest, AFullDiskIsReportedAndTheLevelStaysInMemory) {
+    Io::Path const small = mFolder / "small";
+    fs::create_directories(small);
+    if (::mount("tmpfs", small.c_str(), "tmpfs", 0, "size=12k") != 0)
+        GTEST_SKIP() << "cannot mount a small tmpfs here (" << std::strerror(errno) << "): the full-disk case is not run";
+    SharedPtr<ImageTexture> const texture = load("a.png");
+    Image const original = texture->getLevel(0).clone();
+    auto const result = MipMapManager::updateCache(true, std::nullopt, std::nullopt, small);
+    ::umount2(small.c_str(), MNT_DETACH);
+    ASSERT_FALSE(result) << "16 KiB of level 0 on a 12 KiB disk";
+    EXPECT_THAT(result.error(), ::testing::HasSubstr("Ostrel_Mip_Map_0"));
+    EXPECT_EQ(texture->getOffloadedCount(), 0);
+    EXPECT_EQ(MipMapManager::getOffloadedBytes(), 0);
+    EXPECT_TRUE(sameBytes(texture->getLevel(0), original));
+}
+
+// Budgets changing while eight threads sample: every lookup gives what it
+// gives with nothing offloaded, and nothing reads freed memory (this runs
+// under the sanitizer presets too). FERRIM_LIVE_BUDGET_SECONDS sets the length.
+TEST_F(OffloadTest, BudgetsChangingWhileEightThreadsSampleGiveTheSingleThreadedResults) {
+    auto map = makeMap(write("live.png", randomImage({256, 256}, PixelFormat::Rgba8, 11)));
+    auto const evaluator = std::dynamic_pointer_cast<TextureMap::Evaluator const>(evaluatorOf(*map));
+    ASSERT_TRUE(evaluator);
+    ASSERT_TRUE(evaluator->getTexture().hasPixels());
+    struct Lookup {
+        float u, v, du, dv;
+        bool filtered;
+        RgbAlpha expected;
+    };
+    std::mt19937 rng(5);
+    std::uniform_real_distribution<float> unit(0.f, 1.f);
+    Stack<Lookup> lookups(2048);
+    for (std::size_t i = 0; i < lookups.size(); ++i) {
+        Lookup& l = lookups[i];
+        l.u = unit(rng), l.v = unit(rng), l.du = std::exp2(-9.f * unit(rng)), l.dv = l.du * (0.5f + unit(rng));
+        l.filtered = i % 8 != 0;
+        l.expected = evaluator->lookupWrapped(l.u, l.v, l.du, l.dv, l.filtered, {}).value();
+    }
+    char const* seconds = std::getenv("FERRIM_LIVE_BUDGET_SECONDS");
+    auto const duration = std::chrono::duration<double>(seconds ? std::atof(seconds) : 2.0);
+    std::atomic<bool> stop{false};
+    std::atomic<std::int64_t> done{0}, wrong{0}, failed{0};
+    Stack<std::thread> threads;
+    for (int t = 0; t < 8; ++t)
+        threads.emplace_back([&, t] {
+            std::size_t i = std::size_t(t) * 97;
+            while (!stop.load(std::memory_order_relaxed)) {
+                Lookup const& l = lookups[i++ % lookups.size()];
+                try {
+                    RgbAlpha const got = evaluator->lookupWrapped(l.u, l.v, l.du, l.dv, l.filtered, {}).value();
+                    if (std::memcmp(&got, &l.expected, sizeof got) != 0) ++wrong;
+                } catch (...) {
+                    ++failed;
+                }
+                ++done;
+            }
+        });
+    MipMapManager::resetStats();
+    float const budgets[] = {0.f, 0.002f, 0.f, 0.0005f, 0.f, 1.f, 0.0001f};
+    int changes = 0;
+    auto const end = std::chrono::steady_clock::now() + duration;
+    // Two rounds of every budget at least, however slow the build (sanitizers, valgrind).
+    while (std::chrono::steady_clock::now() < end || changes < 2 * int(std::size(budgets))) {
+        auto const r = MipMapManager::updateCache(true, budgets[changes++ % std::size(budgets)], std::nullopt, mStore);
+        EXPECT_TRUE(r) << r.error();
+    }
+    stop = true;
+    for (auto& thread : threads) thread.join();
+    EXPECT_GT(MipMapManager::getStats().levelsWritten, 0) << "levels went to disk under the lookups";
+    EXPECT_GT(done.load(), 8 * 100);
+    EXPECT_EQ(wrong.load(), 0);
+    EXPECT_EQ(failed.load(), 0);
+    ASSERT_TRUE(budgetBytes(0));
+    EXPECT_EQ(MipMapManager::getOffloadedBytes(), 0);
 }
 
 } // namespace
