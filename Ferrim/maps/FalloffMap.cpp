@@ -168,15 +168,19 @@ namespace {
 template <bool OUTSIDE_DENSER> class DielectricFresnelEvaluator final : public IMapEvaluator {
 public:
     explicit DielectricFresnelEvaluator(float ior) : mOutside(ior), mInside(1.f / ior) {}
-    RgbAlpha evalColor(IShadeContext const& context, MapCache*) const override {
+    // The context's three calls made plainly: guessing its type at each one
+    // (a chain of compares through wrapping contexts) costs more than it saves.
+    [[gnu::optimize("no-devirtualize-speculatively")]] RgbAlpha evalColor(IShadeContext const& context, MapCache*) const override {
         float const f = at(context);
         return {f, f, f, 1.f};
     }
-    MonoAlpha evalMono(IShadeContext const& context, MapCache*) const override { return {at(context), 1.f}; }
+    [[gnu::optimize("no-devirtualize-speculatively")]] MonoAlpha evalMono(IShadeContext const& context, MapCache*) const override {
+        return {at(context), 1.f};
+    }
     Dir evalBump(IShadeContext const&, MapCache*) const override { return Dir(); }
 
 private:
-    float at(IShadeContext const& context) const {
+    [[gnu::always_inline]] float at(IShadeContext const& context) const {
         float const c = dot(context.getNormal(), context.getViewDirection());
         // A ray that hit a back face comes from inside.
         if (context.isBackFace()) return OUTSIDE_DENSER ? mInside.rarer(c) : mInside.denser(c);
