@@ -36,7 +36,7 @@ struct FERRIM_EXPORT Fresnel {
             eta2 = eta * eta;
             eta2m1 = double(eta) * double(eta) - 1.0;
             eta2m1f = float(eta2m1);
-            sScale = float(1.0 / (eta2m1 * eta2m1));
+            sScale = float(0.5 / (eta2m1 * eta2m1));  // the average's half folded in
             dA = eta2 * eta2 - 1.f;
             dB = float(-eta2m1);
             float const dMin = 1e-5f * (std::fabs(dA) + std::fabs(dB));
@@ -73,10 +73,10 @@ struct FERRIM_EXPORT Fresnel {
             // the floor on d^2 keeps Rp there at the tiny value it has.
             float const d = dA * c2 + dB;
             float const dd = d * d;
-            float const pScale = 1.f / (dd > dMin2 ? dd : dMin2);
+            float const pScale = 0.5f / (dd > dMin2 ? dd : dMin2);
             float const s = c - g, p = eta2 * c - g;
             float const s2 = s * s, p2 = p * p;
-            return 0.5f * (s2 * s2 * sScale + p2 * p2 * pScale);
+            return s2 * s2 * sScale + p2 * p2 * pScale;
         }
     };
 
