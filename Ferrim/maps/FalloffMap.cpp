@@ -19,7 +19,7 @@ namespace Quelin {
 //   Rs = (c - g)^4 / (1 - eta^2)^2,  Rp = (eta^2 c - g)^4 / d^2,
 // and the one division (by d^2) does not wait for the root. Near Brewster's
 // angle d and the numerator of Rp vanish together; where d is within the
-// rounding of its own terms, Rp (then below 1e-9 for indices up to 3) is 0.
+// rounding of its own terms, d^2 is floored there, and Rp stays below 1e-8.
 
 float Fresnel::dielectric(float c, float eta) {
     if (eta == std::numeric_limits<float>::infinity()) return 1.f;
@@ -163,27 +163,46 @@ FERRIM_REGISTER_ENTITY(FalloffMap);
 
 namespace {
 
-class FresnelEvaluator final : public IMapEvaluator {
+/// A dielectric's reflectance; which side is the denser one is fixed when the
+/// evaluator is built, so each face runs its own specialised formula.
+template <bool OUTSIDE_DENSER> class DielectricFresnelEvaluator final : public IMapEvaluator {
 public:
-    FresnelEvaluator(float ior, bool conductor, Rgb n, Rgb k)
-        : mOutside(ior), mInside(1.f / ior), mConductor(conductor), mN(n), mK(k) {}
-    RgbAlpha evalColor(IShadeContext const& context, MapCache*) const override {
-        float const c = cosine(context);
-        if (mConductor)
-            return {Fresnel::conductor(c, mN.r, mK.r), Fresnel::conductor(c, mN.g, mK.g), Fresnel::conductor(c, mN.b, mK.b), 1.f};
-        float const f = (context.isBackFace() ? mInside : mOutside).reflectance(c);
+    explicit DielectricFresnelEvaluator(float ior) : mOutside(ior), mInside(1.f / ior) {}
+    // The context's three calls made plainly: guessing its type at each one
+    // (a chain of compares through wrapping contexts) costs more than it saves.
+    [[gnu::optimize("no-devirtualize-speculatively")]] RgbAlpha evalColor(IShadeContext const& context, MapCache*) const override {
+        float const f = at(context);
         return {f, f, f, 1.f};
     }
+    [[gnu::optimize("no-devirtualize-speculatively")]] MonoAlpha evalMono(IShadeContext const& context, MapCache*) const override {
+        return {at(context), 1.f};
+    }
+    Dir evalBump(IShadeContext const&, MapCache*) const override { return Dir(); }
+
+private:
+    [[gnu::always_inline]] float at(IShadeContext const& context) const {
+        float const c = dot(context.getNormal(), context.getViewDirection());
+        // A ray that hit a back face comes from inside.
+        if (context.isBackFace()) return OUTSIDE_DENSER ? mInside.rarer(c) : mInside.denser(c);
+        return OUTSIDE_DENSER ? mOutside.denser(c) : mOutside.rarer(c);
+    }
+    Fresnel::Dielectric mOutside, mInside;
+};
+
+/// A conductor's reflectance per channel of its (n, k).
+class ConductorFresnelEvaluator final : public IMapEvaluator {
+public:
+    ConductorFresnelEvaluator(Rgb n, Rgb k) : mN(n), mK(k) {}
+    RgbAlpha evalColor(IShadeContext const& context, MapCache*) const override {
+        float const c = dot(context.getNormal(), context.getViewDirection());
+        return {Fresnel::conductor(c, mN.r, mK.r), Fresnel::conductor(c, mN.g, mK.g), Fresnel::conductor(c, mN.b, mK.b), 1.f};
+    }
     MonoAlpha evalMono(IShadeContext const& context, MapCache* cache) const override {
-        if (!mConductor) return {(context.isBackFace() ? mInside : mOutside).reflectance(cosine(context)), 1.f};
         return {evalColor(context, cache).rgb().mean(), 1.f};
     }
     Dir evalBump(IShadeContext const&, MapCache*) const override { return Dir(); }
 
 private:
-    static float cosine(IShadeContext const& context) { return dot(context.getNormal(), context.getViewDirection()); }
-    Fresnel::Dielectric mOutside, mInside;  ///< a ray that hit a back face comes from inside
-    bool mConductor;
     Rgb mN, mK;
 };
 
@@ -220,7 +239,12 @@ IMap::OptimizedResult FresnelMap::getEvaluatorImpl() const {
         return c;
     };
     OptimizedResult r;
-    r.evaluator = makeSharedPtr<FresnelEvaluator>(ior, conductor, finite(get<Rgb>("n")), finite(get<Rgb>("k")));
+    if (conductor)
+        r.evaluator = makeSharedPtr<ConductorFresnelEvaluator>(finite(get<Rgb>("n")), finite(get<Rgb>("k")));
+    else if (ior > 1.f)
+        r.evaluator = makeSharedPtr<DielectricFresnelEvaluator<true>>(ior);
+    else
+        r.evaluator = makeSharedPtr<DielectricFresnelEvaluator<false>>(ior);
     return r;
 }
 

@@ -26,7 +26,7 @@ namespace Quelin {
 struct FERRIM_EXPORT Fresnel {
     /// The terms of one index, prepared once (see FalloffMap.cpp for the form).
     struct Dielectric {
-        float eta2 = 1.f, sScale = 0.f, dA = 0.f, dB = 0.f, dMin = 0.f;
+        float eta2 = 1.f, eta2m1f = 0.f, sScale = 0.f, dA = 0.f, dB = 0.f, dMin2 = 0.f;
         double eta2m1 = 0.0;  ///< in double: near the critical angle g^2 is a small difference
         bool unit = true;  ///< eta = 1: no interface
 
@@ -35,25 +35,48 @@ struct FERRIM_EXPORT Fresnel {
             unit = false;
             eta2 = eta * eta;
             eta2m1 = double(eta) * double(eta) - 1.0;
-            sScale = float(1.0 / (eta2m1 * eta2m1));
+            eta2m1f = float(eta2m1);
+            sScale = float(0.5 / (eta2m1 * eta2m1));  // the average's half folded in
             dA = eta2 * eta2 - 1.f;
             dB = float(-eta2m1);
-            dMin = 1e-5f * (std::fabs(dA) + std::fabs(dB));
+            float const dMin = 1e-5f * (std::fabs(dA) + std::fabs(dB));
+            dMin2 = dMin * dMin;
         }
-        /// At the cosine c of the incidence angle; inline, as evaluators call it per sample.
+        /// At the cosine c of the incidence angle, for any eta; inline, as
+        /// evaluators call it per sample.
         float reflectance(float c) const {
-            c = std::fabs(c);
-            c = c < 1.f ? c : 1.f;  // NaN counts as head-on
             if (unit) return 0.f;
+            return eta2m1 > 0.0 ? denser(c) : rarer(c);
+        }
+        /// eta > 1 only: g^2 >= eta^2 - 1 > 0, so there is neither total
+        /// internal reflection nor cancellation, and float suffices.
+        float denser(float c) const {
+            c = clampCosine(c);
             float const c2 = c * c;
+            return combine(c, c2, std::sqrt(eta2m1f + c2));
+        }
+        /// eta < 1 only: total internal reflection is a select, not a branch.
+        float rarer(float c) const {
+            c = clampCosine(c);
             float const g2 = float(eta2m1 + double(c) * double(c));
-            if (!(g2 > 0.f)) return 1.f;  // total internal reflection
+            float const f = combine(c, c * c, std::sqrt(g2 > 0.f ? g2 : 0.f));
+            return g2 > 0.f ? f : 1.f;
+        }
+
+    private:
+        static float clampCosine(float c) {
+            c = std::fabs(c);
+            return c < 1.f ? c : 1.f;  // NaN counts as head-on
+        }
+        float combine(float c, float c2, float g) const {
+            // Near Brewster's angle d and the numerator of Rp vanish together;
+            // the floor on d^2 keeps Rp there at the tiny value it has.
             float const d = dA * c2 + dB;
-            float const pScale = std::fabs(d) > dMin ? 1.f / (d * d) : 0.f;
-            float const g = std::sqrt(g2);
+            float const dd = d * d;
+            float const pScale = 0.5f / (dd > dMin2 ? dd : dMin2);
             float const s = c - g, p = eta2 * c - g;
             float const s2 = s * s, p2 = p * p;
-            return 0.5f * (s2 * s2 * sScale + p2 * p2 * pScale);
+            return s2 * s2 * sScale + p2 * p2 * pScale;
         }
     };
 

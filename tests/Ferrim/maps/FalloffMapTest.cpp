@@ -113,6 +113,25 @@ TEST_F(FalloffMapTest, EqualConstantInputsFoldAndBumpBlends) {
     Testing::expectNear(map.getEvaluator().evaluator->evalBump(pointAt(60.f), nullptr), Dir(0.5f, 1.f, 1.5f), 1e-5f);
 }
 
+TEST_F(FalloffMapTest, FresnelMapMatchesTheEquationsOnBothFacesForIndicesAboveAndBelowOne) {
+    struct BackFace : SettableShadeContext {
+        bool isBackFace() const override { return true; }
+    };
+    for (float ior : {1.5f, 0.7f}) {
+        FresnelMap map;
+        map.set("ior", ior);
+        auto const e = map.getEvaluator().evaluator;
+        for (int degrees = 0; degrees < 90; degrees += 3) {
+            SettableShadeContext const front = pointAt(float(degrees));
+            BackFace back;
+            back.normal = front.normal;
+            float const c = dot(front.normal, -front.view);
+            EXPECT_NEAR(e->evalMono(front, nullptr).value, reflectanceAtCosine(c, ior), 1e-6) << ior << " " << degrees;
+            EXPECT_NEAR(e->evalColor(back, nullptr).g, reflectanceAtCosine(c, 1.0 / double(ior)), 1e-6) << ior << " " << degrees;
+        }
+    }
+}
+
 TEST_F(FalloffMapTest, FresnelMapInvertsTheIndexOnBackFacesAndReadsPerChannelMetals) {
     FresnelMap map;
     struct BackFace : SettableShadeContext {
