@@ -96,6 +96,12 @@ Stack<String> UnitScaler::sceneUnitProperties(StringView typeName) {
 void setupMapUnitScaler() {
     // Lengths in the scene: the projection size and the per-axis offsets of a triplanar map.
     UnitScaler::registerSceneUnitProperties("Zatho.TriplanarMap", {"size", "offsetX", "offsetY", "offsetZ"});
+    // The scene maps' ranges and radii (a wireframe's width only counts in world units).
+    UnitScaler::registerSceneUnitProperties("Zatho.DistanceMap", {"nearDistance", "farDistance"});
+    UnitScaler::registerSceneUnitProperties("Zatho.AmbientOcclusionMap", {"radius"});
+    UnitScaler::registerSceneUnitProperties("Zatho.CurvatureMap", {"radius"});
+    UnitScaler::registerSceneUnitProperties("Zatho.RoundEdgesMap", {"radius"});
+    UnitScaler::registerSceneUnitProperties("Zatho.WireframeMap", {"width"});
 }
 
 } // namespace Quelin

@@ -6,6 +6,7 @@
 
 #include "Ferrim/Ferrim.h"
 #include "Ferrim/ShadingDataObjectBuilder.h"
+#include "Ferrim/UnitScaler.h"
 #include "Ferrim/maps/ProceduralSupport.h"
 
 namespace Quelin {
@@ -184,8 +185,9 @@ IMap::OptimizedResult DistanceMap::getEvaluatorImpl() const {
     GenericDataObject const& d = getData();
     DistanceEvaluator::Settings s;
     s.objectIds = objectIdsOf(d);
-    s.nearDistance = d.get<float>("nearDistance");
-    s.farDistance = d.get<float>("farDistance");
+    UnitScaler const units = UnitScaler::current();
+    s.nearDistance = units.getFloat(d, "nearDistance");
+    s.farDistance = units.getFloat(d, "farDistance");
     s.falloff = d.get<float>("falloff");
     OptimizedResult result;
     result.evaluator = makeSharedPtr<DistanceEvaluator>(std::move(s), MapsDetail::colorOrMapEvaluator(d, "nearColor"),
@@ -268,7 +270,7 @@ IMap::OptimizedResult AmbientOcclusionMap::getEvaluatorImpl() const {
     GenericDataObject const& d = getData();
     AmbientOcclusionEvaluator::Settings s;
     s.samples = d.get<int>("samples");
-    s.radius = d.get<float>("radius");
+    s.radius = UnitScaler::current().getFloat(d, "radius");
     s.onlySameObject = d.get<bool>("onlySameObject");
     s.invert = d.get<bool>("invert");
     s.filter = d.get<ObjectFilterMode>("objectFilter");
@@ -389,8 +391,9 @@ IMap::OptimizedResult CurvatureMap::getEvaluatorImpl() const {
     GenericDataObject const& d = getData();
     CurvatureEvaluator::Settings s;
     s.samples = d.get<int>("samples");
-    s.radius = d.get<float>("radius");
-    s.scale = d.get<float>("scale");
+    s.radius = UnitScaler::current().getFloat(d, "radius");
+    // Curvature is per length: a scene unit ten times smaller curves ten times less.
+    s.scale = d.get<float>("scale") / UnitScaler::current().factor();
     s.output = d.get<Output>("output");
     OptimizedResult result;
     result.evaluator = makeSharedPtr<CurvatureEvaluator>(s);
@@ -501,7 +504,7 @@ IMap::OptimizedResult RoundEdgesMap::getEvaluatorImpl() const {
     GenericDataObject const& d = getData();
     RoundEdgesEvaluator::Settings s;
     s.samples = d.get<int>("samples");
-    s.radius = d.get<float>("radius");
+    s.radius = UnitScaler::current().getFloat(d, "radius");
     s.mode = d.get<Mode>("mode");
     OptimizedResult result;
     result.evaluator = makeSharedPtr<RoundEdgesEvaluator>(s);
@@ -620,8 +623,9 @@ SharedPtr<Entity> WireframeMap::createNewInstance() const { return makeSharedPtr
 IMap::OptimizedResult WireframeMap::getEvaluatorImpl() const {
     GenericDataObject const& d = getData();
     WireframeEvaluator::Settings s;
-    s.width = d.get<float>("width");
     s.units = d.get<Units>("units");
+    // Pixels are no scene length; only world widths convert.
+    s.width = s.units == Units::World ? UnitScaler::current().getFloat(d, "width") : d.get<float>("width");
     OptimizedResult result;
     result.evaluator = makeSharedPtr<WireframeEvaluator>(s, MapsDetail::colorOrMapEvaluator(d, "edgeColor"),
                                                          MapsDetail::colorOrMapEvaluator(d, "faceColor"));

@@ -7,6 +7,7 @@
 #include <cmath>
 
 #include "Ferrim/FerrimTestSupport.h"
+#include "Ferrim/UnitScaler.h"
 #include "Ferrim/maps/SceneMaps.h"
 #include "QuelinLib/Json.h"
 
@@ -528,3 +529,33 @@ TEST_F(SceneMapRecords, EveryMapLoadsFromJsonAndRefusesBadValues) {
 }
 
 } // namespace
+
+namespace Quelin {
+namespace {
+
+// Ranges authored in centimetres measure a scene in metres: the map sees the
+// same scene as one authored in metres.
+TEST_F(SceneMapRecords, LengthsFollowTheUnitScaler) {
+    SceneShadeContext c = pointAt(Dir(0, 0, 1.5f), Dir(0, 0, 1));
+    c.setShapes({sphere(Dir(0, 0, 0), 1.f, 3)});
+    auto const weightOf = [&](float farDistance) {
+        auto const m = entityFromJsonAs<IMap>(nlohmann::json{{"@class", "Zatho.DistanceMap"}, {"farDistance", farDistance}});
+        EXPECT_TRUE(m);
+        return (*m)->getEvaluatorImpl().evaluator->evalMono(c, nullptr).value;
+    };
+    float const inMeters = weightOf(2.f);
+    UnitScaler::setCurrent(UnitScaler(UnitScaler::Unit::CENTIMETER, UnitScaler::Unit::METER));
+    float const inCentimeters = weightOf(200.f);
+    float const unscaled = weightOf(2.f);
+    UnitScaler::setCurrent(UnitScaler());
+    // A quarter of the way from the white near colour to the black far one.
+    EXPECT_NEAR(inMeters, 0.75f, 1e-4f);
+    EXPECT_NEAR(inCentimeters, inMeters, 1e-5f);
+    EXPECT_NEAR(unscaled, 0.f, 1e-4f);  // 2 cm is passed long before 0.5 m
+    for (char const* type : {"Zatho.AmbientOcclusionMap", "Zatho.CurvatureMap", "Zatho.RoundEdgesMap"})
+        EXPECT_TRUE(UnitScaler::isSceneUnitProperty(type, "radius")) << type;
+    EXPECT_TRUE(UnitScaler::isSceneUnitProperty("Zatho.WireframeMap", "width"));
+}
+
+} // namespace
+} // namespace Quelin
