@@ -11,6 +11,7 @@
 #include <random>
 
 #include "BenchRatios.h"
+#include "SceneFrame.h"
 #include "Ferrim/ColorMapping.h"
 #include "Ferrim/colorMappingOperators/Lut.h"
 #include "Ferrim/colorMappingOperators/LutOperator.h"
@@ -24,20 +25,10 @@ using namespace Quelin;
 
 namespace {
 
-constexpr int WIDTH = 3840, HEIGHT = 2160;
-constexpr std::size_t PIXELS = std::size_t(WIDTH) * HEIGHT;
-
-/// Scene-linear values as a render produces them: mostly below 1, some highlights.
-Stack<Rgb> const& sceneFrame() {
-    static Stack<Rgb> const frame = [] {
-        Stack<Rgb> f(PIXELS);
-        std::mt19937 rng(1);
-        std::exponential_distribution<float> e(2.5f);
-        for (Rgb& p : f) p = Rgb(e(rng), e(rng), e(rng));
-        return f;
-    }();
-    return frame;
-}
+using FerrimBench::HEIGHT;
+using FerrimBench::PIXELS;
+using FerrimBench::sceneFrame;
+using FerrimBench::WIDTH;
 
 /// Display-range values for the LUT benchmarks.
 Stack<Rgb> const& unitFrame() {

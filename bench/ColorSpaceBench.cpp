@@ -10,6 +10,7 @@
 #include <random>
 
 #include "BenchRatios.h"
+#include "SceneFrame.h"
 #include "Ferrim/ColorMapping.h"
 #include "Ferrim/Ferrim.h"
 #include "Ferrim/TextureMap/ImageTextureCache.h"
@@ -70,19 +71,10 @@ void runLoad(benchmark::State& state, String const& colorSpace) {
 
 // ------------------------------------------------------------ display view
 
-constexpr int WIDTH = 3840, HEIGHT = 2160;
-constexpr std::size_t PIXELS = std::size_t(WIDTH) * HEIGHT;
-
-Stack<Rgb> const& sceneFrame() {
-    static Stack<Rgb> const frame = [] {
-        Stack<Rgb> f(PIXELS);
-        std::mt19937 rng(1);
-        std::exponential_distribution<float> e(2.5f);
-        for (Rgb& p : f) p = Rgb(e(rng), e(rng), e(rng));
-        return f;
-    }();
-    return frame;
-}
+using FerrimBench::HEIGHT;
+using FerrimBench::PIXELS;
+using FerrimBench::sceneFrame;
+using FerrimBench::WIDTH;
 
 void refill(benchmark::State& state, Stack<Rgb>& work) {
     state.PauseTiming();

@@ -5,6 +5,7 @@
 #include "Ferrim/Ferrim.h"
 #include "Ferrim/IShadeContext.h"
 #include "QuelinLib/Exception.h"
+#include "TestSupport/TempFolderTest.h"
 
 namespace Quelin::Testing {
 
@@ -73,6 +74,19 @@ class LibraryFixture : public ::testing::Test {
 protected:
     void SetUp() override { Ferrim::startup(); }
     void TearDown() override { Ferrim::shutdown(); }
+};
+
+/// The library started, and a temp folder for the test's files.
+class LibraryTempFolderTest : public TempFolderTest {
+protected:
+    void SetUp() override {
+        TempFolderTest::SetUp();
+        Ferrim::startup();
+    }
+    void TearDown() override {
+        Ferrim::shutdown();
+        TempFolderTest::TearDown();
+    }
 };
 
 } // namespace Quelin::Testing

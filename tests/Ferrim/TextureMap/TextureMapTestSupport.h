@@ -51,16 +51,8 @@ inline void expectNear(RgbAlpha const& actual, RgbAlpha const& expected, float t
 }
 
 /// The library started, and a temp folder for the test's images.
-class TextureMapFixture : public Testing::TempFolderTest {
+class TextureMapFixture : public Testing::LibraryTempFolderTest {
 protected:
-    void SetUp() override {
-        TempFolderTest::SetUp();
-        Ferrim::startup();
-    }
-    void TearDown() override {
-        Ferrim::shutdown();
-        TempFolderTest::TearDown();
-    }
 
     /// Written losslessly: EXR keeps float channels, PNG 8 and 16 bits.
     Io::Path write(String const& name, Image const& image) {

@@ -22,17 +22,7 @@ EntityHolder<DisplayViewOperator> makeOperator(String input, String display, Str
     return op;
 }
 
-class DisplayViewOperatorTest : public Testing::TempFolderTest {
-protected:
-    void SetUp() override {
-        TempFolderTest::SetUp();
-        Ferrim::startup();
-    }
-    void TearDown() override {
-        Ferrim::shutdown();
-        TempFolderTest::TearDown();
-    }
-};
+using DisplayViewOperatorTest = Testing::LibraryTempFolderTest;
 
 } // namespace
 
