@@ -120,6 +120,8 @@ TriplanarEvaluator::TriplanarEvaluator(StaticArray<ColorOrMap::Evaluator, 3> map
         mSin[std::size_t(a)] = std::sin(axis.rotation * DEGREES);
     }
     mKeep = 1.f - p.blend;
+    for (std::size_t a = 0; a < 3; ++a)
+        mPlacement[a] = {mCos[a], mSin[a], mInverseScale[a], p.axes[a].offset.x, p.axes[a].offset.y};
 }
 
 namespace {
@@ -265,6 +267,11 @@ TriplanarEvaluator::Projection TriplanarEvaluator::projectWithTangents(IShadeCon
 /// context, blended by a fixed sum. A single projection is returned as it is.
 /// The maps never read the bump frame here, so it stays the parent's.
 template <typename Result, typename Eval>
+#if defined(__GNUC__) && !defined(__clang__)
+// The parent is whatever the renderer passes; guessing that it is a chain of
+// forwarding wrappers costs a compare per wrapper on every read.
+__attribute__((optimize("no-devirtualize-speculatively")))
+#endif
 inline Result TriplanarEvaluator::blendLookups(IShadeContext const& context, Eval const& eval) const {
     bool const object = mParameters.space == Space::OBJECT;
     Pos const p = object ? context.getObjectPosition() : context.getPosition().toPos();
@@ -289,13 +296,12 @@ inline Result TriplanarEvaluator::blendLookups(IShadeContext const& context, Eva
     auto const lookup = [&](int axis) {
         std::size_t const a = std::size_t(axis);
         float const rawX = raw[a][0], rawY = raw[a][1];
-        float const inv = mInverseScale[a];
+        Placement const& k = mPlacement[a];
         if (mParameters.randomRotation) [[unlikely]] {
-            sub.set(randomlyTurnedUvw(context, axis, rawX, rawY), footprint * inv);
+            sub.set(randomlyTurnedUvw(context, axis, rawX, rawY), footprint * k.inverseScale);
         } else {
-            float const c = mCos[a], s = mSin[a];
-            float const qx = (rawX - mParameters.axes[a].offset.x) * inv, qy = (rawY - mParameters.axes[a].offset.y) * inv;
-            sub.set(Pos(c * qx - s * qy, s * qx + c * qy, 0.f), footprint * inv);
+            float const qx = (rawX - k.offsetX) * k.inverseScale, qy = (rawY - k.offsetY) * k.inverseScale;
+            sub.set(Pos(k.cos * qx - k.sin * qy, k.sin * qx + k.cos * qy, 0.f), footprint * k.inverseScale);
         }
         return eval(axis, sub);
     };

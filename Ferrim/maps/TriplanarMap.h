@@ -83,6 +83,11 @@ private:
         bool transformTangents = false;  ///< object space: tangents to world
         AffineTm toWorld;
     };
+    /// One axis's constants of the colour and mono path, side by side.
+    struct Placement {
+        float cos, sin, inverseScale, offsetX, offsetY;
+    };
+
     Frame frameWithTangents(IShadeContext const& context) const;
     Projection projectWithTangents(IShadeContext const& context, Frame const& frame, int axis) const;
     Pos randomlyTurnedUvw(IShadeContext const& context, int axis, float rawX, float rawY) const;
@@ -95,6 +100,7 @@ private:
     StaticArray<float, 3> mInverseScale{};  ///< 1 / (size scale_a)
     StaticArray<float, 3> mScaleLength{};   ///< size scale_a
     StaticArray<float, 3> mCos{}, mSin{};
+    StaticArray<Placement, 3> mPlacement{};
     float mKeep = 0.8f;  ///< 1 - blend
 };
 
