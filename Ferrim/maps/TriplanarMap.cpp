@@ -276,6 +276,9 @@ inline Result TriplanarEvaluator::blendLookups(IShadeContext const& context, Eva
     bool const object = mParameters.space == Space::OBJECT;
     Pos const p = object ? context.getObjectPosition() : context.getPosition().toPos();
     Dir const n = object ? context.getObjectNormal() : context.getNormal();
+    // Every read of the parent first: nothing computed has to live across the calls.
+    float const footprint = context.getPositionFootprint();
+    ProjectionShadeContext sub(context, context.getShadedKind(), context.wantsFilteredLookup());
     float const nx = std::fabs(n.x), ny = std::fabs(n.y), nz = std::fabs(n.z);
     float const m = std::max(nx, std::max(ny, nz));
     float w0, w1, w2;
@@ -290,8 +293,6 @@ inline Result TriplanarEvaluator::blendLookups(IShadeContext const& context, Eva
         StaticArray<float, 3> const w = weightsOf(n, mParameters.blend);
         w0 = w[0], w1 = w[1], w2 = w[2];
     }
-    float const footprint = context.getPositionFootprint();
-    ProjectionShadeContext sub(context, context.getShadedKind(), context.wantsFilteredLookup());
     float const raw[3][2] = {{(n.x >= 0.f ? p.y : -p.y), p.z}, {(n.y >= 0.f ? -p.x : p.x), p.z}, {(n.z >= 0.f ? p.x : -p.x), p.y}};
     auto const lookup = [&](int axis) {
         std::size_t const a = std::size_t(axis);
