@@ -116,8 +116,10 @@ inline Int4 jumpState(Jumps const& table, int axis, int group, Int4 s) {
 
 /// Visits the cell with integer corner k = (kx, ky, kz, 0). `margin` bounds the
 /// difference between the quick centred distances and the exact ones, so the
-/// quick pass only rules out points that cannot reach a slot.
-inline void visitCell(Float4 p, Float4 k, Float4& slots, float margin) {
+/// quick pass only rules out points that cannot reach a slot. Only the first
+/// `Needed` slots are kept exact: a point at or past slot Needed - 1 could only
+/// change the later ones (the slots ascend and only ever shrink).
+template <int Needed> inline void visitCell(Float4 p, Float4 k, Float4& slots, float margin) {
     // Seed in single precision, truncated: (541 kx + 79 ky) + 31 kz.
     Float4 const weighted = k * Float4(541.f, 79.f, 31.f, 0.f);
     float const seedF = (lane<0>(weighted) + lane<1>(weighted)) + lane<2>(weighted);
@@ -130,7 +132,7 @@ inline void visitCell(Float4 p, Float4 k, Float4& slots, float margin) {
     // Quick pass: distances from p to the points measured from the cell centre.
     Float4 const q = p - k - Float4(0.5f);
     Float4 const qx = broadcast<0>(q), qy = broadcast<1>(q), qz = broadcast<2>(q);
-    float const f4 = lane<3>(slots);
+    float const f4 = lane<Needed - 1>(slots);
     Float4 const limit(f4 + (margin + f4 * 0x1p-20f));
     Float4 const scale(0x1p-32f);
     unsigned candidates = 0;
@@ -219,13 +221,17 @@ CellularEvaluator::CellularEvaluator(CellularMap::CellShape shape, ColorOrMap::E
         break;
     default: Detail::throwStopException("maps/CellularMap", 261);
     }
+    // The value reads the slots up to the last weighted one; the search keeps only those exact.
+    mNeededSlots = mWeights[1] != 0.f ? 2 : 1;
 }
 
 StaticArray<float, 8> const& CellularEvaluator::pointCountTable() { return POINT_COUNTS.t; }
 
 int CellularEvaluator::pointCount(std::uint32_t state) { return countPoints(state); }
 
-StaticArray<float, 4> CellularEvaluator::distanceSlots(Pos const& point) {
+namespace {
+
+template <int Needed> StaticArray<float, 4> slotsUpTo(Pos const& point) {
     float const inf = std::numeric_limits<float>::infinity();
     Float4 slots(inf);
     Float4 const p(point.x, point.y, point.z, 0.f);
@@ -234,7 +240,7 @@ StaticArray<float, 4> CellularEvaluator::distanceSlots(Pos const& point) {
     // quick one both stay below a few units of (|p| + 2) 2^-23 per axis.
     float const reach = std::max(std::max(std::fabs(point.x), std::fabs(point.y)), std::fabs(point.z)) + 3.f;
     float const margin = reach * 0x1p-17f;
-    visitCell(p, c, slots, margin);
+    visitCell<Needed>(p, c, slots, margin);
 
     // Squared distances from p to the boxes of the neighbour cells c + o and
     // c - o, four directions at a time: per axis the way to the face toward o.
@@ -258,12 +264,25 @@ StaticArray<float, 4> CellularEvaluator::distanceSlots(Pos const& point) {
     }
     for (int i = 0; i < 13; ++i) {
         Float4 const o = Float4::load(NEIGHBOURS[i]);
-        if (plusDistance[i] < lane<3>(slots)) visitCell(p, c + o, slots, margin);
-        if (minusDistance[i] < lane<3>(slots)) visitCell(p, c - o, slots, margin);
+        if (plusDistance[i] < lane<Needed - 1>(slots)) visitCell<Needed>(p, c + o, slots, margin);
+        if (minusDistance[i] < lane<Needed - 1>(slots)) visitCell<Needed>(p, c - o, slots, margin);
     }
     alignas(16) StaticArray<float, 4> out;
     slots.store(out.data());
     return out;
+}
+
+} // namespace
+
+StaticArray<float, 4> CellularEvaluator::distanceSlots(Pos const& point) { return slotsUpTo<4>(point); }
+
+StaticArray<float, 4> CellularEvaluator::distanceSlots(Pos const& point, int needed) {
+    switch (needed) {
+    case 1: return slotsUpTo<1>(point);
+    case 2: return slotsUpTo<2>(point);
+    case 3: return slotsUpTo<3>(point);
+    default: return slotsUpTo<4>(point);
+    }
 }
 
 float CellularEvaluator::valueFromSlots(StaticArray<float, 4> const& slots) const {
@@ -276,7 +295,8 @@ float CellularEvaluator::valueFromSlots(StaticArray<float, 4> const& slots) cons
 }
 
 float CellularEvaluator::cellValue(Pos const& uvw) const {
-    return valueFromSlots(distanceSlots(Pos(uvw.x * mFrequency, uvw.y * mFrequency, uvw.z * mFrequency)));
+    Pos const p(uvw.x * mFrequency, uvw.y * mFrequency, uvw.z * mFrequency);
+    return valueFromSlots(mNeededSlots == 1 ? slotsUpTo<1>(p) : slotsUpTo<2>(p));
 }
 
 RgbAlpha CellularEvaluator::colorForValue(float v, IShadeContext const& context, MapCache* cache) const {

@@ -37,6 +37,9 @@ public:
 
     /// The four distance slots F1..F4 (squared) at a point of cell space.
     static StaticArray<float, 4> distanceSlots(Pos const& p);
+    /// The same with only F1..F`needed` (1 to 4) exact; the later slots are
+    /// bounds, and the search skips what could only change them.
+    static StaticArray<float, 4> distanceSlots(Pos const& p, int needed);
     /// The shape's weighted sum of the square roots of the slots; terms of zero weight are left out.
     float valueFromSlots(StaticArray<float, 4> const& slots) const;
     /// The cell value at a UVW point (scaled by the frequency first).
@@ -56,6 +59,7 @@ private:
     ColorOrMap::Evaluator mHigh, mMid, mLow;
     SharedPtr<UvMapper const> mUvw;
     float mWeights[4];
+    int mNeededSlots = 1;
     float mFrequency;
     float mSize;
     float mBumpStrength = BUMP_STRENGTH;

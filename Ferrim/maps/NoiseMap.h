@@ -55,6 +55,7 @@ private:
     ColorOrMap::Evaluator mColor1;
     ColorOrMap::Evaluator mColor2;
     float mSize;
+    float mInverseSize;  ///< 1 / size: the point is scaled by a multiply per sample
     float mLevels;
     float mMinThreshold;
     float mMaxThreshold;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 #include "Ferrim/Ferrim.h"
 #include "Ferrim/ShadingDataObjectBuilder.h"
@@ -118,6 +119,9 @@ TriplanarEvaluator::TriplanarEvaluator(StaticArray<ColorOrMap::Evaluator, 3> map
         mCos[std::size_t(a)] = std::cos(axis.rotation * DEGREES);
         mSin[std::size_t(a)] = std::sin(axis.rotation * DEGREES);
     }
+    mKeep = 1.f - p.blend;
+    for (std::size_t a = 0; a < 3; ++a)
+        mPlacement[a] = {mCos[a], mSin[a], mInverseScale[a], p.axes[a].offset.x, p.axes[a].offset.y};
 }
 
 namespace {
@@ -142,13 +146,41 @@ inline StaticArray<float, 3> weightsOf(Dir const& normal, float blend) {
     return w;
 }
 
+/// A projection's view of the shading point: one object serves the three
+/// lookups of a point, its UVW and footprint set before each. The kind of
+/// point and the filtering wish are read from the parent once per point; the
+/// bump frame is the projection's only while a bump is evaluated.
+class ProjectionShadeContext final : public OverridableShadeContext {
+public:
+    ProjectionShadeContext(IShadeContext const& parent, ShadedKind kind, bool filtered)
+        : OverridableShadeContext(parent), mKind(kind), mFiltered(filtered) {}
+    ProjectionShadeContext(ProjectionShadeContext const&) = delete;
+
+    void set(Pos const& uvw, float footprint) { mUvw = uvw, mFootprint = footprint; }
+    void setTangents(TriplanarEvaluator::Projection const* tangents) { mTangents = tangents; }
+
+    Pos getUvw(int, std::uint32_t = 0) const override { return mUvw; }
+    Dir getDUvw(int) const override { return Dir(mFootprint, mFootprint, 0.f); }
+    ShadedKind getShadedKind() const override { return mKind; }
+    bool wantsFilteredLookup() const override { return mFiltered; }
+    Dir getDpDu(int channel) const override { return mTangents ? mTangents->dpdu : getParent().getDpDu(channel); }
+    Dir getDpDv(int channel) const override { return mTangents ? mTangents->dpdv : getParent().getDpDv(channel); }
+    Matrix33 getBumpBase(int channel) const override {
+        return mTangents ? UvMapper::bumpBaseFromTangents(getParent().getNormal(), mTangents->dpdu, mTangents->dpdv)
+                         : getParent().getBumpBase(channel);
+    }
+
+private:
+    Pos mUvw;
+    float mFootprint = 0.f;
+    TriplanarEvaluator::Projection const* mTangents = nullptr;
+    ShadedKind mKind;
+    bool mFiltered;
+};
+
 } // namespace
 
 StaticArray<float, 3> TriplanarEvaluator::blendWeights(Dir const& normal, float blend) { return weightsOf(normal, blend); }
-
-Dir TriplanarEvaluator::normalInSpace(IShadeContext const& context) const {
-    return mParameters.space == Space::OBJECT ? context.getObjectNormal() : context.getNormal();
-}
 
 float TriplanarEvaluator::randomAngle(IShadeContext const& context, int axis) const {
     std::uint32_t const h = mix32(std::uint32_t(context.getObjectId()) * 0x9E3779B1u ^ mix32(std::uint32_t(mParameters.seed)) ^
@@ -156,14 +188,23 @@ float TriplanarEvaluator::randomAngle(IShadeContext const& context, int axis) co
     return float(h >> 8) * (360.f / 16777216.f);
 }
 
-inline TriplanarEvaluator::Frame TriplanarEvaluator::frameInline(IShadeContext const& context, bool withTangents) const {
+Pos TriplanarEvaluator::randomlyTurnedUvw(IShadeContext const& context, int axis, float rawX, float rawY) const {
+    std::size_t const a = std::size_t(axis);
+    float const r = randomAngle(context, axis) * DEGREES;
+    float const cr = std::cos(r), sr = std::sin(r);
+    float const c = mCos[a] * cr - mSin[a] * sr, s = mSin[a] * cr + mCos[a] * sr;
+    float const inv = mInverseScale[a];
+    float const qx = (rawX - mParameters.axes[a].offset.x) * inv, qy = (rawY - mParameters.axes[a].offset.y) * inv;
+    return Pos(c * qx - s * qy, s * qx + c * qy, 0.f);
+}
+
+TriplanarEvaluator::Frame TriplanarEvaluator::frameWithTangents(IShadeContext const& context) const {
     bool const object = mParameters.space == Space::OBJECT;
     Frame f;
     f.position = object ? context.getObjectPosition() : context.getPosition().toPos();
-    f.normal = normalInSpace(context);
+    f.normal = object ? context.getObjectNormal() : context.getNormal();
     f.footprint = context.getPositionFootprint();
-    f.withTangents = withTangents;
-    if (object && withTangents) {
+    if (object) {
         f.toWorld = context.getObjectToWorld();
         f.transformTangents = true;
         // A world footprint measured in object units: over the object's mean scale.
@@ -174,18 +215,11 @@ inline TriplanarEvaluator::Frame TriplanarEvaluator::frameInline(IShadeContext c
 }
 
 TriplanarEvaluator::Projection TriplanarEvaluator::project(IShadeContext const& context, int axis) const {
-    return projectInline(context, frameInline(context, true), axis);
+    return projectWithTangents(context, frameWithTangents(context), axis);
 }
 
-TriplanarEvaluator::Projection TriplanarEvaluator::project(IShadeContext const& context, Frame const& f, int axis) const {
-    return projectInline(context, f, axis);
-}
-
-TriplanarEvaluator::Frame TriplanarEvaluator::frame(IShadeContext const& context, bool withTangents) const {
-    return frameInline(context, withTangents);
-}
-
-inline TriplanarEvaluator::Projection TriplanarEvaluator::projectInline(IShadeContext const& context, Frame const& f, int axis) const {
+TriplanarEvaluator::Projection TriplanarEvaluator::projectWithTangents(IShadeContext const& context, Frame const& f,
+                                                                       int axis) const {
     Pos const& p = f.position;
     Dir const& n = f.normal;
     std::size_t const a = std::size_t(axis);
@@ -221,93 +255,112 @@ inline TriplanarEvaluator::Projection TriplanarEvaluator::projectInline(IShadeCo
     Projection out;
     out.uvw = Pos(c * q.x - s * q.y, s * q.x + c * q.y, 0.f);
     out.dUvw = Dir(f.footprint * inv, f.footprint * inv, 0.f);
-    if (f.withTangents) {
-        // raw = R^T uv / inv + offset, so the tangents are R^T's columns over inv.
-        float const length = mScaleLength[a];
-        Dir du = (U * c - V * s) * length, dv = (U * s + V * c) * length;
-        if (f.transformTangents) du = f.toWorld.transformDir(du), dv = f.toWorld.transformDir(dv);
-        out.dpdu = du, out.dpdv = dv;
-    }
+    // raw = R^T uv / inv + offset, so the tangents are R^T's columns over inv.
+    float const length = mScaleLength[a];
+    Dir du = (U * c - V * s) * length, dv = (U * s + V * c) * length;
+    if (f.transformTangents) du = f.toWorld.transformDir(du), dv = f.toWorld.transformDir(dv);
+    out.dpdu = du, out.dpdv = dv;
     return out;
 }
 
-namespace {
-
-/// A projection's view of the shading point: its own UVW, footprint and bump
-/// frame on every channel. The kind of point and the filtering wish, which a
-/// texture lookup asks for, are read from the parent once per point, not once
-/// per projection and call.
-class ProjectionShadeContext final : public OverridableShadeContext {
-public:
-    ProjectionShadeContext(IShadeContext const& parent, ShadedKind kind, bool filtered, bool bump,
-                           TriplanarEvaluator::Projection const& projection)
-        : OverridableShadeContext(parent), mP(projection), mKind(kind), mFiltered(filtered), mBump(bump) {}
-    ProjectionShadeContext(ProjectionShadeContext const&) = delete;
-
-    Pos getUvw(int, std::uint32_t = 0) const override { return mP.uvw; }
-    Dir getDUvw(int) const override { return mP.dUvw; }
-    ShadedKind getShadedKind() const override { return mKind; }
-    bool wantsFilteredLookup() const override { return mFiltered; }
-    Dir getDpDu(int channel) const override { return mBump ? mP.dpdu : getParent().getDpDu(channel); }
-    Dir getDpDv(int channel) const override { return mBump ? mP.dpdv : getParent().getDpDv(channel); }
-    Matrix33 getBumpBase(int channel) const override {
-        return mBump ? UvMapper::bumpBaseFromTangents(getParent().getNormal(), mP.dpdu, mP.dpdv)
-                     : getParent().getBumpBase(channel);
+/// Colour and mono: the three lookups with weight, each through the same small
+/// context, blended by a fixed sum. A single projection is returned as it is.
+/// The maps never read the bump frame here, so it stays the parent's.
+template <typename Result, typename Eval>
+#if defined(__GNUC__) && !defined(__clang__)
+// The parent is whatever the renderer passes; guessing that it is a chain of
+// forwarding wrappers costs a compare per wrapper on every read.
+__attribute__((optimize("no-devirtualize-speculatively")))
+#endif
+inline Result TriplanarEvaluator::blendLookups(IShadeContext const& context, Eval const& eval) const {
+    bool const object = mParameters.space == Space::OBJECT;
+    Pos const p = object ? context.getObjectPosition() : context.getPosition().toPos();
+    Dir const n = object ? context.getObjectNormal() : context.getNormal();
+    // Every read of the parent first: nothing computed has to live across the calls.
+    float const footprint = context.getPositionFootprint();
+    ProjectionShadeContext sub(context, context.getShadedKind(), context.wantsFilteredLookup());
+    float const nx = std::fabs(n.x), ny = std::fabs(n.y), nz = std::fabs(n.z);
+    float const m = std::max(nx, std::max(ny, nz));
+    float w0, w1, w2;
+    // The weights below are weightsOf's, in the same order of operations, for
+    // a finite, non-zero normal and a soft blend; the rest takes the slow road.
+    if (mKeep < 1.f && m > 0.f && nx + ny + nz <= std::numeric_limits<float>::max()) [[likely]] {
+        float const floorValue = mKeep * m;
+        w0 = std::max(nx - floorValue, 0.f), w1 = std::max(ny - floorValue, 0.f), w2 = std::max(nz - floorValue, 0.f);
+        float const inv = 1.f / (w0 + w1 + w2);
+        w0 *= inv, w1 *= inv, w2 *= inv;
+    } else {
+        StaticArray<float, 3> const w = weightsOf(n, mParameters.blend);
+        w0 = w[0], w1 = w[1], w2 = w[2];
     }
-
-private:
-    TriplanarEvaluator::Projection mP;
-    ShadedKind mKind;
-    bool mFiltered, mBump;
-};
-
-} // namespace
-
-/// Evaluates the projections with weight and blends them; a single projection
-/// is returned as it is. Colour and mono keep the parent's bump frame (they
-/// never read it), so the tangents are only worked out for bump.
-template <typename Result, typename Eval, typename Mix>
-inline Result TriplanarEvaluator::blendProjections(IShadeContext const& context, bool bump, Eval const& eval,
-                                                   Mix const& mix) const {
-    Frame const f = frameInline(context, bump);
-    StaticArray<float, 3> const w = weightsOf(f.normal, mParameters.blend);
-    ShadedKind const kind = context.getShadedKind();
-    bool const filtered = context.wantsFilteredLookup();
+    float const raw[3][2] = {{(n.x >= 0.f ? p.y : -p.y), p.z}, {(n.y >= 0.f ? -p.x : p.x), p.z}, {(n.z >= 0.f ? p.x : -p.x), p.y}};
+    auto const lookup = [&](int axis) {
+        std::size_t const a = std::size_t(axis);
+        float const rawX = raw[a][0], rawY = raw[a][1];
+        Placement const& k = mPlacement[a];
+        if (mParameters.randomRotation) [[unlikely]] {
+            sub.set(randomlyTurnedUvw(context, axis, rawX, rawY), footprint * k.inverseScale);
+        } else {
+            float const qx = (rawX - k.offsetX) * k.inverseScale, qy = (rawY - k.offsetY) * k.inverseScale;
+            sub.set(Pos(k.cos * qx - k.sin * qy, k.sin * qx + k.cos * qy, 0.f), footprint * k.inverseScale);
+        }
+        return eval(axis, sub);
+    };
     Result sum{};
-    for (int a = 0; a < 3; ++a) {
-        float const weight = w[std::size_t(a)];
-        if (weight == 0.f) continue;
-        Projection const pr = projectInline(context, f, a);
-        ProjectionShadeContext const sub(context, kind, filtered, bump, pr);
-        Result const r = eval(a, sub);
-        if (weight == 1.f) return r;  // exactly the one axis's answer
-        sum = mix(sum, r, weight);
+    if (w0 != 0.f) {
+        Result const r = lookup(0);
+        if (w0 == 1.f) return r;  // exactly the one axis's answer
+        sum = r * w0;
+    }
+    if (w1 != 0.f) {
+        Result const r = lookup(1);
+        if (w1 == 1.f) return r;
+        sum = sum + r * w1;
+    }
+    if (w2 != 0.f) {
+        Result const r = lookup(2);
+        if (w2 == 1.f) return r;
+        sum = sum + r * w2;
     }
     return sum;
 }
 
 RgbAlpha TriplanarEvaluator::evalColor(IShadeContext const& context, MapCache* cache) const {
-    return blendProjections<RgbAlpha>(
-        context, false,
-        [&](int a, IShadeContext const& sub) { return mMaps[std::size_t(a)].evalColor(sub, cache); },
-        [](RgbAlpha const& acc, RgbAlpha const& r, float w) { return acc + r * w; });
+    return blendLookups<RgbAlpha>(context, [&](int a, IShadeContext const& sub) { return mMaps[std::size_t(a)].evalColor(sub, cache); });
 }
 
+namespace {
+/// Mono with the arithmetic the colour blend uses.
+struct WeightedMono {
+    MonoAlpha m{0.f, 0.f};
+    WeightedMono operator*(float w) const { return {MonoAlpha(m.value * w, m.alpha * w)}; }
+    WeightedMono operator+(WeightedMono const& o) const { return {MonoAlpha(m.value + o.m.value, m.alpha + o.m.alpha)}; }
+};
+} // namespace
+
 MonoAlpha TriplanarEvaluator::evalMono(IShadeContext const& context, MapCache* cache) const {
-    return blendProjections<MonoAlpha>(
-        context, false,
-        [&](int a, IShadeContext const& sub) { return mMaps[std::size_t(a)].evalMono(sub, cache); },
-        [](MonoAlpha const& acc, MonoAlpha const& r, float w) {
-            return MonoAlpha(acc.value + r.value * w, acc.alpha + r.alpha * w);
-        });
+    return blendLookups<WeightedMono>(context, [&](int a, IShadeContext const& sub) {
+               return WeightedMono{mMaps[std::size_t(a)].evalMono(sub, cache)};
+           }).m;
 }
 
 Dir TriplanarEvaluator::evalBump(IShadeContext const& context, MapCache* cache) const {
     // Each map differentiates in its own projection's frame; the tilts blend like the colours.
-    return blendProjections<Dir>(
-        context, true,
-        [&](int a, IShadeContext const& sub) { return mMaps[std::size_t(a)].evalBump(sub, cache); },
-        [](Dir const& acc, Dir const& r, float w) { return acc + r * w; });
+    Frame const f = frameWithTangents(context);
+    StaticArray<float, 3> const w = weightsOf(f.normal, mParameters.blend);
+    ProjectionShadeContext sub(context, context.getShadedKind(), context.wantsFilteredLookup());
+    Dir sum{};
+    for (int a = 0; a < 3; ++a) {
+        float const weight = w[std::size_t(a)];
+        if (weight == 0.f) continue;
+        Projection const pr = projectWithTangents(context, f, a);
+        sub.set(pr.uvw, pr.dUvw.x);
+        sub.setTangents(&pr);
+        Dir const r = mMaps[std::size_t(a)].evalBump(sub, cache);
+        if (weight == 1.f) return r;  // exactly the one axis's answer
+        sum = sum + r * weight;
+    }
+    return sum;
 }
 
 FERRIM_REGISTER_ENTITY(TriplanarMap);

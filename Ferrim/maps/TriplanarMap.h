@@ -72,25 +72,27 @@ public:
         Dir dpdu, dpdv;    ///< world-space tangents
     };
     Projection project(IShadeContext const& context, int axis) const;
+    Parameters const& parameters() const { return mParameters; }
+
+private:
     /// What every projection of one shading point shares, read from the context once.
     struct Frame {
         Pos position;
         Dir normal;
         float footprint = 0.f;
-        bool withTangents = false;
         bool transformTangents = false;  ///< object space: tangents to world
         AffineTm toWorld;
     };
-    Frame frame(IShadeContext const& context, bool withTangents) const;
-    Projection project(IShadeContext const& context, Frame const& frame, int axis) const;
-    Parameters const& parameters() const { return mParameters; }
+    /// One axis's constants of the colour and mono path, side by side.
+    struct Placement {
+        float cos, sin, inverseScale, offsetX, offsetY;
+    };
 
-private:
-    Dir normalInSpace(IShadeContext const& context) const;
-    Frame frameInline(IShadeContext const& context, bool withTangents) const;
-    Projection projectInline(IShadeContext const& context, Frame const& frame, int axis) const;
-    template <typename Result, typename Eval, typename Mix>
-    Result blendProjections(IShadeContext const& context, bool bump, Eval const& eval, Mix const& mix) const;
+    Frame frameWithTangents(IShadeContext const& context) const;
+    Projection projectWithTangents(IShadeContext const& context, Frame const& frame, int axis) const;
+    Pos randomlyTurnedUvw(IShadeContext const& context, int axis, float rawX, float rawY) const;
+    template <typename Result, typename Eval>
+    Result blendLookups(IShadeContext const& context, Eval const& eval) const;
     float randomAngle(IShadeContext const& context, int axis) const;
 
     StaticArray<ColorOrMap::Evaluator, 3> mMaps;
@@ -98,6 +100,8 @@ private:
     StaticArray<float, 3> mInverseScale{};  ///< 1 / (size scale_a)
     StaticArray<float, 3> mScaleLength{};   ///< size scale_a
     StaticArray<float, 3> mCos{}, mSin{};
+    StaticArray<Placement, 3> mPlacement{};
+    float mKeep = 0.8f;  ///< 1 - blend
 };
 
 } // namespace Quelin

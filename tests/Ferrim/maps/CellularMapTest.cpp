@@ -87,6 +87,23 @@ TEST(CellularDistances, NearestSlotIsTheTrueNearestPoint) {
     EXPECT_GT(notShifted, 0);
 }
 
+// A search that keeps fewer slots exact gives exactly the same leading slots,
+// near the origin and far out where the rounding margin matters.
+TEST(CellularDistances, FewerNeededSlotsKeepTheLeadingOnesExact) {
+    std::mt19937 rng(5);
+    std::uniform_real_distribution<float> d(-1.f, 1.f);
+    for (int i = 0; i < 600; ++i) {
+        float const reach = i % 3 == 0 ? 40.f : i % 3 == 1 ? 3000.f : 2.f;
+        Pos const p(reach * d(rng), reach * d(rng), reach * d(rng));
+        auto const all = CellularEvaluator::distanceSlots(p);
+        for (int needed = 1; needed <= 4; ++needed) {
+            auto const some = CellularEvaluator::distanceSlots(p, needed);
+            for (int k = 0; k < needed; ++k)
+                ASSERT_EQ(some[std::size_t(k)], all[std::size_t(k)]) << needed << " " << k << " " << p.x << " " << p.y << " " << p.z;
+        }
+    }
+}
+
 TEST(CellularBlend, HalfTakesUpperBranchAndUpperBranchIsNotClamped) {
     SettableShadeContext ctx;
     auto const e = makeEvaluator(CellularMap::CellShape::CIRCULAR);

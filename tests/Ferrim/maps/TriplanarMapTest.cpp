@@ -1,5 +1,6 @@
 #include "Ferrim/maps/TriplanarMap.h"
 
+#include <array>
 #include <cmath>
 #include <random>
 
@@ -117,6 +118,41 @@ TEST(TriplanarProjection, PlacementPerAxisAndFacesReadTheRightWayRound) {
     RgbAlpha const z = uv(Dir(0, 0, 1));
     EXPECT_NEAR(z.r, -1.6f, 1e-5f);
     EXPECT_NEAR(z.g, 0.2f, 1e-5f);
+}
+
+// Colour and mono blend the lookups of each projection by the weights, in
+// either space, turned or not, placed anywhere; the bump path's projection is
+// the independent reference.
+TEST(TriplanarProjection, BlendedLookupsMatchTheWeightedProjections) {
+    std::mt19937 rng(11);
+    std::uniform_real_distribution<float> d(-1.f, 1.f);
+    for (int i = 0; i < 300; ++i) {
+        Params p;
+        p.space = i % 2 ? TriplanarMap::Space::WORLD : TriplanarMap::Space::OBJECT;
+        p.blend = std::array{0.f, 0.3f, 1.f}[std::size_t(i % 3)];
+        p.size = 0.5f + d(rng) * d(rng);
+        p.randomRotation = i % 5 == 0;
+        for (auto& axis : p.axes) axis = {Vector2(d(rng), d(rng)), 180.f * d(rng), 1.f + 0.5f * d(rng)};
+        auto const e = echoEvaluator(p);
+        Dir n(d(rng), d(rng), d(rng));
+        if (i % 7 == 0) n[std::size_t(i % 3)] = 0.f;  // an edge: one weight is zero
+        BoxContext ctx(Pos(4.f * d(rng), 4.f * d(rng), 4.f * d(rng)), n);
+        ctx.objectId = i;
+        auto const w = TriplanarEvaluator::blendWeights(n, p.blend);
+        RgbAlpha expected(0.f, 0.f, 0.f, 0.f);
+        for (int a = 0; a < 3; ++a) {
+            Pos const uvw = e.project(ctx, a).uvw;
+            expected = expected + RgbAlpha(uvw.x, uvw.y, uvw.z, 1.f) * w[std::size_t(a)];
+        }
+        RgbAlpha const c = e.evalColor(ctx, nullptr);
+        MonoAlpha const m = e.evalMono(ctx, nullptr);
+        EXPECT_NEAR(c.r, expected.r, 1e-5f) << i;
+        EXPECT_NEAR(c.g, expected.g, 1e-5f) << i;
+        EXPECT_EQ(c.b, 0.f) << i;
+        EXPECT_NEAR(c.alpha, 1.f, 1e-6f) << i;
+        EXPECT_EQ(m.value, c.r) << i;
+        EXPECT_NEAR(m.alpha, 1.f, 1e-6f) << i;
+    }
 }
 
 TEST(TriplanarProjection, RandomRotationIsPerObjectAndKeepsLengths) {
