@@ -134,7 +134,7 @@ std::size_t readAt(Io::InputStream& stream, std::int64_t offset, void* buffer, s
     return done;
 }
 
-/// CRC-32 as PNG chunks carry it (ISO 3309; the PNG specification's sample code).
+/// CRC-32 as PNG chunks carry it (ISO 3309, as in PNG's published sample code).
 struct Crc32 {
     std::array<std::uint32_t, 256> table{};
     Crc32() {

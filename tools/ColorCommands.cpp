@@ -210,7 +210,7 @@ LoadedImage readImage(String const& path, String const& colorSpace) {
     return image;
 }
 
-/// Tags `spec` with what its values are in: OpenImageIO's colour-space
+/// Tags the image header with what its values are in: OpenImageIO's colour-space
 /// attribute (PNG sRGB or gAMA chunks, the EXIF colour space of JPEG and
 /// TIFF) and the primaries and white (EXR chromaticities).
 void tagColorSpace(OIIO::ImageSpec& spec, String const& space) {

@@ -18,8 +18,8 @@ namespace Quelin::DisplayTransformMath {
 
 // ------------------------------------------------------------------ Khronos PBR Neutral
 //
-// "Khronos PBR Neutral Tone Mapper", PBR Neutral Specification (Khronos
-// Group, ToneMapping repository, 2024): F90 = 0.04, Ks = 0.8 - F90,
+// "Khronos PBR Neutral Tone Mapper" (Khronos Group, ToneMapping
+// repository, 2024): F90 = 0.04, Ks = 0.8 - F90,
 // Kd = 0.15; f = x - x^2 / (4 F90) for x = min(R, G, B) <= 2 F90, else F90;
 // p = max(c - f); p_n = 1 - (1 - Ks)^2 / (p + 1 - 2 Ks);
 // g = 1 / (Kd (p - p_n) + 1); out = c - f for p <= Ks, else
@@ -42,7 +42,7 @@ template <typename F> inline void pbrNeutral(F& r, F& g, F& b) {
     F const peak = max(r, max(g, b));
     F const newPeak = F(1.f) - F(PBR_D * PBR_D) / (peak + F(PBR_D - PBR_KS));
     F const scale = newPeak / peak;
-    // Weight of the blend toward grey at the new peak: 1 - g of the specification.
+    // Weight of the blend toward grey at the new peak: 1 - g of the published formula.
     F const w = F(1.f) - F(1.f) / madd(F(PBR_KD), peak - newPeak, F(1.f));
     auto compress = [&](F c) {
         F const s = c * scale;
@@ -54,7 +54,7 @@ template <typename F> inline void pbrNeutral(F& r, F& g, F& b) {
     b = select(below, b, compress(b));
 }
 
-/// The specification's analytical inverse, for display values in [0, 1]
+/// The published analytical inverse, for display values in [0, 1]
 /// (others clamped): display white unmaps to a large finite value.
 template <typename F> inline void pbrNeutralInverse(F& r, F& g, F& b) {
     F const zero(0.f), one(1.f);
@@ -62,7 +62,7 @@ template <typename F> inline void pbrNeutralInverse(F& r, F& g, F& b) {
     F const peakOut = min(max(r, max(g, b)), F(1.f - 1.f / 16777216.f));
     // p from p_n, then the blend undone and the scale with it.
     F const peak = F(PBR_D * PBR_D) / (one - peakOut) - F(PBR_D - PBR_KS);
-    F const keep = one / madd(F(PBR_KD), peak - peakOut, one);  // g of the specification
+    F const keep = one / madd(F(PBR_KD), peak - peakOut, one);  // g of the published formula
     F const w = one - keep;
     F const unscale = peak / (peakOut * keep);
     auto expand = [&](F c) { return (c - w * peakOut) * unscale; };

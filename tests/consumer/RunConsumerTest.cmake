@@ -17,6 +17,24 @@ set(prefix ${WORK_DIR}/prefix)
 file(REMOVE_RECURSE ${WORK_DIR})
 run("Installing" ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
 
+# The README's C++ snippet as a reader copies it: its includes, then its lines
+# in main(), with the one name it leaves to the reader (the renderer's shade
+# context) standing for a context that knows nothing.
+file(READ ${CMAKE_CURRENT_LIST_DIR}/../../README.md readme)
+string(FIND "${readme}" "```cpp\n" start)
+if(start LESS 0)
+  message(FATAL_ERROR "The README has no C++ snippet")
+endif()
+math(EXPR start "${start} + 7")
+string(SUBSTRING "${readme}" ${start} -1 snippet)
+string(FIND "${snippet}" "```" end)
+string(SUBSTRING "${snippet}" 0 ${end} snippet)
+string(REGEX MATCHALL "#include[^\n]*\n" includes "${snippet}")
+string(REGEX REPLACE "#include[^\n]*\n" "" body "${snippet}")
+string(REPLACE ";" "" includes "${includes}")
+file(WRITE ${WORK_DIR}/snippet/readme_snippet.cpp
+     "${includes}\nusing MyShadeContext = Quelin::NullShadeContext;\n\nint main() {\n${body}    return 0;\n}\n")
+
 # As the README's snippet alone, then beside the project's own OpenImageIO
 # targets made before and after finding Ferrim.
 foreach(variant plain before after)
@@ -25,6 +43,8 @@ foreach(variant plain before after)
       -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${CXX_COMPILER})
   if(NOT variant STREQUAL "plain")
     list(APPEND configure -DCONSUMER_OPENIMAGEIO=${variant})
+  else()
+    list(APPEND configure -DREADME_SNIPPET=${WORK_DIR}/snippet/readme_snippet.cpp)
   endif()
   if(LAUNCHER)
     list(APPEND configure -DCMAKE_CXX_COMPILER_LAUNCHER=${LAUNCHER})
@@ -32,6 +52,9 @@ foreach(variant plain before after)
   run("Configuring the consumer (${variant})" ${configure})
   run("Building the consumer (${variant})" ${CMAKE_COMMAND} --build ${build})
   run("Running the consumer (${variant})" ${build}/consumer)
+  if(variant STREQUAL "plain")
+    run("Running the README's C++ snippet" ${build}/readme_snippet)
+  endif()
   message(STATUS "${variant}: ${last_output}")
 endforeach()
 
