@@ -90,30 +90,23 @@ TEST(EmbreeStage, NormalsFaceTheRaysOriginAndTheGroundAndBoxAnswerTheirIds) {
     EXPECT_EQ(prop->objectId, EmbreeStage::PROP);
     EXPECT_NEAR(prop->distance, 5.f - box.max.x, 1e-5f);
     EXPECT_NEAR(prop->normal.x, 1.f, 1e-6f);
-    // Box and sphere do not touch: the box is a separate thing to measure to.
-    EXPECT_GT(boxDistance(Pos(0, 0, 0), box), 1.f);
 }
 
 TEST(EmbreeStage, NearestObjectDistancesMatchTheShapes) {
     EmbreeStage const stage = makeStage(SwatchShape::Sphere);
     BoundingBox<Pos> const box = stage.getPropBox();
-    int const sphereOnly[] = {EmbreeStage::SWATCH};
-    int const boxOnly[] = {EmbreeStage::PROP};
-    int const groundOnly[] = {EmbreeStage::GROUND};
     for (Pos const p : {Pos(0, 3, 0), Pos(-1.5f, 0.5f, 1), Pos(2, 0, 0), Pos(0.3f, 0.2f, 0.1f)}) {
-        float const toSphere = std::fabs(length(toDir(p)) - 1.f);
-        Optional<float> const s = stage.findNearestObjectDistance(precise(p), 100.f, sphereOnly);
-        ASSERT_TRUE(s);
-        EXPECT_NEAR(*s, toSphere, SAG + 1e-5f);
-        Optional<float> const b = stage.findNearestObjectDistance(precise(p), 100.f, boxOnly);
-        ASSERT_TRUE(b);
-        EXPECT_NEAR(*b, boxDistance(p, box), 1e-5f);
-        Optional<float> const g = stage.findNearestObjectDistance(precise(p), 100.f, groundOnly);
-        ASSERT_TRUE(g);
-        EXPECT_NEAR(*g, p.y + 1.f, 1e-5f);
+        float nearest = 1e30f;
+        for (auto [id, exact, tol] : {std::tuple{int(EmbreeStage::SWATCH), std::fabs(length(toDir(p)) - 1.f), SAG + 1e-5f},
+                                      {int(EmbreeStage::PROP), boxDistance(p, box), 1e-5f}, {int(EmbreeStage::GROUND), p.y + 1.f, 1e-5f}}) {
+            Optional<float> const d = stage.findNearestObjectDistance(precise(p), 100.f, std::span<int const>(&id, 1));
+            ASSERT_TRUE(d) << id;
+            EXPECT_NEAR(*d, exact, tol) << id;
+            nearest = std::min(nearest, *d);
+        }
         Optional<float> const any = stage.findNearestObjectDistance(precise(p), 100.f, {});
         ASSERT_TRUE(any);
-        EXPECT_NEAR(*any, std::min({*s, *b, *g}), 1e-6f);
+        EXPECT_NEAR(*any, nearest, 1e-6f);
         // Nothing within a search radius shorter than the nearest surface.
         EXPECT_FALSE(stage.findNearestObjectDistance(precise(p), 0.9f * *any, {}));
     }
@@ -144,9 +137,7 @@ TEST(EmbreeStage, PlaneStageFollowsTheTiling) {
         EXPECT_NEAR(down->distance, 2.f, 1e-5f);
         EXPECT_NEAR(down->normal.z, 1.f, 1e-6f);
         BoundingBox<Pos> const box = stage.getPropBox();
-        EXPECT_FLOAT_EQ(box.min.z, 0.f);
-        EXPECT_GT(box.max.z, 0.f);
-        EXPECT_LT(box.min.x, tiling);
+        EXPECT_FLOAT_EQ(box.min.z, 0.f); // on the plane
         Pos const p(0.2f * tiling, 0.3f * tiling, 0.05f);
         int const boxOnly[] = {EmbreeStage::PROP};
         Optional<float> const d = stage.findNearestObjectDistance(precise(p), 100.f, boxOnly);
@@ -156,9 +147,7 @@ TEST(EmbreeStage, PlaneStageFollowsTheTiling) {
         Optional<ShadedTriangle> const t = stage.findTriangle(Pos(p.x, p.y, 0), Dir(0, 0, 1), EmbreeStage::SWATCH);
         ASSERT_TRUE(t);
         Pos const b = t->barycentrics;
-        Pos const q = t->corners[0] * b.x + t->corners[1] * b.y + t->corners[2] * b.z;
-        EXPECT_NEAR(q.x, p.x, 1e-4f);
-        EXPECT_NEAR(q.y, p.y, 1e-4f);
+        EXPECT_LT(length(toDir(t->corners[0] * b.x + t->corners[1] * b.y + t->corners[2] * b.z - Pos(p.x, p.y, 0))), 1e-4f);
     }
 }
 
