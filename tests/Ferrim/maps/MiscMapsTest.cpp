@@ -50,9 +50,10 @@ TEST_F(MiscMapsTest, FrontBackFollowsTheFaceSideAndItsBump) {
     p.backFace = true;
     EXPECT_EQ(e->evalColor(p, nullptr), RgbAlpha(0, 0, 1, 1));
     setInputMap(map, "back", makeSharedPtr<CountingMap>(RgbAlpha(1, 1, 1, 1)));
-    EXPECT_EQ(map.getEvaluator().evaluator->evalBump(p, nullptr), Dir(1, 2, 3));
+    auto const bumped = map.getEvaluator().evaluator;
+    EXPECT_EQ(bumped->evalBump(p, nullptr), Dir(1, 2, 3));
     p.backFace = false;
-    EXPECT_EQ(map.getEvaluator().evaluator->evalBump(p, nullptr), Dir());
+    EXPECT_EQ(bumped->evalBump(p, nullptr), Dir());
     setColor(map, "front", Rgb(0.3f));
     setInputMap(map, "back", nullptr);
     setColor(map, "back", Rgb(0.3f));
@@ -118,18 +119,18 @@ TEST_F(MiscMapsTest, SelectChoosesByEachIdSourceWrappingAround) {
 
 TEST_F(MiscMapsTest, SelectsBumpIsTheChosenInputs) {
     SelectMap map;
-    map.addInput(Rgb(0.f));
-    map.addInput(Rgb(0.f));
+    for (int i = 0; i < 2; ++i) map.addInput(Rgb(0.f));
     ListPropertyValue list = map.get<ListPropertyValue>("inputs");
     GenericDataObject input = list[1].get<GenericDataObject>("input");
     input.set("map", EntityHolder<Entity>(makeSharedPtr<CountingMap>(RgbAlpha(1, 1, 1, 1))));
     list[1].set("input", input);
     map.set("inputs", list);
     map.set("source", SelectMap::Source::ObjectId);
+    auto const e = map.getEvaluator().evaluator;
     IdContext p;
-    EXPECT_EQ(map.getEvaluator().evaluator->evalBump(p, nullptr), Dir());
+    EXPECT_EQ(e->evalBump(p, nullptr), Dir());
     p.objectId = 1;
-    EXPECT_EQ(map.getEvaluator().evaluator->evalBump(p, nullptr), Dir(1, 2, 3));
+    EXPECT_EQ(e->evalBump(p, nullptr), Dir(1, 2, 3));
 }
 
 TEST_F(MiscMapsTest, UserPropertyReadsNumbersColoursAndTextOrShowsTheDefault) {
@@ -228,20 +229,18 @@ TEST_F(MiscMapsTest, ConstantFoldingGivesTheUnfoldedValuesOnRandomPoints) {
 TEST_F(MiscMapsTest, DebugShowsThePointsProperties) {
     DebugMap map;
     IdContext p;
-    p.uvw = Pos(0.25f, 0.5f, 0.75f);
-    p.normal = Dir(0, -1, 0);
+    p.uvw = Pos(0.25f, 0.5f, 0.75f), p.normal = Dir(0, -1, 0), p.dUvw = Dir(0.01f, 0.02f, 0.f);
     p.rayDepth = 3;
-    p.dUvw = Dir(0.01f, 0.02f, 0.f);
     struct Case {
         DebugMap::Show show;
         Rgb want;
     };
+    map.set("scale", 2.f);
     for (Case const& c : {Case{DebugMap::Show::Uvw, Rgb(0.25f, 0.5f, 0.75f)}, Case{DebugMap::Show::Normal, Rgb(0.5f, 0.f, 0.5f)},
                           Case{DebugMap::Show::Tangent, Rgb(1.f, 0.5f, 0.5f)}, Case{DebugMap::Show::RayDepth, Rgb(0.6f)},
                           Case{DebugMap::Show::UvwFootprint, Rgb(0.02f, 0.04f, 0.f)},
                           Case{DebugMap::Show::BackFace, Rgb(0, 1, 0)}}) {
         map.set("show", c.show);
-        map.set("scale", 2.f);
         Testing::expectNear(map.getEvaluator().evaluator->evalColor(p, nullptr).rgb(), c.want, 1e-6f);
     }
     map.set("show", DebugMap::Show::RayDepth);
