@@ -88,13 +88,10 @@ TEST_F(FalloffMapTest, WorldAxesDistanceBlendAndTheCurve) {
     EXPECT_NEAR(map.getEvaluator().evaluator->evalColor(p, nullptr).r, 1.f, 1e-6f);
 
     map.set("falloffType", FalloffMap::Type::DistanceBlend);
-    map.set("nearDistance", 10.f);
-    map.set("farDistance", 20.f);
+    map.set("nearDistance", 10.f), map.set("farDistance", 20.f);
     p.position = PrecisePos(0, 0, 15);  // the camera sits at the origin
     EXPECT_NEAR(map.getEvaluator().evaluator->evalColor(p, nullptr).r, 0.5f, 1e-6f);
-    map.set("useCurve", true);
-    map.set("curveLower", 0.f);
-    map.set("curveUpper", 0.8f);
+    map.set("useCurve", true), map.set("curveLower", 0.f), map.set("curveUpper", 0.8f);
     EXPECT_NEAR(map.getEvaluator().evaluator->evalColor(p, nullptr).r, 0.68359375f, 1e-6f);  // x = 0.625
     map.set("farDistance", 5.f);  // far before near: a step at near
     EXPECT_EQ(map.getEvaluator().evaluator->evalColor(p, nullptr).r, 1.f);

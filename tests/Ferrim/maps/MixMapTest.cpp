@@ -144,9 +144,7 @@ TEST_F(MixMapTest, AMaskSetsTheAmountPerPointThroughTheCurve) {
     auto const mix = makeMix(Rgb(0.f), Rgb(1.f), 0.5f);
     auto const mask = makeSharedPtr<CountingMap>(RgbAlpha(0.3f, 0.3f, 0.3f, 1.f));
     mix->set("mask", EntityHolder<Entity>(mask));
-    mix->set("useCurve", true);
-    mix->set("curveLower", 0.2f);
-    mix->set("curveUpper", 0.6f);
+    mix->set("useCurve", true), mix->set("curveLower", 0.2f), mix->set("curveUpper", 0.6f);
     auto const r = mix->getEvaluator();
     ASSERT_FALSE(r.hasConstant);
     EXPECT_NEAR(r.evaluator->evalColor(SettableShadeContext(), nullptr).g, 0.15625f, 1e-6f);

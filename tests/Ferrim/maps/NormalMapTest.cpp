@@ -101,11 +101,7 @@ struct IdPoint : SettableShadeContext {
 
 TEST_F(MappingRandomizerTest, EachIdGetsItsOwnStableChangeWithinTheRanges) {
     MappingRandomizerEvaluator::Settings s;
-    s.offsetU = 0.3f;
-    s.offsetV = 0.1f;
-    s.rotation = PI / 4;
-    s.scaleMin = 0.5f;
-    s.scaleMax = 2.f;
+    s.offsetU = 0.3f, s.offsetV = 0.1f, s.rotation = PI / 4, s.scaleMin = 0.5f, s.scaleMax = 2.f;
     MappingRandomizerEvaluator const e(nullptr, s);
     int distinct = 0;
     for (std::uint32_t id = 0; id < 200; ++id) {
@@ -127,9 +123,8 @@ TEST_F(MappingRandomizerTest, TheInputSeesChangedCoordinatesAndFootprints) {
     auto const checker = makeSharedPtr<CheckerMap>();
     map.set("map", EntityHolder<Entity>(checker));
     EXPECT_EQ(dynamic_cast<MappingRandomizerEvaluator const*>(map.getEvaluator().evaluator.get()), nullptr);  // no change
-    map.set("offsetU", 0.5f);
+    for (auto const& [name, v] : {std::pair{"offsetU", 0.5f}, {"rotation", 90.f}}) map.set(name, v);
     map.set("flipU", true);
-    map.set("rotation", 90.f);
     auto const e = map.getEvaluator().evaluator;
     ASSERT_NE(dynamic_cast<MappingRandomizerEvaluator const*>(e.get()), nullptr);
     int changed = 0;
@@ -148,8 +143,7 @@ TEST_F(MappingRandomizerTest, TheInputSeesChangedCoordinatesAndFootprints) {
 
 TEST_F(MappingRandomizerTest, PerTileChangesDifferBetweenTilesAndTheBumpFrameFollows) {
     MappingRandomizerEvaluator::Settings s;
-    s.perTile = true;
-    s.rotation = PI;
+    s.perTile = true, s.rotation = PI;
     s.randomBy = MappingRandomizerMap::RandomBy::None;
     struct FrameProbe : IMapEvaluator {
         RgbAlpha evalColor(IShadeContext const& c, MapCache*) const override { return RgbAlpha(Rgb(c.getUvw(1).x), 1); }
