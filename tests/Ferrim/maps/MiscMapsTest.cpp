@@ -73,8 +73,7 @@ TEST_F(MiscMapsTest, RaySwitcherShowsEachKindsInput) {
     }
     p.rayKind = RayKind::Light;
     EXPECT_FLOAT_EQ(e->evalColor(p, nullptr).r, 0.f);
-    RaySwitchMap plain;
-    EXPECT_TRUE(plain.getEvaluator().hasConstant);
+    EXPECT_TRUE(RaySwitchMap().getEvaluator().hasConstant);
 }
 
 TEST_F(MiscMapsTest, SelectChoosesByEachIdSourceWrappingAround) {
@@ -104,8 +103,7 @@ TEST_F(MiscMapsTest, SelectChoosesByEachIdSourceWrappingAround) {
     EXPECT_EQ(SelectMap::hashName("a"), 0xe40c292cu);  // the published FNV-1a value
     EXPECT_EQ(map.getEvaluator().evaluator->evalColor(p, nullptr).r, float(SelectMap::hashName("brick") % 3));
 
-    map.set("source", SelectMap::Source::Index);
-    map.set("index", 4);
+    map.set("source", SelectMap::Source::Index), map.set("index", 4);
     auto const fixed = map.getEvaluator();
     EXPECT_TRUE(fixed.hasConstant);
     EXPECT_EQ(fixed.constantColor.r, 1.f);
@@ -192,8 +190,7 @@ TEST(ColorMath, SlopesMatchFiniteDifferences) {
 TEST_F(MiscMapsTest, ColorMathFoldsConstantsAndChainsBumps) {
     ColorMathMap map;
     map.set("operation", ColorMathMap::Operation::Multiply);
-    setColor(map, "a", Rgb(2, 3, 4));
-    setColor(map, "b", Rgb(0.5f, -1, 0));
+    setColor(map, "a", Rgb(2, 3, 4)), setColor(map, "b", Rgb(0.5f, -1, 0));
     auto const folded = map.getEvaluator();
     ASSERT_TRUE(folded.hasConstant);
     expectJsonRoundTrip(map);
@@ -243,8 +240,7 @@ TEST_F(MiscMapsTest, DebugShowsThePointsProperties) {
         map.set("show", c.show);
         Testing::expectNear(map.getEvaluator().evaluator->evalColor(p, nullptr).rgb(), c.want, 1e-6f);
     }
-    map.set("show", DebugMap::Show::RayDepth);
-    map.set("scale", std::numeric_limits<float>::quiet_NaN());  // counts as 1
+    map.set("show", DebugMap::Show::RayDepth), map.set("scale", std::numeric_limits<float>::quiet_NaN());  // counts as 1
     EXPECT_FLOAT_EQ(map.getEvaluator().evaluator->evalColor(p, nullptr).r, 0.3f);
     map.set("show", DebugMap::Show::FaceIndex);
     auto const e = map.getEvaluator().evaluator;
