@@ -50,9 +50,10 @@ TEST_F(MiscMapsTest, FrontBackFollowsTheFaceSideAndItsBump) {
     p.backFace = true;
     EXPECT_EQ(e->evalColor(p, nullptr), RgbAlpha(0, 0, 1, 1));
     setInputMap(map, "back", makeSharedPtr<CountingMap>(RgbAlpha(1, 1, 1, 1)));
-    EXPECT_EQ(map.getEvaluator().evaluator->evalBump(p, nullptr), Dir(1, 2, 3));
+    auto const bumped = map.getEvaluator().evaluator;
+    EXPECT_EQ(bumped->evalBump(p, nullptr), Dir(1, 2, 3));
     p.backFace = false;
-    EXPECT_EQ(map.getEvaluator().evaluator->evalBump(p, nullptr), Dir());
+    EXPECT_EQ(bumped->evalBump(p, nullptr), Dir());
     setColor(map, "front", Rgb(0.3f));
     setInputMap(map, "back", nullptr);
     setColor(map, "back", Rgb(0.3f));
@@ -72,8 +73,7 @@ TEST_F(MiscMapsTest, RaySwitcherShowsEachKindsInput) {
     }
     p.rayKind = RayKind::Light;
     EXPECT_FLOAT_EQ(e->evalColor(p, nullptr).r, 0.f);
-    RaySwitchMap plain;
-    EXPECT_TRUE(plain.getEvaluator().hasConstant);
+    EXPECT_TRUE(RaySwitchMap().getEvaluator().hasConstant);
 }
 
 TEST_F(MiscMapsTest, SelectChoosesByEachIdSourceWrappingAround) {
@@ -103,8 +103,7 @@ TEST_F(MiscMapsTest, SelectChoosesByEachIdSourceWrappingAround) {
     EXPECT_EQ(SelectMap::hashName("a"), 0xe40c292cu);  // the published FNV-1a value
     EXPECT_EQ(map.getEvaluator().evaluator->evalColor(p, nullptr).r, float(SelectMap::hashName("brick") % 3));
 
-    map.set("source", SelectMap::Source::Index);
-    map.set("index", 4);
+    map.set("source", SelectMap::Source::Index), map.set("index", 4);
     auto const fixed = map.getEvaluator();
     EXPECT_TRUE(fixed.hasConstant);
     EXPECT_EQ(fixed.constantColor.r, 1.f);
@@ -118,18 +117,18 @@ TEST_F(MiscMapsTest, SelectChoosesByEachIdSourceWrappingAround) {
 
 TEST_F(MiscMapsTest, SelectsBumpIsTheChosenInputs) {
     SelectMap map;
-    map.addInput(Rgb(0.f));
-    map.addInput(Rgb(0.f));
+    for (int i = 0; i < 2; ++i) map.addInput(Rgb(0.f));
     ListPropertyValue list = map.get<ListPropertyValue>("inputs");
     GenericDataObject input = list[1].get<GenericDataObject>("input");
     input.set("map", EntityHolder<Entity>(makeSharedPtr<CountingMap>(RgbAlpha(1, 1, 1, 1))));
     list[1].set("input", input);
     map.set("inputs", list);
     map.set("source", SelectMap::Source::ObjectId);
+    auto const e = map.getEvaluator().evaluator;
     IdContext p;
-    EXPECT_EQ(map.getEvaluator().evaluator->evalBump(p, nullptr), Dir());
+    EXPECT_EQ(e->evalBump(p, nullptr), Dir());
     p.objectId = 1;
-    EXPECT_EQ(map.getEvaluator().evaluator->evalBump(p, nullptr), Dir(1, 2, 3));
+    EXPECT_EQ(e->evalBump(p, nullptr), Dir(1, 2, 3));
 }
 
 TEST_F(MiscMapsTest, UserPropertyReadsNumbersColoursAndTextOrShowsTheDefault) {
@@ -191,8 +190,7 @@ TEST(ColorMath, SlopesMatchFiniteDifferences) {
 TEST_F(MiscMapsTest, ColorMathFoldsConstantsAndChainsBumps) {
     ColorMathMap map;
     map.set("operation", ColorMathMap::Operation::Multiply);
-    setColor(map, "a", Rgb(2, 3, 4));
-    setColor(map, "b", Rgb(0.5f, -1, 0));
+    setColor(map, "a", Rgb(2, 3, 4)), setColor(map, "b", Rgb(0.5f, -1, 0));
     auto const folded = map.getEvaluator();
     ASSERT_TRUE(folded.hasConstant);
     expectJsonRoundTrip(map);
@@ -228,24 +226,21 @@ TEST_F(MiscMapsTest, ConstantFoldingGivesTheUnfoldedValuesOnRandomPoints) {
 TEST_F(MiscMapsTest, DebugShowsThePointsProperties) {
     DebugMap map;
     IdContext p;
-    p.uvw = Pos(0.25f, 0.5f, 0.75f);
-    p.normal = Dir(0, -1, 0);
+    p.uvw = Pos(0.25f, 0.5f, 0.75f), p.normal = Dir(0, -1, 0), p.dUvw = Dir(0.01f, 0.02f, 0.f);
     p.rayDepth = 3;
-    p.dUvw = Dir(0.01f, 0.02f, 0.f);
     struct Case {
         DebugMap::Show show;
         Rgb want;
     };
+    map.set("scale", 2.f);
     for (Case const& c : {Case{DebugMap::Show::Uvw, Rgb(0.25f, 0.5f, 0.75f)}, Case{DebugMap::Show::Normal, Rgb(0.5f, 0.f, 0.5f)},
                           Case{DebugMap::Show::Tangent, Rgb(1.f, 0.5f, 0.5f)}, Case{DebugMap::Show::RayDepth, Rgb(0.6f)},
                           Case{DebugMap::Show::UvwFootprint, Rgb(0.02f, 0.04f, 0.f)},
                           Case{DebugMap::Show::BackFace, Rgb(0, 1, 0)}}) {
         map.set("show", c.show);
-        map.set("scale", 2.f);
         Testing::expectNear(map.getEvaluator().evaluator->evalColor(p, nullptr).rgb(), c.want, 1e-6f);
     }
-    map.set("show", DebugMap::Show::RayDepth);
-    map.set("scale", std::numeric_limits<float>::quiet_NaN());  // counts as 1
+    map.set("show", DebugMap::Show::RayDepth), map.set("scale", std::numeric_limits<float>::quiet_NaN());  // counts as 1
     EXPECT_FLOAT_EQ(map.getEvaluator().evaluator->evalColor(p, nullptr).r, 0.3f);
     map.set("show", DebugMap::Show::FaceIndex);
     auto const e = map.getEvaluator().evaluator;

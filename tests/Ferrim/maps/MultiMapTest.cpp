@@ -22,20 +22,17 @@ void setLayerMap(MultiMap& multi, std::size_t index, SharedPtr<IMap> const& map)
 }
 
 TEST_F(MultiMapTest, LayersBlendInOrderByModeAndOpacity) {
-    MultiMap multi;
+    MultiMap multi, unfolded;
     EXPECT_EQ(multi.getEvaluator().constantColor, RgbAlpha(0, 0, 0, 1));  // no layers
-    multi.addLayer(Rgb(0.5f));
-    multi.addLayer(Rgb(0.4f), BlendMode::Add, 0.5f);       // 0.5 + 0.5 * 0.4 = 0.7
-    multi.addLayer(Rgb(2.f), BlendMode::Multiply, 0.25f);  // 0.7 + 0.25 * (1.4 - 0.7) = 0.875
+    for (MultiMap* m : {&multi, &unfolded}) {
+        m->addLayer(Rgb(0.5f));
+        m->addLayer(Rgb(0.4f), BlendMode::Add, 0.5f);       // 0.5 + 0.5 * 0.4 = 0.7
+        m->addLayer(Rgb(2.f), BlendMode::Multiply, 0.25f);  // 0.7 + 0.25 * (1.4 - 0.7) = 0.875
+    }
     auto const folded = multi.getEvaluator();
     ASSERT_TRUE(folded.hasConstant);
     EXPECT_FLOAT_EQ(folded.constantColor.r, 0.875f);
-
     // The same layers with a map at the bottom, fed the same colour, give the same values everywhere.
-    MultiMap unfolded;
-    unfolded.addLayer(Rgb(0.f));
-    unfolded.addLayer(Rgb(0.4f), BlendMode::Add, 0.5f);
-    unfolded.addLayer(Rgb(2.f), BlendMode::Multiply, 0.25f);
     setLayerMap(unfolded, 0, makeSharedPtr<CountingMap>(RgbAlpha(0.5f, 0.5f, 0.5f, 1)));
     auto const u = unfolded.getEvaluator();
     ASSERT_FALSE(u.hasConstant);
@@ -74,17 +71,12 @@ TEST_F(MultiMapTest, OneLayerIsThatInputAndAnOpaqueMixCoversTheLayersBelow) {
     expectJsonRoundTrip(covered);
 }
 
-TEST_F(MultiMapTest, BumpBlendsEachLayersBumpByItsOpacity) {
-    MultiMap multi;
-    multi.addLayer(Rgb(0.f));
-    std::size_t const i = multi.addLayer(Rgb(0.f), BlendMode::Multiply, 0.5f);
-    setLayerMap(multi, i, makeSharedPtr<CountingMap>(RgbAlpha(1, 1, 1, 1)));
-    EXPECT_EQ(multi.getEvaluator().evaluator->evalBump(SettableShadeContext(), nullptr), Dir(0.5f, 1.f, 1.5f));
-}
-
-TEST_F(MultiMapTest, AMultiThatContainsItselfIsRefused) {
+TEST_F(MultiMapTest, BumpBlendsByOpacityAndAMultiThatContainsItselfIsRefused) {
     auto const multi = makeSharedPtr<MultiMap>();
     multi->addLayer(Rgb(0.f));
+    std::size_t const i = multi->addLayer(Rgb(0.f), BlendMode::Multiply, 0.5f);
+    setLayerMap(*multi, i, makeSharedPtr<CountingMap>(RgbAlpha(1, 1, 1, 1)));
+    EXPECT_EQ(multi->getEvaluator().evaluator->evalBump(SettableShadeContext(), nullptr), Dir(0.5f, 1.f, 1.5f));
     auto const mix = makeSharedPtr<MixMap>();
     setInputMap(*mix, "color1", multi);
     setLayerMap(*multi, 0, mix);

@@ -30,34 +30,25 @@ void setNormalColor(NormalMap& map, Rgb const& c) {
     map.set("normalMap", v);
 }
 
-TEST_F(NormalMapTest, AFlatMapLeavesTheNormalAsItIs) {
+TEST_F(NormalMapTest, FlatLeavesTheNormalAndAKnownTiltLandsInTheBumpFrame) {
     NormalMap map;
     SettableShadeContext const p = tiltedPoint();
     Testing::expectNear(map.getEvaluator().evaluator->evalBump(p, nullptr), Dir(), 1e-6f);
-}
-
-TEST_F(NormalMapTest, AKnownTiltLandsInTheBumpFrame) {
-    NormalMap map;
+    auto const bent = [&] { return normalize(p.normal + map.getEvaluator().evaluator->evalBump(p, nullptr)); };
     // 45 degrees towards +u: n = (sin 45, 0, cos 45).
     float const s = 0.70710678f;
-    setNormalColor(map, Rgb(0.5f + 0.5f * s, 0.5f, 0.5f + 0.5f * s));
-    SettableShadeContext const p = tiltedPoint();
     Dir const t = normalize(p.bumpBase.column(0)), b = normalize(p.bumpBase.column(1));
-    Dir const want = normalize(t * s + p.normal * s);
-    auto const e = map.getEvaluator().evaluator;
-    Testing::expectNear(normalize(p.normal + e->evalBump(p, nullptr)), want, 1e-5f);
-
+    setNormalColor(map, Rgb(0.5f + 0.5f * s, 0.5f, 0.5f + 0.5f * s));
+    Testing::expectNear(bent(), normalize(t * s + p.normal * s), 1e-5f);
     // Green tilts along +v, flipped green along -v.
     setNormalColor(map, Rgb(0.5f, 0.5f + 0.5f * s, 0.5f + 0.5f * s));
-    Testing::expectNear(normalize(p.normal + map.getEvaluator().evaluator->evalBump(p, nullptr)), normalize(b * s + p.normal * s), 1e-5f);
+    Testing::expectNear(bent(), normalize(b * s + p.normal * s), 1e-5f);
     map.set("flipGreen", true);
-    Testing::expectNear(normalize(p.normal + map.getEvaluator().evaluator->evalBump(p, nullptr)), normalize(-b * s + p.normal * s), 1e-5f);
-
+    Testing::expectNear(bent(), normalize(-b * s + p.normal * s), 1e-5f);
     // Half strength: halfway between the surface normal and the mapped one, renormalised.
     map.set("flipGreen", false);
     map.set("strength", 0.5f);
-    Dir const half = normalize(p.normal + (normalize(b * s + p.normal * s) - p.normal) * 0.5f);
-    Testing::expectNear(normalize(p.normal + map.getEvaluator().evaluator->evalBump(p, nullptr)), half, 1e-5f);
+    Testing::expectNear(bent(), normalize(p.normal + (normalize(b * s + p.normal * s) - p.normal) * 0.5f), 1e-5f);
 }
 
 TEST_F(NormalMapTest, TiltAgreesWithTheBumpPathOfTheSameSlope) {
@@ -70,8 +61,7 @@ TEST_F(NormalMapTest, TiltAgreesWithTheBumpPathOfTheSameSlope) {
         Dir evalBump(IShadeContext const&, MapCache*) const override { return Dir(); }
     } ramp;
     UvMapper mapper;
-    Dir const bump = BumpConverterMap::evalBump(p, ramp, mapper, 0.25f, 1.f);
-    Dir const bumped = normalize(p.normal + bump);
+    Dir const bumped = normalize(p.normal + BumpConverterMap::evalBump(p, ramp, mapper, 0.25f, 1.f));
     NormalMap map;
     float const s = 0.70710678f;
     setNormalColor(map, Rgb(0.5f - 0.5f * s, 0.5f, 0.5f + 0.5f * s));  // tilted towards -u
@@ -111,11 +101,7 @@ struct IdPoint : SettableShadeContext {
 
 TEST_F(MappingRandomizerTest, EachIdGetsItsOwnStableChangeWithinTheRanges) {
     MappingRandomizerEvaluator::Settings s;
-    s.offsetU = 0.3f;
-    s.offsetV = 0.1f;
-    s.rotation = PI / 4;
-    s.scaleMin = 0.5f;
-    s.scaleMax = 2.f;
+    s.offsetU = 0.3f, s.offsetV = 0.1f, s.rotation = PI / 4, s.scaleMin = 0.5f, s.scaleMax = 2.f;
     MappingRandomizerEvaluator const e(nullptr, s);
     int distinct = 0;
     for (std::uint32_t id = 0; id < 200; ++id) {
@@ -126,8 +112,7 @@ TEST_F(MappingRandomizerTest, EachIdGetsItsOwnStableChangeWithinTheRanges) {
         EXPECT_LE(std::fabs(std::atan2(c.m10, c.m00)), PI / 4 + 1e-5f);
         EXPECT_LE(std::fabs(c.offsetU), 0.3f);
         EXPECT_LE(std::fabs(c.offsetV), 0.1f);
-        auto const again = e.changeFor(id, 0, 0);
-        EXPECT_EQ(again.m00, c.m00);
+        EXPECT_EQ(e.changeFor(id, 0, 0).m00, c.m00);
         distinct += e.changeFor(id + 1, 0, 0).offsetU != c.offsetU;
     }
     EXPECT_GT(distinct, 190);
@@ -138,9 +123,8 @@ TEST_F(MappingRandomizerTest, TheInputSeesChangedCoordinatesAndFootprints) {
     auto const checker = makeSharedPtr<CheckerMap>();
     map.set("map", EntityHolder<Entity>(checker));
     EXPECT_EQ(dynamic_cast<MappingRandomizerEvaluator const*>(map.getEvaluator().evaluator.get()), nullptr);  // no change
-    map.set("offsetU", 0.5f);
+    for (auto const& [name, v] : {std::pair{"offsetU", 0.5f}, {"rotation", 90.f}}) map.set(name, v);
     map.set("flipU", true);
-    map.set("rotation", 90.f);
     auto const e = map.getEvaluator().evaluator;
     ASSERT_NE(dynamic_cast<MappingRandomizerEvaluator const*>(e.get()), nullptr);
     int changed = 0;
@@ -159,8 +143,7 @@ TEST_F(MappingRandomizerTest, TheInputSeesChangedCoordinatesAndFootprints) {
 
 TEST_F(MappingRandomizerTest, PerTileChangesDifferBetweenTilesAndTheBumpFrameFollows) {
     MappingRandomizerEvaluator::Settings s;
-    s.perTile = true;
-    s.rotation = PI;
+    s.perTile = true, s.rotation = PI;
     s.randomBy = MappingRandomizerMap::RandomBy::None;
     struct FrameProbe : IMapEvaluator {
         RgbAlpha evalColor(IShadeContext const& c, MapCache*) const override { return RgbAlpha(Rgb(c.getUvw(1).x), 1); }
