@@ -156,8 +156,7 @@ TEST_F(TonemapColor, UnknownNamesGiveOneLineNamingConfigAndName) {
 
 TEST_F(TonemapColor, RenderTagsDisplayFilesWithTheirCurveAndRadianceFilesAsLinear) {
     std::string const png = path("r.png"), exr = path("r.exr");
-    ASSERT_EQ(runTool("render -o " + quoted(png) + " --size 16x16 --samples 1").code, 0);
-    ASSERT_EQ(runTool("render -o " + quoted(exr) + " --size 16x16 --samples 1").code, 0);
+    for (std::string const& out : {png, exr}) ASSERT_EQ(runTool("render -o " + quoted(out) + " --size 16x16 --samples 1").code, 0);
     Pixels const display = readBack(png), linear = readBack(exr);
     // The display chain encodes with a 2.2 power: a gAMA chunk, no sRGB chunk.
     EXPECT_EQ(display.spec.get_string_attribute("oiio:ColorSpace"), "Gamma2.2");
