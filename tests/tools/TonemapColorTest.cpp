@@ -1,6 +1,7 @@
 // `ferrim tonemap` with colour spaces: round trips of 8-bit files through an
-// empty pipeline, conversions against OpenColorIO's own processor, and the
-// colour-space tags of the files it writes, read back with OpenImageIO.
+// empty pipeline, conversions of whole files against OpenColorIO's own
+// processor (the float path alone is ColorSpacesTest's), and the colour-space
+// tags of the files it writes, read back with OpenImageIO.
 #include <gtest/gtest.h>
 
 #include <OpenColorIO/OpenColorIO.h>
@@ -28,7 +29,7 @@ struct Pixels {
 Pixels readBack(std::string const& path) {
     Pixels p;
     auto in = OIIO::ImageInput::open(path);
-    if (!in) return p;
+    if (!in) return p;  // empty: the size comparisons fail
     p.spec = in->spec();
     p.width = p.spec.width, p.height = p.spec.height, p.channels = p.spec.nchannels;
     p.values.resize(std::size_t(p.width) * std::size_t(p.height) * std::size_t(p.channels));
@@ -143,30 +144,11 @@ TEST_F(TonemapColor, ConversionsMatchOpenColorIOAndTheTagsSayWhatWasApplied) {
     }
 }
 
-TEST_F(TonemapColor, TonemapMatchesOpenColorIOAtFullPrecision) {
-    // In memory: the tool's own float path against OpenColorIO, without file quantisation.
-    std::istringstream text{String(ColorSpaces::builtinConfigText())};
-    auto const config = OCIO::Config::CreateFromStream(text);
-    auto ours = ColorSpaces::makeDisplayView({"scene_linear", "sRGB - Display", "Standard", ""});
-    ASSERT_TRUE(ours) << ours.error();
-    auto const cpu = config->getProcessor("scene_linear", "sRGB - Display", "Standard", OCIO::TRANSFORM_DIR_FORWARD)
-                         ->getDefaultCPUProcessor();
-    for (float v : {0.f, 0.001f, 0.0031308f, 0.18f, 0.5f, 0.99f, 1.f, 3.f}) {
-        float p[3] = {v, v * 0.5f, v * 0.25f};
-        cpu->applyRGB(p);
-        Rgb const got = ours->apply(Rgb(v, v * 0.5f, v * 0.25f));
-        for (int ch = 0; ch < 3; ++ch) EXPECT_NEAR(got[ch], p[ch], 1e-5f) << v;
-    }
-}
-
 TEST_F(TonemapColor, UnknownNamesGiveOneLineNamingConfigAndName) {
     std::string const in = path("in.png"), out = path("out.png");
     writeRamp(in, OIIO::TypeDesc::UINT8);
     Testing::expectOneLineError(runTool("tonemap " + quoted(in) + " -o " + quoted(out) + " --input-space 'sRGB - Txture'"),
                                 {"built-in config", "\"sRGB - Txture\""}, "unknown input space");
-    Testing::expectOneLineError(
-        runTool("tonemap " + quoted(in) + " -o " + quoted(out) + " --display 'sRGB - Display' --view Filmic"),
-        {"built-in config", "\"Filmic\""}, "unknown view");
     std::string const missing = path("nowhere.ocio");
     ::setenv("OCIO", missing.c_str(), 1);
     Testing::expectOneLineError(runTool("tonemap " + quoted(in) + " -o " + quoted(out)), {missing}, "missing config");
@@ -174,8 +156,7 @@ TEST_F(TonemapColor, UnknownNamesGiveOneLineNamingConfigAndName) {
 
 TEST_F(TonemapColor, RenderTagsDisplayFilesWithTheirCurveAndRadianceFilesAsLinear) {
     std::string const png = path("r.png"), exr = path("r.exr");
-    ASSERT_EQ(runTool("render -o " + quoted(png) + " --size 16x16 --samples 1").code, 0);
-    ASSERT_EQ(runTool("render -o " + quoted(exr) + " --size 16x16 --samples 1").code, 0);
+    for (std::string const& out : {png, exr}) ASSERT_EQ(runTool("render -o " + quoted(out) + " --size 16x16 --samples 1").code, 0);
     Pixels const display = readBack(png), linear = readBack(exr);
     // The display chain encodes with a 2.2 power: a gAMA chunk, no sRGB chunk.
     EXPECT_EQ(display.spec.get_string_attribute("oiio:ColorSpace"), "Gamma2.2");

@@ -14,10 +14,9 @@ namespace {
 
 EntityHolder<DisplayViewOperator> makeOperator(String input, String display, String view, String looks = {}) {
     auto op = ColorMappingOperatorFactory::getInstance().createOperator("Zatho.DisplayViewOperator").cast<DisplayViewOperator>();
-    op->set("inputSpace", std::move(input));
-    op->set("display", std::move(display));
-    op->set("view", std::move(view));
-    op->set("looks", std::move(looks));
+    for (auto const& [name, value] : std::initializer_list<std::pair<char const*, String>>{
+             {"inputSpace", input}, {"display", display}, {"view", view}, {"looks", looks}})
+        op->set(name, value);
     op->prepareForApplication(ColorMappingContext());
     return op;
 }
@@ -36,10 +35,7 @@ TEST_F(DisplayViewOperatorTest, MapsLikeTheConfigsTransformOnEveryPathAndUnmapsT
     // inverse exists (the display clips the rest).
     std::uniform_real_distribution<float> u(0.01f, 0.35f), tint(0.95f, 1.05f);
     Stack<Rgb> colors(1000);
-    for (Rgb& c : colors) {
-        float const grey = u(rng);
-        c = Rgb(grey * tint(rng), grey * tint(rng), grey * tint(rng));
-    }
+    for (Rgb& c : colors) c = Rgb(u(rng)) * Rgb(tint(rng), tint(rng), tint(rng));
     Stack<Rgb> bucket = colors, compiled = colors;
     op->map(std::span<Rgb>(bucket), Pixel(0, 0), Pixel(1000, 1));
     ColorProgram::compile(op).map(std::span<Rgb>(compiled), Pixel(0, 0), Pixel(1000, 1));

@@ -97,8 +97,9 @@ TEST(OutOfRange, EveryOperatorAndTheDefaultPipelineMapEveryFloatAsDocumented) {
             SCOPED_TRACE(v);
             for (Rgb const& in : colours(v)) {
                 Rgb const out = k.chain->map(in, Pixel(3, 4));
+                Rgb const back = k.chain->unmap(in, {});
                 for (int ch = 0; ch < 3; ++ch) {
-                    ASSERT_FALSE(std::isnan(out[ch])) << ch;
+                    ASSERT_FALSE(std::isnan(out[ch]) || std::isnan(back[ch])) << ch;
                     if (k.output != Output::Unbounded) ASSERT_TRUE(std::isfinite(out[ch])) << ch;
                     if (k.output == Output::Display) ASSERT_TRUE(out[ch] >= 0.f && out[ch] <= 1.f) << out[ch];
                 }
@@ -124,14 +125,9 @@ TEST(OutOfRange, EveryOperatorAndTheDefaultPipelineMapEveryFloatAsDocumented) {
 }
 
 TEST(OutOfRange, ToneCurvesReachTheirLimitsNeverBlack) {
-    // The reported failures: -1 came out white and huge values black.
-    ColorMapping mapping;
-    EXPECT_EQ(mapping.map(Rgb(-1.f)), Rgb(0.f));
-    EXPECT_EQ(mapping.map(Rgb(-0.1f)), Rgb(0.f));
-    for (float v : {1e19f, 1e30f, FLT_MAX, INF}) EXPECT_EQ(mapping.map(Rgb(v)), Rgb(1.f)) << v;
+    // The default pipeline's ends are checked on the wide-range file below.
     auto filmic = make("FilmicOperator");
-    EXPECT_NEAR(filmic->map(Rgb(3.4e7f), {}).g, 1.0003055f, 1e-6f);
-    EXPECT_NEAR(filmic->map(Rgb(INF), {}).g, 1.0003055f, 1e-6f);
+    for (float v : {3.4e7f, INF}) EXPECT_NEAR(filmic->map(Rgb(v), {}).g, 1.0003055f, 1e-6f) << v;
     EXPECT_EQ(filmic->map(Rgb(-0.1f), {}), Rgb(0.f));
     auto reinhard = make("ReinhardOperator");
     EXPECT_EQ(reinhard->map(Rgb(-3.f), {}), Rgb(0.f));
@@ -168,7 +164,7 @@ TEST(OutOfRange, EveryWidthMapsHostileInputAsTheChain) {
         Stack<Rgb> input;
         for (float v : HOSTILE)
             for (Rgb const& c : colours(v)) input.push_back(c);
-        Stack<Rgb> expected;
+        Stack<Rgb> expected;  // the pixel varies for operators that read it
         for (std::size_t i = 0; i < input.size(); ++i)
             expected.push_back(k.chain->map(input[i], Pixel(int(i % 11), int(i / 11))));
         for (WideIsa isa : ALL_ISAS) {
@@ -178,8 +174,7 @@ TEST(OutOfRange, EveryWidthMapsHostileInputAsTheChain) {
             for (std::size_t i = 0; i < input.size(); ++i)
                 for (int ch = 0; ch < 3; ++ch)
                     ASSERT_TRUE(same(actual[i][ch], expected[i][ch], 1e-5f))
-                        << wideIsaName(isa) << " colour " << i << " (" << input[i].r << ", " << input[i].g << ", "
-                        << input[i].b << ") channel " << ch << ": " << actual[i][ch] << " vs " << expected[i][ch];
+                        << wideIsaName(isa) << " colour " << i << " channel " << ch << ": " << actual[i][ch] << " vs " << expected[i][ch];
         }
     }
 }
@@ -211,7 +206,7 @@ TEST(OutOfRange, InRangeResultsKeepTheirFormerBits) {
 
 // ---------------------------------------------------------------- display transforms
 
-/// Khronos PBR Neutral as its specification writes it, in double precision.
+/// PBR Neutral as the Khronos publication writes it, in double precision.
 Rgb referencePbrNeutral(Rgb c) {
     double const f90 = 0.04, ks = 0.8 - f90, kd = 0.15;
     double in[3] = {c.r, c.g, c.b};
@@ -261,21 +256,14 @@ Stack<Rgb> sceneColours() {
 
 class DisplayTransform : public ::testing::TestWithParam<char const*> {};
 
-TEST_P(DisplayTransform, MatchesItsPublishedDefinitionOnEveryPath) {
+// The compiled programs of every width are held to map() by ColorProgramTest.
+TEST_P(DisplayTransform, MatchesItsPublishedDefinition) {
     auto op = make(GetParam());
     auto reference = String(GetParam()) == "AgxOperator" ? referenceAgx : referencePbrNeutral;
-    Stack<Rgb> const in = sceneColours();
-    for (Rgb const& c : in) {
+    for (Rgb const& c : sceneColours()) {
         Rgb const expected = reference(c), actual = op->map(c, {});
         for (int ch = 0; ch < 3; ++ch)
             ASSERT_NEAR(actual[ch], expected[ch], 1e-5f) << c.r << ", " << c.g << ", " << c.b << " channel " << ch;
-    }
-    for (WideIsa isa : ALL_ISAS) {
-        if (!isWideIsaSupported(isa)) continue;
-        Stack<Rgb> bucket = in;
-        ColorProgram::compile(op, isa).map(std::span<Rgb>(bucket), Pixel(0, 0), Pixel(int(in.size()), 1));
-        for (std::size_t i = 0; i < in.size(); ++i)
-            for (int ch = 0; ch < 3; ++ch) ASSERT_NEAR(bucket[i][ch], reference(in[i])[ch], 1e-5f) << wideIsaName(isa) << " " << i;
     }
 }
 
@@ -301,14 +289,11 @@ TEST_P(DisplayTransform, UnmapUndoesMapping) {
     EXPECT_GT(roundTrips, 100);
     // Through a colour mapping (display encoding included), as colour pickers reach it.
     ColorMapping mapping(op);
-    Rgb const picked(0.3f, 0.55f, 0.12f);
-    Rgb const back = mapping.map(mapping.unmap(picked));
-    for (int ch = 0; ch < 3; ++ch) EXPECT_NEAR(back[ch], picked[ch], 1e-4f);
+    Rgb const picked(0.3f, 0.55f, 0.12f), again = mapping.map(mapping.unmap(picked));
+    for (int ch = 0; ch < 3; ++ch) EXPECT_NEAR(again[ch], picked[ch], 1e-4f);
     // Hostile display values unmap to finite, non-negative colours.
-    for (float v : HOSTILE) {
-        Rgb const back = op->unmap(Rgb(v), {});
-        for (int ch = 0; ch < 3; ++ch) EXPECT_TRUE(std::isfinite(back[ch]) && back[ch] >= 0.f) << v;
-    }
+    for (float v : HOSTILE)
+        for (float ch : {op->unmap(Rgb(v), {}).r, op->unmap(Rgb(v), {}).g, op->unmap(Rgb(v), {}).b}) EXPECT_TRUE(std::isfinite(ch) && ch >= 0.f) << v;
     EXPECT_EQ(op->unmap(Rgb(-1.f), {}), op->unmap(Rgb(0.f), {}));
 }
 
@@ -323,21 +308,8 @@ TEST_P(DisplayTransform, LoadsFromAPipelineFileAndCompilesToItsOwnStep) {
     Stack<String> const steps = ColorProgram::compile(op).describe();
     EXPECT_EQ(steps, String(GetParam()) == "AgxOperator" ? (Stack<String>{"affine", "agx", "affine", "pow", "clamp"})
                                                           : Stack<String>{"pbr neutral"});
-    // Offered in the add-operator menu.
-    EXPECT_NE(ColorMappingWithObservers::getAddOperatorMenu().find(op->getClassName()), String::npos);
 }
 
 INSTANTIATE_TEST_SUITE_P(Both, DisplayTransform, ::testing::Values("PbrNeutralOperator", "AgxOperator"));
-
-TEST(OutOfRange, UnmappingNeverMakesNaN) {
-    for (Case const& k : cases()) {
-        SCOPED_TRACE(k.name);
-        for (float v : HOSTILE)
-            for (Rgb const& c : colours(v)) {
-                Rgb const back = k.chain->unmap(c, {});
-                for (int ch = 0; ch < 3; ++ch) ASSERT_FALSE(std::isnan(back[ch])) << v;
-            }
-    }
-}
 
 } // namespace
