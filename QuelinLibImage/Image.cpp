@@ -1,4 +1,5 @@
 #include "QuelinLibImage/Image.h"
+#include "QuelinLibImage/ImageLevelsWrite.h"
 #include "QuelinLib/MessageText.h"
 #include <OpenImageIO/imageio.h>
 #include <algorithm>
@@ -303,16 +304,23 @@ OIIO::TypeDesc toTypeDesc(ChannelType type) {
 } // namespace
 
 Expected<void> writeImage(Image const& image, Io::Path const& path, ImageWriteOptions const& options) {
+    return writeImageLevels(std::span<Image const>(&image, 1), path, options, 0);
+}
+
+Expected<void> writeImageLevels(std::span<Image const> levels, Io::Path const& path, ImageWriteOptions const& options, int tileSize) {
     String const name = Io::pathToUtf8(path);
     // The codec library's messages may span lines; errors are one line each.
     auto const fail = [&](String const& why) { return makeError("Could not write image \"" + name + "\": " + singleLine(why)); };
-    if (image.isEmpty())
+    if (levels.empty() || levels.front().isEmpty())
         return fail("the image is empty");
-    if (!image.hasPixels())
-        return fail("the image's pixels are not in memory");
+    for (Image const& level : levels)
+        if (!level.hasPixels())
+            return fail("the image's pixels are not in memory");
+    if (tileSize < 0 || tileSize > 4096 || tileSize % 16 != 0)
+        return fail("a tile side must be a multiple of 16 up to 4096, not " + std::to_string(tileSize));
 
     String const ext = lowerExtension(path);
-    ChannelType const sourceType = getChannelType(image.getFormat());
+    ChannelType const sourceType = getChannelType(levels.front().getFormat());
     FileChannelType const fileType =
         options.channelType == FileChannelType::Auto ? autoChannelType(sourceType, ext) : options.channelType;
     bool const integerType = fileType == FileChannelType::UInt8 || fileType == FileChannelType::UInt16;
@@ -321,62 +329,80 @@ Expected<void> writeImage(Image const& image, Io::Path const& path, ImageWriteOp
     if (ext == ".exr" && integerType)
         return fail("EXR stores half or float channels only");
 
-    // Shared-exponent pixels have no file counterpart: write them as float.
-    Image converted;
-    Image const* source = &image;
-    if (image.getFormat() == PixelFormat::Rgbe)
-        source = &(converted = image.convertedTo(PixelFormat::RgbFloat));
-    if (image.getFormat() == PixelFormat::MonoWithExp)
-        source = &(converted = image.convertedTo(PixelFormat::MonoFloat));
-
     auto out = OIIO::ImageOutput::create(name);
     if (!out) {
         String const why = OIIO::geterror();
         return fail(why.empty() ? String("unknown file type") : why);
     }
+    // TIFF keeps levels as subimages, which readers take as levels of a file
+    // marked as a texture.
+    bool const mipmap = out->supports("mipmap");
+    if (levels.size() > 1 && !mipmap && !out->supports("appendsubimage"))
+        return fail("the format stores no mip levels (EXR and TIFF do)");
+    if (tileSize > 0 && !out->supports("tiles"))
+        return fail("the format stores no tiles (EXR and TIFF do)");
 
-    int const channels = getChannelCount(source->getFormat());
-    OIIO::ImageSpec spec(source->getWidth(), source->getHeight(), channels, toTypeDesc(fileType));
-    switch (channels) {
-    case 1:
-        spec.channelnames = {"Y"};
-        spec.alpha_channel = -1;
-        break;
-    case 2:
-        spec.channelnames = {"Y", "A"};
-        spec.alpha_channel = 1;
-        break;
-    case 3:
-        spec.channelnames = {"R", "G", "B"};
-        spec.alpha_channel = -1;
-        break;
-    default:
-        spec.channelnames = {"R", "G", "B", "A"};
-        spec.alpha_channel = 3;
-        break;
-    }
-    // Our pixels carry straight alpha: formats that store it straight (PNG)
-    // must not divide it out once more.
-    spec.attribute("oiio:UnassociatedAlpha", 1);
-    if (!options.compression.empty())
-        spec.attribute("compression", options.compression);
-    if (!options.colorSpace.empty()) {
-        spec.attribute("oiio:ColorSpace", options.colorSpace);
-        if (options.colorSpace == "Gamma2.2")
-            spec.attribute("oiio:Gamma", 2.2f);
-        // EXIF: 1 is sRGB, 0xFFFF uncalibrated.
-        spec.attribute("Exif:ColorSpace", options.colorSpace == "sRGB" ? 1 : 0xFFFF);
-    }
-    if (options.chromaticities)
-        spec.attribute("chromaticities", OIIO::TypeDesc(OIIO::TypeDesc::FLOAT, 8), options.chromaticities->data());
+    for (std::size_t i = 0; i < levels.size(); ++i) {
+        // Shared-exponent pixels have no file counterpart: write them as float.
+        Image const& level = levels[i];
+        Image converted;
+        Image const* source = &level;
+        if (level.getFormat() == PixelFormat::Rgbe)
+            source = &(converted = level.convertedTo(PixelFormat::RgbFloat));
+        if (level.getFormat() == PixelFormat::MonoWithExp)
+            source = &(converted = level.convertedTo(PixelFormat::MonoFloat));
 
-    if (!out->open(name, spec))
-        return fail(out->geterror());
-    OIIO::TypeDesc const memoryType = toTypeDesc(getChannelType(source->getFormat()));
-    if (!out->write_image(memoryType, source->getData())) {
-        String const why = out->geterror();
-        out->close();
-        return fail(why);
+        int const channels = getChannelCount(source->getFormat());
+        OIIO::ImageSpec spec(source->getWidth(), source->getHeight(), channels, toTypeDesc(fileType));
+        switch (channels) {
+        case 1:
+            spec.channelnames = {"Y"};
+            spec.alpha_channel = -1;
+            break;
+        case 2:
+            spec.channelnames = {"Y", "A"};
+            spec.alpha_channel = 1;
+            break;
+        case 3:
+            spec.channelnames = {"R", "G", "B"};
+            spec.alpha_channel = -1;
+            break;
+        default:
+            spec.channelnames = {"R", "G", "B", "A"};
+            spec.alpha_channel = 3;
+            break;
+        }
+        if (tileSize > 0)
+            spec.tile_width = spec.tile_height = tileSize;
+        // Readers that know textures (ours, and the codec library's texture
+        // system) take a file with levels as a ready mip chain.
+        if (levels.size() > 1)
+            spec.attribute("textureformat", "Plain Texture");
+        // Our pixels carry straight alpha: formats that store it straight (PNG)
+        // must not divide it out once more.
+        spec.attribute("oiio:UnassociatedAlpha", 1);
+        if (!options.compression.empty())
+            spec.attribute("compression", options.compression);
+        if (!options.colorSpace.empty()) {
+            spec.attribute("oiio:ColorSpace", options.colorSpace);
+            if (options.colorSpace == "Gamma2.2")
+                spec.attribute("oiio:Gamma", 2.2f);
+            // EXIF: 1 is sRGB, 0xFFFF uncalibrated.
+            spec.attribute("Exif:ColorSpace", options.colorSpace == "sRGB" ? 1 : 0xFFFF);
+        }
+        if (options.chromaticities)
+            spec.attribute("chromaticities", OIIO::TypeDesc(OIIO::TypeDesc::FLOAT, 8), options.chromaticities->data());
+
+        if (!out->open(name, spec, i == 0   ? OIIO::ImageOutput::Create
+                                : mipmap ? OIIO::ImageOutput::AppendMIPLevel
+                                         : OIIO::ImageOutput::AppendSubimage))
+            return fail(out->geterror());
+        OIIO::TypeDesc const memoryType = toTypeDesc(getChannelType(source->getFormat()));
+        if (!out->write_image(memoryType, source->getData())) {
+            String const why = out->geterror();
+            out->close();
+            return fail(why);
+        }
     }
     if (!out->close())
         return fail(out->geterror());

@@ -14,6 +14,7 @@
 
 #include "BenchRatios.h"
 #include "Ferrim/TextureMap/ImageTextureCache.h"
+#include "Ferrim/TextureMap/MipGeneration.h"
 
 namespace {
 
@@ -73,7 +74,7 @@ void runMipChain(benchmark::State& state, int threads) {
     TaskScheduler scheduler("bench.mip", threads);
     Image const& image = level0();
     for (auto _ : state) {
-        Stack<Image> chain = MipMapManager::buildMipChain(image, &scheduler);
+        Stack<Image> chain = MipGeneration::buildMipChain(image, &scheduler);
         benchmark::DoNotOptimize(chain.data());
     }
 }

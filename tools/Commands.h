@@ -31,6 +31,8 @@ void addColorCommands(CLI::App& app);
 void addSkyCommand(CLI::App& app);
 /// `ferrim textures`: the texture cache and its out-of-core report.
 void addTexturesCommand(CLI::App& app);
+/// `ferrim maketx`: tiled, mip-mapped texture files.
+void addMaketxCommand(CLI::App& app);
 
 /// Progress bars off for the whole run (`--quiet`).
 void setQuiet(bool quiet);

@@ -20,6 +20,7 @@ int main(int argc, char** argv) {
     FerrimTool::addColorCommands(app);
     FerrimTool::addSkyCommand(app);
     FerrimTool::addTexturesCommand(app);
+    FerrimTool::addMaketxCommand(app);
 
     Quelin::Ferrim::startup();
     int code = 0;

@@ -3,6 +3,7 @@
 #include "Ferrim/ColorSpaces.h"
 #include "Ferrim/Ferrim.h"
 #include "Ferrim/TextureMap/ImageTextureCacheDetail.h"
+#include "Ferrim/TextureMap/MipGeneration.h"
 #include "QuelinLib/DebugLogger.h"
 #include "QuelinLib/Lib.h"
 #include "QuelinLibImage/ImageDecode.h"
@@ -206,7 +207,7 @@ ImageTexture::ImageTexture(EntityHolder<IDataSource const> source, String colorS
         // A file's own chain is used as it stands; one that stops short of 1 x 1
         // (or a file without one) is completed by the filter.
         if (!levels.empty()) {
-            Stack<Image> coarser = MipMapManager::buildMipChain(levels.back());
+            Stack<Image> coarser = MipGeneration::buildMipChain(levels.back());
             for (auto& level : coarser) levels.push_back(std::move(level));
         }
     } catch (Exception const& e) {
@@ -263,7 +264,7 @@ Stack<Image> ImageTexture::toLinearLight(Stack<Image> levels, ImageColorTag cons
                     out.push_back(downsample8(last, *table, encode));
                     continue;
                 }
-                Stack<Image> coarser = MipMapManager::buildMipChain(linearLevel(last, table.get(), nullptr, true));
+                Stack<Image> coarser = MipGeneration::buildMipChain(linearLevel(last, table.get(), nullptr, true));
                 for (Image const& level : coarser) out.push_back(encodeLevel(level, format, encode));
                 break;
             }

@@ -3,6 +3,7 @@
 #include "Ferrim/ColorSpaces.h"
 #include "Ferrim/Ferrim.h"
 #include "QuelinLib/DebugLogger.h"
+#include "QuelinLib/TaskScheduler.h"
 #include "QuelinLib/Thread.h"
 #include <condition_variable>
 #include <deque>

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "Ferrim/TextureMap/ImageTextureCache.h"
+#include "Ferrim/TextureMap/MipGeneration.h"
 #include "TextureMapTestSupport.h"
 
 using namespace Quelin;
@@ -65,7 +66,7 @@ TEST_P(HostileTextureTest, TheFormatLoadsFromAFileAndFromMemory) {
     for (auto const* texture : {file.get(), memory.get()}) {
         ASSERT_TRUE(texture->hasPixels()) << texture->getError();
         EXPECT_EQ(texture->getDescriptor().resolution, (Pixel{97, 61}));
-        EXPECT_EQ(texture->getLevelCount(), MipMapManager::getLevelCount({97, 61}));
+        EXPECT_EQ(texture->getLevelCount(), MipGeneration::getLevelCount({97, 61}));
     }
     EXPECT_TRUE(sameBytes(file->getLevel(0), memory->getLevel(0)));
 }

@@ -1,4 +1,5 @@
 #include "Ferrim/TextureMap/ImageTextureCache.h"
+#include "Ferrim/TextureMap/MipGeneration.h"
 
 #include <chrono>
 #include <filesystem>
@@ -153,7 +154,7 @@ TEST_F(ImageTextureCacheTest, AFileWithItsOwnMipChainKeepsItsLevels) {
     // Each level of this file has its own colour: a filtered level would be a blend of level 0's.
     auto const texture = ImageTextureCache::getOrCreate(FileDataSource::make(Io::Path(FERRIM_TESTDATA_DIR) / "exr" / "ColorCodedLevels.exr"));
     ASSERT_EQ(texture->getLevelCount(), 10);
-    Image const filtered = MipMapManager::downsample(texture->getLevel(0), TaskScheduler::getDefault());
+    Image const filtered = MipGeneration::downsample(texture->getLevel(0), TaskScheduler::getDefault());
     Rgb const difference = texture->getLevel(1).getRgbAlpha(128, 128).rgb() - filtered.getRgbAlpha(128, 128).rgb();
     EXPECT_GT(std::abs(difference.r) + std::abs(difference.g) + std::abs(difference.b), 0.1f);
 }

@@ -1,3 +1,4 @@
+#include "Ferrim/TextureMap/MipGeneration.h"
 #include "Ferrim/TextureMap/MipMapManager.h"
 
 #include <filesystem>
@@ -30,16 +31,16 @@ TEST(MipLevelsTest, CountsAndResolutionsRoundDownToOnePixel) {
     };
     for (Case const& c : {Case{{1, 1}, 1, {1, 1}}, Case{{2, 1}, 2, {1, 1}}, Case{{5, 3}, 3, {2, 1}}, Case{{4096, 4096}, 13, {2048, 2048}},
                           Case{{1000, 1}, 10, {500, 1}}, Case{{7, 7}, 3, {3, 3}}}) {
-        EXPECT_EQ(MipMapManager::getLevelCount(c.size), c.count) << c.size.x << "x" << c.size.y;
-        EXPECT_EQ(MipMapManager::getLevelResolution(c.size, 1), c.level1);
-        EXPECT_EQ(MipMapManager::getLevelResolution(c.size, c.count - 1), (Pixel{1, 1}));
+        EXPECT_EQ(MipGeneration::getLevelCount(c.size), c.count) << c.size.x << "x" << c.size.y;
+        EXPECT_EQ(MipGeneration::getLevelResolution(c.size, 1), c.level1);
+        EXPECT_EQ(MipGeneration::getLevelResolution(c.size, c.count - 1), (Pixel{1, 1}));
     }
 }
 
 TEST(MipFilterTest, OddSizesWeighTheSharedPixelByHalfAndDropNothing) {
     // Five pixels into two: each covers 2.5 source pixels, the middle one shared.
     Image const row = imageOf(5, 1, PixelFormat::MonoFloat, [](int x, int) { return RgbAlpha(Rgb(x == 2 ? 10.f : x == 4 ? 20.f : 0.f), 1.f); });
-    Stack<Image> const chain = MipMapManager::buildMipChain(row);
+    Stack<Image> const chain = MipGeneration::buildMipChain(row);
     ASSERT_EQ(chain.size(), 2u);
     EXPECT_FLOAT_EQ(chain[0].getPixel<PixelMonoF>(0, 0).value, 2.f);  // (0 + 0 + 0.5 * 10) / 2.5
     EXPECT_FLOAT_EQ(chain[0].getPixel<PixelMonoF>(1, 0).value, 10.f); // (0.5 * 10 + 0 + 20) / 2.5
@@ -69,16 +70,16 @@ TEST(MipMeanTest, EveryLevelKeepsTheMeanOfLevelZero) {
         Image const level0 = imageOf(sizes[f].x, sizes[f].y, ALL_FORMATS[f], [&](int, int) {
             return RgbAlpha{value(rng), value(rng), value(rng), value(rng) / 4.f};
         });
-        Stack<Image> const chain = MipMapManager::buildMipChain(level0);
-        ASSERT_EQ(int(chain.size()), MipMapManager::getLevelCount(level0.getResolution()) - 1);
+        Stack<Image> const chain = MipGeneration::buildMipChain(level0);
+        ASSERT_EQ(int(chain.size()), MipGeneration::getLevelCount(level0.getResolution()) - 1);
         RgbAlpha const want = mean(level0);
         // Integer channels round once per level (half a step at worst); floats only by float rounding.
         ChannelType const type = getChannelType(level0.getFormat());
         float const step = type == ChannelType::UInt8 ? 1.f / 255.f : type == ChannelType::UInt16 ? 1.f / 65535.f : 0.f;
         for (std::size_t i = 0; i < chain.size(); ++i) {
             SCOPED_TRACE("level " + std::to_string(i + 1));
-            EXPECT_EQ(chain[i].getResolution(), MipMapManager::getLevelResolution(level0.getResolution(), int(i) + 1));
-            EXPECT_EQ(chain[i].getFormat(), MipMapManager::getLevelFormat(level0.getFormat()));
+            EXPECT_EQ(chain[i].getResolution(), MipGeneration::getLevelResolution(level0.getResolution(), int(i) + 1));
+            EXPECT_EQ(chain[i].getFormat(), MipGeneration::getLevelFormat(level0.getFormat()));
             expectNear(mean(chain[i]), want, 0.5f * step * float(i + 1) + 2e-5f);
         }
     }
@@ -87,8 +88,8 @@ TEST(MipMeanTest, EveryLevelKeepsTheMeanOfLevelZero) {
 TEST(MipThreadsTest, OneThreadAndAllThreadsBuildTheSameLevels) {
     Image const level0 = randomImage({301, 200}, PixelFormat::Rgba8, 3);
     TaskScheduler one("one", 1);
-    Stack<Image> const serial = MipMapManager::buildMipChain(level0, &one);
-    Stack<Image> const parallel = MipMapManager::buildMipChain(level0);
+    Stack<Image> const serial = MipGeneration::buildMipChain(level0, &one);
+    Stack<Image> const parallel = MipGeneration::buildMipChain(level0);
     ASSERT_EQ(serial.size(), parallel.size());
     for (std::size_t i = 0; i < serial.size(); ++i) EXPECT_TRUE(sameBytes(serial[i], parallel[i])) << i;
 }
