@@ -1,6 +1,7 @@
 #pragma once
-// Interleaving binary16 to float conversion for the sky data files: millions
-// of values per load, so it must run at memory speed. x86-64 processors with
+// Interleaving binary16 to float conversion for the sky data's records: a sky
+// that reads its tables whole converts millions of values, so it must run at
+// memory speed. x86-64 processors with
 // F16C convert eight values per instruction; elsewhere the portable routine of
 // QuelinLib/Half.h does the same work.
 #include "Ferrim/Export.h"

@@ -1,5 +1,6 @@
 // Reading the bracketing slices of the sky and sun data files: values from
 // the right places, only the bytes the layout needs, forward seeks only.
+#include <array>
 #include <cmath>
 #include <fstream>
 #include <limits>
@@ -59,23 +60,34 @@ TEST_P(PrgSkyModelDataTest, ReadsTheBracketingEntriesAndNothingElse) {
     auto const data = loadChecked(GetParam(), "PrgSkyModelData.dat");
     auto const& cfg = GetParam().configuration;
     auto const as = Files::bracketOf(cfg.indexA, 6), bs = Files::bracketOf(cfg.indexB, 22);
-    std::int64_t mismatches = 0, first = -1; // first: the flat index of the first wrong float
+    // Both ways of reading a record, value by value and whole; first: the flat
+    // index of the first wrong float.
+    std::int64_t mismatches[2] = {}, first[2] = {-1, -1};
+    std::array<float, PrgSkyModelData::RECORD_FLOATS> whole;
     for (int c = 0; c < 3; ++c) {
         auto const twos = Files::bracketOf(cfg.channelIndex[std::size_t(c)], 2);
         for (int slot = 0; slot < 8 * 30; ++slot) {
             int const st = slot / 120, sa = slot / 60 % 2, sb = slot / 30 % 2, r = slot % 30;
             bool const loaded = st < int(twos.size()) && sa < int(as.size()) && sb < int(bs.size());
             auto const record = data->getRecord(c, st, sa, sb, r);
+            whole.fill(std::numeric_limits<float>::quiet_NaN());
+            record.toFloats(whole);
             for (int k = 0; k < PrgSkyModelData::RECORD_FLOATS; ++k) {
                 // Slots without an entry stay zero.
                 float const expected =
-                    loaded ? Files::expectedRecordValue(Files::skyRecordOffset(c, twos[st], as[sa], bs[sb], r), k) : 0.f;
-                if (std::bit_cast<std::uint32_t>(record[k]) != std::bit_cast<std::uint32_t>(expected) && !mismatches++)
-                    first = (c * 240 + slot) * PrgSkyModelData::RECORD_FLOATS + k;
+                    loaded ? Files::expectedRecordValue(Files::skyRecordOffset(c, twos[st], as[sa], bs[sb], r), k)
+                           : 0.f;
+                for (int way = 0; way < 2; ++way) {
+                    float const got = way == 0 ? record[k] : whole[std::size_t(k)];
+                    if (std::bit_cast<std::uint32_t>(got) != std::bit_cast<std::uint32_t>(expected) &&
+                        !mismatches[way]++)
+                        first[way] = (c * 240 + slot) * PrgSkyModelData::RECORD_FLOATS + k;
+                }
             }
         }
     }
-    EXPECT_EQ(mismatches, 0) << first;
+    EXPECT_EQ(mismatches[0], 0) << "value by value, first at " << first[0];
+    EXPECT_EQ(mismatches[1], 0) << "whole records, first at " << first[1];
     expectGridTables(*data, Files::SKY_GRID_START, Files::SKY_GRID_B, Files::SKY_ROWS_START, Files::SKY_ROW_A,
                      Files::SKY_ROW_B);
 }
@@ -127,6 +139,47 @@ TEST_F(PrgSkyModelDataFaults, ScalesThatAreNotNormalFloatsWithFiniteReciprocalsA
             EXPECT_NE(String(e.what()).find("the scale at offset " + std::to_string(offset)), String::npos) << e.what();
         }
     }
+}
+
+TEST_F(PrgSkyModelDataFaults, InfinitiesNaNsAndSubnormalsReadTheSameBothWays) {
+    Io::Path const path = mFolder / "special.dat";
+    Files::writeSkyFile(path, {{{0, 0, 0}, 0, 0}});
+    std::int64_t const record = Files::skyRecordOffset(0, 0, 0, 0, 0);
+    double const scale = Files::scaleAt(record + 550);
+    struct Special {
+        int k;           // in float order
+        std::int64_t at; // in the record as stored
+        std::uint16_t half;
+        float expected; // NaN: any NaN
+    };
+    float const inf = std::numeric_limits<float>::infinity();
+    Special const specials[] = {{0, 0, 0x7C00, inf},             // pass 0, value 0
+                                {9, 2, 0xFC00, -inf},            // pass 0, value 1
+                                {1, 968, 0x7E00, std::nanf("")}, // pass 1, value 0
+                                {10, 970, 0x8000, -0.f},
+                                {2475, 558, 0x7BFF, float(65504.0 / scale)}, // scaled by pass 0's scale
+                                {2484, 560, 0x0001, float(std::ldexp(1.0, -24) / scale)},
+                                {4320, 8712, 0x0001, float(std::ldexp(1.0, -24))}, // the smallest subnormal
+                                {4437, 8946, 0x83FF, float(-std::ldexp(1023.0, -24))}};
+    {
+        std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+        for (Special const& s : specials) {
+            file.seekp(record + s.at);
+            file.write(reinterpret_cast<char const*>(&s.half), 2); // little-endian machine
+        }
+    }
+    RecordingStream stream(path);
+    PrgSkyModelData const data({{0, 0, 0}, 0, 0}, stream);
+    auto const r = data.getRecord(0, 0, 0, 0, 0);
+    std::array<float, PrgSkyModelData::RECORD_FLOATS> whole;
+    r.toFloats(whole);
+    for (Special const& s : specials)
+        for (float got : {r[s.k], whole[std::size_t(s.k)]}) {
+            if (std::isnan(s.expected))
+                EXPECT_TRUE(std::isnan(got)) << s.k;
+            else
+                EXPECT_EQ(std::bit_cast<std::uint32_t>(got), std::bit_cast<std::uint32_t>(s.expected)) << s.k;
+        }
 }
 
 TEST_F(PrgSkyModelDataFaults, IndicesOutsideTheirRangesAreRefusedBeforeReading) {
