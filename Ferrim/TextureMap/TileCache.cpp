@@ -1,0 +1,404 @@
+#include "Ferrim/TextureMap/TileCache.h"
+
+#include <OpenImageIO/imageio.h>
+#include <bit>
+#include <limits>
+#include <thread>
+#include <unordered_map>
+
+#include "QuelinLib/ColorMath.h"
+#include "QuelinLib/MessageText.h"
+#include "QuelinLibImage/ImageDecode.h"
+
+namespace Quelin {
+
+namespace {
+
+using TextureSampling::Addressing;
+using TextureSampling::Address;
+
+constexpr int MAX_LEVELS = 32;
+constexpr int MIN_TILE_SIDE = 8, MAX_TILE_SIDE = 4096;
+
+std::atomic<std::uint64_t> sNextFileId{1};
+
+/// Opened as the decoder opens files: alpha kept as stored, not premultiplied.
+std::unique_ptr<OIIO::ImageInput> openInput(String const& name) {
+    OIIO::ImageSpec config;
+    config.attribute("oiio:UnassociatedAlpha", 1);
+    return OIIO::ImageInput::open(name, &config);
+}
+
+PixelFormat heldFormat(OIIO::TypeDesc type, int channels) {
+    static constexpr PixelFormat BY_TYPE[3][4] = {
+        {PixelFormat::Mono8, PixelFormat::MonoAlpha8, PixelFormat::Rgb8, PixelFormat::Rgba8},
+        {PixelFormat::Mono16, PixelFormat::MonoAlpha16, PixelFormat::Rgb16, PixelFormat::Rgba16},
+        {PixelFormat::MonoFloat, PixelFormat::MonoAlphaFloat, PixelFormat::RgbFloat, PixelFormat::RgbaFloat}};
+    int const kind = type == OIIO::TypeDesc::UINT8 ? 0 : type == OIIO::TypeDesc::UINT16 ? 1 : 2;
+    return BY_TYPE[kind][channels - 1];
+}
+
+OIIO::TypeDesc memoryType(PixelFormat format) {
+    switch (getChannelType(format)) {
+    case ChannelType::UInt8:
+        return OIIO::TypeDesc::UINT8;
+    case ChannelType::UInt16:
+        return OIIO::TypeDesc::UINT16;
+    default:
+        return OIIO::TypeDesc::FLOAT;
+    }
+}
+
+} // namespace
+
+// ------------------------------------------------------------------ the file
+
+/// Open handles of the file, one per thread reading at a time: a handle
+/// decodes one tile at a time, and reads of different tiles need not wait.
+struct TiledImageFile::Reader {
+    Mutex mutex;
+    Stack<std::unique_ptr<OIIO::ImageInput>> idle;
+    String error;
+};
+
+Expected<SharedPtr<TiledImageFile>, String> TiledImageFile::open(Io::Path const& path) {
+    String const name = Io::pathToUtf8(path);
+    auto const fail = [&](String const& why) { return makeError("Could not open tiled texture \"" + name + "\": " + singleLine(why)); };
+    // The regular-file check of the library's streams: no FIFO or device.
+    if (auto stream = Io::FileInputStream::open(path); !stream)
+        return makeError(stream.error());
+    auto input = openInput(name);
+    if (!input) return fail(OIIO::geterror());
+
+    auto file = SharedPtr<TiledImageFile>(new TiledImageFile());
+    file->mName = name;
+    file->mPath = path;
+    OIIO::ImageSpec const& first = input->spec();
+    if (first.tile_width == 0) return fail("the file is not tiled (ferrim maketx writes tiled files)");
+    if (first.tile_width < MIN_TILE_SIDE || first.tile_width > MAX_TILE_SIDE || first.tile_height < MIN_TILE_SIDE ||
+        first.tile_height > MAX_TILE_SIDE || first.tile_depth > 1)
+        return fail("tiles of " + std::to_string(first.tile_width) + " x " + std::to_string(first.tile_height) +
+                    " pixels (8 to 4096 a side are read)");
+    if (first.nchannels < 1) return fail("the file has no channels");
+    file->mFileChannels = first.nchannels;
+    int const channels = std::min(first.nchannels, 4);
+    file->mFormat = heldFormat(first.format, channels);
+    file->mTileWidth = first.tile_width;
+    file->mTileHeight = first.tile_height;
+    file->mTileBytes = std::int64_t(first.tile_width) * first.tile_height * getPixelBytes(file->mFormat);
+
+    std::int64_t tiles = 0;
+    for (int m = 0; input->seek_subimage(0, m); ++m) {
+        if (m == MAX_LEVELS) return fail("more than " + std::to_string(MAX_LEVELS) + " mip levels");
+        OIIO::ImageSpec const& spec = input->spec();
+        if (auto size = checkImageSize(spec.width, spec.height, file->mFormat, name); !size) return makeError(size.error());
+        if (spec.tile_width != first.tile_width || spec.tile_height != first.tile_height || spec.nchannels != first.nchannels ||
+            spec.format != first.format || spec.depth > 1)
+            return fail("level " + std::to_string(m) + " differs from level 0 in its tiles or channels");
+        Level level;
+        level.shape = TextureSampling::LevelShape::of(spec.width, spec.height, file->mFormat);
+        // Within one tile the rows are a tile wide.
+        level.shape.rowBytes = std::int64_t(file->mTileWidth) * getPixelBytes(file->mFormat);
+        level.tilesX = (spec.width + file->mTileWidth - 1) / file->mTileWidth;
+        level.tilesY = (spec.height + file->mTileHeight - 1) / file->mTileHeight;
+        level.firstTile = tiles;
+        tiles += std::int64_t(level.tilesX) * level.tilesY;
+        file->mLevels.push_back(level);
+    }
+    file->mEverRead = std::make_unique<std::atomic<bool>[]>(std::size_t(tiles));
+    file->mReader = std::make_unique<Reader>();
+    file->mReader->idle.push_back(std::move(input));
+    file->mId = sNextFileId.fetch_add(1, std::memory_order_relaxed);
+    return file;
+}
+
+TiledImageFile::~TiledImageFile() = default;
+
+std::int64_t TiledImageFile::getTotalBytes() const {
+    std::int64_t bytes = 0;
+    for (Level const& l : mLevels) bytes += std::int64_t(l.shape.width) * l.shape.height * getPixelBytes(mFormat);
+    return bytes;
+}
+
+TileStats TiledImageFile::getStats() const {
+    return {mHits.load(std::memory_order_relaxed), mMisses.load(std::memory_order_relaxed),
+            mBytesRead.load(std::memory_order_relaxed), mBytesReread.load(std::memory_order_relaxed)};
+}
+
+String TiledImageFile::getError() const {
+    std::lock_guard lock(mReader->mutex);
+    return mReader->error;
+}
+
+bool TiledImageFile::readTile(int level, int tx, int ty, std::byte* out) {
+    std::unique_ptr<OIIO::ImageInput> input;
+    {
+        std::lock_guard lock(mReader->mutex);
+        if (!mReader->idle.empty()) {
+            input = std::move(mReader->idle.back());
+            mReader->idle.pop_back();
+        }
+    }
+    String error;
+    if (!input) {
+        input = openInput(mName);
+        if (!input) error = OIIO::geterror();
+    }
+    if (input) {
+        int const channels = getChannelCount(mFormat);
+        bool const ok = input->read_tiles(0, level, tx * mTileWidth, std::min((tx + 1) * mTileWidth, mLevels[std::size_t(level)].shape.width),
+                                          ty * mTileHeight, std::min((ty + 1) * mTileHeight, mLevels[std::size_t(level)].shape.height),
+                                          0, 1, 0, channels, memoryType(mFormat), out, getPixelBytes(mFormat),
+                                          std::int64_t(mTileWidth) * getPixelBytes(mFormat));
+        if (!ok) error = input->geterror();
+    }
+    std::lock_guard lock(mReader->mutex);
+    if (input) mReader->idle.push_back(std::move(input));
+    if (error.empty()) return true;
+    if (mReader->error.empty())
+        mReader->error = "Could not read a tile of \"" + mName + "\" (level " + std::to_string(level) + ", tile " +
+                         std::to_string(tx) + ", " + std::to_string(ty) + "): " + singleLine(error);
+    return false;
+}
+
+// ----------------------------------------------------------------- the cache
+
+struct TileCache::Tile {
+    enum State : int { Loading, Ready, Failed };
+    std::uint64_t fileId = 0;
+    std::int64_t index = 0;
+    std::int64_t bytes = 0;
+    std::unique_ptr<std::byte[]> pixels;
+    std::atomic<int> state{Loading};
+    std::atomic<int> pins{0};
+    std::atomic<bool> referenced{true};
+};
+
+namespace {
+struct TileKey {
+    std::uint64_t fileId;
+    std::int64_t index;
+    bool operator==(TileKey const&) const = default;
+};
+struct TileKeyHash {
+    std::size_t operator()(TileKey const& k) const {
+        std::uint64_t h = k.fileId * 0x9E3779B97F4A7C15ull ^ std::uint64_t(k.index) * 0xC2B2AE3D27D4EB4Full;
+        return std::size_t(h ^ (h >> 29));
+    }
+};
+} // namespace
+
+struct alignas(64) TileCache::Shard {
+    Mutex mutex;
+    std::unordered_map<TileKey, std::unique_ptr<Tile>, TileKeyHash> tiles;
+    /// The clock's ring and hand.
+    Stack<Tile*> ring;
+    std::size_t hand = 0;
+};
+
+TileCache::TileCache(std::int64_t capacityBytes)
+    : mShards(std::make_unique<Shard[]>(SHARDS)), mCapacity(std::max<std::int64_t>(0, capacityBytes)) {}
+
+TileCache::~TileCache() = default;
+
+void TileCache::setCapacity(std::int64_t bytes) {
+    mCapacity.store(std::max<std::int64_t>(0, bytes), std::memory_order_relaxed);
+    makeRoom();
+}
+
+TileStats TileCache::getStats() const {
+    TileStats total;
+    total.hits = mHits.load(std::memory_order_relaxed);
+    total.misses = mMisses.load(std::memory_order_relaxed);
+    total.bytesRead = mBytesRead.load(std::memory_order_relaxed);
+    total.bytesReread = mBytesReread.load(std::memory_order_relaxed);
+    return total;
+}
+
+bool TileCache::evictOne(Shard& shard) {
+    std::unique_ptr<Tile> victim;
+    {
+        std::lock_guard lock(shard.mutex);
+        // Two sweeps: the first clears the marks of tiles used since the hand
+        // last passed, the second finds one of them unused.
+        for (std::size_t step = 0, n = shard.ring.size(); step < 2 * n; ++step) {
+            if (shard.hand >= shard.ring.size()) shard.hand = 0;
+            Tile* const t = shard.ring[shard.hand];
+            // A pin is taken only under this mutex: zero here stays zero.
+            if (t->pins.load(std::memory_order_acquire) > 0 || t->state.load(std::memory_order_acquire) == Tile::Loading) {
+                ++shard.hand;
+                continue;
+            }
+            if (t->referenced.exchange(false, std::memory_order_relaxed)) {
+                ++shard.hand;
+                continue;
+            }
+            shard.ring[shard.hand] = shard.ring.back();
+            shard.ring.pop_back();
+            auto found = shard.tiles.find(TileKey{t->fileId, t->index});
+            victim = std::move(found->second);
+            shard.tiles.erase(found);
+            break;
+        }
+    }
+    if (!victim) return false;
+    mMemory.fetch_sub(victim->bytes, std::memory_order_relaxed);
+    return true;
+}
+
+void TileCache::makeRoom() {
+    // Shards in turn from a shared cursor, so that eviction spreads over all
+    // of them; a full round without a victim means every tile is pinned.
+    int idle = 0;
+    while (mMemory.load(std::memory_order_relaxed) > mCapacity.load(std::memory_order_relaxed) && idle < SHARDS) {
+        unsigned const i = mEvictCursor.fetch_add(1, std::memory_order_relaxed) % SHARDS;
+        idle = evictOne(mShards[i]) ? 0 : idle + 1;
+    }
+}
+
+TileCache::Tile* TileCache::acquire(TiledImageFile& file, int level, int tx, int ty) {
+    TiledImageFile::Level const& l = file.mLevels[std::size_t(level)];
+    TileKey const key{file.mId, l.firstTile + std::int64_t(ty) * l.tilesX + tx};
+    Shard& shard = mShards[TileKeyHash()(key) % SHARDS];
+    Tile* tile;
+    bool load = false;
+    {
+        std::lock_guard lock(shard.mutex);
+        auto [it, inserted] = shard.tiles.try_emplace(key);
+        if (inserted) {
+            it->second = std::make_unique<Tile>();
+            it->second->fileId = key.fileId;
+            it->second->index = key.index;
+            shard.ring.push_back(it->second.get());
+            load = true;
+        }
+        tile = it->second.get();
+        tile->pins.fetch_add(1, std::memory_order_relaxed);
+        tile->referenced.store(true, std::memory_order_relaxed);
+    }
+    if (!load) {
+        file.mHits.fetch_add(1, std::memory_order_relaxed);
+        mHits.fetch_add(1, std::memory_order_relaxed);
+        // Another thread is reading it: reads take far longer than a yield.
+        int state;
+        while ((state = tile->state.load(std::memory_order_acquire)) == Tile::Loading) std::this_thread::yield();
+        if (state == Tile::Ready) return tile;
+        tile->pins.fetch_sub(1, std::memory_order_release);
+        return nullptr;
+    }
+
+    std::int64_t const bytes = file.mTileBytes;
+    std::int64_t const now = mMemory.fetch_add(bytes, std::memory_order_relaxed) + bytes;
+    makeRoom();
+    std::int64_t peak = mPeak.load(std::memory_order_relaxed);
+    while (now > peak && !mPeak.compare_exchange_weak(peak, now, std::memory_order_relaxed)) {
+    }
+    bool ok = false;
+    try {
+        tile->pixels.reset(new std::byte[std::size_t(bytes)]);
+        tile->bytes = bytes;
+        ok = file.readTile(level, tx, ty, tile->pixels.get());
+    } catch (std::bad_alloc const&) {
+        ok = false;
+    }
+    if (!ok) {
+        // Kept as failed, holding nothing, so that lookups do not retry it.
+        tile->pixels.reset();
+        tile->bytes = 0;
+        mMemory.fetch_sub(bytes, std::memory_order_relaxed);
+    } else {
+        file.mMisses.fetch_add(1, std::memory_order_relaxed);
+        file.mBytesRead.fetch_add(bytes, std::memory_order_relaxed);
+        mMisses.fetch_add(1, std::memory_order_relaxed);
+        mBytesRead.fetch_add(bytes, std::memory_order_relaxed);
+        if (file.mEverRead[std::size_t(key.index)].exchange(true, std::memory_order_relaxed)) {
+            file.mBytesReread.fetch_add(bytes, std::memory_order_relaxed);
+            mBytesReread.fetch_add(bytes, std::memory_order_relaxed);
+        }
+    }
+    tile->state.store(ok ? Tile::Ready : Tile::Failed, std::memory_order_release);
+    if (ok) return tile;
+    tile->pins.fetch_sub(1, std::memory_order_release);
+    return nullptr;
+}
+
+
+Float4 TileCache::sampleBilinear(TiledImageFile& file, int level, float u, float v, Addressing a) {
+    // Out of [0, 1] (NaN too) is the border.
+    u = u >= 0.f ? (u <= 1.f ? u : 1.f) : 0.f;
+    v = v >= 0.f ? (v <= 1.f ? v : 1.f) : 0.f;
+    level = level < 0 ? 0 : (level < file.getLevelCount() ? level : file.getLevelCount() - 1);
+    TiledImageFile::Level const& lv = file.mLevels[std::size_t(level)];
+    TextureSampling::LevelShape const& l = lv.shape;
+    // The taps and weights of the whole-level kernel (TextureSampling.h).
+    float const x = u * l.widthF - 0.5f, y = (1.f - v) * l.heightF - 0.5f;
+    float const fx0 = std::floor(x), fy0 = std::floor(y);
+    float const fx = x - fx0, fy = y - fy0;
+    int x0 = int(fx0), y0 = int(fy0), x1 = x0 + 1, y1 = y0 + 1;
+    if (x0 < 0) x0 = a.u == Address::Repeat ? l.width - 1 : 0;
+    if (x1 >= l.width) x1 = a.u == Address::Repeat ? 0 : l.width - 1;
+    if (y0 < 0) y0 = a.v == Address::Repeat ? l.height - 1 : 0;
+    if (y1 >= l.height) y1 = a.v == Address::Repeat ? 0 : l.height - 1;
+
+    int const tw = file.mTileWidth, th = file.mTileHeight, bytes = getPixelBytes(file.mFormat);
+    // The (at most four) tiles this lookup reads, pinned until it returns.
+    struct Pinned {
+        std::int64_t index[4];
+        std::byte const* pixels[4];
+        Tile* tiles[4];
+        int seen = 0, pinned = 0;
+        ~Pinned() {
+            for (int i = 0; i < pinned; ++i) tiles[i]->pins.fetch_sub(1, std::memory_order_release);
+        }
+    } held;
+    auto const texelAt = [&](int px, int py) -> std::byte const* {
+        int const tx = px / tw, ty = py / th;
+        std::int64_t const index = std::int64_t(ty) * lv.tilesX + tx;
+        std::byte const* pixels = nullptr;
+        int i = 0;
+        while (i < held.seen && held.index[i] != index) ++i;
+        if (i < held.seen) {
+            pixels = held.pixels[i];
+        } else {
+            Tile* const tile = acquire(file, level, tx, ty);
+            if (tile) held.tiles[held.pinned++] = tile;
+            pixels = tile ? tile->pixels.get() : nullptr;
+            held.index[held.seen] = index;
+            held.pixels[held.seen++] = pixels;
+        }
+        return pixels ? pixels + std::int64_t(py - ty * th) * l.rowBytes + std::int64_t(px - tx * tw) * bytes : nullptr;
+    };
+    std::byte const* const p00 = texelAt(x0, y0);
+    std::byte const* const p01 = texelAt(x1, y0);
+    std::byte const* const p10 = texelAt(x0, y1);
+    std::byte const* const p11 = texelAt(x1, y1);
+    Float4 result;
+    TextureSampling::dispatch(file.mFormat, TextureSampling::Conversion::None, InterpolationMode::Bilinear,
+                              [&]<PixelFormat F, TextureSampling::Conversion C, InterpolationMode>() {
+                                  TextureSampling::TexelConversion const cv;
+                                  auto const t = [&](std::byte const* p) { return p ? TextureSampling::Detail::texel<F, C>(p, cv) : Float4(); };
+                                  Float4 const t00 = t(p00), t01 = t(p01), t10 = t(p10), t11 = t(p11);
+                                  Float4 const wx(fx);
+                                  Float4 const top = t00 + (t01 - t00) * wx;
+                                  Float4 const bottom = t10 + (t11 - t10) * wx;
+                                  result = top + (bottom - top) * Float4(fy);
+                                  return 0;
+                              });
+    return result;
+}
+
+Float4 TileCache::sampleTrilinear(TiledImageFile& file, float u, float v, float width, Addressing a) {
+    int const top = file.getLevelCount() - 1;
+    float w = width;
+    if (!(w >= 1e-8f)) w = 1e-8f;  // NaN too
+    // The level choice of the texture map: L = log2(w) + (n - 1).
+    std::uint32_t const bits = std::bit_cast<std::uint32_t>(w);
+    int const whole = int(bits >> 23) - 127 + top;
+    if (whole < 0) return sampleBilinear(file, 0, u, v, a);
+    if (whole >= top) return sampleBilinear(file, top, u, v, a);
+    float const fraction = log2Approx(std::bit_cast<float>((bits & 0x007FFFFFu) | 0x3F800000u));
+    Float4 const finer = sampleBilinear(file, whole, u, v, a);
+    return finer + (sampleBilinear(file, whole + 1, u, v, a) - finer) * Float4(fraction);
+}
+
+} // namespace Quelin
