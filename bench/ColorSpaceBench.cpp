@@ -15,6 +15,7 @@
 #include "Ferrim/Ferrim.h"
 #include "Ferrim/TextureMap/ImageTextureCache.h"
 #include "Ferrim/colorMappingOperators/DisplayViewOperator.h"
+#include "QuelinLib/TaskScheduler.h"
 #include "QuelinLib/DataSource.h"
 
 #if FERRIM_HAVE_OCIO

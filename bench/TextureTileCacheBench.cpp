@@ -1,0 +1,184 @@
+// Tiles read on demand under a memory cap: one trace of trilinear lookups over
+// twelve 4096 x 4096 tiled, mip-mapped files holding four times the cap, through
+// our tile cache and through OpenImageIO's TextureSystem over its ImageCache
+// with the same max_memory_MB, on the same files. Each run starts cold.
+#include <benchmark/benchmark.h>
+
+#include <OpenImageIO/texture.h>
+
+#include <cstdio>
+#include <filesystem>
+
+#include "BenchRatios.h"
+#include "Ferrim/TextureMap/MipGeneration.h"
+#include "Ferrim/TextureMap/TileCache.h"
+#include "QuelinLibImage/ImageLevelsWrite.h"
+
+namespace {
+
+using namespace Quelin;
+
+constexpr int FILES = 12;
+constexpr int SIZE = 4096;
+constexpr int TILE = 64;
+constexpr std::int64_t LOOKUPS = 10'000'000;
+/// A shading bucket's worth of neighbouring lookups on one file.
+constexpr int BUCKET_SIDE = 32;
+
+/// Hashed texels over waves, different per file, so that tiles do not compress to nothing.
+Image makeLevel0(int seed) {
+    Image image(Image::Descriptor(Pixel(SIZE, SIZE), PixelFormat::Rgba8));
+    for (int y = 0; y < SIZE; ++y) {
+        auto* row = image.getRow<PixelRgba8>(y);
+        for (int x = 0; x < SIZE; ++x) {
+            std::uint32_t h = std::uint32_t(x) * 0x9E3779B1u ^ std::uint32_t(y + seed * 7919) * 0x85EBCA77u;
+            h ^= h >> 15;
+            h *= 0x2C1B3C6Du;
+            h ^= h >> 12;
+            row[x] = {std::uint8_t((x + (h & 63)) & 255), std::uint8_t((y + ((h >> 8) & 63)) & 255),
+                      std::uint8_t((x ^ (y + seed)) & 255), 255};
+        }
+    }
+    return image;
+}
+
+/// The files, written once and kept between runs of the benchmark program.
+struct TileFiles {
+    Stack<std::filesystem::path> paths;
+    std::int64_t totalBytes = 0;
+    TileFiles() {
+        std::filesystem::path const folder = Io::StandardPaths::temporary() / "ferrim_bench_tiles";
+        std::filesystem::create_directories(folder);
+        for (int i = 0; i < FILES; ++i) {
+            std::filesystem::path const path = folder / ("tiles" + std::to_string(i) + ".tif");
+            paths.push_back(path);
+            if (!TiledImageFile::open(path)) {
+                Stack<Image> levels;
+                levels.push_back(makeLevel0(i));
+                for (Image& level : MipGeneration::buildMipChain(levels.front())) levels.push_back(std::move(level));
+                if (auto r = writeImageLevels(levels, path, {}, TILE); !r) std::fprintf(stderr, "bench: %s\n", r.error().c_str());
+            }
+            if (auto file = TiledImageFile::open(path)) totalBytes += (*file)->getTotalBytes();
+        }
+    }
+};
+TileFiles const& files() {
+    static TileFiles f;
+    return f;
+}
+std::int64_t capBytes() { return files().totalBytes / 4; }
+
+/// The trace: buckets of neighbouring points on one file, at one footprint,
+/// the buckets scattered over the files (a render's access pattern); the same
+/// for both sides, made as it is walked.
+template <typename Lookup> float walkTrace(Lookup&& lookup) {
+    std::uint64_t state = 0x853C49E6748FEA9Bull;
+    auto const next = [&] {
+        state = state * 6364136223846793005ull + 1442695040888963407ull;
+        return std::uint32_t(state >> 33);
+    };
+    float sum = 0.f;
+    for (std::int64_t done = 0; done < LOOKUPS; done += BUCKET_SIDE * BUCKET_SIDE) {
+        int const file = int(next() % FILES);
+        // Footprints from one texel of level 0 to 64 of them: levels 0 to 6.
+        float const width = std::exp2(-12.f + 6.f * float(next() & 0xFFFF) / 65535.f);
+        float const u0 = float(next() & 0xFFFFFF) / 16777216.f, v0 = float(next() & 0xFFFFFF) / 16777216.f;
+        for (int j = 0; j < BUCKET_SIDE; ++j)
+            for (int i = 0; i < BUCKET_SIDE; ++i) {
+                float u = u0 + float(i) * width, v = v0 + float(j) * width;
+                u -= std::floor(u);
+                v -= std::floor(v);
+                sum += lookup(file, u, v, width);
+            }
+    }
+    return sum;
+}
+
+struct Figures {
+    double ourReread = -1, theirReread = -1, ourPeak = -1;
+};
+Figures& figures() {
+    static Figures f;
+    return f;
+}
+
+void TextureTileCacheCapped(benchmark::State& state) {
+    Stack<SharedPtr<TiledImageFile>> opened;
+    for (auto const& path : files().paths) {
+        auto file = TiledImageFile::open(path);
+        if (!file) {
+            state.SkipWithError(file.error().c_str());
+            return;
+        }
+        opened.push_back(*file);
+    }
+    TextureSampling::Addressing const repeat{TextureSampling::Address::Repeat, TextureSampling::Address::Repeat};
+    for (auto _ : state) {
+        TileCache cache(capBytes());
+        float const sum = walkTrace([&](int file, float u, float v, float width) {
+            float out[4];
+            cache.sampleTrilinear(*opened[std::size_t(file)], u, v, width, repeat).store(out);
+            return out[1];
+        });
+        benchmark::DoNotOptimize(sum);
+        figures().ourReread = double(cache.getStats().bytesReread);
+        figures().ourPeak = double(cache.getPeakMemoryUsage());
+        state.counters["reread_MiB"] = double(cache.getStats().bytesReread) / double(1 << 20);
+        state.counters["peak_MiB"] = double(cache.getPeakMemoryUsage()) / double(1 << 20);
+    }
+    state.SetItemsProcessed(std::int64_t(state.iterations()) * LOOKUPS);
+}
+
+void TextureTileCacheCappedOiio(benchmark::State& state) {
+    Stack<OIIO::ustring> names;
+    for (auto const& path : files().paths) names.emplace_back(path.string());
+    for (auto _ : state) {
+        OIIO::TextureSystem* system = OIIO::TextureSystem::create(false);
+        system->attribute("max_memory_MB", float(double(capBytes()) / double(1 << 20)));
+        system->attribute("max_open_files", 100);
+        OIIO::TextureSystem::Perthread* thread = system->get_perthread_info();
+        Stack<OIIO::TextureSystem::TextureHandle*> handles;
+        for (auto const& name : names) handles.push_back(system->get_texture_handle(name, thread));
+        OIIO::TextureOpt options;
+        options.swrap = options.twrap = OIIO::TextureOpt::WrapPeriodic;
+        options.interpmode = OIIO::TextureOpt::InterpBilinear;
+        options.mipmode = OIIO::TextureOpt::MipModeTrilinear;
+        float const sum = walkTrace([&](int file, float u, float v, float width) {
+            float out[4];
+            // Their t runs down the image, our v up.
+            system->texture(handles[std::size_t(file)], thread, options, u, 1.f - v, width, 0.f, 0.f, width, 4, out);
+            return out[1];
+        });
+        benchmark::DoNotOptimize(sum);
+        std::int64_t reread = 0;
+        for (auto const& name : names) {
+            std::int64_t bytes = 0;
+            system->get_texture_info(name, 0, OIIO::ustring("stat:redundant_bytesread"), OIIO::TypeDesc::INT64, &bytes);
+            reread += bytes;
+        }
+        figures().theirReread = double(reread);
+        state.counters["reread_MiB"] = double(reread) / double(1 << 20);
+        OIIO::TextureSystem::destroy(system);
+    }
+    state.SetItemsProcessed(std::int64_t(state.iterations()) * LOOKUPS);
+    state.SetLabel("OpenImageIO " OIIO_VERSION_STRING);
+}
+
+// Each run is seconds long and starts cold: one iteration, a few repetitions.
+BENCHMARK(TextureTileCacheCapped)->Iterations(1)->Repetitions(3)->Unit(benchmark::kMillisecond);
+BENCHMARK(TextureTileCacheCappedOiio)->Iterations(1)->Repetitions(3)->Unit(benchmark::kMillisecond);
+
+FERRIM_BENCH_RATIO("tile_cache_capped_vs_oiio", "<= 0.8",
+                   FerrimBench::timeRatio("TextureTileCacheCapped/iterations:1", "TextureTileCacheCappedOiio/iterations:1"));
+FERRIM_BENCH_RATIO("tile_bytes_reread_vs_oiio", "<= 1.0", [](FerrimBench::Results const&) -> std::optional<double> {
+    Figures const& f = figures();
+    if (f.ourReread < 0 || f.theirReread < 0) return std::nullopt;
+    // Neither re-reading anything is a tie.
+    return f.theirReread > 0 ? f.ourReread / f.theirReread : (f.ourReread > 0 ? 2.0 : 1.0);
+});
+FERRIM_BENCH_RATIO("peak_rss_over_cap", "<= 1.1", [](FerrimBench::Results const&) -> std::optional<double> {
+    if (figures().ourPeak < 0) return std::nullopt;
+    return figures().ourPeak / double(capBytes());
+});
+
+} // namespace
