@@ -323,7 +323,26 @@ TileCache::Tile* TileCache::acquire(TiledImageFile& file, int level, int tx, int
 }
 
 
-Float4 TileCache::sampleBilinear(TiledImageFile& file, int level, float u, float v, Addressing a) {
+/// The tiles a lookup reads, pinned until it ends; neighbouring probes of one
+/// lookup find their tiles here without the cache's locks.
+struct TileCache::Session : Noncopyable {
+    static constexpr int CAPACITY = 16;
+    struct Held {
+        TiledImageFile const* file;
+        std::int64_t index;
+        std::byte const* pixels;
+    };
+    Held held[CAPACITY];
+    Tile* pinned[CAPACITY];
+    int seen = 0, pins = 0;
+    void release() {
+        for (int i = 0; i < pins; ++i) pinned[i]->pins.fetch_sub(1, std::memory_order_release);
+        seen = pins = 0;
+    }
+    ~Session() { release(); }
+};
+
+Float4 TileCache::bilinear(Session& session, TiledImageFile& file, int level, float u, float v, Addressing a) {
     // Out of [0, 1] (NaN too) is the border.
     u = u >= 0.f ? (u <= 1.f ? u : 1.f) : 0.f;
     v = v >= 0.f ? (v <= 1.f ? v : 1.f) : 0.f;
@@ -340,31 +359,22 @@ Float4 TileCache::sampleBilinear(TiledImageFile& file, int level, float u, float
     if (y0 < 0) y0 = a.v == Address::Repeat ? l.height - 1 : 0;
     if (y1 >= l.height) y1 = a.v == Address::Repeat ? 0 : l.height - 1;
 
+    // Room for this lookup's four tiles; earlier lookups' texels are consumed.
+    if (session.seen > Session::CAPACITY - 4) session.release();
     int const tw = file.mTileWidth, th = file.mTileHeight, bytes = getPixelBytes(file.mFormat);
-    // The (at most four) tiles this lookup reads, pinned until it returns.
-    struct Pinned {
-        std::int64_t index[4];
-        std::byte const* pixels[4];
-        Tile* tiles[4];
-        int seen = 0, pinned = 0;
-        ~Pinned() {
-            for (int i = 0; i < pinned; ++i) tiles[i]->pins.fetch_sub(1, std::memory_order_release);
-        }
-    } held;
     auto const texelAt = [&](int px, int py) -> std::byte const* {
         int const tx = px / tw, ty = py / th;
-        std::int64_t const index = std::int64_t(ty) * lv.tilesX + tx;
+        std::int64_t const index = lv.firstTile + std::int64_t(ty) * lv.tilesX + tx;
         std::byte const* pixels = nullptr;
         int i = 0;
-        while (i < held.seen && held.index[i] != index) ++i;
-        if (i < held.seen) {
-            pixels = held.pixels[i];
+        while (i < session.seen && !(session.held[i].index == index && session.held[i].file == &file)) ++i;
+        if (i < session.seen) {
+            pixels = session.held[i].pixels;
         } else {
             Tile* const tile = acquire(file, level, tx, ty);
-            if (tile) held.tiles[held.pinned++] = tile;
+            if (tile) session.pinned[session.pins++] = tile;
             pixels = tile ? tile->pixels.get() : nullptr;
-            held.index[held.seen] = index;
-            held.pixels[held.seen++] = pixels;
+            session.held[session.seen++] = {&file, index, pixels};
         }
         return pixels ? pixels + std::int64_t(py - ty * th) * l.rowBytes + std::int64_t(px - tx * tw) * bytes : nullptr;
     };
@@ -387,18 +397,49 @@ Float4 TileCache::sampleBilinear(TiledImageFile& file, int level, float u, float
     return result;
 }
 
-Float4 TileCache::sampleTrilinear(TiledImageFile& file, float u, float v, float width, Addressing a) {
+Float4 TileCache::trilinear(Session& session, TiledImageFile& file, float u, float v, float width, Addressing a) {
     int const top = file.getLevelCount() - 1;
     float w = width;
     if (!(w >= 1e-8f)) w = 1e-8f;  // NaN too
     // The level choice of the texture map: L = log2(w) + (n - 1).
     std::uint32_t const bits = std::bit_cast<std::uint32_t>(w);
     int const whole = int(bits >> 23) - 127 + top;
-    if (whole < 0) return sampleBilinear(file, 0, u, v, a);
-    if (whole >= top) return sampleBilinear(file, top, u, v, a);
+    if (whole < 0) return bilinear(session, file, 0, u, v, a);
+    if (whole >= top) return bilinear(session, file, top, u, v, a);
     float const fraction = log2Approx(std::bit_cast<float>((bits & 0x007FFFFFu) | 0x3F800000u));
-    Float4 const finer = sampleBilinear(file, whole, u, v, a);
-    return finer + (sampleBilinear(file, whole + 1, u, v, a) - finer) * Float4(fraction);
+    Float4 const finer = bilinear(session, file, whole, u, v, a);
+    return finer + (bilinear(session, file, whole + 1, u, v, a) - finer) * Float4(fraction);
+}
+
+Float4 TileCache::sampleBilinear(TiledImageFile& file, int level, float u, float v, Addressing addressing) {
+    Session session;
+    return bilinear(session, file, level, u, v, addressing);
+}
+
+Float4 TileCache::sampleTrilinear(TiledImageFile& file, float u, float v, float width, Addressing addressing) {
+    Session session;
+    return trilinear(session, file, u, v, width, addressing);
+}
+
+namespace {
+/// A probe's coordinate brought back into [0, 1] the way its axis addresses texels.
+float wrapProbe(float x, Address mode) {
+    if (mode == Address::Repeat) return x - std::floor(x);
+    if (mode == Address::Mirror) {
+        float const t = x - 2.f * std::floor(0.5f * x);  // [0, 2)
+        return t <= 1.f ? t : 2.f - t;
+    }
+    return x;  // the kernel clamps
+}
+} // namespace
+
+Float4 TileCache::sampleAnisotropic(TiledImageFile& file, float u, float v, TextureSampling::UvDerivatives const& derivatives,
+                                    float maxAnisotropy, Addressing addressing) {
+    TextureSampling::AnisotropicProbes const probes = TextureSampling::planProbes(derivatives, maxAnisotropy);
+    Session session;
+    return TextureSampling::filterAnisotropic(u, v, probes, [&](float pu, float pv, float width) {
+        return trilinear(session, file, wrapProbe(pu, addressing.u), wrapProbe(pv, addressing.v), width, addressing);
+    });
 }
 
 } // namespace Quelin

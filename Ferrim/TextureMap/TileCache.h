@@ -12,6 +12,7 @@
 // Memory is counted when a tile's buffer is allocated, before its read, so
 // the peak never exceeds the cap by more than the tiles running lookups pin.
 #include "Ferrim/Export.h"
+#include "Ferrim/TextureMap/AnisotropicFilter.h"
 #include "Ferrim/TextureMap/TextureSampling.h"
 #include "QuelinLib/Io.h"
 
@@ -102,10 +103,18 @@ class FERRIM_EXPORT TileCache : Noncopyable {
     /// as the texture map does; `width` is the footprint in [0, 1] units
     /// (NaN and below 1e-8 take the finest level, huge ones the coarsest).
     Float4 sampleTrilinear(TiledImageFile& file, float u, float v, float width, TextureSampling::Addressing addressing);
+    /// Trilinear probes along the long axis of the footprint the derivatives
+    /// span (AnisotropicFilter.h), at most `maxAnisotropy` of them.
+    Float4 sampleAnisotropic(TiledImageFile& file, float u, float v, TextureSampling::UvDerivatives const& derivatives,
+                             float maxAnisotropy, TextureSampling::Addressing addressing);
+
+    struct Tile;
 
   private:
-    struct Tile;
     struct Shard;
+    struct Session;
+    Float4 bilinear(Session& session, TiledImageFile& file, int level, float u, float v, TextureSampling::Addressing a);
+    Float4 trilinear(Session& session, TiledImageFile& file, float u, float v, float width, TextureSampling::Addressing a);
     /// The tile pinned, or null when it could not be read.
     Tile* acquire(TiledImageFile& file, int level, int tx, int ty);
     void makeRoom();
