@@ -183,6 +183,92 @@ void TextureTileCacheCappedOiio(benchmark::State& state) {
     state.SetLabel("OpenImageIO " OIIO_VERSION_STRING);
 }
 
+// ------------------------------------------------------------ anisotropic
+
+/// Footprints of a plane seen 80 degrees from its normal through 128 x 128
+/// pixels, each pixel's derivatives from its neighbours.
+struct GrazingPoint {
+    float u, v;
+    TextureSampling::UvDerivatives d;
+};
+Stack<GrazingPoint> const& grazingPoints() {
+    static Stack<GrazingPoint> const points = [] {
+        constexpr int SIDE = 128;
+        float const fy = std::sin(80.f * float(M_PI) / 180.f), fz = -std::cos(80.f * float(M_PI) / 180.f);
+        auto const uvAt = [&](float x, float y, float& u, float& v) {
+            float const ax = (x - 0.5f * SIDE) * 0.002f, ay = (0.5f * SIDE - y) * 0.002f;
+            float const t = -1.f / (fz + ay * fy);
+            u = 0.3f + ax * t * 0.05f;
+            v = 0.2f + (fy - ay * fz) * t * 0.05f;
+        };
+        Stack<GrazingPoint> result;
+        for (int y = 0; y < SIDE; ++y)
+            for (int x = 0; x < SIDE; ++x) {
+                GrazingPoint p;
+                float ux, vx, uy, vy;
+                uvAt(float(x), float(y), p.u, p.v);
+                uvAt(float(x) + 1.f, float(y), ux, vx);
+                uvAt(float(x), float(y) + 1.f, uy, vy);
+                p.d = {ux - p.u, vx - p.v, uy - p.u, vy - p.v};
+                p.u -= std::floor(p.u);
+                p.v -= std::floor(p.v);
+                result.push_back(p);
+            }
+        return result;
+    }();
+    return points;
+}
+
+void TextureAnisotropic(benchmark::State& state) {
+    auto file = TiledImageFile::open(files().paths.front());
+    if (!file) {
+        state.SkipWithError(file.error().c_str());
+        return;
+    }
+    TileCache cache(std::int64_t(1) << 30);  // resident, as the peer's
+    TextureSampling::Addressing const repeat{TextureSampling::Address::Repeat, TextureSampling::Address::Repeat};
+    float sum = 0.f;
+    auto const pass = [&] {
+        for (GrazingPoint const& p : grazingPoints()) {
+            float out[4];
+            cache.sampleAnisotropic(**file, p.u, p.v, p.d, TextureSampling::DEFAULT_MAX_ANISOTROPY, repeat).store(out);
+            sum += out[1];
+        }
+    };
+    pass();  // warm
+    for (auto _ : state) pass();
+    benchmark::DoNotOptimize(sum);
+    state.SetItemsProcessed(std::int64_t(state.iterations()) * std::int64_t(grazingPoints().size()));
+}
+
+void TextureAnisotropicOiio(benchmark::State& state) {
+    OIIO::TextureSystem* system = OIIO::TextureSystem::create(false);
+    system->attribute("max_memory_MB", 1024.f);
+    OIIO::TextureSystem::Perthread* thread = system->get_perthread_info();
+    OIIO::TextureSystem::TextureHandle* handle = system->get_texture_handle(OIIO::ustring(files().paths.front().string()), thread);
+    OIIO::TextureOpt options;  // the default: anisotropic, at most 32
+    options.swrap = options.twrap = OIIO::TextureOpt::WrapPeriodic;
+    options.anisotropic = int(TextureSampling::DEFAULT_MAX_ANISOTROPY);
+    float sum = 0.f;
+    auto const pass = [&] {
+        for (GrazingPoint const& p : grazingPoints()) {
+            float out[4];
+            system->texture(handle, thread, options, p.u, 1.f - p.v, p.d.dudx, -p.d.dvdx, p.d.dudy, -p.d.dvdy, 4, out);
+            sum += out[1];
+        }
+    };
+    pass();
+    for (auto _ : state) pass();
+    benchmark::DoNotOptimize(sum);
+    state.SetItemsProcessed(std::int64_t(state.iterations()) * std::int64_t(grazingPoints().size()));
+    state.SetLabel("OpenImageIO " OIIO_VERSION_STRING);
+    OIIO::TextureSystem::destroy(system);
+}
+
+BENCHMARK(TextureAnisotropic)->Repetitions(5)->MinTime(0.2);
+BENCHMARK(TextureAnisotropicOiio)->Repetitions(5)->MinTime(0.2);
+FERRIM_BENCH_RATIO("aniso_vs_oiio_aniso", "<= 0.5", FerrimBench::timeRatio("TextureAnisotropic", "TextureAnisotropicOiio"));
+
 // Each run is seconds long and starts cold: one iteration, a few repetitions.
 BENCHMARK(TextureTileCacheCapped)->Iterations(1)->Repetitions(2)->Unit(benchmark::kMillisecond);
 BENCHMARK(TextureTileCacheCappedOiio)->Iterations(1)->Repetitions(2)->Unit(benchmark::kMillisecond);
