@@ -107,6 +107,16 @@ inline RgbAlpha fromLanes(Float4 v) {
 #endif
 }
 
+/// {v, 1}: the alpha joined in a register (one unpack) rather than through a
+/// general-purpose register, which sits on the result's latency.
+inline MonoAlpha opaqueMono(float v) {
+#if QUELIN_FLOAT4_SSE
+    return std::bit_cast<MonoAlpha>(_mm_cvtsd_f64(_mm_castps_pd(_mm_unpacklo_ps(_mm_set_ss(v), _mm_set_ss(1.f)))));
+#else
+    return {v, 1.f};
+#endif
+}
+
 /// An amount mapped through the optional curve: a smoothstep from `lower` to
 /// `upper` (a step at `lower` when they meet or cross). Amounts are clamped to
 /// [0, 1] first; NaN counts as 0.
