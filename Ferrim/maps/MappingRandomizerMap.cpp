@@ -194,6 +194,7 @@ MappingRandomizerEvaluator::MappingRandomizerEvaluator(SharedPtr<IMapEvaluator> 
                                    ? settings.stochasticSize : 1.f;
     mSettings.stochasticBlend = clamp(std::isnan(settings.stochasticBlend) ? 1.f : settings.stochasticBlend, 0.01f, 1.f);
     mStochasticScale = 1.f / mSettings.stochasticSize;
+    mStochasticThreshold = (1.f - mSettings.stochasticBlend) / 3.f;
     if (mInput && mSettings.stochastic && mSettings.preserveContrast) measureMean(*mInput, mMeanColor, mMeanMono);
 }
 
@@ -250,7 +251,7 @@ T MappingRandomizerEvaluator::lookup(IShadeContext const& context, F const& f) c
         return f(changedContext);
     }
     // The offsets only shift the coordinates, so the footprint and frame stay.
-    Taps const taps = tapsAt(changed.x * mStochasticScale, changed.y * mStochasticScale, (1.f - mSettings.stochasticBlend) / 3.f);
+    Taps const taps = tapsAt(changed.x * mStochasticScale, changed.y * mStochasticScale, mStochasticThreshold);
     T values[3] = {};
     float squares = 0.f;
     for (int i = 0; i < 3; ++i) {

@@ -90,7 +90,8 @@ private:
     template <typename T, typename F> T lookup(IShadeContext const& context, F const& f) const;
     SharedPtr<IMapEvaluator> mInput;
     Settings mSettings;
-    float mStochasticScale = 1.f;  ///< 1 / stochasticSize
+    float mStochasticScale = 1.f;      ///< 1 / stochasticSize
+    float mStochasticThreshold = 0.f;  ///< t = (1 - stochasticBlend) / 3
     RgbAlpha mMeanColor{0, 0, 0, 1};
     MonoAlpha mMeanMono{0, 1};
 };
