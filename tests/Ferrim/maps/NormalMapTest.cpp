@@ -289,6 +289,19 @@ TEST_F(MappingRandomizerTest, StochasticTilingHasNoSeamsFollowsTheSeedAndKeepsCo
         }
     }
 
+    // A NaN size or blend counts as 1; huge coordinates still give a value.
+    MappingRandomizerEvaluator::Settings s;
+    s.stochastic = true, s.randomBy = MappingRandomizerMap::RandomBy::None;
+    s.stochasticSize = s.stochasticBlend = std::numeric_limits<float>::quiet_NaN();
+    MappingRandomizerEvaluator const odd(input, s);
+    s.stochasticSize = s.stochasticBlend = 1.f;
+    MappingRandomizerEvaluator const unit(input, s);
+    for (float u : {0.3f, 1e12f, -3e9f}) {
+        SettableShadeContext const p(u, 0.7f);
+        EXPECT_TRUE(std::isfinite(odd.evalMono(p, nullptr).value)) << u;
+        EXPECT_EQ(odd.evalColor(p, nullptr), unit.evalColor(p, nullptr)) << u;
+    }
+
     map->set("stochasticSize", 0.25f);
     expectJsonRoundTrip(*map);
     EXPECT_EQ(entityToJson(*map)["stochastic"], true);
