@@ -1,6 +1,8 @@
 #include "Ferrim/maps/MappingRandomizerMap.h"
 
+#include <algorithm>
 #include <cmath>
+#include <limits>
 #include <type_traits>
 
 #include "Ferrim/Ferrim.h"
@@ -165,26 +167,8 @@ Dir blendTaps(Dir const (&c)[3], float const (&w)[3], Dir const&, float k) {
     return (c[0] * w[0] + c[1] * w[1] + c[2] * w[2]) * k;
 }
 
-/// The mean of an input over the unit UV square, from a jittered 32 x 32 grid
-/// (sums in double, so an input that is constant gives its value exactly).
-void measureMean(IMapEvaluator const& input, RgbAlpha& color, MonoAlpha& mono) {
-    constexpr int N = 32;
-    double sum[6] = {};
-    NullShadeContext const base;
-    for (int j = 0; j < N; ++j)
-        for (int i = 0; i < N; ++i) {
-            std::uint32_t const h = mix32(std::uint32_t(j * N + i) + 0x51ed27u);
-            Pos const uvw((float(i) + unit(h)) / N, (float(j) + unit(mix32(h))) / N, 0.f);
-            OverridableUvwShadeContext const point(base, uvw, Dir(1.f / N, 1.f / N, 0.f));
-            RgbAlpha const c = input.evalColor(point, nullptr);
-            MonoAlpha const m = input.evalMono(point, nullptr);
-            double const values[6] = {c.r, c.g, c.b, c.alpha, m.value, m.alpha};
-            for (int k = 0; k < 6; ++k) sum[k] += values[k];
-        }
-    for (double& v : sum) v /= N * N;
-    color = RgbAlpha(float(sum[0]), float(sum[1]), float(sum[2]), float(sum[3]));
-    mono = MonoAlpha(float(sum[4]), float(sum[5]));
-}
+/// Clamps channel by channel; NaN stays NaN.
+float within(float v, float low, float high) { return std::min(std::max(v, low), high); }
 
 } // namespace
 
@@ -195,7 +179,34 @@ MappingRandomizerEvaluator::MappingRandomizerEvaluator(SharedPtr<IMapEvaluator> 
     mSettings.stochasticBlend = clamp(std::isnan(settings.stochasticBlend) ? 1.f : settings.stochasticBlend, 0.01f, 1.f);
     mStochasticScale = 1.f / mSettings.stochasticSize;
     mStochasticThreshold = (1.f - mSettings.stochasticBlend) / 3.f;
-    if (mInput && mSettings.stochastic && mSettings.preserveContrast) measureMean(*mInput, mMeanColor, mMeanMono);
+    if (!mInput || !mSettings.stochastic || !mSettings.preserveContrast) return;
+    // A jittered 32 x 32 grid; sums in double, so an input that is constant
+    // gives its value exactly.
+    constexpr int N = 32;
+    double sum[6] = {};
+    float low[6], high[6];
+    std::fill(low, low + 6, std::numeric_limits<float>::infinity());
+    std::fill(high, high + 6, -std::numeric_limits<float>::infinity());
+    NullShadeContext const base;
+    for (int j = 0; j < N; ++j)
+        for (int i = 0; i < N; ++i) {
+            std::uint32_t const h = mix32(std::uint32_t(j * N + i) + 0x51ed27u);
+            Pos const uvw((float(i) + unit(h)) / N, (float(j) + unit(mix32(h))) / N, 0.f);
+            OverridableUvwShadeContext const point(base, uvw, Dir(1.f / N, 1.f / N, 0.f));
+            RgbAlpha const c = mInput->evalColor(point, nullptr);
+            MonoAlpha const m = mInput->evalMono(point, nullptr);
+            float const values[6] = {c.r, c.g, c.b, c.alpha, m.value, m.alpha};
+            for (int k = 0; k < 6; ++k) {
+                sum[k] += values[k];
+                low[k] = std::min(low[k], values[k]), high[k] = std::max(high[k], values[k]);
+            }
+        }
+    auto const mean = [&](int k) { return float(sum[k] / (N * N)); };
+    mRange.mean = RgbAlpha(mean(0), mean(1), mean(2), mean(3));
+    mRange.low = RgbAlpha(low[0], low[1], low[2], low[3]);
+    mRange.high = RgbAlpha(high[0], high[1], high[2], high[3]);
+    mRange.meanMono = MonoAlpha(mean(4), mean(5));
+    mRange.lowMono = low[4], mRange.highMono = high[4];
 }
 
 MappingRandomizerEvaluator::Taps MappingRandomizerEvaluator::stochasticTaps(float u, float v, float size, float blend) {
@@ -263,10 +274,17 @@ T MappingRandomizerEvaluator::lookup(IShadeContext const& context, F const& f) c
         squares += taps.weight[i] * taps.weight[i];
     }
     if (!mSettings.preserveContrast) return blendTaps(values, taps.weight, T(), 1.f);
-    T mean;
-    if constexpr (std::is_same_v<T, RgbAlpha>) mean = mMeanColor;
-    else if constexpr (std::is_same_v<T, MonoAlpha>) mean = mMeanMono;
-    return blendTaps(values, taps.weight, mean, 1.f / std::sqrt(squares));
+    float const k = 1.f / std::sqrt(squares);
+    if constexpr (std::is_same_v<T, RgbAlpha>) {
+        RgbAlpha const c = blendTaps(values, taps.weight, mRange.mean, k);
+        RgbAlpha const &lo = mRange.low, &hi = mRange.high;
+        return {within(c.r, lo.r, hi.r), within(c.g, lo.g, hi.g), within(c.b, lo.b, hi.b), c.alpha};
+    } else if constexpr (std::is_same_v<T, MonoAlpha>) {
+        MonoAlpha const m = blendTaps(values, taps.weight, mRange.meanMono, k);
+        return {within(m.value, mRange.lowMono, mRange.highMono), m.alpha};
+    } else {
+        return blendTaps(values, taps.weight, T(), k);
+    }
 }
 
 RgbAlpha MappingRandomizerEvaluator::evalColor(IShadeContext const& context, MapCache* cache) const {

@@ -28,8 +28,10 @@
 // opposite its vertex, so the blend is continuous across triangles. With
 // "preserveContrast" the blend keeps the input's variance: mean + sum w (c -
 // mean) / sqrt(sum w^2), with the mean of the input over the unit UV square
-// measured when the evaluator is built (alpha blends plainly); this may leave
-// [0, 1] where the input is far from its mean. Non-finite UVs read one tap.
+// measured when the evaluator is built (alpha blends plainly), kept within
+// the lowest and highest values measured there, so that it never shows values
+// the input does not (negatives from a non-negative input, say). Non-finite
+// UVs read one tap.
 #include "Ferrim/IMap.h"
 #include "Ferrim/maps/CompositingSupport.h"
 
@@ -92,8 +94,14 @@ private:
     Settings mSettings;
     float mStochasticScale = 1.f;      ///< 1 / stochasticSize
     float mStochasticThreshold = 0.f;  ///< t = (1 - stochasticBlend) / 3
-    RgbAlpha mMeanColor{0, 0, 0, 1};
-    MonoAlpha mMeanMono{0, 1};
+    /// The input over the unit UV square, measured when built: mean, lowest and
+    /// highest colour channels and mono values.
+    struct InputRange {
+        RgbAlpha mean{0, 0, 0, 1}, low{0, 0, 0, 1}, high{0, 0, 0, 1};
+        MonoAlpha meanMono{0, 1};
+        float lowMono = 0, highMono = 0;
+    };
+    InputRange mRange;
 };
 
 } // namespace Quelin

@@ -277,6 +277,17 @@ TEST_F(MappingRandomizerTest, StochasticTilingHasNoSeamsFollowsTheSeedAndKeepsCo
     map->set("stochasticBlend", 1.f);
     EXPECT_LT(stddevOf(*map->getEvaluator().evaluator, 4000) / spread, 0.9f);
 
+    // The stretch never shows values the input does not: a black and white
+    // checker stays within [0, 1] (a plain stretch would go below 0).
+    auto const checker = stochasticMap(makeSharedPtr<CheckerMap>(), 3)->getEvaluator().evaluator;
+    float lowest = 1.f, highest = 0.f;
+    for (int i = 0; i < 2000; ++i) {
+        float const v = checker->evalColor(SettableShadeContext(0.0137f * i, 0.0071f * i), nullptr).g;
+        lowest = std::min(lowest, v), highest = std::max(highest, v);
+    }
+    EXPECT_EQ(lowest, 0.f);
+    EXPECT_EQ(highest, 1.f);
+
     // A map that does not vary stays what it is, with or without the contrast step.
     for (bool contrast : {true, false}) {
         auto const constant = stochasticMap(makeSharedPtr<CountingMap>(RgbAlpha(0.3f, 0.6f, 0.9f, 0.5f)), 4);
