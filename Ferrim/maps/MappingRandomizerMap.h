@@ -20,7 +20,7 @@
 // using a Histogram-Preserving Blending Operator", HPG 2018; the triangle grid
 // as in Deliot and Heitz, "Procedural Stochastic Textures by Tiling and
 // Blending", GPU Zen 2, 2019): the UV plane is cut into equilateral triangles
-// of edge about "stochasticSize"; every grid vertex gets a random offset in
+// of edge "stochasticSize"; every grid vertex gets a random offset in
 // [0, 1)^2 from the key (id and seed); a point reads the input at its UV plus
 // the offsets of its triangle's three vertices and blends the three by their
 // barycentric weights b, narrowed by "stochasticBlend" (w = max(b - t, 0),
@@ -30,8 +30,9 @@
 // mean) / sqrt(sum w^2), with the mean of the input over the unit UV square
 // measured when the evaluator is built (alpha blends plainly), kept within
 // the lowest and highest values measured there, so that it never shows values
-// the input does not (negatives from a non-negative input, say). Non-finite
-// UVs read one tap.
+// the input does not (negatives from a non-negative input, say). Bumps blend
+// by the same weights (times 1 / sqrt(sum w^2) with "preserveContrast").
+// Non-finite UVs read one tap; a NaN size or blend counts as 1.
 #include "Ferrim/IMap.h"
 #include "Ferrim/maps/CompositingSupport.h"
 
