@@ -2,12 +2,14 @@
 // Pieces shared by the compositing maps: the blend modes, the optional
 // smoothstep curve, the guard against deep or cyclic map graphs and the
 // folding of inputs that do not vary.
+#include <bit>
 #include <cmath>
 
 #include "Ferrim/IMap.h"
 #include "Ferrim/MaterialMapSlot.h"
 #include "Ferrim/ShadingDataObjectBuilder.h"
 #include "Ferrim/maps/ProceduralSupport.h"
+#include "QuelinLib/Float4.h"
 
 namespace Quelin {
 
@@ -79,6 +81,40 @@ inline float blendChannel(BlendMode mode, float a, float b) {
 inline RgbAlpha blend(BlendMode mode, RgbAlpha const& a, RgbAlpha const& b, float t) {
     float const r = blendChannel(mode, a.r, b.r), g = blendChannel(mode, a.g, b.g), bl = blendChannel(mode, a.b, b.b);
     return {a.r + t * (r - a.r), a.g + t * (g - a.g), a.b + t * (bl - a.b), a.alpha + t * (b.alpha - a.alpha)};
+}
+
+/// A colour as four lanes, and back. A colour returned from a call arrives
+/// as two halves of two floats each; joining them as two 64-bit lanes keeps
+/// them in registers, where packing channel by channel goes through memory.
+/// Callers compile without SLP vectorisation, which would undo this.
+inline Float4 toLanes(RgbAlpha const& c) {
+#if QUELIN_FLOAT4_SSE
+    struct Half { float x, y; };
+    double const lo = std::bit_cast<double>(Half{c.r, c.g}), hi = std::bit_cast<double>(Half{c.b, c.alpha});
+    return _mm_castpd_ps(_mm_setr_pd(lo, hi));
+#else
+    return Float4(c.r, c.g, c.b, c.alpha);
+#endif
+}
+inline RgbAlpha fromLanes(Float4 v) {
+#if QUELIN_FLOAT4_SSE
+    struct Half { float x, y; };
+    auto const lo = std::bit_cast<Half>(_mm_cvtsd_f64(_mm_castps_pd(v.v)));
+    auto const hi = std::bit_cast<Half>(_mm_cvtsd_f64(_mm_castps_pd(_mm_movehl_ps(v.v, v.v))));
+    return {lo.x, lo.y, hi.x, hi.y};
+#else
+    return {v[0], v[1], v[2], v[3]};
+#endif
+}
+
+/// {v, 1}: the alpha joined in a register (one unpack) rather than through a
+/// general-purpose register, which sits on the result's latency.
+inline MonoAlpha opaqueMono(float v) {
+#if QUELIN_FLOAT4_SSE
+    return std::bit_cast<MonoAlpha>(_mm_cvtsd_f64(_mm_castps_pd(_mm_unpacklo_ps(_mm_set_ss(v), _mm_set_ss(1.f)))));
+#else
+    return {v, 1.f};
+#endif
 }
 
 /// An amount mapped through the optional curve: a smoothstep from `lower` to

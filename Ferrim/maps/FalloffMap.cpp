@@ -175,15 +175,20 @@ public:
         return {f, f, f, 1.f};
     }
     [[gnu::optimize("no-devirtualize-speculatively")]] MonoAlpha evalMono(IShadeContext const& context, MapCache*) const override {
-        return {at(context), 1.f};
+        return MapsDetail::opaqueMono(at(context));
     }
     Dir evalBump(IShadeContext const&, MapCache*) const override { return Dir(); }
 
 private:
     [[gnu::always_inline]] float at(IShadeContext const& context) const {
-        float const c = dot(context.getNormal(), context.getViewDirection());
+        // The face is asked first: the cosine is then formed after the last
+        // call and goes straight into the formula, rather than waiting in
+        // memory across a call on the result's critical path.
+        bool const back = context.isBackFace();
+        Dir const normal = context.getNormal();
+        float const c = dot(normal, context.getViewDirection());
         // A ray that hit a back face comes from inside.
-        if (context.isBackFace()) return OUTSIDE_DENSER ? mInside.rarer(c) : mInside.denser(c);
+        if (back) return OUTSIDE_DENSER ? mInside.rarer(c) : mInside.denser(c);
         return OUTSIDE_DENSER ? mOutside.denser(c) : mOutside.rarer(c);
     }
     Fresnel::Dielectric mOutside, mInside;

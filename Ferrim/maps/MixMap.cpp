@@ -9,13 +9,16 @@ namespace {
 
 /// The common case on its own: two maps mixed by a fixed amount. Calling the
 /// inputs directly keeps their colours in registers; the general path's choice
-/// between a map and a constant joins them through memory.
+/// between a map and a constant joins them through memory. The colours are
+/// blended as four lanes with both weights prepared here.
 class PlainMixOfMaps final : public IMapEvaluator {
 public:
     PlainMixOfMaps(SharedPtr<IMapEvaluator> a, SharedPtr<IMapEvaluator> b, float t)
-        : mA(std::move(a)), mB(std::move(b)), mT(t) {}
+        : mA(std::move(a)), mB(std::move(b)), mS4(1.f - t), mT4(t), mT(t) {}
     [[gnu::optimize("no-tree-slp-vectorize")]] RgbAlpha evalColor(IShadeContext const& c, MapCache* cache) const override {
-        return MapsDetail::mix(mA->evalColor(c, cache), mB->evalColor(c, cache), mT);
+        Float4 const a = MapsDetail::toLanes(mA->evalColor(c, cache));
+        Float4 const b = MapsDetail::toLanes(mB->evalColor(c, cache));
+        return MapsDetail::fromLanes(a * mS4 + b * mT4);
     }
     MonoAlpha evalMono(IShadeContext const& c, MapCache* cache) const override {
         return MapsDetail::mix(mA->evalMono(c, cache), mB->evalMono(c, cache), mT);
@@ -26,8 +29,48 @@ public:
 
 private:
     SharedPtr<IMapEvaluator> mA, mB;
+    Float4 mS4, mT4;  ///< 1 - t and t in every lane
     float mT;
 };
+
+/// The general mix for one blend mode, with or without a mask.
+template <BlendMode MODE, bool MASKED> class ModeMixEvaluator final : public MixEvaluator {
+public:
+    using MixEvaluator::MixEvaluator;
+
+    // Channel by channel in scalar registers: colours come back from calls split
+    // over two registers, and the compiler's packing of them into one vector goes
+    // through memory and stalls on the store forwarding.
+    [[gnu::optimize("no-tree-slp-vectorize")]] RgbAlpha evalColor(IShadeContext const& context, MapCache* cache) const override {
+        float const t = amount(context, cache);
+        RgbAlpha const a = mColor1.evalColor(context, cache), b = mColor2.evalColor(context, cache);
+        if constexpr (MODE == BlendMode::Mix) return MapsDetail::mix(a, b, t);
+        else return MapsDetail::blend(MODE, a, b, t);
+    }
+    MonoAlpha evalMono(IShadeContext const& context, MapCache* cache) const override {
+        float const t = amount(context, cache);
+        if constexpr (MODE == BlendMode::Mix) {
+            return MapsDetail::mix(mColor1.evalMono(context, cache), mColor2.evalMono(context, cache), t);
+        } else {
+            RgbAlpha const c = MapsDetail::blend(MODE, mColor1.evalColor(context, cache), mColor2.evalColor(context, cache), t);
+            return {c.rgb().mean(), c.alpha};
+        }
+    }
+
+private:
+    float amount(IShadeContext const& context, MapCache* cache) const {
+        if constexpr (MASKED) return mCurve.apply(mMask->evalMono(context, cache).value);
+        else return mAmount;
+    }
+};
+
+template <BlendMode MODE>
+SharedPtr<MixEvaluator> makeModeMix(ColorOrMap::Evaluator&& c1, ColorOrMap::Evaluator&& c2, SharedPtr<IMapEvaluator>&& mask,
+                                    float amount, MapsDetail::AmountCurve curve) {
+    if (mask)
+        return makeSharedPtr<ModeMixEvaluator<MODE, true>>(std::move(c1), std::move(c2), std::move(mask), amount, curve, MODE);
+    return makeSharedPtr<ModeMixEvaluator<MODE, false>>(std::move(c1), std::move(c2), nullptr, amount, curve, MODE);
+}
 
 } // namespace
 
@@ -79,7 +122,7 @@ IMap::OptimizedResult MixMap::getEvaluatorImpl() const {
         return result;
     }
     bool const constant = !mask && color1.isConstant() && color2.isConstant();
-    auto evaluator = makeSharedPtr<MixEvaluator>(std::move(color1), std::move(color2), std::move(mask), amount, curve, mode);
+    auto evaluator = MixEvaluator::create(std::move(color1), std::move(color2), std::move(mask), amount, curve, mode);
     if (constant) return MapsDetail::foldToConstant(*evaluator);
     OptimizedResult result;
     result.evaluator = std::move(evaluator);
@@ -91,22 +134,20 @@ MixEvaluator::MixEvaluator(ColorOrMap::Evaluator color1, ColorOrMap::Evaluator c
     : mColor1(std::move(color1)), mColor2(std::move(color2)), mMask(std::move(mask)), mAmount(amount), mCurve(curve),
       mMode(mode) {}
 
-// Channel by channel in scalar registers: colours come back from calls split
-// over two registers, and the compiler's packing of them into one vector goes
-// through memory and stalls on the store forwarding.
-[[gnu::optimize("no-tree-slp-vectorize")]] RgbAlpha MixEvaluator::evalColor(IShadeContext const& context, MapCache* cache) const {
-    float const t = amountAt(context, cache);
-    RgbAlpha const a = mColor1.evalColor(context, cache), b = mColor2.evalColor(context, cache);
-    if (mMode == BlendMode::Mix) return MapsDetail::mix(a, b, t);
-    return MapsDetail::blend(mMode, a, b, t);
-}
-
-MonoAlpha MixEvaluator::evalMono(IShadeContext const& context, MapCache* cache) const {
-    float const t = amountAt(context, cache);
-    if (mMode == BlendMode::Mix)
-        return MapsDetail::mix(mColor1.evalMono(context, cache), mColor2.evalMono(context, cache), t);
-    RgbAlpha const c = MapsDetail::blend(mMode, mColor1.evalColor(context, cache), mColor2.evalColor(context, cache), t);
-    return {c.rgb().mean(), c.alpha};
+SharedPtr<MixEvaluator> MixEvaluator::create(ColorOrMap::Evaluator c1, ColorOrMap::Evaluator c2,
+                                             SharedPtr<IMapEvaluator> mask, float amount, MapsDetail::AmountCurve curve,
+                                             BlendMode mode) {
+#define FERRIM_MIX_MODE(M) \
+    case BlendMode::M: return makeModeMix<BlendMode::M>(std::move(c1), std::move(c2), std::move(mask), amount, curve);
+    switch (mode) {
+        FERRIM_MIX_MODE(Mix) FERRIM_MIX_MODE(Add) FERRIM_MIX_MODE(Subtract) FERRIM_MIX_MODE(Multiply)
+        FERRIM_MIX_MODE(Screen) FERRIM_MIX_MODE(Overlay) FERRIM_MIX_MODE(Difference) FERRIM_MIX_MODE(Darken)
+        FERRIM_MIX_MODE(Lighten) FERRIM_MIX_MODE(SoftLight) FERRIM_MIX_MODE(LinearLight) FERRIM_MIX_MODE(ColorDodge)
+        FERRIM_MIX_MODE(ColorBurn)
+    }
+#undef FERRIM_MIX_MODE
+    // A mode number outside the list (the record's enum refuses these) blends plainly.
+    return makeModeMix<BlendMode::Mix>(std::move(c1), std::move(c2), std::move(mask), amount, curve);
 }
 
 Dir MixEvaluator::evalBump(IShadeContext const& context, MapCache* cache) const {

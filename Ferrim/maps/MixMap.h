@@ -20,21 +20,29 @@ public:
 };
 
 /// The mix at shading points; the amount comes from the mask or is fixed.
+/// Each blend mode, with or without a mask, is its own compiled evaluator,
+/// picked once by `create`, so a sample neither switches on the mode nor
+/// asks whether there is a mask.
 class FERRIM_EXPORT MixEvaluator : public IMapEvaluator {
 public:
-    MixEvaluator(ColorOrMap::Evaluator color1, ColorOrMap::Evaluator color2, SharedPtr<IMapEvaluator> mask,
-                 float amount, MapsDetail::AmountCurve curve, BlendMode mode);  ///< amount: after the curve
+    /// amount: after the curve (used when there is no mask).
+    static SharedPtr<MixEvaluator> create(ColorOrMap::Evaluator color1, ColorOrMap::Evaluator color2,
+                                          SharedPtr<IMapEvaluator> mask, float amount, MapsDetail::AmountCurve curve,
+                                          BlendMode mode);
 
-    RgbAlpha evalColor(IShadeContext const& context, MapCache* cache) const override;
-    MonoAlpha evalMono(IShadeContext const& context, MapCache* cache) const override;
     /// The inputs' bumps blended by the same amount.
     Dir evalBump(IShadeContext const& context, MapCache* cache) const override;
     /// The amount after the curve at this point.
     float amountAt(IShadeContext const& context, MapCache* cache) const {
         return mMask ? mCurve.apply(mMask->evalMono(context, cache).value) : mAmount;
     }
+    BlendMode getMode() const { return mMode; }
 
-private:
+    /// For the per-mode classes that `create` makes.
+    MixEvaluator(ColorOrMap::Evaluator color1, ColorOrMap::Evaluator color2, SharedPtr<IMapEvaluator> mask,
+                 float amount, MapsDetail::AmountCurve curve, BlendMode mode);
+
+protected:
     ColorOrMap::Evaluator mColor1, mColor2;
     SharedPtr<IMapEvaluator> mMask;
     float mAmount;  ///< after the curve, when there is no mask

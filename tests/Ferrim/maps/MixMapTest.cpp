@@ -42,8 +42,9 @@ TEST(MixBlendModes, EveryModeFollowsItsFormulaAndFadesInByTheAmount) {
         for (std::size_t i = 0; i < PAIRS.size(); ++i) {
             auto const [a, b] = PAIRS[i];
             for (float t : {1.f, 0.25f}) {
-                MixEvaluator const e(constantInput(Rgb(a, 0.5f, a)), constantInput(Rgb(b, 0.5f, b)), nullptr, t, {}, m.mode);
-                RgbAlpha const c = e.evalColor(point, nullptr);
+                auto const e = MixEvaluator::create(constantInput(Rgb(a, 0.5f, a)), constantInput(Rgb(b, 0.5f, b)), nullptr, t, {}, m.mode);
+                EXPECT_EQ(e->getMode(), m.mode);
+                RgbAlpha const c = e->evalColor(point, nullptr);
                 float const want = a + t * (m.expected[i] - a);
                 EXPECT_NEAR(c.r, want, 1e-5f) << int(m.mode) << " pair " << i << " t " << t;
                 EXPECT_EQ(c.r, c.b);
@@ -98,11 +99,11 @@ TEST_F(MixMapTest, ConstantsFoldAndTheFoldedValueEqualsTheUnfoldedOneEverywhere)
         float const amount = 0.37f;
         auto const folded = makeMix(c1, c2, amount, m.mode)->getEvaluator();
         ASSERT_TRUE(folded.hasConstant);
-        MixEvaluator const unfolded(constantInput(c1), constantInput(c2), nullptr, amount, {}, m.mode);
+        auto const unfolded = MixEvaluator::create(constantInput(c1), constantInput(c2), nullptr, amount, {}, m.mode);
         for (int i = 0; i < 20; ++i) {
             SettableShadeContext const p(d(rng), d(rng), d(rng));
-            EXPECT_EQ(folded.evaluator->evalColor(p, nullptr), unfolded.evalColor(p, nullptr));
-            EXPECT_NEAR(folded.evaluator->evalMono(p, nullptr).value, unfolded.evalMono(p, nullptr).value, 1e-6f);
+            EXPECT_EQ(folded.evaluator->evalColor(p, nullptr), unfolded->evalColor(p, nullptr));
+            EXPECT_NEAR(folded.evaluator->evalMono(p, nullptr).value, unfolded->evalMono(p, nullptr).value, 1e-6f);
         }
     }
 }
@@ -129,14 +130,14 @@ TEST_F(MixMapTest, TwoMapsMixedByAFixedAmountMatchTheGeneralEvaluator) {
     setInputMap(*mix, "color1", a);
     setInputMap(*mix, "color2", b);
     auto const fast = mix->getEvaluator().evaluator;
-    MixEvaluator const general(mapInput(a), mapInput(b), nullptr, 0.3f, {}, BlendMode::Mix);
+    auto const general = MixEvaluator::create(mapInput(a), mapInput(b), nullptr, 0.3f, {}, BlendMode::Mix);
     std::mt19937 rng(11);
     std::uniform_real_distribution<float> d(-5.f, 5.f);
     for (int i = 0; i < 20; ++i) {
         SettableShadeContext const p(d(rng), d(rng), d(rng));
-        EXPECT_EQ(fast->evalColor(p, nullptr), general.evalColor(p, nullptr));
-        EXPECT_EQ(fast->evalMono(p, nullptr), general.evalMono(p, nullptr));
-        EXPECT_EQ(fast->evalBump(p, nullptr), general.evalBump(p, nullptr));
+        EXPECT_EQ(fast->evalColor(p, nullptr), general->evalColor(p, nullptr));
+        EXPECT_EQ(fast->evalMono(p, nullptr), general->evalMono(p, nullptr));
+        EXPECT_EQ(fast->evalBump(p, nullptr), general->evalBump(p, nullptr));
     }
 }
 

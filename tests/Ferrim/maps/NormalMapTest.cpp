@@ -6,6 +6,9 @@
 #include "Ferrim/maps/NoiseMap.h"
 #include "MapsTestSupport.h"
 
+#include <map>
+#include <random>
+
 namespace Quelin {
 namespace {
 
@@ -165,6 +168,163 @@ TEST_F(MappingRandomizerTest, PerTileChangesDifferBetweenTilesAndTheBumpFrameFol
     // The point itself moves by the change about the tile's centre.
     float const want = 0.5f + c0.m00 * (0.3f - 0.5f) + c0.m01 * (0.4f - 0.5f) + c0.offsetU;
     EXPECT_NEAR(e.evalColor(p, nullptr).r, want, 1e-6f);
+}
+
+// Stochastic tiling: the weights of the triangle grid's vertices at a point.
+std::map<std::pair<int, int>, float> tapWeights(float u, float v, float size, float blend) {
+    auto const taps = MappingRandomizerEvaluator::stochasticTaps(u, v, size, blend);
+    std::map<std::pair<int, int>, float> w;
+    for (int i = 0; i < 3; ++i)
+        if (taps.weight[i] > 0.f) w[{taps.vertexU[i], taps.vertexV[i]}] += taps.weight[i];
+    return w;
+}
+
+TEST(MappingRandomizerStochastic, WeightsSumToOneAndChangeContinuouslyAcrossTriangleEdges) {
+    std::mt19937 rng(5);
+    std::uniform_real_distribution<float> d(-20.f, 20.f), angle(0.f, 2.f * PI);
+    for (float blend : {1.f, 0.5f, 0.05f})
+        for (int i = 0; i < 3000; ++i) {
+            float const u = d(rng), v = d(rng), a = angle(rng), step = 1e-4f;
+            auto const here = tapWeights(u, v, 0.5f, blend);
+            float sum = 0.f;
+            for (auto const& [vertex, w] : here) {
+                sum += w;
+                EXPECT_GE(w, 0.f);
+            }
+            ASSERT_NEAR(sum, 1.f, 1e-5f) << u << " " << v;
+            // A tiny step, across an edge or not, moves every vertex's weight a
+            // little: a vertex that drops out or comes in does so at weight 0.
+            auto there = tapWeights(u + step * std::cos(a), v + step * std::sin(a), 0.5f, blend);
+            for (auto const& [vertex, w] : here) {
+                EXPECT_NEAR(there[vertex], w, 0.01f) << u << " " << v << " blend " << blend;
+                there.erase(vertex);
+            }
+            for (auto const& [vertex, w] : there) EXPECT_NEAR(w, 0.f, 0.01f) << u << " " << v << " blend " << blend;
+        }
+    // On a grid vertex only that vertex counts; at a triangle's centre a full
+    // blend weighs all three alike. Edge 0.5: vertex (1, 1) sits at (0.75, sqrt(3) / 4).
+    auto const atVertex = tapWeights(0.75f, 0.4330127f, 0.5f, 1.f);
+    EXPECT_NEAR(atVertex.at({1, 1}), 1.f, 1e-4f);
+    for (auto const& [vertex, w] : tapWeights(0.25f, 0.1443376f, 0.5f, 1.f)) EXPECT_NEAR(w, 1.f / 3.f, 1e-4f);
+    // A narrow blend keeps a patch whole away from its edges.
+    EXPECT_EQ(tapWeights(0.75f, 0.40f, 0.5f, 0.05f).size(), 1u);
+    EXPECT_EQ(tapWeights(0.75f, 0.40f, 0.5f, 1.f).size(), 3u);
+    // Non-finite coordinates read one tap.
+    auto const nan = MappingRandomizerEvaluator::stochasticTaps(std::numeric_limits<float>::quiet_NaN(), 0.f, 0.5f, 0.5f);
+    EXPECT_EQ(nan.weight[0], 1.f);
+    EXPECT_EQ(nan.weight[1] + nan.weight[2], 0.f);
+}
+
+SharedPtr<MappingRandomizerMap> stochasticMap(SharedPtr<IMap> const& input, int seed) {
+    auto map = makeSharedPtr<MappingRandomizerMap>();
+    map->set("map", EntityHolder<Entity>(input));
+    map->set("randomBy", MappingRandomizerMap::RandomBy::None);
+    map->set("stochastic", true);
+    map->set("seed", seed);
+    return map;
+}
+
+float stddevOf(IMapEvaluator const& e, int points) {
+    std::mt19937 rng(3);
+    std::uniform_real_distribution<float> d(0.f, 8.f);
+    double sum = 0, squares = 0;
+    for (int i = 0; i < points; ++i) {
+        float const v = e.evalMono(SettableShadeContext(d(rng), d(rng)), nullptr).value;
+        sum += v, squares += double(v) * v;
+    }
+    double const mean = sum / points;
+    return float(std::sqrt(squares / points - mean * mean));
+}
+
+TEST_F(MappingRandomizerTest, StochasticTilingHasNoSeamsFollowsTheSeedAndKeepsConstantsAndContrast) {
+    auto const noise = makeSharedPtr<NoiseMap>();
+    noise->set("size", 0.2f);
+    auto const input = noise->getEvaluator().evaluator;
+    auto const map = stochasticMap(noise, 1);
+    auto const e = map->getEvaluator().evaluator;
+    ASSERT_NE(dynamic_cast<MappingRandomizerEvaluator const*>(e.get()), nullptr);
+    // Along a line through many patches, neighbouring points a tiny step apart
+    // stay close, while the result does differ from the plain input.
+    float largestStep = 0.f;
+    int differs = 0;
+    RgbAlpha previous = e->evalColor(SettableShadeContext(0.f, 0.1f), nullptr);
+    for (int i = 1; i <= 40000; ++i) {
+        SettableShadeContext const p(i * 1e-4f, 0.1f + i * 0.37e-4f);
+        RgbAlpha const c = e->evalColor(p, nullptr);
+        largestStep = std::max({largestStep, std::fabs(c.r - previous.r), std::fabs(c.g - previous.g)});
+        differs += std::fabs(c.r - input->evalColor(p, nullptr).r) > 0.05f;
+        previous = c;
+    }
+    EXPECT_LT(largestStep, 0.01f);
+    EXPECT_GT(differs, 10000);
+
+    // The same seed gives the same result, another seed another.
+    auto const again = stochasticMap(noise, 1)->getEvaluator().evaluator, other = stochasticMap(noise, 2)->getEvaluator().evaluator;
+    int same = 0, different = 0;
+    for (int i = 0; i < 200; ++i) {
+        SettableShadeContext const p(0.13f * i, 0.07f * i);
+        same += e->evalColor(p, nullptr) == again->evalColor(p, nullptr);
+        different += std::fabs(e->evalMono(p, nullptr).value - other->evalMono(p, nullptr).value) > 1e-4f;
+    }
+    EXPECT_EQ(same, 200);
+    EXPECT_GT(different, 180);
+    // Objects get their own offsets when randomised by object.
+    auto const byObject = stochasticMap(noise, 1);
+    byObject->set("randomBy", MappingRandomizerMap::RandomBy::ObjectId);
+    auto const perObject = byObject->getEvaluator().evaluator;
+    IdPoint first, second;
+    second.objectId = 1;
+    first.uvw = second.uvw = Pos(0.42f, 0.19f, 0.f);
+    EXPECT_NE(perObject->evalColor(first, nullptr), perObject->evalColor(second, nullptr));
+
+    // Contrast: the variance-preserving blend keeps the input's spread, a plain
+    // blend of three uncorrelated lookups loses some of it.
+    float const spread = stddevOf(*input, 4000), kept = stddevOf(*e, 4000);
+    EXPECT_NEAR(kept / spread, 1.f, 0.12f);
+    map->set("preserveContrast", false);
+    map->set("stochasticBlend", 1.f);
+    EXPECT_LT(stddevOf(*map->getEvaluator().evaluator, 4000) / spread, 0.9f);
+
+    // The stretch never shows values the input does not: a black and white
+    // checker stays within [0, 1] (a plain stretch would go below 0).
+    auto const checker = stochasticMap(makeSharedPtr<CheckerMap>(), 3)->getEvaluator().evaluator;
+    float lowest = 1.f, highest = 0.f;
+    for (int i = 0; i < 2000; ++i) {
+        float const v = checker->evalColor(SettableShadeContext(0.0137f * i, 0.0071f * i), nullptr).g;
+        lowest = std::min(lowest, v), highest = std::max(highest, v);
+    }
+    EXPECT_EQ(lowest, 0.f);
+    EXPECT_EQ(highest, 1.f);
+
+    // A map that does not vary stays what it is, with or without the contrast step.
+    for (bool contrast : {true, false}) {
+        auto const constant = stochasticMap(makeSharedPtr<CountingMap>(RgbAlpha(0.3f, 0.6f, 0.9f, 0.5f)), 4);
+        constant->set("preserveContrast", contrast);
+        auto const c = constant->getEvaluator().evaluator;
+        for (int i = 0; i < 50; ++i) {
+            RgbAlpha const v = c->evalColor(SettableShadeContext(0.31f * i, 0.17f * i), nullptr);
+            Testing::expectNear(Dir(v.r, v.g, v.b), Dir(0.3f, 0.6f, 0.9f), 1e-6f);
+            EXPECT_NEAR(v.alpha, 0.5f, 1e-6f);
+        }
+    }
+
+    // A NaN size or blend counts as 1; huge coordinates still give a value.
+    MappingRandomizerEvaluator::Settings s;
+    s.stochastic = true, s.randomBy = MappingRandomizerMap::RandomBy::None;
+    s.stochasticSize = s.stochasticBlend = std::numeric_limits<float>::quiet_NaN();
+    MappingRandomizerEvaluator const odd(input, s);
+    s.stochasticSize = s.stochasticBlend = 1.f;
+    MappingRandomizerEvaluator const unit(input, s);
+    for (float u : {0.3f, 1e12f, -3e9f}) {
+        SettableShadeContext const p(u, 0.7f);
+        EXPECT_TRUE(std::isfinite(odd.evalMono(p, nullptr).value)) << u;
+        EXPECT_EQ(odd.evalColor(p, nullptr), unit.evalColor(p, nullptr)) << u;
+    }
+
+    map->set("stochasticSize", 0.25f);
+    expectJsonRoundTrip(*map);
+    EXPECT_EQ(entityToJson(*map)["stochastic"], true);
+    EXPECT_EQ(entityToJson(*map)["stochasticSize"], 0.25f);
 }
 
 } // namespace
