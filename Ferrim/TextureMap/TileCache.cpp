@@ -342,6 +342,7 @@ struct TileCache::Session : Noncopyable {
     ~Session() { release(); }
 };
 
+template <PixelFormat F>
 Float4 TileCache::bilinear(Session& session, TiledImageFile& file, int level, float u, float v, Addressing a) {
     // Out of [0, 1] (NaN too) is the border.
     u = u >= 0.f ? (u <= 1.f ? u : 1.f) : 0.f;
@@ -361,42 +362,38 @@ Float4 TileCache::bilinear(Session& session, TiledImageFile& file, int level, fl
 
     // Room for this lookup's four tiles; earlier lookups' texels are consumed.
     if (session.seen > Session::CAPACITY - 4) session.release();
-    int const tw = file.mTileWidth, th = file.mTileHeight, bytes = getPixelBytes(file.mFormat);
-    auto const texelAt = [&](int px, int py) -> std::byte const* {
-        int const tx = px / tw, ty = py / th;
+    constexpr int B = TextureSampling::Detail::bytesOf(F);
+    int const tw = file.mTileWidth, th = file.mTileHeight;
+    auto const tileOf = [&](int tx, int ty) -> std::byte const* {
         std::int64_t const index = lv.firstTile + std::int64_t(ty) * lv.tilesX + tx;
-        std::byte const* pixels = nullptr;
-        int i = 0;
-        while (i < session.seen && !(session.held[i].index == index && session.held[i].file == &file)) ++i;
-        if (i < session.seen) {
-            pixels = session.held[i].pixels;
-        } else {
-            Tile* const tile = acquire(file, level, tx, ty);
-            if (tile) session.pinned[session.pins++] = tile;
-            pixels = tile ? tile->pixels.get() : nullptr;
-            session.held[session.seen++] = {&file, index, pixels};
-        }
-        return pixels ? pixels + std::int64_t(py - ty * th) * l.rowBytes + std::int64_t(px - tx * tw) * bytes : nullptr;
+        for (int i = 0; i < session.seen; ++i)
+            if (session.held[i].index == index && session.held[i].file == &file) return session.held[i].pixels;
+        Tile* const tile = acquire(file, level, tx, ty);
+        if (tile) session.pinned[session.pins++] = tile;
+        std::byte const* const pixels = tile ? tile->pixels.get() : nullptr;
+        session.held[session.seen++] = {&file, index, pixels};
+        return pixels;
     };
-    std::byte const* const p00 = texelAt(x0, y0);
-    std::byte const* const p01 = texelAt(x1, y0);
-    std::byte const* const p10 = texelAt(x0, y1);
-    std::byte const* const p11 = texelAt(x1, y1);
-    Float4 result;
-    TextureSampling::dispatch(file.mFormat, TextureSampling::Conversion::None, InterpolationMode::Bilinear,
-                              [&]<PixelFormat F, TextureSampling::Conversion C, InterpolationMode>() {
-                                  TextureSampling::TexelConversion const cv;
-                                  auto const t = [&](std::byte const* p) { return p ? TextureSampling::Detail::texel<F, C>(p, cv) : Float4(); };
-                                  Float4 const t00 = t(p00), t01 = t(p01), t10 = t(p10), t11 = t(p11);
-                                  Float4 const wx(fx);
-                                  Float4 const top = t00 + (t01 - t00) * wx;
-                                  Float4 const bottom = t10 + (t11 - t10) * wx;
-                                  result = top + (bottom - top) * Float4(fy);
-                                  return 0;
-                              });
-    return result;
+    auto const texelAt = [&](std::byte const* tile, int px, int py, int tx, int ty) -> Float4 {
+        if (!tile) return Float4();
+        return TextureSampling::Detail::texel<F, TextureSampling::Conversion::None>(
+            tile + std::int64_t(py - ty * th) * l.rowBytes + std::int64_t(px - tx * tw) * B, {});
+    };
+    // Mostly all four taps lie in one tile: one search for them.
+    int const tx0 = x0 / tw, tx1 = x1 / tw, ty0 = y0 / th, ty1 = y1 / th;
+    std::byte const* const t00 = tileOf(tx0, ty0);
+    std::byte const* const t01 = tx1 == tx0 ? t00 : tileOf(tx1, ty0);
+    std::byte const* const t10 = ty1 == ty0 ? t00 : tileOf(tx0, ty1);
+    std::byte const* const t11 = ty1 == ty0 ? t01 : (tx1 == tx0 ? t10 : tileOf(tx1, ty1));
+    Float4 const c00 = texelAt(t00, x0, y0, tx0, ty0), c01 = texelAt(t01, x1, y0, tx1, ty0);
+    Float4 const c10 = texelAt(t10, x0, y1, tx0, ty1), c11 = texelAt(t11, x1, y1, tx1, ty1);
+    Float4 const wx(fx);
+    Float4 const top = c00 + (c01 - c00) * wx;
+    Float4 const bottom = c10 + (c11 - c10) * wx;
+    return top + (bottom - top) * Float4(fy);
 }
 
+template <PixelFormat F>
 Float4 TileCache::trilinear(Session& session, TiledImageFile& file, float u, float v, float width, Addressing a) {
     int const top = file.getLevelCount() - 1;
     float w = width;
@@ -404,21 +401,31 @@ Float4 TileCache::trilinear(Session& session, TiledImageFile& file, float u, flo
     // The level choice of the texture map: L = log2(w) + (n - 1).
     std::uint32_t const bits = std::bit_cast<std::uint32_t>(w);
     int const whole = int(bits >> 23) - 127 + top;
-    if (whole < 0) return bilinear(session, file, 0, u, v, a);
-    if (whole >= top) return bilinear(session, file, top, u, v, a);
+    if (whole < 0) return bilinear<F>(session, file, 0, u, v, a);
+    if (whole >= top) return bilinear<F>(session, file, top, u, v, a);
     float const fraction = log2Approx(std::bit_cast<float>((bits & 0x007FFFFFu) | 0x3F800000u));
-    Float4 const finer = bilinear(session, file, whole, u, v, a);
-    return finer + (bilinear(session, file, whole + 1, u, v, a) - finer) * Float4(fraction);
+    Float4 const finer = bilinear<F>(session, file, whole, u, v, a);
+    return finer + (bilinear<F>(session, file, whole + 1, u, v, a) - finer) * Float4(fraction);
 }
+
+namespace {
+/// Runs `run.template operator()<F>()` for the file's held format, chosen once per lookup.
+template <typename Run> Float4 byFormat(PixelFormat format, Run&& run) {
+    return TextureSampling::dispatch(format, TextureSampling::Conversion::None, InterpolationMode::Bilinear,
+                                     [&]<PixelFormat F, TextureSampling::Conversion, InterpolationMode>() {
+                                         return run.template operator()<F>();
+                                     });
+}
+} // namespace
 
 Float4 TileCache::sampleBilinear(TiledImageFile& file, int level, float u, float v, Addressing addressing) {
     Session session;
-    return bilinear(session, file, level, u, v, addressing);
+    return byFormat(file.mFormat, [&]<PixelFormat F>() { return bilinear<F>(session, file, level, u, v, addressing); });
 }
 
 Float4 TileCache::sampleTrilinear(TiledImageFile& file, float u, float v, float width, Addressing addressing) {
     Session session;
-    return trilinear(session, file, u, v, width, addressing);
+    return byFormat(file.mFormat, [&]<PixelFormat F>() { return trilinear<F>(session, file, u, v, width, addressing); });
 }
 
 namespace {
@@ -437,8 +444,10 @@ Float4 TileCache::sampleAnisotropic(TiledImageFile& file, float u, float v, Text
                                     float maxAnisotropy, Addressing addressing) {
     TextureSampling::AnisotropicProbes const probes = TextureSampling::planProbes(derivatives, maxAnisotropy);
     Session session;
-    return TextureSampling::filterAnisotropic(u, v, probes, [&](float pu, float pv, float width) {
-        return trilinear(session, file, wrapProbe(pu, addressing.u), wrapProbe(pv, addressing.v), width, addressing);
+    return byFormat(file.mFormat, [&]<PixelFormat F>() {
+        return TextureSampling::filterAnisotropic(u, v, probes, [&](float pu, float pv, float width) {
+            return trilinear<F>(session, file, wrapProbe(pu, addressing.u), wrapProbe(pv, addressing.v), width, addressing);
+        });
     });
 }
 

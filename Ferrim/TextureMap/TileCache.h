@@ -113,7 +113,9 @@ class FERRIM_EXPORT TileCache : Noncopyable {
   private:
     struct Shard;
     struct Session;
+    template <PixelFormat F>
     Float4 bilinear(Session& session, TiledImageFile& file, int level, float u, float v, TextureSampling::Addressing a);
+    template <PixelFormat F>
     Float4 trilinear(Session& session, TiledImageFile& file, float u, float v, float width, TextureSampling::Addressing a);
     /// The tile pinned, or null when it could not be read.
     Tile* acquire(TiledImageFile& file, int level, int tx, int ty);
