@@ -1,5 +1,6 @@
 #include "QuelinLibImage/Image.h"
 #include "QuelinLibImage/ImageLevelsWrite.h"
+#include "QuelinLibImage/OiioPixelFormats.h"
 #include "QuelinLib/MessageText.h"
 #include <OpenImageIO/imageio.h>
 #include <algorithm>
@@ -291,16 +292,6 @@ OIIO::TypeDesc toTypeDesc(FileChannelType type) {
     }
 }
 
-OIIO::TypeDesc toTypeDesc(ChannelType type) {
-    switch (type) {
-    case ChannelType::UInt8:
-        return OIIO::TypeDesc::UINT8;
-    case ChannelType::UInt16:
-        return OIIO::TypeDesc::UINT16;
-    default:
-        return OIIO::TypeDesc::FLOAT;
-    }
-}
 } // namespace
 
 Expected<void> writeImage(Image const& image, Io::Path const& path, ImageWriteOptions const& options) {
@@ -397,7 +388,7 @@ Expected<void> writeImageLevels(std::span<Image const> levels, Io::Path const& p
                                 : mipmap ? OIIO::ImageOutput::AppendMIPLevel
                                          : OIIO::ImageOutput::AppendSubimage))
             return fail(out->geterror());
-        OIIO::TypeDesc const memoryType = toTypeDesc(getChannelType(source->getFormat()));
+        OIIO::TypeDesc const memoryType = typeDescOf(getChannelType(source->getFormat()));
         if (!out->write_image(memoryType, source->getData())) {
             String const why = out->geterror();
             out->close();

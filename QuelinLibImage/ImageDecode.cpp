@@ -1,4 +1,5 @@
 #include "QuelinLibImage/ImageDecode.h"
+#include "QuelinLibImage/OiioPixelFormats.h"
 
 #include "QuelinLib/Half.h"
 #include "QuelinLibImage/ImageLimits.h"
@@ -223,25 +224,6 @@ Optional<String> findTruncation(Io::InputStream& stream, ImageFormat format, std
     return std::nullopt;
 }
 
-PixelFormat pixelFormatFor(int channels, OIIO::TypeDesc type) {
-    static constexpr PixelFormat BY_CHANNELS[4][3] = {
-        {PixelFormat::Mono8, PixelFormat::Mono16, PixelFormat::MonoFloat},
-        {PixelFormat::MonoAlpha8, PixelFormat::MonoAlpha16, PixelFormat::MonoAlphaFloat},
-        {PixelFormat::Rgb8, PixelFormat::Rgb16, PixelFormat::RgbFloat},
-        {PixelFormat::Rgba8, PixelFormat::Rgba16, PixelFormat::RgbaFloat},
-    };
-    int const depth = type == OIIO::TypeDesc::UINT8 ? 0 : type == OIIO::TypeDesc::UINT16 ? 1 : 2;
-    return BY_CHANNELS[std::clamp(channels, 1, 4) - 1][depth];
-}
-
-OIIO::TypeDesc channelTypeOf(PixelFormat format) {
-    switch (getChannelType(format)) {
-    case ChannelType::UInt8: return OIIO::TypeDesc::UINT8;
-    case ChannelType::UInt16: return OIIO::TypeDesc::UINT16;
-    default: return OIIO::TypeDesc::FLOAT;
-    }
-}
-
 /// One decode: the reader, opened on the stream, with the texts for errors.
 class Decoder {
   public:
@@ -380,7 +362,7 @@ class Decoder {
         mRowsReported = 0;
         mProgress.addTotal(mRows);
         int const channels = getChannelCount(format);
-        OIIO::TypeDesc const type = channelTypeOf(format);
+        OIIO::TypeDesc const type = typeDescOf(getChannelType(format));
         bool const widenHalves = type == OIIO::TypeDesc::FLOAT && storesHalves(spec, channels);
         // Half channels are read as they are stored into the upper half of the
         // float pixels, then widened in place: the reader's own conversion is

@@ -215,28 +215,42 @@ QUELIN_TEXTURE_KERNEL Float4 sampleNearest(std::byte const* pixels, LevelShape c
     return texel<F, C>(at(pixels, l, bytesOf(F), x, y), cv);
 }
 
-template <PixelFormat F, Conversion C>
-QUELIN_TEXTURE_KERNEL Float4 sampleBilinear(std::byte const* pixels, LevelShape const& l, float u, float v, Addressing a,
-                      TexelConversion const& cv) {
+/// The four texels of a bilinear lookup and the weights between them.
+struct BilinearTaps {
+    int x0, x1, y0, y1;
+    float fx, fy;
+};
+
+QUELIN_TEXTURE_KERNEL BilinearTaps bilinearTaps(LevelShape const& l, float u, float v, Addressing a) {
     // u in [0, 1] puts x in [-0.5, n - 0.5]: only the first tap can fall
     // before the border and only the second beyond it.
     float const x = u * l.widthF - 0.5f, y = (1.f - v) * l.heightF - 0.5f;
     float const fx0 = std::floor(x), fy0 = std::floor(y);
-    float const fx = x - fx0, fy = y - fy0;
-    int x0 = int(fx0), y0 = int(fy0), x1 = x0 + 1, y1 = y0 + 1;
-    if (x0 < 0) x0 = a.u == Address::Repeat ? l.width - 1 : 0;
-    if (x1 >= l.width) x1 = a.u == Address::Repeat ? 0 : l.width - 1;
-    if (y0 < 0) y0 = a.v == Address::Repeat ? l.height - 1 : 0;
-    if (y1 >= l.height) y1 = a.v == Address::Repeat ? 0 : l.height - 1;
-    constexpr int B = bytesOf(F);
-    std::byte const* r0 = pixels + std::int64_t(y0) * l.rowBytes;
-    std::byte const* r1 = pixels + std::int64_t(y1) * l.rowBytes;
-    Float4 const t00 = texel<F, C>(r0 + std::int64_t(x0) * B, cv), t01 = texel<F, C>(r0 + std::int64_t(x1) * B, cv);
-    Float4 const t10 = texel<F, C>(r1 + std::int64_t(x0) * B, cv), t11 = texel<F, C>(r1 + std::int64_t(x1) * B, cv);
+    BilinearTaps t{int(fx0), int(fx0) + 1, int(fy0), int(fy0) + 1, x - fx0, y - fy0};
+    if (t.x0 < 0) t.x0 = a.u == Address::Repeat ? l.width - 1 : 0;
+    if (t.x1 >= l.width) t.x1 = a.u == Address::Repeat ? 0 : l.width - 1;
+    if (t.y0 < 0) t.y0 = a.v == Address::Repeat ? l.height - 1 : 0;
+    if (t.y1 >= l.height) t.y1 = a.v == Address::Repeat ? 0 : l.height - 1;
+    return t;
+}
+
+/// Top row t00 to t01, bottom row t10 to t11.
+QUELIN_TEXTURE_KERNEL Float4 blendBilinear(Float4 t00, Float4 t01, Float4 t10, Float4 t11, float fx, float fy) {
     Float4 const wx(fx);
     Float4 const top = t00 + (t01 - t00) * wx;
     Float4 const bottom = t10 + (t11 - t10) * wx;
     return top + (bottom - top) * Float4(fy);
+}
+
+template <PixelFormat F, Conversion C>
+QUELIN_TEXTURE_KERNEL Float4 sampleBilinear(std::byte const* pixels, LevelShape const& l, float u, float v, Addressing a,
+                      TexelConversion const& cv) {
+    BilinearTaps const t = bilinearTaps(l, u, v, a);
+    constexpr int B = bytesOf(F);
+    std::byte const* r0 = pixels + std::int64_t(t.y0) * l.rowBytes;
+    std::byte const* r1 = pixels + std::int64_t(t.y1) * l.rowBytes;
+    return blendBilinear(texel<F, C>(r0 + std::int64_t(t.x0) * B, cv), texel<F, C>(r0 + std::int64_t(t.x1) * B, cv),
+                         texel<F, C>(r1 + std::int64_t(t.x0) * B, cv), texel<F, C>(r1 + std::int64_t(t.x1) * B, cv), t.fx, t.fy);
 }
 
 /// Uniform cubic B-spline weights at fraction f.

@@ -9,6 +9,7 @@
 #include "QuelinLib/ColorMath.h"
 #include "QuelinLib/MessageText.h"
 #include "QuelinLibImage/ImageDecode.h"
+#include "QuelinLibImage/OiioPixelFormats.h"
 
 namespace Quelin {
 
@@ -27,26 +28,6 @@ std::unique_ptr<OIIO::ImageInput> openInput(String const& name) {
     OIIO::ImageSpec config;
     config.attribute("oiio:UnassociatedAlpha", 1);
     return OIIO::ImageInput::open(name, &config);
-}
-
-PixelFormat heldFormat(OIIO::TypeDesc type, int channels) {
-    static constexpr PixelFormat BY_TYPE[3][4] = {
-        {PixelFormat::Mono8, PixelFormat::MonoAlpha8, PixelFormat::Rgb8, PixelFormat::Rgba8},
-        {PixelFormat::Mono16, PixelFormat::MonoAlpha16, PixelFormat::Rgb16, PixelFormat::Rgba16},
-        {PixelFormat::MonoFloat, PixelFormat::MonoAlphaFloat, PixelFormat::RgbFloat, PixelFormat::RgbaFloat}};
-    int const kind = type == OIIO::TypeDesc::UINT8 ? 0 : type == OIIO::TypeDesc::UINT16 ? 1 : 2;
-    return BY_TYPE[kind][channels - 1];
-}
-
-OIIO::TypeDesc memoryType(PixelFormat format) {
-    switch (getChannelType(format)) {
-    case ChannelType::UInt8:
-        return OIIO::TypeDesc::UINT8;
-    case ChannelType::UInt16:
-        return OIIO::TypeDesc::UINT16;
-    default:
-        return OIIO::TypeDesc::FLOAT;
-    }
 }
 
 } // namespace
@@ -82,7 +63,7 @@ Expected<SharedPtr<TiledImageFile>, String> TiledImageFile::open(Io::Path const&
     if (first.nchannels < 1) return fail("the file has no channels");
     file->mFileChannels = first.nchannels;
     int const channels = std::min(first.nchannels, 4);
-    file->mFormat = heldFormat(first.format, channels);
+    file->mFormat = pixelFormatFor(channels, first.format);
     file->mTileWidth = first.tile_width;
     file->mTileHeight = first.tile_height;
     file->mTileBytes = std::int64_t(first.tile_width) * first.tile_height * getPixelBytes(file->mFormat);
@@ -148,7 +129,7 @@ bool TiledImageFile::readTile(int level, int tx, int ty, std::byte* out) {
         int const channels = getChannelCount(mFormat);
         bool const ok = input->read_tiles(0, level, tx * mTileWidth, std::min((tx + 1) * mTileWidth, mLevels[std::size_t(level)].shape.width),
                                           ty * mTileHeight, std::min((ty + 1) * mTileHeight, mLevels[std::size_t(level)].shape.height),
-                                          0, 1, 0, channels, memoryType(mFormat), out, getPixelBytes(mFormat),
+                                          0, 1, 0, channels, typeDescOf(getChannelType(mFormat)), out, getPixelBytes(mFormat),
                                           std::int64_t(mTileWidth) * getPixelBytes(mFormat));
         if (!ok) error = input->geterror();
     }
@@ -350,15 +331,8 @@ Float4 TileCache::bilinear(Session& session, TiledImageFile& file, int level, fl
     level = level < 0 ? 0 : (level < file.getLevelCount() ? level : file.getLevelCount() - 1);
     TiledImageFile::Level const& lv = file.mLevels[std::size_t(level)];
     TextureSampling::LevelShape const& l = lv.shape;
-    // The taps and weights of the whole-level kernel (TextureSampling.h).
-    float const x = u * l.widthF - 0.5f, y = (1.f - v) * l.heightF - 0.5f;
-    float const fx0 = std::floor(x), fy0 = std::floor(y);
-    float const fx = x - fx0, fy = y - fy0;
-    int x0 = int(fx0), y0 = int(fy0), x1 = x0 + 1, y1 = y0 + 1;
-    if (x0 < 0) x0 = a.u == Address::Repeat ? l.width - 1 : 0;
-    if (x1 >= l.width) x1 = a.u == Address::Repeat ? 0 : l.width - 1;
-    if (y0 < 0) y0 = a.v == Address::Repeat ? l.height - 1 : 0;
-    if (y1 >= l.height) y1 = a.v == Address::Repeat ? 0 : l.height - 1;
+    // The taps and weights of the whole-level kernel.
+    auto const [x0, x1, y0, y1, fx, fy] = TextureSampling::Detail::bilinearTaps(l, u, v, a);
 
     // Room for this lookup's four tiles; earlier lookups' texels are consumed.
     if (session.seen > Session::CAPACITY - 4) session.release();
@@ -385,12 +359,8 @@ Float4 TileCache::bilinear(Session& session, TiledImageFile& file, int level, fl
     std::byte const* const t01 = tx1 == tx0 ? t00 : tileOf(tx1, ty0);
     std::byte const* const t10 = ty1 == ty0 ? t00 : tileOf(tx0, ty1);
     std::byte const* const t11 = ty1 == ty0 ? t01 : (tx1 == tx0 ? t10 : tileOf(tx1, ty1));
-    Float4 const c00 = texelAt(t00, x0, y0, tx0, ty0), c01 = texelAt(t01, x1, y0, tx1, ty0);
-    Float4 const c10 = texelAt(t10, x0, y1, tx0, ty1), c11 = texelAt(t11, x1, y1, tx1, ty1);
-    Float4 const wx(fx);
-    Float4 const top = c00 + (c01 - c00) * wx;
-    Float4 const bottom = c10 + (c11 - c10) * wx;
-    return top + (bottom - top) * Float4(fy);
+    return TextureSampling::Detail::blendBilinear(texelAt(t00, x0, y0, tx0, ty0), texelAt(t01, x1, y0, tx1, ty0),
+                                                  texelAt(t10, x0, y1, tx0, ty1), texelAt(t11, x1, y1, tx1, ty1), fx, fy);
 }
 
 template <PixelFormat F>
