@@ -250,7 +250,9 @@ TileCache::Tile* TileCache::acquire(TiledImageFile& file, int level, int tx, int
             it->second = std::make_unique<Tile>();
             it->second->fileId = key.fileId;
             it->second->index = key.index;
+            // Just behind the hand: a new tile is the last the clock reaches.
             shard.ring.push_back(it->second.get());
+            if (shard.hand < shard.ring.size() - 1) std::swap(shard.ring[shard.hand++], shard.ring.back());
             load = true;
         }
         tile = it->second.get();
