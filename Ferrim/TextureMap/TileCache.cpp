@@ -172,10 +172,11 @@ struct TileKeyHash {
 struct alignas(64) TileCache::Shard {
     Mutex mutex;
     std::unordered_map<TileKey, std::unique_ptr<Tile>, TileKeyHash> tiles;
-    /// The clock's ring and hand.
-    Stack<Tile*> ring;
-    std::size_t hand = 0;
 };
+
+TileCache::Shard& TileCache::shardOf(std::uint64_t fileId, std::int64_t index) {
+    return mShards[TileKeyHash()(TileKey{fileId, index}) % SHARDS];
+}
 
 TileCache::TileCache(std::int64_t capacityBytes)
     : mShards(std::make_unique<Shard[]>(SHARDS)), mCapacity(std::max<std::int64_t>(0, capacityBytes)) {}
@@ -196,30 +197,32 @@ TileStats TileCache::getStats() const {
     return total;
 }
 
-bool TileCache::evictOne(Shard& shard) {
+bool TileCache::evictOne() {
     std::unique_ptr<Tile> victim;
     {
-        std::lock_guard lock(shard.mutex);
+        std::lock_guard clock(mClockMutex);
         // Two sweeps: the first clears the marks of tiles used since the hand
         // last passed, the second finds one of them unused.
-        for (std::size_t step = 0, n = shard.ring.size(); step < 2 * n; ++step) {
-            if (shard.hand >= shard.ring.size()) shard.hand = 0;
-            Tile* const t = shard.ring[shard.hand];
-            // A pin is taken only under this mutex: zero here stays zero.
-            if (t->pins.load(std::memory_order_acquire) > 0 || t->state.load(std::memory_order_acquire) == Tile::Loading) {
-                ++shard.hand;
+        for (std::size_t step = 0, n = mRing.size(); step < 2 * n && !victim; ++step) {
+            if (mHand >= mRing.size()) mHand = 0;
+            Tile* const t = mRing[mHand];
+            if (t->pins.load(std::memory_order_acquire) > 0 || t->state.load(std::memory_order_acquire) == Tile::Loading ||
+                t->referenced.exchange(false, std::memory_order_relaxed)) {
+                ++mHand;
                 continue;
             }
-            if (t->referenced.exchange(false, std::memory_order_relaxed)) {
-                ++shard.hand;
+            // Pins are taken under the shard's mutex: none there, none until it is out.
+            Shard& shard = shardOf(t->fileId, t->index);
+            std::lock_guard lock(shard.mutex);
+            if (t->pins.load(std::memory_order_acquire) > 0) {
+                ++mHand;
                 continue;
             }
-            shard.ring[shard.hand] = shard.ring.back();
-            shard.ring.pop_back();
             auto found = shard.tiles.find(TileKey{t->fileId, t->index});
             victim = std::move(found->second);
             shard.tiles.erase(found);
-            break;
+            mRing[mHand] = mRing.back();
+            mRing.pop_back();
         }
     }
     if (!victim) return false;
@@ -228,19 +231,15 @@ bool TileCache::evictOne(Shard& shard) {
 }
 
 void TileCache::makeRoom() {
-    // Shards in turn from a shared cursor, so that eviction spreads over all
-    // of them; a full round without a victim means every tile is pinned.
-    int idle = 0;
-    while (mMemory.load(std::memory_order_relaxed) > mCapacity.load(std::memory_order_relaxed) && idle < SHARDS) {
-        unsigned const i = mEvictCursor.fetch_add(1, std::memory_order_relaxed) % SHARDS;
-        idle = evictOne(mShards[i]) ? 0 : idle + 1;
+    // Stops when every tile left is pinned or being read.
+    while (mMemory.load(std::memory_order_relaxed) > mCapacity.load(std::memory_order_relaxed) && evictOne()) {
     }
 }
 
 TileCache::Tile* TileCache::acquire(TiledImageFile& file, int level, int tx, int ty) {
     TiledImageFile::Level const& l = file.mLevels[std::size_t(level)];
     TileKey const key{file.mId, l.firstTile + std::int64_t(ty) * l.tilesX + tx};
-    Shard& shard = mShards[TileKeyHash()(key) % SHARDS];
+    Shard& shard = shardOf(key.fileId, key.index);
     Tile* tile;
     bool load = false;
     {
@@ -250,9 +249,6 @@ TileCache::Tile* TileCache::acquire(TiledImageFile& file, int level, int tx, int
             it->second = std::make_unique<Tile>();
             it->second->fileId = key.fileId;
             it->second->index = key.index;
-            // Just behind the hand: a new tile is the last the clock reaches.
-            shard.ring.push_back(it->second.get());
-            if (shard.hand < shard.ring.size() - 1) std::swap(shard.ring[shard.hand++], shard.ring.back());
             load = true;
         }
         tile = it->second.get();
@@ -270,6 +266,12 @@ TileCache::Tile* TileCache::acquire(TiledImageFile& file, int level, int tx, int
         return nullptr;
     }
 
+    {
+        // On the clock only after the shard's mutex is let go: eviction takes
+        // the clock's mutex first, then a shard's.
+        std::lock_guard clock(mClockMutex);
+        mRing.push_back(tile);
+    }
     std::int64_t const bytes = file.mTileBytes;
     std::int64_t const now = mMemory.fetch_add(bytes, std::memory_order_relaxed) + bytes;
     makeRoom();

@@ -5,10 +5,11 @@
 // touch are held, and the least recently used give way.
 //
 // Locking: the tiles are spread over shards, each with its own mutex held for
-// a hash lookup, so threads hitting different tiles rarely meet and no thread
-// ever waits on one global lock. A lookup pins the tiles it reads; eviction
-// (an approximate least-recently-used order: the clock algorithm, one hand per
-// shard) passes over pinned tiles, so a tile is never freed under a reader.
+// a hash lookup, so threads hitting different tiles rarely meet and a hit never
+// waits on one global lock. A lookup pins the tiles it reads. Eviction (an
+// approximate least-recently-used order: the clock algorithm over all tiles,
+// whose mutex only misses take) passes over pinned tiles, so a tile is never
+// freed under a reader.
 // Memory is counted when a tile's buffer is allocated, before its read, so
 // the peak never exceeds the cap by more than the tiles running lookups pin.
 #include "Ferrim/Export.h"
@@ -120,14 +121,19 @@ class FERRIM_EXPORT TileCache : Noncopyable {
     /// The tile pinned, or null when it could not be read.
     Tile* acquire(TiledImageFile& file, int level, int tx, int ty);
     void makeRoom();
-    bool evictOne(Shard& shard);
+    bool evictOne();
+    Shard& shardOf(std::uint64_t fileId, std::int64_t index);
 
     static constexpr int SHARDS = 64;
     std::unique_ptr<Shard[]> mShards;
     std::atomic<std::int64_t> mCapacity;
     std::atomic<std::int64_t> mMemory{0}, mPeak{0};
     std::atomic<std::int64_t> mHits{0}, mMisses{0}, mBytesRead{0}, mBytesReread{0};
-    std::atomic<unsigned> mEvictCursor{0};
+    /// The clock: every tile, in the order they came, and its hand. Taken by
+    /// misses and eviction only, never by a hit.
+    Mutex mClockMutex;
+    Stack<Tile*> mRing;
+    std::size_t mHand = 0;
 };
 
 } // namespace Quelin
