@@ -46,6 +46,12 @@ public:
     /// for operators that hand buckets to another library.
     void appendPlanesCallback(void (*callback)(void const* owner, float* r, float* g, float* b, int count),
                               void const* owner);
+    /// As above, with the same mapping of packed pixels (`stride` floats
+    /// each, a fourth passed through) for a program of this one step: the
+    /// bucket goes to the other library as it is, in cache-sized pieces.
+    void appendPlanesCallback(void (*callback)(void const* owner, float* r, float* g, float* b, int count),
+                              void (*packed)(void const* owner, float* pixels, int stride, std::size_t count),
+                              void const* owner);
 
 private:
     friend class ColorProgram;
@@ -82,6 +88,7 @@ public:
 
 private:
     void mapFloats(float* data, int stride, std::size_t count, Pixel origin, Pixel extent) const;
+    void mapPacked(float* data, int stride, std::size_t count, Pixel origin, Pixel extent) const;
 
     struct BoundStep {
         ColorKernels::Step step;
@@ -93,6 +100,8 @@ private:
     ColorKernels::Table const* mKernels = nullptr;
     WideIsa mIsa = WideIsa::Scalar;
     bool mNeedsPixel = false;
+    /// The program is one step that maps packed pixels itself.
+    bool mPacked = false;
     /// Finite input gives finite results (the program ends in a bounding
     /// step): only the input is checked for values the chain must map.
     bool mBoundedResult = false;

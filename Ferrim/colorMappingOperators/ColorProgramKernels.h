@@ -4,6 +4,7 @@
 // each with its own compiler flags), so this header holds plain data only:
 // nothing here may instantiate code that the wider builds would compile with
 // instructions the baseline lacks.
+#include <cstddef>
 #include <cstdint>
 
 namespace Quelin::ColorKernels {
@@ -66,6 +67,9 @@ struct Step {
     void (*callback)(void const* owner, float* rgb, int x, int y) = nullptr;
     /// Callback with this set: maps a whole chunk's planes (count values each) at once.
     void (*planesCallback)(void const* owner, float* r, float* g, float* b, int count) = nullptr;
+    /// Set beside planesCallback: the same mapping of packed pixels (`stride`
+    /// floats each, any fourth passed through), for a program of this step alone.
+    void (*packedCallback)(void const* owner, float* pixels, int stride, std::size_t count) = nullptr;
     void const* owner = nullptr;
 };
 
