@@ -380,6 +380,7 @@ ColorProgram ColorProgram::compile(EntityHolder<IColorMappingOperator> const& la
         if (oneExponent && (afterBound || beforeClamp)) {
             if (auto unit = unitPowerTables(double(e.step.p[0]))) {
                 e.step.kind = StepKind::PowUnit;
+                e.step.p[1] = e.step.p[0] >= 1.5f ? 1.f : 0.f;
                 e.step.p[0] = afterBound ? 0.f : 1.f;
                 e.step.table[0] = unit->data();
                 e.keepAlive = std::move(unit);

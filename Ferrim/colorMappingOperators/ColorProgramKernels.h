@@ -17,7 +17,7 @@ enum class StepKind : int {
     Pow,             ///< max(c, 0)^p[0..2], the fast pow
     SignedPow,       ///< sign(c) |c|^p[0..2]
     PowFixed,        ///< Pow (p[0] == 0) or SignedPow (p[0] != 0) for one exponent, from the tables of table[0]
-    PowUnit,         ///< x^e on [0, 1] from the tables of table[0] (UnitPower.h); clamped to [0, 1] first when p[0] != 0
+    PowUnit,         ///< x^e on [0, 1] from the tables of table[0] (UnitPower.h); clamped to [0, 1] first when p[0] != 0, narrow form when p[1] != 0
     AcesCurve,       ///< the ACES rational curve on each channel
     AcesTone,        ///< Affine p[0..11], AcesCurve, Affine p[12..23], Clamp p[24..25] in one pass
     AcesBlend,       ///< whole ACES output transform faded by p[0]: A in p[1..9], B in p[10..18]

@@ -115,12 +115,12 @@ void powFixedStep(Step const& s, Planes const& pl) {
 
 void powUnitStep(Step const& s, Planes const& pl) {
     UnitPower const power(s.table[0]);
-    if (s.p[0] != 0.f) {
-        F const zero(0.f), one(1.f);
-        perChannel(pl, [&](F c, int) { return power(clampKeepNaN(c, zero, one)); });
-    } else {
-        perChannel(pl, [&](F c, int) { return power(c); });
-    }
+    F const zero(0.f), one(1.f);
+    bool const clamp = s.p[0] != 0.f, narrow = s.p[1] != 0.f;
+    if (clamp && narrow) perChannel(pl, [&](F c, int) { return power.narrow(clampKeepNaN(c, zero, one)); });
+    else if (clamp) perChannel(pl, [&](F c, int) { return power(clampKeepNaN(c, zero, one)); });
+    else if (narrow) perChannel(pl, [&](F c, int) { return power.narrow(c); });
+    else perChannel(pl, [&](F c, int) { return power(c); });
 }
 
 void signedPowStep(Step const& s, Planes const& pl) {

@@ -57,23 +57,31 @@ struct UnitPower {
     Lookup4 coefficients[UNIT_POW_DEGREE + 1];
 
     explicit UnitPower(float const* t)
-        : a(t), b(t + 4), c(t + 8), coefficients{Lookup4(t + 12), Lookup4(t + 16), Lookup4(t + 20), Lookup4(t + 24), Lookup4(t + 28)} {
+        : a(t), b(t + 4), c(t + 8), coefficients{Lookup4(t + 12), Lookup4(t + 16), Lookup4(t + 20), Lookup4(t + 24), Lookup4(t + 28)},
+          a3(t[3]) {
         static_assert(UNIT_POW_DEGREE == 4, "one table row per coefficient");
     }
 
-    Wide::Float operator()(Wide::Float x) const {
+    Wide::Float operator()(Wide::Float x) const { return evaluate<false>(x); }
+    /// For exponents of at least 1.5: x below 2^-15 as 0 (its power is below
+    /// 2^-22.5) and A taken as A[3] (the same products for the rest).
+    Wide::Float narrow(Wide::Float x) const { return evaluate<true>(x); }
+
+private:
+    template <bool NARROW> Wide::Float evaluate(Wide::Float x) const {
         using F = Wide::Float;
         using I = Wide::Int;
         I const bits = bitsToInt(x);
         I const e = bits.shiftRight(23);
-        F const scale = a(e.shiftRight(4)) * b(e.shiftRight(2)) * c(e);
+        F const scale = (NARROW ? F(a3) : a(e.shiftRight(4))) * b(e.shiftRight(2)) * c(e);
         I const quarter = bits.shiftRight(21);
         F const u = bitsToFloat((bits & I(0x001FFFFF)) | I(0x3F800000)) - F(1.125f);
         F p = coefficients[UNIT_POW_DEGREE](quarter);
         for (int k = UNIT_POW_DEGREE - 1; k >= 0; --k) p = madd(p, u, coefficients[k](quarter));
         // Never above 1: the tables give at least 1 for x = 1 (see ColorProgram).
-        return select(x >= F(UNIT_POW_MIN), min(p * scale, F(1.f)), F(0.f));
+        return select(x >= F(NARROW ? 1.f / 32768.f : UNIT_POW_MIN), min(p * scale, F(1.f)), F(0.f));
     }
+    float a3;
 };
 
 } // namespace
