@@ -150,8 +150,9 @@ SharedPtr<StaticArray<float, ColorKernels::POW_TABLE_SIZE> const> powerTables(do
 
 /// The tables of a PowUnit step for x^e on [0, 1] (see UnitPower.h): each
 /// quarter's polynomial interpolates (centre + u)^e at the Chebyshev nodes of
-/// [-1/8, 1/8]. Empty where the form misses by more than 2e-7 of the result
-/// (or of 1 below 2^-63, where it gives 0): exponents outside about [0.38, 4].
+/// [-1/8, 1/8]. Empty where a polynomial misses by more than 1e-7 of the
+/// result, or where the 0 given below 2^-63 would miss by more than 2e-7
+/// (exponents below about 0.38), and for exponents above 4.
 SharedPtr<StaticArray<float, ColorKernels::UNIT_POW_TABLE_SIZE> const> unitPowerTables(double e) {
     constexpr int N = ColorKernels::UNIT_POW_DEGREE + 1;
     constexpr double PI = 3.14159265358979323846;
