@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 namespace Quelin {
 
@@ -84,6 +85,7 @@ char const* kindName(StepKind kind) {
     case StepKind::Pow: return "pow";
     case StepKind::SignedPow: return "signed pow";
     case StepKind::PowFixed: return "pow";
+    case StepKind::PowUnit: return "pow";
     case StepKind::AcesCurve: return "aces curve";
     case StepKind::AcesTone: return "aces";
     case StepKind::AcesBlend: return "aces blend";
@@ -146,6 +148,81 @@ SharedPtr<StaticArray<float, ColorKernels::POW_TABLE_SIZE> const> powerTables(do
     return tables;
 }
 
+/// The tables of a PowUnit step for x^e on [0, 1] (see UnitPower.h): each
+/// quarter's polynomial interpolates (centre + u)^e at the Chebyshev nodes of
+/// [-1/8, 1/8]. Empty where a polynomial misses by more than 1e-7 of the
+/// result, or where the 0 given below 2^-63 would miss by more than 2e-7
+/// (exponents below about 0.38), and for exponents above 4.
+SharedPtr<StaticArray<float, ColorKernels::UNIT_POW_TABLE_SIZE> const> unitPowerTables(double e) {
+    constexpr int N = ColorKernels::UNIT_POW_DEGREE + 1;
+    constexpr double PI = 3.14159265358979323846;
+    if (!(e > 0.0 && e <= 4.0) || std::exp2(-63.0 * e) > 2e-7) return {};
+    auto tables = makeSharedPtr<StaticArray<float, ColorKernels::UNIT_POW_TABLE_SIZE>>();
+    auto& t = *tables;
+    for (int i = 0; i < 4; ++i) {
+        // A by bits 4-5 of the biased exponent 64..127, B by bits 2-3, C by bits 0-1.
+        // A row below what a float holds well gives 0: its powers are below 2^-60.
+        double const a = std::exp2((64.0 + 16.0 * i - 127.0) * e);
+        t[std::size_t(i)] = a < 0x1p-100 ? 0.f : float(a);
+        t[std::size_t(4 + i)] = float(std::exp2(4.0 * i * e));
+        t[std::size_t(8 + i)] = float(std::exp2(double(i) * e));
+    }
+    for (int quarter = 0; quarter < 4; ++quarter) {
+        double const centre = 1.0 + quarter / 4.0 + 1.0 / 8.0;
+        double a[N][N + 1];
+        for (int i = 0; i < N; ++i) {
+            double const x = 0.125 * std::cos(PI * (2.0 * i + 1.0) / (2.0 * N));
+            double power = 1.0;
+            for (int j = 0; j < N; ++j, power *= x) a[i][j] = power;
+            a[i][N] = std::pow(centre + x, e);
+        }
+        for (int col = 0; col < N; ++col) {  // Gauss-Jordan with partial pivoting
+            int pivot = col;
+            for (int row = col + 1; row < N; ++row)
+                if (std::abs(a[row][col]) > std::abs(a[pivot][col])) pivot = row;
+            std::swap(a[col], a[pivot]);
+            for (int row = 0; row < N; ++row) {
+                if (row == col) continue;
+                double const f = a[row][col] / a[col][col];
+                for (int k = col; k <= N; ++k) a[row][k] -= f * a[col][k];
+            }
+        }
+        for (int j = 0; j < N; ++j) t[std::size_t(12 + 4 * j + quarter)] = float(a[j][N] / a[j][j]);
+        // The float coefficients, checked over the quarter.
+        for (int i = 0; i <= 200; ++i) {
+            double const u = -0.125 + i / 800.0;
+            double p = 0.0;
+            for (int j = N - 1; j >= 0; --j) p = p * u + double(t[std::size_t(12 + 4 * j + quarter)]);
+            if (!(std::abs(p / std::pow(centre + u, e) - 1.0) <= 1e-7)) return {};
+        }
+    }
+    // 1 must map to 1 exactly (display white): the kernel takes the smaller of
+    // its result and 1, so C[3] (the row of 1's exponent) is raised by ulps
+    // until the result for 1 is at least 1, with and without fused
+    // multiply-adds (the widths differ there).
+    auto atOne = [&](bool fused) {
+        float p = t[12 + 4 * (N - 1)];
+        for (int j = N - 2; j >= 0; --j) {
+            volatile float product = p * -0.125f;  // not contracted into a fused multiply-add
+            p = fused ? std::fma(p, -0.125f, t[std::size_t(12 + 4 * j)]) : product + t[std::size_t(12 + 4 * j)];
+        }
+        return p * (t[3] * t[7] * t[11]);
+    };
+    for (int i = 0; i < 8 && std::min(atOne(true), atOne(false)) < 1.f; ++i) t[11] = std::nextafter(t[11], 2.f * t[11]);
+    if (std::min(atOne(true), atOne(false)) < 1.f) return {};
+    return tables;
+}
+
+/// Whether a step leaves every finite value within [0, 1].
+bool boundsToUnit(ColorKernels::Step const& s) {
+    switch (s.kind) {
+    case StepKind::AcesTone: return s.p[24] >= 0.f && s.p[25] <= 1.f;
+    case StepKind::Clamp: return s.p[0] >= 0.f && s.p[1] <= 1.f;
+    case StepKind::PowUnit: return true;
+    default: return false;
+    }
+}
+
 bool finite(Rgb const& c) { return std::isfinite(c.r) && std::isfinite(c.g) && std::isfinite(c.b); }
 
 } // namespace
@@ -185,6 +262,12 @@ void ColorProgramBuilder::appendPlanesCallback(void (*callback)(void const*, flo
     s.planesCallback = callback;
     s.owner = owner;
     append(s);
+}
+
+void ColorProgramBuilder::appendPlanesCallback(void (*callback)(void const*, float*, float*, float*, int),
+                                               void (*packed)(void const*, float*, int, std::size_t), void const* owner) {
+    appendPlanesCallback(callback, owner);
+    mEntries.back().step.packedCallback = packed;
 }
 
 namespace {
@@ -260,6 +343,7 @@ ColorProgram ColorProgram::compile(EntityHolder<IColorMappingOperator> const& la
         folded.erase(folded.begin() + std::ptrdiff_t(i) + 1, folded.begin() + std::ptrdiff_t(i) + 4);
     }
     for (auto& e : folded) {
+        if (!e.affine && e.step.kind == StepKind::Count) continue;  // a clamp a power before it took on
         if (e.affine) {
             if (isIdentityMatrix(e.matrix)) continue;
             if (isDiagonal(e.matrix)) {
@@ -286,9 +370,26 @@ ColorProgram ColorProgram::compile(EntityHolder<IColorMappingOperator> const& la
         else if (!lowPower)
             program.mBoundedResult = false;
         bool const power = e.step.kind == StepKind::Pow || e.step.kind == StepKind::SignedPow;
-        auto tables = power && e.step.p[0] > 0.f && e.step.p[0] == e.step.p[1] && e.step.p[0] == e.step.p[2]
-                          ? powerTables(double(e.step.p[0]))
-                          : nullptr;
+        bool const oneExponent = power && e.step.p[0] > 0.f && e.step.p[0] == e.step.p[1] && e.step.p[0] == e.step.p[2];
+        // A power of values in [0, 1]: after a step that bounds them there,
+        // or followed by a clamp to [0, 1] (the power is monotone and keeps 0
+        // and 1, so clamping first is the same; the sign no longer matters).
+        bool const afterBound = !program.mSteps.empty() && boundsToUnit(program.mSteps.back().step);
+        auto const next = std::next(&e);
+        bool const beforeClamp = next != folded.data() + folded.size() && !next->affine &&
+                                 next->step.kind == StepKind::Clamp && next->step.p[0] == 0.f && next->step.p[1] == 1.f;
+        if (oneExponent && (afterBound || beforeClamp)) {
+            if (auto unit = unitPowerTables(double(e.step.p[0]))) {
+                e.step.kind = StepKind::PowUnit;
+                e.step.p[1] = e.step.p[0] >= 1.5f ? 1.f : 0.f;
+                e.step.p[0] = afterBound ? 0.f : 1.f;
+                e.step.table[0] = unit->data();
+                e.keepAlive = std::move(unit);
+                program.mBoundedResult = true;
+                if (beforeClamp) next->step.kind = StepKind::Count;  // done here: dropped below
+            }
+        }
+        auto tables = e.step.kind != StepKind::PowUnit && oneExponent ? powerTables(double(e.step.p[0])) : nullptr;
         if (tables) {
             e.step.p[0] = e.step.kind == StepKind::SignedPow ? 1.f : 0.f;
             e.step.kind = StepKind::PowFixed;
@@ -304,6 +405,7 @@ ColorProgram ColorProgram::compile(EntityHolder<IColorMappingOperator> const& la
         bound.keepAlive = std::move(e.keepAlive);
         program.mSteps.push_back(std::move(bound));
     }
+    program.mPacked = program.mSteps.size() == 1 && program.mSteps[0].step.packedCallback;
     return program;
 }
 
@@ -327,9 +429,55 @@ void ColorProgram::map(std::span<RgbAlpha> pixels, Pixel origin, Pixel extent) c
     mapFloats(reinterpret_cast<float*>(pixels.data()), 4, n, origin, extent);
 }
 
+void ColorProgram::mapPacked(float* data, int stride, std::size_t count, Pixel origin, Pixel extent) const {
+    // Pieces of 1024 pixels: OpenColorIO runs each of its operations over a
+    // whole line of its own four-float buffer, which at this size (16 KB)
+    // stays in the first-level cache; lines of 4096 pixels were 40 % slower.
+    constexpr std::size_t PIECE = 1024;
+    auto const& step = mSteps[0].step;
+    std::size_t const width = std::size_t(extent.x);
+    Stack<std::pair<std::size_t, Rgb>> nonFinite;
+    float alpha[PIECE];
+    for (std::size_t start = 0; start < count; start += PIECE) {
+        std::size_t const n = std::min(PIECE, count - start);
+        float* const piece = data + start * std::size_t(stride);
+        // Non-finite input goes to the chain, as in mapFloats: its pixels are
+        // kept before the piece is mapped (any lane of all ones in the exponent).
+        std::uint32_t all = 0;
+        for (std::size_t i = 0; i < n * std::size_t(stride); ++i) {
+            std::uint32_t bits;
+            std::memcpy(&bits, piece + i, sizeof bits);
+            all |= (bits & 0x7F800000u) == 0x7F800000u ? 1u : 0u;
+        }
+        nonFinite.clear();
+        if (all)
+            for (std::size_t k = 0; k < n; ++k) {
+                float const* p = piece + k * std::size_t(stride);
+                if (Rgb const in(p[0], p[1], p[2]); !finite(in)) nonFinite.emplace_back(k, in);
+            }
+        // Alpha stays as it was, bit for bit (the other library may round it).
+        if (stride == 4)
+            for (std::size_t k = 0; k < n; ++k) alpha[k] = piece[4 * k + 3];
+        step.packedCallback(step.owner, piece, stride, n);
+        if (stride == 4)
+            for (std::size_t k = 0; k < n; ++k) piece[4 * k + 3] = alpha[k];
+        for (auto const& [k, in] : nonFinite) {
+            std::size_t const at = start + k;
+            Pixel const pixel(origin.x + std::int32_t(at % width), origin.y + std::int32_t(at / width));
+            Rgb const out = mChain ? mChain->map(in, pixel) : zeroNaN(in);
+            float* p = piece + k * std::size_t(stride);
+            p[0] = out.r, p[1] = out.g, p[2] = out.b;
+        }
+    }
+}
+
 void ColorProgram::mapFloats(float* data, int stride, std::size_t count, Pixel origin, Pixel extent) const {
     // An empty program still reads NaN as 0, as the chain does.
     if (!mKernels) return;
+    if (mPacked) {
+        mapPacked(data, stride, count, origin, extent);
+        return;
+    }
     alignas(64) float r[CHUNK], g[CHUNK], b[CHUNK], xs[CHUNK], ys[CHUNK];
     int const lanes = mKernels->lanes;
     std::size_t const width = std::size_t(extent.x);
@@ -338,6 +486,12 @@ void ColorProgram::mapFloats(float* data, int stride, std::size_t count, Pixel o
     };
     for (std::size_t start = 0; start < count; start += CHUNK) {
         int const n = int(std::min<std::size_t>(CHUNK, count - start));
+        // The next chunk on its way from memory while this one is computed:
+        // frames far larger than the caches otherwise wait for each line.
+        if (start + 2 * CHUNK <= count) {
+            char const* ahead = reinterpret_cast<char const*>(data + (start + CHUNK) * std::size_t(stride));
+            for (std::size_t b = 0; b < CHUNK * std::size_t(stride) * sizeof(float); b += 64) __builtin_prefetch(ahead + b);
+        }
         ColorKernels::Planes const planes{r, g, b, xs, ys, n, (n + lanes - 1) / lanes * lanes};
         float* const src = data + start * std::size_t(stride);
         bool suspicious = mKernels->load(src, stride, planes);

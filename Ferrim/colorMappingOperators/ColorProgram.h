@@ -12,8 +12,10 @@
 // rounding near black and white) and for operators whose own mapping uses the
 // exact std::pow, std::log2 or std::exp2 (LUT encoding, tone curve, advanced
 // filmic), which get the fast ones here. The fast pow, log2 and exp2 are those
-// of the four-lane path (QuelinLib/WideMath.h), so the default pipeline stays
-// within 1e-6 of single-colour mapping. A pixel whose input or result is not
+// of the four-lane path (QuelinLib/WideMath.h); a power of values known to be
+// in [0, 1] (after the ACES transform, before a clamp to [0, 1]) comes from
+// small tables instead (UnitPower.h, within 2e-7 of the exact power and 1 for
+// 1), so the default pipeline stays within 1e-6 of single-colour mapping. A pixel whose input or result is not
 // finite (NaN, infinity) is mapped again by the chain itself, so such values
 // map as the chain maps them (a program that ends in a bounding step, such as
 // the default one, checks the input only).
@@ -45,6 +47,12 @@ public:
     /// An operator's own mapping of whole planes (a chunk of `count` pixels):
     /// for operators that hand buckets to another library.
     void appendPlanesCallback(void (*callback)(void const* owner, float* r, float* g, float* b, int count),
+                              void const* owner);
+    /// As above, with the same mapping of packed pixels (`stride` floats
+    /// each, a fourth passed through) for a program of this one step: the
+    /// bucket goes to the other library as it is, in cache-sized pieces.
+    void appendPlanesCallback(void (*callback)(void const* owner, float* r, float* g, float* b, int count),
+                              void (*packed)(void const* owner, float* pixels, int stride, std::size_t count),
                               void const* owner);
 
 private:
@@ -82,6 +90,7 @@ public:
 
 private:
     void mapFloats(float* data, int stride, std::size_t count, Pixel origin, Pixel extent) const;
+    void mapPacked(float* data, int stride, std::size_t count, Pixel origin, Pixel extent) const;
 
     struct BoundStep {
         ColorKernels::Step step;
@@ -93,6 +102,8 @@ private:
     ColorKernels::Table const* mKernels = nullptr;
     WideIsa mIsa = WideIsa::Scalar;
     bool mNeedsPixel = false;
+    /// The program is one step that maps packed pixels itself.
+    bool mPacked = false;
     /// Finite input gives finite results (the program ends in a bounding
     /// step): only the input is checked for values the chain must map.
     bool mBoundedResult = false;

@@ -4,6 +4,7 @@
 // each with its own compiler flags), so this header holds plain data only:
 // nothing here may instantiate code that the wider builds would compile with
 // instructions the baseline lacks.
+#include <cstddef>
 #include <cstdint>
 
 namespace Quelin::ColorKernels {
@@ -16,6 +17,7 @@ enum class StepKind : int {
     Pow,             ///< max(c, 0)^p[0..2], the fast pow
     SignedPow,       ///< sign(c) |c|^p[0..2]
     PowFixed,        ///< Pow (p[0] == 0) or SignedPow (p[0] != 0) for one exponent, from the tables of table[0]
+    PowUnit,         ///< x^e on [0, 1] from the tables of table[0] (UnitPower.h); clamped to [0, 1] first when p[0] != 0, narrow form when p[1] != 0
     AcesCurve,       ///< the ACES rational curve on each channel
     AcesTone,        ///< Affine p[0..11], AcesCurve, Affine p[12..23], Clamp p[24..25] in one pass
     AcesBlend,       ///< whole ACES output transform faded by p[0]: A in p[1..9], B in p[10..18]
@@ -42,6 +44,13 @@ enum class StepKind : int {
 constexpr int POW_DEGREE = 7;
 constexpr int POW_TABLE_SIZE = 48 + 16 * (POW_DEGREE + 1);
 
+/// Tables of a PowUnit step (UnitPower.h): three exponent tables and
+/// UNIT_POW_DEGREE + 1 coefficient rows, four floats each; inputs below
+/// UNIT_POW_MIN map to 0.
+constexpr int UNIT_POW_DEGREE = 4;
+constexpr int UNIT_POW_TABLE_SIZE = 4 * (3 + UNIT_POW_DEGREE + 1);
+constexpr float UNIT_POW_MIN = 1.f / 9223372036854775808.f;  // 2^-63
+
 /// Parameters of a Lut step: 3D table table[0] (size ints[0], four floats an
 /// entry, red fastest), optional 1D shaper table[1] (size ints[1], three floats
 /// an entry). p: 3D index scale [0..2] and offset [3..5], 1D scale [6..8] and
@@ -58,6 +67,9 @@ struct Step {
     void (*callback)(void const* owner, float* rgb, int x, int y) = nullptr;
     /// Callback with this set: maps a whole chunk's planes (count values each) at once.
     void (*planesCallback)(void const* owner, float* r, float* g, float* b, int count) = nullptr;
+    /// Set beside planesCallback: the same mapping of packed pixels (`stride`
+    /// floats each, any fourth passed through), for a program of this step alone.
+    void (*packedCallback)(void const* owner, float* pixels, int stride, std::size_t count) = nullptr;
     void const* owner = nullptr;
 };
 

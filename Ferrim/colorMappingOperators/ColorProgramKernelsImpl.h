@@ -12,6 +12,7 @@
 // hands it to the operator-by-operator path.
 #include "Ferrim/colorMappingOperators/ColorProgramKernels.h"
 #include "Ferrim/colorMappingOperators/DisplayTransformMath.h"
+#include "Ferrim/colorMappingOperators/UnitPower.h"
 #include "QuelinLib/Wide.h"
 #include "QuelinLib/WideMath.h"
 
@@ -110,6 +111,16 @@ void powFixedStep(Step const& s, Planes const& pl) {
             r = powFixed(max(F(0.f), r), t), g = powFixed(max(F(0.f), g), t), b = powFixed(max(F(0.f), b), t);
         });
     }
+}
+
+void powUnitStep(Step const& s, Planes const& pl) {
+    UnitPower const power(s.table[0]);
+    F const zero(0.f), one(1.f);
+    bool const clamp = s.p[0] != 0.f, narrow = s.p[1] != 0.f;
+    if (clamp && narrow) perChannel(pl, [&](F c, int) { return power.narrow(clampKeepNaN(c, zero, one)); });
+    else if (clamp) perChannel(pl, [&](F c, int) { return power(clampKeepNaN(c, zero, one)); });
+    else if (narrow) perChannel(pl, [&](F c, int) { return power.narrow(c); });
+    else perChannel(pl, [&](F c, int) { return power(c); });
 }
 
 void signedPowStep(Step const& s, Planes const& pl) {
@@ -471,6 +482,7 @@ constexpr Table makeTable() {
     set(StepKind::Pow, powStep);
     set(StepKind::SignedPow, signedPowStep);
     set(StepKind::PowFixed, powFixedStep);
+    set(StepKind::PowUnit, powUnitStep);
     set(StepKind::AcesCurve, acesCurveStep);
     set(StepKind::AcesTone, acesToneStep);
     set(StepKind::AcesBlend, acesBlendStep);

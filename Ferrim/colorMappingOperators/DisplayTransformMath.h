@@ -106,27 +106,26 @@ template <typename F> inline F agxSigmoid(F u) {
 
 /// log2 of a positive normal float to 2.5e-6: the exponent plus a degree-6
 /// polynomial in the mantissa (interpolating log2(1.5 + t) at the Chebyshev
-/// nodes of [-0.5, 0.5]). Enough here: the sigmoid's steepest slope over the
-/// 16.5-stop encoding scales a log2 error by 0.15.
-template <typename F> inline F agxLog2(F y) {
-    constexpr float C[7] = {0.584962501f, 0.961820821f,  -0.320613035f, 0.141724736f,
-                            -0.07079686f, 0.0439074798f, -0.0245685347f};
-    auto const bits = bitsToInt(y);
-    using I = decltype(bits);
-    F const exponent = convertToFloat(bits.shiftRight(23) - I(127));
-    F const t = bitsToFloat((bits & I(0x007FFFFF)) | I(0x3F800000)) - F(1.5f);
-    F p(C[6]);
-    for (int k = 5; k >= 0; --k) p = madd(p, t, F(C[k]));
-    return exponent + p;
-}
+/// nodes of [-0.5, 0.5]), constant term first. Enough here: the sigmoid's
+/// steepest slope over the 16.5-stop encoding scales a log2 error by 0.15.
+constexpr float AGX_LOG2[7] = {0.584962501f, 0.961820821f,  -0.320613035f, 0.141724736f,
+                               -0.07079686f, 0.0439074798f, -0.0245685347f};
 
 /// Inset matrix, log2 encoding and sigmoid of one channel's inset value:
 /// 0, negative values and NaN take the bottom of the encoding, +inf its top.
+/// The encoding's scale and offset are folded into the log2 polynomial:
+/// u = (E - 127 + log2 m - MIN_EV) / range = E / range + Q(m - 1.5).
 template <typename F> inline F agxEncode(F y) {
     constexpr float SCALE = 1.f / (AGX_MAX_EV - AGX_MIN_EV);
-    // 2^AGX_MIN_EV: below it log2 would be clamped anyway.
-    F const lowest(0.000176776695f);
-    F const u = madd(agxLog2(min(max(y, lowest), F(FLT_MAX))), F(SCALE), F(-AGX_MIN_EV * SCALE));
+    // 2^AGX_MIN_EV: below it the encoding is clamped anyway. max keeps its
+    // second operand for NaN; +inf has the largest exponent, so its u is far above 1.
+    auto const bits = bitsToInt(max(y, F(0.000176776695f)));
+    using I = decltype(bits);
+    F const t = bitsToFloat((bits & I(0x007FFFFF)) | I(0x3F800000)) - F(1.5f);
+    F q(AGX_LOG2[6] * SCALE);
+    for (int k = 5; k >= 1; --k) q = madd(q, t, F(AGX_LOG2[k] * SCALE));
+    q = madd(q, t, F((AGX_LOG2[0] - 127.f - AGX_MIN_EV) * SCALE));
+    F const u = madd(convertToFloat(bits.shiftRight(23)), F(SCALE), q);
     return agxSigmoid(min(max(u, F(0.f)), F(1.f)));
 }
 

@@ -89,8 +89,14 @@ void DisplayViewOperator::mapPlanes(void const* self, float* r, float* g, float*
     static_cast<DisplayViewOperator const*>(self)->mForward.applyPlanes(r, g, b, std::size_t(count));
 }
 
+void DisplayViewOperator::mapPacked(void const* self, float* pixels, int stride, std::size_t count) {
+    auto const& forward = static_cast<DisplayViewOperator const*>(self)->mForward;
+    if (stride == 4) forward.applyRgba(pixels, count);
+    else forward.applyRgb(pixels, count);
+}
+
 void DisplayViewOperator::compileMapping(ColorProgramBuilder& builder) const {
-    if (!isNeutral()) builder.appendPlanesCallback(&mapPlanes, this);
+    if (!isNeutral()) builder.appendPlanesCallback(&mapPlanes, &mapPacked, this);
 }
 
 } // namespace Quelin

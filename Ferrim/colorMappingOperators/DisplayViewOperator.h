@@ -42,6 +42,7 @@ protected:
 
 private:
     static void mapPlanes(void const* self, float* r, float* g, float* b, int count);
+    static void mapPacked(void const* self, float* pixels, int stride, std::size_t count);
 
     ColorSpaces::Processor mForward;
     ColorSpaces::Processor mInverse;

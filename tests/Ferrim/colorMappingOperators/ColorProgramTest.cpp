@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cfloat>
 #include <cmath>
 #include <limits>
 #include <random>
@@ -196,6 +197,32 @@ protected:
 
 TEST_P(ColorProgramIsa, DefaultPipelineMatchesTheChain) {
     expectProgramMatchesChain(ColorMapping().getAppliedChain(), GetParam(), gridColours(), 1e-6f, 97);
+}
+
+TEST_P(ColorProgramIsa, DisplayPowersAfterTheAcesTransformMatchTheChainForEveryGamma) {
+    // The power of the bounded ACES output runs from small tables: every
+    // octave and quarter of [0, 1] (values over 70 decades), black and white
+    // exact, for display gammas whose exponents take the wide and the narrow
+    // form, and for one too flat for the tables (the general power then).
+    Stack<Rgb> colours;
+    std::mt19937 rng(11);
+    std::uniform_real_distribution<float> decade(-36.f, 36.f);
+    auto value = [&] { return std::pow(10.f, decade(rng)); };
+    for (int i = 0; i < 2000; ++i) colours.push_back(Rgb(value(), value(), value()));
+    for (float grey : {0.f, 1e-30f, 1e-4f, 0.18f, 1.f, 1e30f, FLT_MAX}) colours.push_back(Rgb(grey));
+    for (float gamma : {1.f, 1.8f, 2.2f, 2.4f, 2.6f, 0.5f, 1.f / 3.f, 4.f}) {
+        SCOPED_TRACE(gamma);
+        ColorMapping mapping;
+        ColorMappingContext context;
+        context.gamma = gamma;
+        mapping.setContext(context);
+        expectProgramMatchesChain(mapping.getAppliedChain(), GetParam(), colours, 1e-6f, 101);
+        ColorProgram const program = ColorProgram::compile(mapping.getAppliedChain(), GetParam());
+        EXPECT_EQ(program.describe(), gamma == 1.f ? Stack<String>{"aces"} : (Stack<String>{"aces", "pow"}));
+        Stack<Rgb> ends = {Rgb(0.f), Rgb(-5.f), Rgb(1e30f), Rgb(INF)};
+        program.map(std::span<Rgb>(ends), Pixel(0, 0), Pixel(4, 1));
+        EXPECT_EQ(ends, (Stack<Rgb>{Rgb(0.f), Rgb(0.f), Rgb(1.f), Rgb(1.f)}));
+    }
 }
 
 TEST_P(ColorProgramIsa, RandomChainsMatchTheChain) {

@@ -88,3 +88,39 @@ TEST_F(DisplayViewOperatorTest, SurvivesACtmFileInAPipeline) {
     back->prepareForApplication(ColorMappingContext());
     EXPECT_EQ(back->map(Rgb(0.2f, 0.1f, 0.05f), Pixel(0, 0)), op->map(Rgb(0.2f, 0.1f, 0.05f), Pixel(0, 0)));
 }
+
+TEST_F(DisplayViewOperatorTest, CompiledAloneOrAfterOtherStepsMapsEveryPieceWithNonFinitePixelsAndAlpha) {
+    // Alone, the program hands the bucket to OpenColorIO packed, piece by
+    // piece; after an exposure, as planes. Buckets of several pieces, with
+    // non-finite pixels in more than one of them, with and without alpha.
+    auto const view = makeOperator("ACEScg", "sRGB - Display", "Standard");
+    auto exposure = ColorMappingOperatorFactory::getInstance().createOperator("Zatho.SimpleExposureOperator");
+    exposure->set("simpleExposure", 1.f);
+    auto viewAfter = makeOperator("ACEScg", "sRGB - Display", "Standard");
+    viewAfter->setPredecessor(exposure);
+    viewAfter->prepareForApplication(ColorMappingContext());
+    float const inf = std::numeric_limits<float>::infinity(), nan = std::numeric_limits<float>::quiet_NaN();
+    std::mt19937 rng(5);
+    std::uniform_real_distribution<float> u(0.f, 4.f);
+    Stack<Rgb> colors(2500);
+    for (Rgb& c : colors) c = Rgb(u(rng), u(rng), u(rng));
+    for (std::size_t i : {3u, 1500u, 2499u}) colors[i] = Rgb(nan, 0.5f, inf);
+    colors[1100] = Rgb(-inf, 0.2f, 0.1f);
+    for (EntityHolder<DisplayViewOperator> const& chain : {view, viewAfter}) {
+        ColorProgram const program = ColorProgram::compile(chain);
+        Pixel const extent(50, 50);
+        Stack<Rgb> packed = colors;
+        Stack<RgbAlpha> withAlpha;
+        for (std::size_t i = 0; i < colors.size(); ++i) withAlpha.push_back(RgbAlpha(colors[i], float(i)));
+        program.map(std::span<Rgb>(packed), Pixel(0, 0), extent);
+        program.map(std::span<RgbAlpha>(withAlpha), Pixel(0, 0), extent);
+        for (std::size_t i = 0; i < colors.size(); ++i) {
+            Rgb const expected = chain->map(colors[i], Pixel(int(i % 50), int(i / 50)));
+            for (int ch = 0; ch < 3; ++ch) {
+                ASSERT_NEAR(packed[i][ch], expected[ch], 1e-6f) << i;
+                ASSERT_NEAR(withAlpha[i].rgb()[ch], expected[ch], 1e-6f) << i;
+            }
+            ASSERT_EQ(withAlpha[i].alpha, float(i));
+        }
+    }
+}
