@@ -122,18 +122,35 @@ float NoiseMapEvaluator::noiseValue(Pos const& uvw) const { return noiseValueInl
 
 float NoiseMapEvaluator::blendWeight(float value) const { return blendWeightInline(value); }
 
+inline float NoiseMapEvaluator::weightAt(IShadeContext const& context) const {
+    return blendWeightInline(noiseValueInline(mUvw->computeUvw(context)));
+}
+
+// Two constant inputs, the common case, keep the entry points short: the
+// blend is the whole answer (and equals the ends at t = 0 and 1), so the only
+// call is the context's and little has to live across it.
 RgbAlpha NoiseMapEvaluator::evalColor(IShadeContext const& context, MapCache* cache) const {
-    float const t = blendWeightInline(noiseValueInline(mUvw->computeUvw(context)));
-    // Two constants: the blend is the whole answer (and equals the ends at t = 0 and 1).
-    if (mConstantInputs) return MapsDetail::mix(mColor1.getColor(), mColor2.getColor(), t);
+    if (!mConstantInputs) [[unlikely]]
+        return mixedColor(context, cache);
+    return MapsDetail::mix(mColor1.getColor(), mColor2.getColor(), weightAt(context));
+}
+
+MonoAlpha NoiseMapEvaluator::evalMono(IShadeContext const& context, MapCache* cache) const {
+    if (!mConstantInputs) [[unlikely]]
+        return mixedMono(context, cache);
+    return MapsDetail::mix(mColor1.getMono(), mColor2.getMono(), weightAt(context));
+}
+
+// Inputs that are maps: only those with weight are evaluated.
+[[gnu::noinline]] RgbAlpha NoiseMapEvaluator::mixedColor(IShadeContext const& context, MapCache* cache) const {
+    float const t = weightAt(context);
     if (t <= 0.f) return mColor1.evalColor(context, cache);
     if (t >= 1.f) return mColor2.evalColor(context, cache);
     return MapsDetail::mix(mColor1.evalColor(context, cache), mColor2.evalColor(context, cache), t);
 }
 
-MonoAlpha NoiseMapEvaluator::evalMono(IShadeContext const& context, MapCache* cache) const {
-    float const t = blendWeightInline(noiseValueInline(mUvw->computeUvw(context)));
-    if (mConstantInputs) return MapsDetail::mix(mColor1.getMono(), mColor2.getMono(), t);
+[[gnu::noinline]] MonoAlpha NoiseMapEvaluator::mixedMono(IShadeContext const& context, MapCache* cache) const {
+    float const t = weightAt(context);
     if (t <= 0.f) return mColor1.evalMono(context, cache);
     if (t >= 1.f) return mColor2.evalMono(context, cache);
     return MapsDetail::mix(mColor1.evalMono(context, cache), mColor2.evalMono(context, cache), t);

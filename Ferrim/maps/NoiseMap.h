@@ -50,6 +50,10 @@ public:
 private:
     float noiseValueInline(Pos const& uvw) const;
     float blendWeightInline(float value) const;
+    /// The blend weight of color2 at a shading point.
+    float weightAt(IShadeContext const& context) const;
+    RgbAlpha mixedColor(IShadeContext const& context, MapCache* cache) const;
+    MonoAlpha mixedMono(IShadeContext const& context, MapCache* cache) const;
 
     SharedPtr<UvMapper const> mUvw;
     ColorOrMap::Evaluator mColor1;
