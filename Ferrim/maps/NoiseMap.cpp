@@ -85,17 +85,24 @@ NoiseMapEvaluator::NoiseMapEvaluator(SharedPtr<UvMapper const> uvMapper, ColorOr
     int exponent = 0;
     mRampIsPowerOfTwo = std::frexp(mRampDenominator, &exponent) == 0.5f;
     mRampReciprocal = 1.f / mRampDenominator;
+    // ((sum + 1) / 2 - min) / denominator as scale * sum + offset.
+    mSumToWeightScale = float(0.5 / double(mRampDenominator));
+    mSumToWeightOffset = float((0.5 - double(minThreshold)) / double(mRampDenominator));
+    mSingleOctave = levels == 1.f;
     mConstantInputs = mColor1.isConstant() && mColor2.isConstant();
+    // UvMapper::computeUvw returns such a channel's point untouched.
+    mChannelAsIs = mUvw->getMappingMode() == UvMappingMode::UvChannel && mUvw->getTransform() == AffineTm::identity();
+    mChannel = mUvw->getChannel();
 }
 
 // The per-sample steps, inline in the evaluation entry points (the public
 // member functions are exported, so calls to them would go through the
 // dynamic linker's indirection).
-inline float NoiseMapEvaluator::noiseValueInline(Pos const& uvw) const {
+inline float NoiseMapEvaluator::noiseSumInline(Float4 uvw) const {
     // A multiply instead of a division keeps the divider off the sample's
     // dependency chain; it differs from uvw / size by at most an ulp.
-    Float4 p = Float4(uvw.x, uvw.y, uvw.z, 0.f) * Float4(mInverseSize);
-    if (mLevels == 1.f) return (gradientNoise(p) + 1.f) * 0.5f;  // one octave, no partial one
+    Float4 p = uvw * Float4(mInverseSize);
+    if (mSingleOctave) return gradientNoise(p);
     float amplitude = 1.f, sum = 0.f;
     if (mLevels > 0.f) {
         int i = 0;
@@ -108,8 +115,10 @@ inline float NoiseMapEvaluator::noiseValueInline(Pos const& uvw) const {
     }
     // The fractional part of the level count adds one partial octave on top.
     if (mLevelFraction > 0.f) sum += gradientNoise(p) * (mLevelFraction * amplitude);
-    return (sum + 1.f) * 0.5f;
+    return sum;
 }
+
+inline float NoiseMapEvaluator::noiseValueInline(Float4 uvw) const { return (noiseSumInline(uvw) + 1.f) * 0.5f; }
 
 inline float NoiseMapEvaluator::blendWeightInline(float value) const {
     // The numerator keeps minThreshold even when the thresholds are reversed:
@@ -118,12 +127,16 @@ inline float NoiseMapEvaluator::blendWeightInline(float value) const {
     return clamp(mRampIsPowerOfTwo ? x * mRampReciprocal : x / mRampDenominator, 0.f, 1.f);
 }
 
-float NoiseMapEvaluator::noiseValue(Pos const& uvw) const { return noiseValueInline(uvw); }
+float NoiseMapEvaluator::noiseValue(Pos const& uvw) const { return noiseValueInline(MapsDetail::pointLanes(uvw)); }
 
 float NoiseMapEvaluator::blendWeight(float value) const { return blendWeightInline(value); }
 
 inline float NoiseMapEvaluator::weightAt(IShadeContext const& context) const {
-    return blendWeightInline(noiseValueInline(mUvw->computeUvw(context)));
+    // The common mapper, a UV channel as it is, is read here without its dispatch.
+    Pos const uvw = mChannelAsIs ? context.getUvw(mChannel) : mUvw->computeUvw(context);
+    // The sum's mapping to [0, 1] and the threshold ramp in one multiply-add,
+    // so that the sample's dependency chain ends two steps sooner.
+    return clamp(noiseSumInline(MapsDetail::pointLanes(uvw)) * mSumToWeightScale + mSumToWeightOffset, 0.f, 1.f);
 }
 
 // Two constant inputs, the common case, keep the entry points short: the

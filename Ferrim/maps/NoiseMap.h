@@ -5,6 +5,7 @@
 #include "Ferrim/MaterialMapSlot.h"
 #include "Ferrim/UvMapper.h"
 #include "Ferrim/maps/ProceduralSupport.h"
+#include "QuelinLib/Float4.h"
 
 namespace Quelin {
 
@@ -48,7 +49,9 @@ public:
     static constexpr float BUMP_STRENGTH = 15.f;
 
 private:
-    float noiseValueInline(Pos const& uvw) const;
+    /// The octaves' sum, in about [-1, 1].
+    float noiseSumInline(Float4 uvw) const;
+    float noiseValueInline(Float4 uvw) const;
     float blendWeightInline(float value) const;
     /// The blend weight of color2 at a shading point.
     float weightAt(IShadeContext const& context) const;
@@ -69,6 +72,11 @@ private:
     bool mConstantInputs;
     float mLevelFraction;    ///< levels - floor(levels): weight of the partial octave
     float mBumpStrength = BUMP_STRENGTH;
+    float mSumToWeightScale;   ///< the blend weight is clamp(scale sum + offset, 0, 1)
+    float mSumToWeightOffset;
+    bool mSingleOctave;        ///< one octave and no partial one
+    bool mChannelAsIs = false;  ///< the mapper reads channel mChannel and places it as it is
+    int mChannel = 0;
 };
 
 } // namespace Quelin

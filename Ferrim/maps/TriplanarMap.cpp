@@ -323,9 +323,8 @@ inline Result TriplanarEvaluator::blendLookups(IShadeContext const& context, Map
         float const qx = (rawX - k.offsetX) * k.inverseScale, qy = (rawY - k.offsetY) * k.inverseScale;
         return MapLookupPoint{Pos(k.cos * qx - k.sin * qy, k.sin * qx + k.cos * qy, 0.f), Dir(f, f, 0.f)};
     };
-    bool const each = w[0] != 0.f && w[1] != 0.f && w[2] != 0.f;
-    bool const whole = w[0] == 1.f || w[1] == 1.f || w[2] == 1.f;
-    if (each && !whole && mSharedEvaluator) {
+    // The weights are in [0, 1]: all of them in (0, 1) is every projection blended.
+    if (std::min(w[0], std::min(w[1], w[2])) > 0.f && std::max(w[0], std::max(w[1], w[2])) < 1.f && mSharedEvaluator) {
         // Every projection of one map: one batch, no bookkeeping.
         MapLookupPoint const points[3] = {place(0), place(1), place(2)};
         Result results[3];
@@ -333,6 +332,7 @@ inline Result TriplanarEvaluator::blendLookups(IShadeContext const& context, Map
         return added(added(scaled(results[0], w[0]), scaled(results[1], w[1])), scaled(results[2], w[2]));
     }
     // The projections with weight, the first of weight 1 alone.
+    bool const whole = w[0] == 1.f || w[1] == 1.f || w[2] == 1.f;
     MapLookupPoint points[3];
     int axes[3];
     int count = 0;
