@@ -31,7 +31,14 @@ constexpr StaticArray<std::uint32_t, 512> makeDoubledPermutation() {
     for (int i = 0; i < 512; ++i) p[std::size_t(i)] = PERMUTATION[i & 255];
     return p;
 }
-inline constexpr StaticArray<std::uint32_t, 512> PERM = makeDoubledPermutation();
+// The tables are the library's own (hidden): loads from them need no address
+// from the global offset table.
+#if defined(__GNUC__)
+#define FERRIM_NOISE_TABLE [[gnu::visibility("hidden")]]
+#else
+#define FERRIM_NOISE_TABLE
+#endif
+FERRIM_NOISE_TABLE inline constexpr StaticArray<std::uint32_t, 512> PERM = makeDoubledPermutation();
 
 // The 12 edge directions of a cube; the fourth lane is zero so a gradient is one load.
 alignas(16) inline constexpr float GRADIENTS[12][4] = {
@@ -58,7 +65,7 @@ constexpr GradientOfHash makeGradientOfHash() {
         for (int k = 0; k < 4; ++k) t.g[i][k] = GRADIENTS[GRADIENT_INDEX[std::size_t(i)]][k];
     return t;
 }
-inline constexpr GradientOfHash GRADIENT_OF_HASH = makeGradientOfHash();
+FERRIM_NOISE_TABLE inline constexpr GradientOfHash GRADIENT_OF_HASH = makeGradientOfHash();
 
 /// A point as (x, y, z, 0). Under SSE, x and y come over in one move: a point
 /// returned by value arrives with x and y in one register, and filling the
@@ -81,7 +88,7 @@ constexpr StaticArray<std::uint32_t, 512> makeRowOffsets() {
     for (int i = 0; i < 512; ++i) o[std::size_t(i)] = PERM[std::size_t(i)] * std::uint32_t(sizeof(GRADIENT_OF_HASH.g[0]));
     return o;
 }
-inline constexpr StaticArray<std::uint32_t, 512> ROW_OFFSET = makeRowOffsets();
+FERRIM_NOISE_TABLE inline constexpr StaticArray<std::uint32_t, 512> ROW_OFFSET = makeRowOffsets();
 
 /// The gradient row `offset` bytes into GRADIENT_OF_HASH.
 inline Float4 gradientAt(std::uint32_t offset) {

@@ -101,8 +101,13 @@ NoiseMapEvaluator::NoiseMapEvaluator(SharedPtr<UvMapper const> uvMapper, ColorOr
 inline float NoiseMapEvaluator::noiseSumInline(Float4 uvw) const {
     // A multiply instead of a division keeps the divider off the sample's
     // dependency chain; it differs from uvw / size by at most an ulp.
-    Float4 p = uvw * Float4(mInverseSize);
-    if (mSingleOctave) return gradientNoise(p);
+    Float4 const p = uvw * Float4(mInverseSize);
+    if (!mSingleOctave) return octaveSum(p);
+    return gradientNoise(p);
+}
+
+// Several octaves apart: one octave's path then holds no loop state.
+[[gnu::noinline]] float NoiseMapEvaluator::octaveSum(Float4 p) const {
     float amplitude = 1.f, sum = 0.f;
     if (mLevels > 0.f) {
         int i = 0;
@@ -131,12 +136,22 @@ float NoiseMapEvaluator::noiseValue(Pos const& uvw) const { return noiseValueInl
 
 float NoiseMapEvaluator::blendWeight(float value) const { return blendWeightInline(value); }
 
-inline float NoiseMapEvaluator::weightAt(IShadeContext const& context) const {
-    // The common mapper, a UV channel as it is, is read here without its dispatch.
-    Pos const uvw = mChannelAsIs ? context.getUvw(mChannel) : mUvw->computeUvw(context);
+inline float NoiseMapEvaluator::weightOfSum(float sum) const {
     // The sum's mapping to [0, 1] and the threshold ramp in one multiply-add,
     // so that the sample's dependency chain ends two steps sooner.
-    return clamp(noiseSumInline(MapsDetail::pointLanes(uvw)) * mSumToWeightScale + mSumToWeightOffset, 0.f, 1.f);
+    return clamp(sum * mSumToWeightScale + mSumToWeightOffset, 0.f, 1.f);
+}
+
+// Any other mapper, apart: the common one's path then keeps nothing in memory.
+[[gnu::noinline]] float NoiseMapEvaluator::weightThroughMapper(IShadeContext const& context) const {
+    return weightOfSum(noiseSumInline(MapsDetail::pointLanes(mUvw->computeUvw(context))));
+}
+
+inline float NoiseMapEvaluator::weightAt(IShadeContext const& context) const {
+    // The common mapper, a UV channel as it is, is read here without its dispatch.
+    if (!mChannelAsIs) [[unlikely]]
+        return weightThroughMapper(context);
+    return weightOfSum(noiseSumInline(MapsDetail::pointLanes(context.getUvw(mChannel))));
 }
 
 // Two constant inputs, the common case, keep the entry points short: the

@@ -7,6 +7,13 @@
 #include "Ferrim/maps/ProceduralSupport.h"
 #include "QuelinLib/Float4.h"
 
+#if defined(__GNUC__)
+/// Per-sample helpers stay out of the exported symbols, so calls to them are direct.
+#define FERRIM_NOISE_INTERNAL [[gnu::visibility("hidden")]]
+#else
+#define FERRIM_NOISE_INTERNAL
+#endif
+
 namespace Quelin {
 
 class FERRIM_EXPORT NoiseMap : public IMap {
@@ -52,11 +59,14 @@ private:
     /// The octaves' sum, in about [-1, 1].
     float noiseSumInline(Float4 uvw) const;
     float noiseValueInline(Float4 uvw) const;
+    FERRIM_NOISE_INTERNAL float octaveSum(Float4 p) const;
     float blendWeightInline(float value) const;
     /// The blend weight of color2 at a shading point.
     float weightAt(IShadeContext const& context) const;
-    RgbAlpha mixedColor(IShadeContext const& context, MapCache* cache) const;
-    MonoAlpha mixedMono(IShadeContext const& context, MapCache* cache) const;
+    FERRIM_NOISE_INTERNAL float weightThroughMapper(IShadeContext const& context) const;
+    float weightOfSum(float sum) const;
+    FERRIM_NOISE_INTERNAL RgbAlpha mixedColor(IShadeContext const& context, MapCache* cache) const;
+    FERRIM_NOISE_INTERNAL MonoAlpha mixedMono(IShadeContext const& context, MapCache* cache) const;
 
     SharedPtr<UvMapper const> mUvw;
     ColorOrMap::Evaluator mColor1;
