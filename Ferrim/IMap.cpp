@@ -6,6 +6,22 @@
 
 namespace Quelin {
 
+void IMapEvaluator::evalColors(IShadeContext const& context, std::span<MapLookupPoint const> points,
+                               std::span<RgbAlpha> colors, MapCache* cache) const {
+    for (std::size_t i = 0; i < points.size(); ++i) {
+        OverridableUvwShadeContext const at(context, points[i].uvw, points[i].dUvw);
+        colors[i] = evalColor(at, cache);
+    }
+}
+
+void IMapEvaluator::evalMonos(IShadeContext const& context, std::span<MapLookupPoint const> points,
+                              std::span<MonoAlpha> monos, MapCache* cache) const {
+    for (std::size_t i = 0; i < points.size(); ++i) {
+        OverridableUvwShadeContext const at(context, points[i].uvw, points[i].dUvw);
+        monos[i] = evalMono(at, cache);
+    }
+}
+
 int IMap::deduceUvChannelFromGraph() const {
     int result = 0;
     visitEntityGraphNodes(*this, [&](Entity const& node) {

@@ -9,6 +9,13 @@ namespace Quelin {
 /// Opaque per-thread cache that the renderer passes down; maps hand it on.
 class MapCache;
 
+/// Where one lookup of a batch reads a map: the UVW that every UV channel
+/// answers, and its footprint.
+struct MapLookupPoint {
+    Pos uvw;
+    Dir dUvw;
+};
+
 /// Evaluates a map at shading points. Immutable and shared by render threads.
 class FERRIM_EXPORT IMapEvaluator : public Polymorphic, public Noncopyable {
 public:
@@ -16,6 +23,18 @@ public:
     virtual MonoAlpha evalMono(IShadeContext const& context, MapCache* cache) const = 0;
     /// Bump perturbation of the shading normal; (0, 0, 0) for a map without bump.
     virtual Dir evalBump(IShadeContext const& context, MapCache* cache) const = 0;
+
+    /// Several lookups of one shading point in one call: `colors[i]` is what
+    /// `evalColor` gives for `context` with its UVW and footprint replaced by
+    /// `points[i]` on every channel (an `OverridableUvwShadeContext`), bit for
+    /// bit. `colors` holds at least as many entries as `points`. The default
+    /// evaluates one point after the other; maps that can overlap the lookups'
+    /// memory reads, or pay their per-point dispatch once, override it.
+    virtual void evalColors(IShadeContext const& context, std::span<MapLookupPoint const> points,
+                            std::span<RgbAlpha> colors, MapCache* cache) const;
+    /// The same for `evalMono`.
+    virtual void evalMonos(IShadeContext const& context, std::span<MapLookupPoint const> points,
+                           std::span<MonoAlpha> monos, MapCache* cache) const;
 };
 
 /// Base of every texture map.

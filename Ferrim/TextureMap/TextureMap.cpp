@@ -504,6 +504,25 @@ inline TextureMap::Evaluator::Found TextureMap::Evaluator::findSurface(IShadeCon
     return findWrapped(u, v, footprint.x, footprint.y, filtered, mUvAddressing);
 }
 
+inline TextureMap::Evaluator::Found TextureMap::Evaluator::findSurfaceAt(IShadeContext const& context,
+                                                                         MapLookupPoint const& point,
+                                                                         bool filtered) const {
+    // The mapper's own reading of a UV channel (computeUvw), with the point as the channel's answer.
+    Pos const uvw = mFootprintChannel ? point.uvw : mUvMapper->getTransform().transformPoint(point.uvw);
+    float u = uvw.x, v = uvw.y;
+    if (!wrap(u, v)) return {};
+    Dir footprint;
+    if (filtered) {
+        if (mFootprintChannel) {
+            footprint = point.dUvw;
+        } else {
+            OverridableUvwShadeContext const at(context, point.uvw, point.dUvw);
+            footprint = mUvMapper->computeDUvw(at);
+        }
+    }
+    return findWrapped(u, v, footprint.x, footprint.y, filtered, mUvAddressing);
+}
+
 Optional<RgbAlpha> TextureMap::Evaluator::lookup(IShadeContext const& context) const {
     Found const f = find(context);
     if (!f.inside) return std::nullopt;
@@ -569,6 +588,24 @@ MonoAlpha TextureMap::Evaluator::evalMono(IShadeContext const& context, MapCache
     if (usesEnvironment(context)) [[unlikely]]
         return environmentMono(context);
     return monoOf(findSurface(context));
+}
+
+void TextureMap::Evaluator::evalColors(IShadeContext const& context, std::span<MapLookupPoint const> points,
+                                       std::span<RgbAlpha> colors, MapCache* cache) const {
+    // Environment lookups go by direction, and the position mappings by
+    // position: neither reads the UVW, so they take the general road.
+    if (usesEnvironment(context) || mUvMapper->getMappingMode() != UvMappingMode::UvChannel) [[unlikely]]
+        return IMapEvaluator::evalColors(context, points, colors, cache);
+    bool const filtered = context.wantsFilteredLookup();
+    for (std::size_t i = 0; i < points.size(); ++i) colors[i] = colorOf(findSurfaceAt(context, points[i], filtered));
+}
+
+void TextureMap::Evaluator::evalMonos(IShadeContext const& context, std::span<MapLookupPoint const> points,
+                                      std::span<MonoAlpha> monos, MapCache* cache) const {
+    if (usesEnvironment(context) || mUvMapper->getMappingMode() != UvMappingMode::UvChannel) [[unlikely]]
+        return IMapEvaluator::evalMonos(context, points, monos, cache);
+    bool const filtered = context.wantsFilteredLookup();
+    for (std::size_t i = 0; i < points.size(); ++i) monos[i] = monoOf(findSurfaceAt(context, points[i], filtered));
 }
 
 Dir TextureMap::Evaluator::evalBump(IShadeContext const& context, MapCache*) const {

@@ -145,6 +145,12 @@ public:
     FERRIM_TEXTURE_FLATTEN RgbAlpha evalColor(IShadeContext const& context, MapCache* cache) const override;
     FERRIM_TEXTURE_FLATTEN MonoAlpha evalMono(IShadeContext const& context, MapCache* cache) const override;
     Dir evalBump(IShadeContext const& context, MapCache* cache) const override;
+    /// Surface lookups of a batch pay the context's questions and the
+    /// environment test once, and their texel reads overlap.
+    FERRIM_TEXTURE_FLATTEN void evalColors(IShadeContext const& context, std::span<MapLookupPoint const> points,
+                                           std::span<RgbAlpha> colors, MapCache* cache) const override;
+    FERRIM_TEXTURE_FLATTEN void evalMonos(IShadeContext const& context, std::span<MapLookupPoint const> points,
+                                          std::span<MonoAlpha> monos, MapCache* cache) const override;
 
     /// The colour with alpha at a shading point, before the output choices;
     /// empty when the point is outside the image.
@@ -192,6 +198,9 @@ private:
     // calls inside it are direct and inlined.
     FERRIM_TEXTURE_INTERNAL Found find(IShadeContext const& context) const;
     FERRIM_TEXTURE_INTERNAL Found findSurface(IShadeContext const& context) const;
+    /// `findSurface` of the context with its UVW and footprint replaced by `point`.
+    FERRIM_TEXTURE_INTERNAL Found findSurfaceAt(IShadeContext const& context, MapLookupPoint const& point,
+                                                bool filtered) const;
     FERRIM_TEXTURE_INTERNAL Found findWrapped(float u, float v, float du, float dv, bool filtered,
                                               TextureSampling::Addressing addressing) const;
     FERRIM_TEXTURE_INTERNAL bool wrap(float& u, float& v) const;

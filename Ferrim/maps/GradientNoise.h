@@ -3,6 +3,7 @@
 // 12-gradient lookup), inline for the maps that sum it per sample: the noise
 // map and the fractal map compute bit-identical values from it.
 #include <cstdint>
+#include <cstring>
 
 #include "QuelinLib/Wide.h"
 #include "QuelinLib/Types.h"
@@ -30,7 +31,14 @@ constexpr StaticArray<std::uint32_t, 512> makeDoubledPermutation() {
     for (int i = 0; i < 512; ++i) p[std::size_t(i)] = PERMUTATION[i & 255];
     return p;
 }
-inline constexpr StaticArray<std::uint32_t, 512> PERM = makeDoubledPermutation();
+// The tables are the library's own (hidden): loads from them need no address
+// from the global offset table.
+#if defined(__GNUC__)
+#define FERRIM_NOISE_TABLE [[gnu::visibility("hidden")]]
+#else
+#define FERRIM_NOISE_TABLE
+#endif
+FERRIM_NOISE_TABLE inline constexpr StaticArray<std::uint32_t, 512> PERM = makeDoubledPermutation();
 
 // The 12 edge directions of a cube; the fourth lane is zero so a gradient is one load.
 alignas(16) inline constexpr float GRADIENTS[12][4] = {
@@ -57,10 +65,35 @@ constexpr GradientOfHash makeGradientOfHash() {
         for (int k = 0; k < 4; ++k) t.g[i][k] = GRADIENTS[GRADIENT_INDEX[std::size_t(i)]][k];
     return t;
 }
-inline constexpr GradientOfHash GRADIENT_OF_HASH = makeGradientOfHash();
+FERRIM_NOISE_TABLE inline constexpr GradientOfHash GRADIENT_OF_HASH = makeGradientOfHash();
 
-/// The gradient of the corner whose hash is P[i].
-inline Float4 gradient(std::uint32_t i) { return Float4::load(GRADIENT_OF_HASH.g[i]); }
+/// A point as (x, y, z, 0). Under SSE, x and y come over in one move: a point
+/// returned by value arrives with x and y in one register, and filling the
+/// lanes one by one would first store it to memory.
+inline Float4 pointLanes(Pos const& p) {
+#if QUELIN_FLOAT4_SSE
+    double xy;
+    std::memcpy(&xy, &p.x, sizeof xy);
+    return _mm_movelh_ps(_mm_castpd_ps(_mm_set_sd(xy)), _mm_set_ss(p.z));
+#else
+    return Float4(p.x, p.y, p.z, 0.f);
+#endif
+}
+
+// The permutation times the 16 bytes of a gradient row: the last hash level
+// gives a row's byte offset, so the eight gradient loads need no index
+// arithmetic (x + 1's row is 16 bytes further, an offset of the load itself).
+constexpr StaticArray<std::uint32_t, 512> makeRowOffsets() {
+    StaticArray<std::uint32_t, 512> o{};
+    for (int i = 0; i < 512; ++i) o[std::size_t(i)] = PERM[std::size_t(i)] * std::uint32_t(sizeof(GRADIENT_OF_HASH.g[0]));
+    return o;
+}
+FERRIM_NOISE_TABLE inline constexpr StaticArray<std::uint32_t, 512> ROW_OFFSET = makeRowOffsets();
+
+/// The gradient row `offset` bytes into GRADIENT_OF_HASH.
+inline Float4 gradientAt(std::uint32_t offset) {
+    return Float4::load(reinterpret_cast<float const*>(reinterpret_cast<char const*>(GRADIENT_OF_HASH.g) + offset));
+}
 
 /// Noise of a point held as (x, y, z, 0). The lanes hold the four (y, z)
 /// corners of the cell, so one point is one pass of four-lane arithmetic.
@@ -74,14 +107,18 @@ inline float gradientNoise(Float4 p) {
     std::uint32_t const Y = std::uint32_t(lane<1>(cell)) & 255u;
     std::uint32_t const Z = std::uint32_t(lane<2>(cell)) & 255u;
 
-    // z hashed first, then y, then x.
+    // z hashed first, then y, then x: the corner (x, y, z) has the gradient of
+    // P[P[P[z] + y] + x], here as byte offsets of gradient rows.
+    constexpr std::uint32_t ROW = sizeof(GRADIENT_OF_HASH.g[0]);
     std::uint32_t const A = PERM[Z] + Y, B = PERM[Z + 1] + Y;
-    std::uint32_t const AA = PERM[A] + X, AB = PERM[A + 1] + X, BA = PERM[B] + X, BB = PERM[B + 1] + X;
+    std::uint32_t const XR = X * ROW;
+    std::uint32_t const AA = ROW_OFFSET[A] + XR, AB = ROW_OFFSET[A + 1] + XR, BA = ROW_OFFSET[B] + XR,
+                        BB = ROW_OFFSET[B + 1] + XR;
 
     // Lanes are the (y, z) corners (0,0), (1,0), (0,1), (1,1); gx0.. for x = 0, gx1.. for x = 1.
     Float4 gx0, gy0, gz0, gx1, gy1, gz1;
-    transpose3(gradient(AA), gradient(AB), gradient(BA), gradient(BB), gx0, gy0, gz0);
-    transpose3(gradient(AA + 1), gradient(AB + 1), gradient(BA + 1), gradient(BB + 1), gx1, gy1, gz1);
+    transpose3(gradientAt(AA), gradientAt(AB), gradientAt(BA), gradientAt(BB), gx0, gy0, gz0);
+    transpose3(gradientAt(AA + ROW), gradientAt(AB + ROW), gradientAt(BA + ROW), gradientAt(BB + ROW), gx1, gy1, gz1);
 
     Float4 const fx = broadcastLane<0>(f);
     Float4 const oy = broadcastLane<1>(f) - Float4(0.f, 1.f, 0.f, 1.f);

@@ -85,17 +85,29 @@ NoiseMapEvaluator::NoiseMapEvaluator(SharedPtr<UvMapper const> uvMapper, ColorOr
     int exponent = 0;
     mRampIsPowerOfTwo = std::frexp(mRampDenominator, &exponent) == 0.5f;
     mRampReciprocal = 1.f / mRampDenominator;
+    // ((sum + 1) / 2 - min) / denominator as scale * sum + offset.
+    mSumToWeightScale = float(0.5 / double(mRampDenominator));
+    mSumToWeightOffset = float((0.5 - double(minThreshold)) / double(mRampDenominator));
+    mSingleOctave = levels == 1.f;
     mConstantInputs = mColor1.isConstant() && mColor2.isConstant();
+    // UvMapper::computeUvw returns such a channel's point untouched.
+    mChannelAsIs = mUvw->getMappingMode() == UvMappingMode::UvChannel && mUvw->getTransform() == AffineTm::identity();
+    mChannel = mUvw->getChannel();
 }
 
 // The per-sample steps, inline in the evaluation entry points (the public
 // member functions are exported, so calls to them would go through the
 // dynamic linker's indirection).
-inline float NoiseMapEvaluator::noiseValueInline(Pos const& uvw) const {
+inline float NoiseMapEvaluator::noiseSumInline(Float4 uvw) const {
     // A multiply instead of a division keeps the divider off the sample's
     // dependency chain; it differs from uvw / size by at most an ulp.
-    Float4 p = Float4(uvw.x, uvw.y, uvw.z, 0.f) * Float4(mInverseSize);
-    if (mLevels == 1.f) return (gradientNoise(p) + 1.f) * 0.5f;  // one octave, no partial one
+    Float4 const p = uvw * Float4(mInverseSize);
+    if (!mSingleOctave) return octaveSum(p);
+    return gradientNoise(p);
+}
+
+// Several octaves apart: one octave's path then holds no loop state.
+[[gnu::noinline]] float NoiseMapEvaluator::octaveSum(Float4 p) const {
     float amplitude = 1.f, sum = 0.f;
     if (mLevels > 0.f) {
         int i = 0;
@@ -108,8 +120,10 @@ inline float NoiseMapEvaluator::noiseValueInline(Pos const& uvw) const {
     }
     // The fractional part of the level count adds one partial octave on top.
     if (mLevelFraction > 0.f) sum += gradientNoise(p) * (mLevelFraction * amplitude);
-    return (sum + 1.f) * 0.5f;
+    return sum;
 }
+
+inline float NoiseMapEvaluator::noiseValueInline(Float4 uvw) const { return (noiseSumInline(uvw) + 1.f) * 0.5f; }
 
 inline float NoiseMapEvaluator::blendWeightInline(float value) const {
     // The numerator keeps minThreshold even when the thresholds are reversed:
@@ -118,22 +132,53 @@ inline float NoiseMapEvaluator::blendWeightInline(float value) const {
     return clamp(mRampIsPowerOfTwo ? x * mRampReciprocal : x / mRampDenominator, 0.f, 1.f);
 }
 
-float NoiseMapEvaluator::noiseValue(Pos const& uvw) const { return noiseValueInline(uvw); }
+float NoiseMapEvaluator::noiseValue(Pos const& uvw) const { return noiseValueInline(MapsDetail::pointLanes(uvw)); }
 
 float NoiseMapEvaluator::blendWeight(float value) const { return blendWeightInline(value); }
 
+inline float NoiseMapEvaluator::weightOfSum(float sum) const {
+    // The sum's mapping to [0, 1] and the threshold ramp in one multiply-add,
+    // so that the sample's dependency chain ends two steps sooner.
+    return clamp(sum * mSumToWeightScale + mSumToWeightOffset, 0.f, 1.f);
+}
+
+// Any other mapper, apart: the common one's path then keeps nothing in memory.
+[[gnu::noinline]] float NoiseMapEvaluator::weightThroughMapper(IShadeContext const& context) const {
+    return weightOfSum(noiseSumInline(MapsDetail::pointLanes(mUvw->computeUvw(context))));
+}
+
+inline float NoiseMapEvaluator::weightAt(IShadeContext const& context) const {
+    // The common mapper, a UV channel as it is, is read here without its dispatch.
+    if (!mChannelAsIs) [[unlikely]]
+        return weightThroughMapper(context);
+    return weightOfSum(noiseSumInline(MapsDetail::pointLanes(context.getUvw(mChannel))));
+}
+
+// Two constant inputs, the common case, keep the entry points short: the
+// blend is the whole answer (and equals the ends at t = 0 and 1), so the only
+// call is the context's and little has to live across it.
 RgbAlpha NoiseMapEvaluator::evalColor(IShadeContext const& context, MapCache* cache) const {
-    float const t = blendWeightInline(noiseValueInline(mUvw->computeUvw(context)));
-    // Two constants: the blend is the whole answer (and equals the ends at t = 0 and 1).
-    if (mConstantInputs) return MapsDetail::mix(mColor1.getColor(), mColor2.getColor(), t);
+    if (!mConstantInputs) [[unlikely]]
+        return mixedColor(context, cache);
+    return MapsDetail::mix(mColor1.getColor(), mColor2.getColor(), weightAt(context));
+}
+
+MonoAlpha NoiseMapEvaluator::evalMono(IShadeContext const& context, MapCache* cache) const {
+    if (!mConstantInputs) [[unlikely]]
+        return mixedMono(context, cache);
+    return MapsDetail::mix(mColor1.getMono(), mColor2.getMono(), weightAt(context));
+}
+
+// Inputs that are maps: only those with weight are evaluated.
+[[gnu::noinline]] RgbAlpha NoiseMapEvaluator::mixedColor(IShadeContext const& context, MapCache* cache) const {
+    float const t = weightAt(context);
     if (t <= 0.f) return mColor1.evalColor(context, cache);
     if (t >= 1.f) return mColor2.evalColor(context, cache);
     return MapsDetail::mix(mColor1.evalColor(context, cache), mColor2.evalColor(context, cache), t);
 }
 
-MonoAlpha NoiseMapEvaluator::evalMono(IShadeContext const& context, MapCache* cache) const {
-    float const t = blendWeightInline(noiseValueInline(mUvw->computeUvw(context)));
-    if (mConstantInputs) return MapsDetail::mix(mColor1.getMono(), mColor2.getMono(), t);
+[[gnu::noinline]] MonoAlpha NoiseMapEvaluator::mixedMono(IShadeContext const& context, MapCache* cache) const {
+    float const t = weightAt(context);
     if (t <= 0.f) return mColor1.evalMono(context, cache);
     if (t >= 1.f) return mColor2.evalMono(context, cache);
     return MapsDetail::mix(mColor1.evalMono(context, cache), mColor2.evalMono(context, cache), t);

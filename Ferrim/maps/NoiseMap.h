@@ -5,6 +5,14 @@
 #include "Ferrim/MaterialMapSlot.h"
 #include "Ferrim/UvMapper.h"
 #include "Ferrim/maps/ProceduralSupport.h"
+#include "QuelinLib/Float4.h"
+
+#if defined(__GNUC__)
+/// Per-sample helpers stay out of the exported symbols, so calls to them are direct.
+#define FERRIM_NOISE_INTERNAL [[gnu::visibility("hidden")]]
+#else
+#define FERRIM_NOISE_INTERNAL
+#endif
 
 namespace Quelin {
 
@@ -48,8 +56,17 @@ public:
     static constexpr float BUMP_STRENGTH = 15.f;
 
 private:
-    float noiseValueInline(Pos const& uvw) const;
+    /// The octaves' sum, in about [-1, 1].
+    float noiseSumInline(Float4 uvw) const;
+    float noiseValueInline(Float4 uvw) const;
+    FERRIM_NOISE_INTERNAL float octaveSum(Float4 p) const;
     float blendWeightInline(float value) const;
+    /// The blend weight of color2 at a shading point.
+    float weightAt(IShadeContext const& context) const;
+    FERRIM_NOISE_INTERNAL float weightThroughMapper(IShadeContext const& context) const;
+    float weightOfSum(float sum) const;
+    FERRIM_NOISE_INTERNAL RgbAlpha mixedColor(IShadeContext const& context, MapCache* cache) const;
+    FERRIM_NOISE_INTERNAL MonoAlpha mixedMono(IShadeContext const& context, MapCache* cache) const;
 
     SharedPtr<UvMapper const> mUvw;
     ColorOrMap::Evaluator mColor1;
@@ -65,6 +82,11 @@ private:
     bool mConstantInputs;
     float mLevelFraction;    ///< levels - floor(levels): weight of the partial octave
     float mBumpStrength = BUMP_STRENGTH;
+    float mSumToWeightScale;   ///< the blend weight is clamp(scale sum + offset, 0, 1)
+    float mSumToWeightOffset;
+    bool mSingleOctave;        ///< one octave and no partial one
+    bool mChannelAsIs = false;  ///< the mapper reads channel mChannel and places it as it is
+    int mChannel = 0;
 };
 
 } // namespace Quelin

@@ -122,6 +122,8 @@ TriplanarEvaluator::TriplanarEvaluator(StaticArray<ColorOrMap::Evaluator, 3> map
     mKeep = 1.f - p.blend;
     for (std::size_t a = 0; a < 3; ++a)
         mPlacement[a] = {mCos[a], mSin[a], mInverseScale[a], p.axes[a].offset.x, p.axes[a].offset.y};
+    IMapEvaluator const* const first = mMaps[0].getMapEvaluator().get();
+    if (first == mMaps[1].getMapEvaluator().get() && first == mMaps[2].getMapEvaluator().get()) mSharedEvaluator = first;
 }
 
 namespace {
@@ -146,10 +148,10 @@ inline StaticArray<float, 3> weightsOf(Dir const& normal, float blend) {
     return w;
 }
 
-/// A projection's view of the shading point: one object serves the three
-/// lookups of a point, its UVW and footprint set before each. The kind of
-/// point and the filtering wish are read from the parent once per point; the
-/// bump frame is the projection's only while a bump is evaluated.
+/// A projection's view of the shading point while its bump is evaluated: one
+/// object serves the three projections, its UVW, footprint and tangent frame
+/// set before each. The kind of point and the filtering wish are read from
+/// the parent once per point.
 class ProjectionShadeContext final : public OverridableShadeContext {
 public:
     ProjectionShadeContext(IShadeContext const& parent, ShadedKind kind, bool filtered)
@@ -263,85 +265,109 @@ TriplanarEvaluator::Projection TriplanarEvaluator::projectWithTangents(IShadeCon
     return out;
 }
 
-/// Colour and mono: the three lookups with weight, each through the same small
-/// context, blended by a fixed sum. A single projection is returned as it is.
-/// The maps never read the bump frame here, so it stays the parent's.
-template <typename Result, typename Eval>
+namespace {
+/// The blend's arithmetic on both kinds of result.
+inline RgbAlpha scaled(RgbAlpha const& r, float w) { return r * w; }
+inline RgbAlpha added(RgbAlpha const& a, RgbAlpha const& b) { return a + b; }
+inline MonoAlpha scaled(MonoAlpha const& m, float w) { return MonoAlpha(m.value * w, m.alpha * w); }
+inline MonoAlpha added(MonoAlpha const& a, MonoAlpha const& b) { return MonoAlpha(a.value + b.value, a.alpha + b.alpha); }
+
+inline void lookUp(IMapEvaluator const& e, IShadeContext const& context, std::span<MapLookupPoint const> points,
+                   std::span<RgbAlpha> out, MapCache* cache) {
+    e.evalColors(context, points, out, cache);
+}
+inline void lookUp(IMapEvaluator const& e, IShadeContext const& context, std::span<MapLookupPoint const> points,
+                   std::span<MonoAlpha> out, MapCache* cache) {
+    e.evalMonos(context, points, out, cache);
+}
+inline RgbAlpha constantOf(ColorOrMap::Evaluator const& m, RgbAlpha const*) { return m.getColor(); }
+inline MonoAlpha constantOf(ColorOrMap::Evaluator const& m, MonoAlpha const*) { return m.getMono(); }
+} // namespace
+
+/// Colour and mono: the lookups with weight, blended by a fixed sum. One map
+/// on every axis gets them all in one call, so it can overlap their reads. A
+/// weight of exactly 1 is that one projection's answer as it is.
+template <typename Result>
 #if defined(__GNUC__) && !defined(__clang__)
 // The parent is whatever the renderer passes; guessing that it is a chain of
 // forwarding wrappers costs a compare per wrapper on every read.
 __attribute__((optimize("no-devirtualize-speculatively")))
 #endif
-inline Result TriplanarEvaluator::blendLookups(IShadeContext const& context, Eval const& eval) const {
+inline Result TriplanarEvaluator::blendLookups(IShadeContext const& context, MapCache* cache) const {
     bool const object = mParameters.space == Space::OBJECT;
     Pos const p = object ? context.getObjectPosition() : context.getPosition().toPos();
     Dir const n = object ? context.getObjectNormal() : context.getNormal();
-    // Every read of the parent first: nothing computed has to live across the calls.
     float const footprint = context.getPositionFootprint();
-    ProjectionShadeContext sub(context, context.getShadedKind(), context.wantsFilteredLookup());
     float const nx = std::fabs(n.x), ny = std::fabs(n.y), nz = std::fabs(n.z);
     float const m = std::max(nx, std::max(ny, nz));
-    float w0, w1, w2;
+    float w[3];
     // The weights below are weightsOf's, in the same order of operations, for
     // a finite, non-zero normal and a soft blend; the rest takes the slow road.
     if (mKeep < 1.f && m > 0.f && nx + ny + nz <= std::numeric_limits<float>::max()) [[likely]] {
         float const floorValue = mKeep * m;
-        w0 = std::max(nx - floorValue, 0.f), w1 = std::max(ny - floorValue, 0.f), w2 = std::max(nz - floorValue, 0.f);
-        float const inv = 1.f / (w0 + w1 + w2);
-        w0 *= inv, w1 *= inv, w2 *= inv;
+        w[0] = std::max(nx - floorValue, 0.f), w[1] = std::max(ny - floorValue, 0.f), w[2] = std::max(nz - floorValue, 0.f);
+        float const inv = 1.f / (w[0] + w[1] + w[2]);
+        w[0] *= inv, w[1] *= inv, w[2] *= inv;
     } else {
-        StaticArray<float, 3> const w = weightsOf(n, mParameters.blend);
-        w0 = w[0], w1 = w[1], w2 = w[2];
+        StaticArray<float, 3> const s = weightsOf(n, mParameters.blend);
+        w[0] = s[0], w[1] = s[1], w[2] = s[2];
     }
     float const raw[3][2] = {{(n.x >= 0.f ? p.y : -p.y), p.z}, {(n.y >= 0.f ? -p.x : p.x), p.z}, {(n.z >= 0.f ? p.x : -p.x), p.y}};
-    auto const lookup = [&](int axis) {
+    auto const place = [&](int axis) {
         std::size_t const a = std::size_t(axis);
         float const rawX = raw[a][0], rawY = raw[a][1];
         Placement const& k = mPlacement[a];
-        if (mParameters.randomRotation) [[unlikely]] {
-            sub.set(randomlyTurnedUvw(context, axis, rawX, rawY), footprint * k.inverseScale);
-        } else {
-            float const qx = (rawX - k.offsetX) * k.inverseScale, qy = (rawY - k.offsetY) * k.inverseScale;
-            sub.set(Pos(k.cos * qx - k.sin * qy, k.sin * qx + k.cos * qy, 0.f), footprint * k.inverseScale);
-        }
-        return eval(axis, sub);
+        float const f = footprint * k.inverseScale;
+        if (mParameters.randomRotation) [[unlikely]]
+            return MapLookupPoint{randomlyTurnedUvw(context, axis, rawX, rawY), Dir(f, f, 0.f)};
+        float const qx = (rawX - k.offsetX) * k.inverseScale, qy = (rawY - k.offsetY) * k.inverseScale;
+        return MapLookupPoint{Pos(k.cos * qx - k.sin * qy, k.sin * qx + k.cos * qy, 0.f), Dir(f, f, 0.f)};
     };
-    Result sum{};
-    if (w0 != 0.f) {
-        Result const r = lookup(0);
-        if (w0 == 1.f) return r;  // exactly the one axis's answer
-        sum = r * w0;
+    // The weights are in [0, 1]: all of them in (0, 1) is every projection blended.
+    if (std::min(w[0], std::min(w[1], w[2])) > 0.f && std::max(w[0], std::max(w[1], w[2])) < 1.f && mSharedEvaluator) {
+        // Every projection of one map: one batch, no bookkeeping.
+        MapLookupPoint const points[3] = {place(0), place(1), place(2)};
+        Result results[3];
+        lookUp(*mSharedEvaluator, context, points, results, cache);
+        return added(added(scaled(results[0], w[0]), scaled(results[1], w[1])), scaled(results[2], w[2]));
     }
-    if (w1 != 0.f) {
-        Result const r = lookup(1);
-        if (w1 == 1.f) return r;
-        sum = sum + r * w1;
+    // The projections with weight, the first of weight 1 alone.
+    bool const whole = w[0] == 1.f || w[1] == 1.f || w[2] == 1.f;
+    MapLookupPoint points[3];
+    int axes[3];
+    int count = 0;
+    for (int a = 0; a < 3; ++a) {
+        if (w[a] == 1.f) {
+            points[0] = place(a), axes[0] = a, count = 1;
+            break;
+        }
+        if (w[a] != 0.f) points[count] = place(a), axes[count++] = a;
     }
-    if (w2 != 0.f) {
-        Result const r = lookup(2);
-        if (w2 == 1.f) return r;
-        sum = sum + r * w2;
+    Result results[3];
+    if (mSharedEvaluator) {
+        lookUp(*mSharedEvaluator, context, std::span<MapLookupPoint const>(points, std::size_t(count)),
+               std::span<Result>(results, std::size_t(count)), cache);
+    } else {
+        for (int i = 0; i < count; ++i) {
+            ColorOrMap::Evaluator const& map = mMaps[std::size_t(axes[i])];
+            if (IMapEvaluator const* e = map.getMapEvaluator().get())
+                lookUp(*e, context, std::span<MapLookupPoint const>(points + i, 1), std::span<Result>(results + i, 1), cache);
+            else
+                results[i] = constantOf(map, results);
+        }
     }
+    if (whole) return results[0];
+    Result sum = scaled(results[0], w[axes[0]]);
+    for (int i = 1; i < count; ++i) sum = added(sum, scaled(results[i], w[axes[i]]));
     return sum;
 }
 
 RgbAlpha TriplanarEvaluator::evalColor(IShadeContext const& context, MapCache* cache) const {
-    return blendLookups<RgbAlpha>(context, [&](int a, IShadeContext const& sub) { return mMaps[std::size_t(a)].evalColor(sub, cache); });
+    return blendLookups<RgbAlpha>(context, cache);
 }
 
-namespace {
-/// Mono with the arithmetic the colour blend uses.
-struct WeightedMono {
-    MonoAlpha m{0.f, 0.f};
-    WeightedMono operator*(float w) const { return {MonoAlpha(m.value * w, m.alpha * w)}; }
-    WeightedMono operator+(WeightedMono const& o) const { return {MonoAlpha(m.value + o.m.value, m.alpha + o.m.alpha)}; }
-};
-} // namespace
-
 MonoAlpha TriplanarEvaluator::evalMono(IShadeContext const& context, MapCache* cache) const {
-    return blendLookups<WeightedMono>(context, [&](int a, IShadeContext const& sub) {
-               return WeightedMono{mMaps[std::size_t(a)].evalMono(sub, cache)};
-           }).m;
+    return blendLookups<MonoAlpha>(context, cache);
 }
 
 Dir TriplanarEvaluator::evalBump(IShadeContext const& context, MapCache* cache) const {

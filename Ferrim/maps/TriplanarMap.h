@@ -91,8 +91,13 @@ private:
     Frame frameWithTangents(IShadeContext const& context) const;
     Projection projectWithTangents(IShadeContext const& context, Frame const& frame, int axis) const;
     Pos randomlyTurnedUvw(IShadeContext const& context, int axis, float rawX, float rawY) const;
-    template <typename Result, typename Eval>
-    Result blendLookups(IShadeContext const& context, Eval const& eval) const;
+    // Kept out of the exported symbols, so that the entry points reach it directly.
+#if defined(__GNUC__)
+    template <typename Result>
+    [[gnu::visibility("hidden")]] Result blendLookups(IShadeContext const& context, MapCache* cache) const;
+#else
+    template <typename Result> Result blendLookups(IShadeContext const& context, MapCache* cache) const;
+#endif
     float randomAngle(IShadeContext const& context, int axis) const;
 
     StaticArray<ColorOrMap::Evaluator, 3> mMaps;
@@ -102,6 +107,8 @@ private:
     StaticArray<float, 3> mCos{}, mSin{};
     StaticArray<Placement, 3> mPlacement{};
     float mKeep = 0.8f;  ///< 1 - blend
+    /// The one map of every axis, when they are one: its lookups go in one batch.
+    IMapEvaluator const* mSharedEvaluator = nullptr;
 };
 
 } // namespace Quelin

@@ -1,4 +1,7 @@
+#include <array>
+#include <bit>
 #include <cmath>
+#include <functional>
 #include <latch>
 #include <thread>
 
@@ -198,6 +201,82 @@ TEST_F(TextureMapFixture, BumpOfARampAgainstFiniteDifferences) {
     EXPECT_NEAR(gv, 32.f, 2e-2f);
     // Downhill: against the gradient, along the frame's dP/du and dP/dv, scaled by the strength.
     Testing::expectNear(e->evalBump(ctx, nullptr), (Dir(0, 2, 0) * gu + Dir(0, 0, 1) * gv) * -0.25f, 1e-2f);
+}
+
+/// The bits of a result's floats, so that NaNs compare too.
+template <typename T> std::array<std::uint32_t, sizeof(T) / 4> bitsOf(T const& value) {
+    return std::bit_cast<std::array<std::uint32_t, sizeof(T) / 4>>(value);
+}
+
+TEST_F(TextureMapFixture, BatchedLookupsEqualSingleLookupsBitForBit) {
+    // Inside, outside, on the seams, far away and not finite, with footprints
+    // from none to past the whole texture.
+    std::vector<MapLookupPoint> points;
+    std::mt19937 rng(7);
+    std::uniform_real_distribution<float> d(-2.f, 3.f), f(0.f, 0.4f);
+    for (int i = 0; i < 48; ++i) points.push_back({Pos(d(rng), d(rng), d(rng)), Dir(f(rng), f(rng), 0.f)});
+    for (float x : {0.f, -0.f, 1.f, 0.5f, 1e30f, -1e30f, INFINITY, -INFINITY, NAN})
+        points.push_back({Pos(x, 1.f - x, x), Dir(std::fabs(x), 0.01f, x)});
+    Io::Path const bytes = write("bytes.png", randomImage(Pixel(16, 8), PixelFormat::Rgba8, 5));
+    Io::Path const coords = write("coords.exr", coordinateImage(16, 8));
+    struct Case {
+        char const* what;
+        Io::Path const& path;
+        std::function<void(TextureMap&)> setUp;
+        bool filtered = false;
+        ShadedKind kind = ShadedKind::Surface;
+    };
+    auto const none = [](TextureMap&) {};
+    for (Case const& c : {
+             Case{"8 bits, bilinear", bytes, none},
+             Case{"8 bits, filtered through the levels", bytes, none, true},
+             Case{"nearest, mirrored and untiled axes", coords,
+                  [](TextureMap& m) {
+                      m.set("interpolation", InterpolationMode::Nearest);
+                      mapperOf(m).set("wrapU", WrapMode::Mirror);
+                      mapperOf(m).set("wrapV", WrapMode::NoTiling);
+                  }},
+             Case{"bicubic through a placed mapper, filtered", coords,
+                  [](TextureMap& m) {
+                      m.set("interpolation", InterpolationMode::Bicubic);
+                      mapperOf(m).set("scale", Pos(2.f, -3.f, 1.f));
+                      mapperOf(m).set("offset", Pos(0.25f, 0.1f, 0.f));
+                  },
+                  true},
+             Case{"crop as placement, alpha outputs", bytes,
+                  [](TextureMap& m) {
+                      m.set("transformation_enabled", true);
+                      m.set("transformation_mode", TextureMap::TransformationMode::Placement);
+                      m.set("transformation_lowerLeft", Vector2(0.2f, 0.3f));
+                      m.set("transformation_upperRight", Vector2(0.9f, 0.7f));
+                      m.set("alphaSource", TextureMap::AlphaSource::RgbIntensity);
+                      m.set("monoOutput", TextureMap::MonoOutput::Alpha);
+                  },
+                  true},
+             Case{"object position mapping ignores the points", coords,
+                  [](TextureMap& m) { mapperOf(m).set("mappingMode", UvMappingMode::ObjectXyz); }},
+             Case{"environment rays look up by direction", coords, none, false, ShadedKind::Environment},
+         }) {
+        SCOPED_TRACE(c.what);
+        auto map = makeMap(c.path);
+        c.setUp(*map);
+        auto const e = evaluatorOf(*map);
+        SettableShadeContext ctx(0.3f, 0.7f);
+        ctx.filtered = c.filtered;
+        ctx.kind = c.kind;
+        ctx.objectPosition = Pos(0.6f, 0.1f, 0.f);
+        ctx.view = normalize(Dir(0.3f, -0.5f, 0.8f));
+        ctx.footprint = 0.02f;
+        Stack<RgbAlpha> colors(points.size());
+        Stack<MonoAlpha> monos(points.size());
+        e->evalColors(ctx, points, colors, nullptr);
+        e->evalMonos(ctx, points, monos, nullptr);
+        for (std::size_t i = 0; i < points.size(); ++i) {
+            OverridableUvwShadeContext const at(ctx, points[i].uvw, points[i].dUvw);
+            EXPECT_EQ(bitsOf(colors[i]), bitsOf(e->evalColor(at, nullptr))) << "point " << i;
+            EXPECT_EQ(bitsOf(monos[i]), bitsOf(e->evalMono(at, nullptr))) << "point " << i;
+        }
+    }
 }
 
 TEST_F(TextureMapFixture, OffloadedLevelIsReadBackOnceForConcurrentLookups) {

@@ -81,7 +81,9 @@ TEST(FractalFootprint, OctavesFadeMonotonicallyWithFootprintAndFrequency) {
         for (int i = 0; i < 8; ++i) {
             float const w = e.octaveWeight(i, fp);
             EXPECT_LE(w, previousFootprintWeight[i]) << fp << " " << i;
-            if (i > 0) EXPECT_LE(w, e.octaveWeight(i - 1, fp));
+            if (i > 0) {
+                EXPECT_LE(w, e.octaveWeight(i - 1, fp));
+            }
             previousFootprintWeight[i] = w;
         }
     }

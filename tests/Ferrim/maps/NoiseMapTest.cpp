@@ -1,6 +1,8 @@
 #include "Ferrim/maps/NoiseMap.h"
 
 #include <algorithm>
+#include <cmath>
+#include <random>
 
 #include "MapsTestSupport.h"
 
@@ -69,6 +71,41 @@ TEST(NoiseEvaluator, ThresholdRampEqualAndReversed) {
     auto ramp = makeEvaluator(1.f, 1.f, 0.25f, 0.75f);
     EXPECT_FLOAT_EQ(ramp.blendWeight(0.5f), 0.5f);
     EXPECT_EQ(ramp.blendWeight(0.8f), 1.f);
+}
+
+// The shading path (a channel read directly, or through a placing or
+// position mapper; one octave or several) agrees with the documented steps:
+// the mapper's point, noiseValue, then the threshold ramp, within rounding.
+TEST(NoiseEvaluator, EveryReadingPathFollowsValueThenRamp) {
+    auto placed = makeSharedPtr<UvMapper>();
+    placed->set("scale", Pos(2.f, 0.5f, 3.f));
+    placed->set("offset", Pos(0.3f, -0.2f, 0.f));
+    auto byPosition = makeSharedPtr<UvMapper>();
+    byPosition->set("mappingMode", UvMappingMode::ObjectXyz);
+    std::mt19937 rng(17);
+    std::uniform_real_distribution<float> d(-20.f, 20.f);
+    for (auto const& mapper : {identityMapper(), SharedPtr<UvMapper const>(placed), SharedPtr<UvMapper const>(byPosition)}) {
+        for (float levels : {1.f, 3.f, 2.5f}) {
+            for (auto [minT, maxT] : {std::pair(0.f, 1.f), std::pair(0.3f, 0.6f), std::pair(0.8f, 0.2f)}) {
+                NoiseMapEvaluator const e(mapper, constantInput(Rgb(0.25f, 0.25f, 0.25f)), constantInput(Rgb(0.75f, 0.75f, 0.75f)),
+                                          0.7f, levels, minT, maxT);
+                float const slope = 1.f / std::fabs(maxT - minT);
+                for (int i = 0; i < 40; ++i) {
+                    SettableShadeContext ctx(d(rng), d(rng), d(rng));
+                    ctx.objectPosition = Pos(d(rng), d(rng), d(rng));
+                    float const t = e.blendWeight(e.noiseValue(mapper->computeUvw(ctx)));
+                    float const value = e.evalMono(ctx, nullptr).value;
+                    EXPECT_NEAR(value, 0.25f + 0.5f * t, 1e-6f * slope) << levels << " " << minT << " " << i;
+                    EXPECT_TRUE(value >= 0.25f && value <= 0.75f) << value;
+                }
+            }
+        }
+    }
+    // A point that is not finite gives a value that is not a number, never a crash.
+    for (float bad : {std::nanf(""), INFINITY, -INFINITY}) {
+        SettableShadeContext ctx(bad, 0.5f, 0.5f);
+        EXPECT_TRUE(std::isnan(makeEvaluator(0.1f, 1.f).evalMono(ctx, nullptr).value)) << bad;
+    }
 }
 
 class NoiseMapTest : public LibraryFixture {};

@@ -1,6 +1,7 @@
 #include "Ferrim/maps/TriplanarMap.h"
 
 #include <array>
+#include <bit>
 #include <cmath>
 #include <random>
 
@@ -44,18 +45,35 @@ public:
     SharedPtr<UvMapper const> mMapper = makeSharedPtr<UvMapper>();
 };
 
-ColorOrMap::Evaluator echoInput() {
+/// The echo, noting the size of every batch it is handed.
+class BatchNotingEcho : public UvwEcho {
+public:
+    void evalColors(IShadeContext const& c, std::span<MapLookupPoint const> points, std::span<RgbAlpha> colors,
+                    MapCache* cache) const override {
+        batches.push_back(int(points.size()));
+        UvwEcho::evalColors(c, points, colors, cache);
+    }
+    void evalMonos(IShadeContext const& c, std::span<MapLookupPoint const> points, std::span<MonoAlpha> monos,
+                   MapCache* cache) const override {
+        batches.push_back(int(points.size()));
+        UvwEcho::evalMonos(c, points, monos, cache);
+    }
+    mutable std::vector<int> batches;
+};
+
+ColorOrMap::Evaluator echoInput(SharedPtr<IMapEvaluator> evaluator = makeSharedPtr<UvwEcho>()) {
     // Through a map entity so that the evaluator is a real map input.
     struct EchoMap : IMap {
-        EchoMap() : IMap(CountingMap::Data::definition()) {}
-        SharedPtr<Entity> createNewInstance() const override { return makeSharedPtr<EchoMap>(); }
+        explicit EchoMap(SharedPtr<IMapEvaluator> e) : IMap(CountingMap::Data::definition()), evaluator(std::move(e)) {}
+        SharedPtr<Entity> createNewInstance() const override { return makeSharedPtr<EchoMap>(evaluator); }
         OptimizedResult getEvaluatorImpl() const override {
             OptimizedResult r;
-            r.evaluator = makeSharedPtr<UvwEcho>();
+            r.evaluator = evaluator;
             return r;
         }
+        SharedPtr<IMapEvaluator> evaluator;
     };
-    return mapInput(makeSharedPtr<EchoMap>());
+    return mapInput(makeSharedPtr<EchoMap>(std::move(evaluator)));
 }
 
 TriplanarEvaluator echoEvaluator(Params const& p) { return TriplanarEvaluator({echoInput(), echoInput(), echoInput()}, p); }
@@ -148,6 +166,41 @@ TEST(TriplanarProjection, BlendedLookupsMatchTheWeightedProjections) {
         MonoAlpha const m = e.evalMono(ctx, nullptr);
         for (auto [got, want] : {std::pair{c.r, expected.r}, {c.g, expected.g}, {c.b, 0.f}, {c.alpha, 1.f}, {m.value, c.r}, {m.alpha, 1.f}})
             EXPECT_NEAR(got, want, 1e-5f) << i;
+    }
+}
+
+/// The bits of a result's floats: equal bits, not merely equal values.
+template <typename T> StaticArray<std::uint32_t, sizeof(T) / 4> bitsOf(T const& value) {
+    return std::bit_cast<StaticArray<std::uint32_t, sizeof(T) / 4>>(value);
+}
+
+// One map on every axis gets the lookups of a point in one batch; the answer
+// is the same, bit for bit, as from three maps asked one lookup each.
+TEST(TriplanarProjection, OneMapOnEveryAxisIsAskedOnceWithEveryLookup) {
+    std::mt19937 rng(5);
+    std::uniform_real_distribution<float> d(-1.f, 1.f);
+    for (int i = 0; i < 200; ++i) {
+        Params p;
+        p.space = i % 2 ? TriplanarMap::Space::WORLD : TriplanarMap::Space::OBJECT;
+        p.blend = std::array{0.f, 0.3f, 1.f}[std::size_t(i % 3)];
+        p.randomRotation = i % 5 == 0;
+        for (auto& axis : p.axes) axis = {Vector2(d(rng), d(rng)), 180.f * d(rng), 1.f + 0.5f * d(rng)};
+        auto const shared = makeSharedPtr<BatchNotingEcho>();
+        ColorOrMap::Evaluator const input = echoInput(shared);
+        TriplanarEvaluator const batched({input, input, input}, p);
+        auto const separate = echoEvaluator(p);
+        Dir n(d(rng), d(rng), d(rng));
+        if (i % 7 == 0) n[std::size_t(i % 3)] = 0.f;
+        if (i % 11 == 0) n = Dir(0.f, 0.f, 0.f);  // no normal: one projection
+        BoxContext ctx(Pos(4.f * d(rng), 4.f * d(rng), 4.f * d(rng)), n);
+        ctx.objectId = i;
+        RgbAlpha const c = batched.evalColor(ctx, nullptr), cs = separate.evalColor(ctx, nullptr);
+        MonoAlpha const m = batched.evalMono(ctx, nullptr), ms = separate.evalMono(ctx, nullptr);
+        EXPECT_EQ(bitsOf(c), bitsOf(cs)) << i;
+        EXPECT_EQ(bitsOf(m), bitsOf(ms)) << i;
+        auto const w = TriplanarEvaluator::blendWeights(n, p.blend);
+        int const lookups = int(w[0] != 0.f) + int(w[1] != 0.f) + int(w[2] != 0.f);
+        EXPECT_EQ(shared->batches, (std::vector<int>{lookups, lookups})) << i;
     }
 }
 
