@@ -106,19 +106,16 @@ char const* kindName(StepKind kind) {
     return "?";
 }
 
-/// The tables of a PowFixed step for x^e (see ColorProgramKernels.h): the
-/// mantissa polynomial interpolates (1.5 + t)^e at the Chebyshev nodes of
-/// [-0.5, 0.5], solved for its monomial coefficients in double precision.
-/// Empty when the polynomial would miss by more than 1e-7 (exponents far
-/// from the display range): the general pow serves those.
-SharedPtr<StaticArray<float, ColorKernels::POW_TABLE_SIZE> const> powerTables(double e) {
-    constexpr int N = ColorKernels::POW_DEGREE + 1;
+/// The monomial coefficients, in powers of t, of the polynomial of degree
+/// N - 1 that interpolates (centre + t)^e at the Chebyshev nodes of
+/// [-halfWidth, halfWidth], solved in double precision.
+template <int N> StaticArray<double, N> chebyshevPowerFit(double centre, double halfWidth, double e) {
     double a[N][N + 1];
     for (int i = 0; i < N; ++i) {
-        double const x = 0.5 * std::cos(3.14159265358979323846 * (2.0 * i + 1.0) / (2.0 * N));
+        double const x = halfWidth * std::cos(3.14159265358979323846 * (2.0 * i + 1.0) / (2.0 * N));
         double power = 1.0;
         for (int j = 0; j < N; ++j, power *= x) a[i][j] = power;
-        a[i][N] = std::pow(1.5 + x, e);
+        a[i][N] = std::pow(centre + x, e);
     }
     for (int col = 0; col < N; ++col) {  // Gauss-Jordan with partial pivoting
         int pivot = col;
@@ -131,12 +128,23 @@ SharedPtr<StaticArray<float, ColorKernels::POW_TABLE_SIZE> const> powerTables(do
             for (int k = col; k <= N; ++k) a[row][k] -= f * a[col][k];
         }
     }
-    double c[N];
-    for (int j = 0; j < N; ++j) c[j] = a[j][N] / a[j][j];
+    StaticArray<double, N> c;
+    for (int j = 0; j < N; ++j) c[std::size_t(j)] = a[j][N] / a[j][j];
+    return c;
+}
+
+/// The tables of a PowFixed step for x^e (see ColorProgramKernels.h): the
+/// mantissa polynomial interpolates (1.5 + t)^e at the Chebyshev nodes of
+/// [-0.5, 0.5], solved for its monomial coefficients in double precision.
+/// Empty when the polynomial would miss by more than 1e-7 (exponents far
+/// from the display range): the general pow serves those.
+SharedPtr<StaticArray<float, ColorKernels::POW_TABLE_SIZE> const> powerTables(double e) {
+    constexpr int N = ColorKernels::POW_DEGREE + 1;
+    StaticArray<double, N> const c = chebyshevPowerFit<N>(1.5, 0.5, e);
     for (int i = 0; i <= 1000; ++i) {
         double const t = -0.5 + i / 1000.0;
         double p = 0.0;
-        for (int j = N - 1; j >= 0; --j) p = p * t + c[j];
+        for (int j = N - 1; j >= 0; --j) p = p * t + c[std::size_t(j)];
         if (!(std::abs(p / std::pow(1.5 + t, e) - 1.0) <= 1e-7)) return {};
     }
     auto tables = makeSharedPtr<StaticArray<float, ColorKernels::POW_TABLE_SIZE>>();
@@ -144,7 +152,7 @@ SharedPtr<StaticArray<float, ColorKernels::POW_TABLE_SIZE> const> powerTables(do
     t.fill(0.f);
     for (int q = 0; q < 32; ++q) t[std::size_t(q)] = float(std::exp2(double(8 * q - 127) * e));
     for (int r = 0; r < 8; ++r) t[std::size_t(32 + r)] = float(std::exp2(double(r) * e));
-    for (int j = 0; j < N; ++j) std::fill_n(t.begin() + 48 + 16 * j, 16, float(c[j]));
+    for (int j = 0; j < N; ++j) std::fill_n(t.begin() + 48 + 16 * j, 16, float(c[std::size_t(j)]));
     return tables;
 }
 
@@ -155,7 +163,6 @@ SharedPtr<StaticArray<float, ColorKernels::POW_TABLE_SIZE> const> powerTables(do
 /// (exponents below about 0.38), and for exponents above 4.
 SharedPtr<StaticArray<float, ColorKernels::UNIT_POW_TABLE_SIZE> const> unitPowerTables(double e) {
     constexpr int N = ColorKernels::UNIT_POW_DEGREE + 1;
-    constexpr double PI = 3.14159265358979323846;
     if (!(e > 0.0 && e <= 4.0) || std::exp2(-63.0 * e) > 2e-7) return {};
     auto tables = makeSharedPtr<StaticArray<float, ColorKernels::UNIT_POW_TABLE_SIZE>>();
     auto& t = *tables;
@@ -169,25 +176,8 @@ SharedPtr<StaticArray<float, ColorKernels::UNIT_POW_TABLE_SIZE> const> unitPower
     }
     for (int quarter = 0; quarter < 4; ++quarter) {
         double const centre = 1.0 + quarter / 4.0 + 1.0 / 8.0;
-        double a[N][N + 1];
-        for (int i = 0; i < N; ++i) {
-            double const x = 0.125 * std::cos(PI * (2.0 * i + 1.0) / (2.0 * N));
-            double power = 1.0;
-            for (int j = 0; j < N; ++j, power *= x) a[i][j] = power;
-            a[i][N] = std::pow(centre + x, e);
-        }
-        for (int col = 0; col < N; ++col) {  // Gauss-Jordan with partial pivoting
-            int pivot = col;
-            for (int row = col + 1; row < N; ++row)
-                if (std::abs(a[row][col]) > std::abs(a[pivot][col])) pivot = row;
-            std::swap(a[col], a[pivot]);
-            for (int row = 0; row < N; ++row) {
-                if (row == col) continue;
-                double const f = a[row][col] / a[col][col];
-                for (int k = col; k <= N; ++k) a[row][k] -= f * a[col][k];
-            }
-        }
-        for (int j = 0; j < N; ++j) t[std::size_t(12 + 4 * j + quarter)] = float(a[j][N] / a[j][j]);
+        StaticArray<double, N> const c = chebyshevPowerFit<N>(centre, 0.125, e);
+        for (int j = 0; j < N; ++j) t[std::size_t(12 + 4 * j + quarter)] = float(c[std::size_t(j)]);
         // The float coefficients, checked over the quarter.
         for (int i = 0; i <= 200; ++i) {
             double const u = -0.125 + i / 800.0;
