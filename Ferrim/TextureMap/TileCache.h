@@ -109,9 +109,8 @@ class FERRIM_EXPORT TileCache : Noncopyable {
     Float4 sampleAnisotropic(TiledImageFile& file, float u, float v, TextureSampling::UvDerivatives const& derivatives,
                              float maxAnisotropy, TextureSampling::Addressing addressing);
 
-    struct Tile;
-
   private:
+    struct Tile;
     struct Shard;
     struct Session;
     template <PixelFormat F>
