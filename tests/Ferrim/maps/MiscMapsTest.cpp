@@ -223,32 +223,5 @@ TEST_F(MiscMapsTest, ConstantFoldingGivesTheUnfoldedValuesOnRandomPoints) {
     }
 }
 
-TEST_F(MiscMapsTest, DebugShowsThePointsProperties) {
-    DebugMap map;
-    IdContext p;
-    p.uvw = Pos(0.25f, 0.5f, 0.75f), p.normal = Dir(0, -1, 0), p.dUvw = Dir(0.01f, 0.02f, 0.f);
-    p.rayDepth = 3;
-    struct Case {
-        DebugMap::Show show;
-        Rgb want;
-    };
-    map.set("scale", 2.f);
-    for (Case const& c : {Case{DebugMap::Show::Uvw, Rgb(0.25f, 0.5f, 0.75f)}, Case{DebugMap::Show::Normal, Rgb(0.5f, 0.f, 0.5f)},
-                          Case{DebugMap::Show::Tangent, Rgb(1.f, 0.5f, 0.5f)}, Case{DebugMap::Show::RayDepth, Rgb(0.6f)},
-                          Case{DebugMap::Show::UvwFootprint, Rgb(0.02f, 0.04f, 0.f)},
-                          Case{DebugMap::Show::BackFace, Rgb(0, 1, 0)}}) {
-        map.set("show", c.show);
-        Testing::expectNear(map.getEvaluator().evaluator->evalColor(p, nullptr).rgb(), c.want, 1e-6f);
-    }
-    map.set("show", DebugMap::Show::RayDepth), map.set("scale", std::numeric_limits<float>::quiet_NaN());  // counts as 1
-    EXPECT_FLOAT_EQ(map.getEvaluator().evaluator->evalColor(p, nullptr).r, 0.3f);
-    map.set("show", DebugMap::Show::FaceIndex);
-    auto const e = map.getEvaluator().evaluator;
-    Rgb const face0 = e->evalColor(p, nullptr).rgb();
-    p.faceIndex = 1;
-    EXPECT_NE(e->evalColor(p, nullptr).rgb(), face0);
-    expectJsonRoundTrip(map);
-}
-
 } // namespace
 } // namespace Quelin
