@@ -75,14 +75,6 @@ TEST(ConstantColorMapTest, FoldsToTheColourAndTheExactMean) {
     EXPECT_EQ(bits(bump.x) | bits(bump.y) | bits(bump.z), 0u);
 }
 
-TEST(ConstantColorMapTest, NewInstanceCopiesState) {
-    ConstantColorMap const source(Rgb(0.1f, 0.2f, 0.3f), 0.25f);
-    auto copy = std::dynamic_pointer_cast<ConstantColorMap>(source.createNewInstance());
-    ASSERT_TRUE(copy);
-    copy->copyStateFrom(source);
-    EXPECT_EQ(copy->getEvaluator().constantColor, RgbAlpha(0.1f, 0.2f, 0.3f, 0.25f));
-}
-
 TEST(UnsupportedMapTest, EachLookGivesItsConstant) {
     UnsupportedMap map;
     EXPECT_EQ(map.getEvaluator().constantColor, RgbAlpha(1, 0, 0, 1));  // red by default

@@ -1,8 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <bit>
-#include <thread>
-
 #include "Ferrim/FerrimTestSupport.h"
 #include "Ferrim/IShadeContext.h"
 #include "Ferrim/UvMapper.h"
@@ -10,8 +7,6 @@
 using namespace Quelin;
 
 namespace {
-
-std::uint32_t bits(float v) { return std::bit_cast<std::uint32_t>(v); }
 
 // Answers every operation with a value of its own, derived from the arguments
 // where there are any, and records the arguments that do not show in it.
@@ -173,28 +168,6 @@ TEST(OverridableUvwShadeContextTest, AnswersStoredCoordinatesAndFrameOnlyWhenFla
     EXPECT_EQ(plain.getBumpBase(3), parent.getBumpBase(3));
     EXPECT_EQ(plain.getDpDu(2), parent.getDpDu(2));
     EXPECT_EQ(plain.getDpDv(2), parent.getDpDv(2));
-}
-
-TEST(NullShadeContextTest, AnswersTheUnsetMarkers) {
-    NullShadeContext ctx;
-    EXPECT_EQ(ctx.getImageSize(), Pixel(std::numeric_limits<std::int32_t>::min(), std::numeric_limits<std::int32_t>::min()));
-    EXPECT_EQ(ctx.getPixel(), Pixel::unknown());
-    for (BoundingBox<Pos> const& box : {ctx.getObjectBbox(), ctx.getSceneBbox()}) EXPECT_TRUE(box.isEmpty());
-    Rgb const unmapped = ctx.colorUnMap(Rgb(0.5f, 0.5f, 0.5f), {});
-    for (float v : {unmapped.r, unmapped.g, unmapped.b}) EXPECT_EQ(bits(v), 0xFFFFFFFFu);
-    for (Vector2 v : {ctx.generateRandom2(), ctx.unprojectPoint(PrecisePos(), IShadeContext::UnprojectPoint::Pixels)}) {
-        EXPECT_EQ(bits(v.x), UNSET_FLOAT_BITS);
-        EXPECT_EQ(bits(v.y), UNSET_FLOAT_BITS);
-    }
-    EXPECT_TRUE(isUnsetFloat(ctx.getUvw(1).x));
-    EXPECT_TRUE(isUnsetFloat(ctx.getPositionFootprint()));
-}
-
-TEST(NullShadeContextTest, MaterialNameIsOneSharedEmptyString) {
-    String const* fromThread = nullptr;
-    std::thread([&] { fromThread = &NullShadeContext().getMaterialName(); }).join();
-    EXPECT_TRUE(NullShadeContext().getMaterialName().empty());
-    EXPECT_EQ(&NullShadeContext().getMaterialName(), fromThread);
 }
 
 } // namespace

@@ -183,16 +183,6 @@ TEST_F(DataObjectsTest, GraphVisitReachesEachEntityOnceAndStops) {
     c->set("child", EntityHolder<TestEntity>());
 }
 
-TEST(Identifiers, UuidsAndClassIds) {
-    auto const u = generateUuidAsString();
-    EXPECT_EQ(u.size(), 36u);
-    EXPECT_EQ(u[14], '4');
-    EXPECT_NE(u, generateUuidAsString());
-    EXPECT_NE(makeClassId("Zatho.NoiseMap"), makeClassId("Zatho.CellularMap"));
-    UniqueIdGenerator g;
-    EXPECT_NE(g.next(), g.next());
-}
-
 TEST_F(DataObjectsTest, LongChainsAreVisitedAndDestroyedWithoutRecursion) {
     // Deep enough that one stack frame per entity would overflow any stack.
     std::size_t const length = 100000;

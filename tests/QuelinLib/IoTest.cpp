@@ -160,13 +160,6 @@ TEST_F(IoTest, RandomNamedFilesAreNewAndRemovable) {
     EXPECT_TRUE(Io::fileExists(*second));
 }
 
-TEST_F(IoTest, DiskSpaceOfAFolder) {
-    auto const space = Io::getDiskSpace(mFolder);
-    ASSERT_TRUE(space) << space.error();
-    EXPECT_TRUE(space->total > 0 && space->total >= space->free && space->free >= space->available);
-    EXPECT_FALSE(Io::getDiskSpace(mFolder / "nowhere"));
-}
-
 TEST_F(IoTest, SkyDataFolderFollowsTheEnvironmentElseTheExecutable) {
     Io::Path const exe = Io::StandardPaths::getExecutableFilePath();
     EXPECT_TRUE(exe.is_absolute() && Io::fileExists(exe)) << exe;
@@ -178,11 +171,6 @@ TEST_F(IoTest, SkyDataFolderFollowsTheEnvironmentElseTheExecutable) {
     EXPECT_EQ(Io::StandardPaths::prgSkyModelData(), exe.parent_path());
     if (saved)
         ::setenv("FERRIM_SKY_DATA_DIR", savedValue.c_str(), 1);
-}
-
-TEST(IoPathTest, Utf8RoundTrip) {
-    String const text = "textures/\xC3\xA9t\xC3\xA9/\xE6\x97\xA5.exr";
-    EXPECT_EQ(Io::pathToUtf8(Io::pathFromUtf8(text)), text);
 }
 
 TEST_F(IoTest, TextFilesAreReadOnlyWhenRegularAndWithinTheLimit) {
