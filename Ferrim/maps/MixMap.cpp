@@ -1,7 +1,10 @@
 #include "Ferrim/maps/MixMap.h"
 
+#include <typeinfo>
+
 #include "Ferrim/Ferrim.h"
 #include "Ferrim/ShadingDataObjectBuilder.h"
+#include "Ferrim/maps/NoiseMapInline.h"
 
 namespace Quelin {
 
@@ -11,7 +14,7 @@ namespace {
 /// inputs directly keeps their colours in registers; the general path's choice
 /// between a map and a constant joins them through memory. The colours are
 /// blended as four lanes with both weights prepared here.
-class PlainMixOfMaps final : public IMapEvaluator {
+class PlainMixOfMaps : public IMapEvaluator {
 public:
     PlainMixOfMaps(SharedPtr<IMapEvaluator> a, SharedPtr<IMapEvaluator> b, float t)
         : mA(std::move(a)), mB(std::move(b)), mS4(1.f - t), mT4(t), mT(t) {}
@@ -27,11 +30,45 @@ public:
         return MapsDetail::mix(mA->evalBump(c, cache), mB->evalBump(c, cache), mT);
     }
 
-private:
+protected:
     SharedPtr<IMapEvaluator> mA, mB;
     Float4 mS4, mT4;  ///< 1 - t and t in every lane
     float mT;
 };
+
+/// Two noises of constant colours that both take one UV channel's point as it
+/// is: the point is read once, and both noises run here, inline, rather than
+/// each behind a call of its own with its own read. Bit for bit the plain mix.
+class MixOfNoisesOnOneChannel final : public PlainMixOfMaps {
+public:
+    MixOfNoisesOnOneChannel(SharedPtr<IMapEvaluator> a, SharedPtr<IMapEvaluator> b, int channel, float t)
+        : PlainMixOfMaps(std::move(a), std::move(b), t), mNoiseA(static_cast<NoiseMapEvaluator const*>(mA.get())),
+          mNoiseB(static_cast<NoiseMapEvaluator const*>(mB.get())), mChannel(channel) {}
+    [[gnu::flatten]] RgbAlpha evalColor(IShadeContext const& c, MapCache*) const override {
+        Float4 const p = MapsDetail::pointLanes(c.getUvw(mChannel));
+        Float4 const a = MapsDetail::toLanes(mNoiseA->colorAtPoint(p));
+        Float4 const b = MapsDetail::toLanes(mNoiseB->colorAtPoint(p));
+        return MapsDetail::fromLanes(a * mS4 + b * mT4);
+    }
+
+private:
+    NoiseMapEvaluator const* mNoiseA;  ///< mA and mB as what they are
+    NoiseMapEvaluator const* mNoiseB;
+    int mChannel;
+};
+
+/// The channel a noise's colour depends on alone; empty for any other map
+/// (a type built on the noise's evaluator included: it may answer differently).
+Optional<int> noiseChannel(IMapEvaluator const& e) {
+    if (typeid(e) != typeid(NoiseMapEvaluator)) return std::nullopt;
+    return static_cast<NoiseMapEvaluator const&>(e).directChannel();
+}
+
+SharedPtr<IMapEvaluator> makePlainMixOfMaps(SharedPtr<IMapEvaluator> a, SharedPtr<IMapEvaluator> b, float t) {
+    if (auto const channel = noiseChannel(*a); channel && channel == noiseChannel(*b))
+        return makeSharedPtr<MixOfNoisesOnOneChannel>(std::move(a), std::move(b), *channel, t);
+    return makeSharedPtr<PlainMixOfMaps>(std::move(a), std::move(b), t);
+}
 
 /// The general mix for one blend mode, with or without a mask.
 template <BlendMode MODE, bool MASKED> class ModeMixEvaluator final : public MixEvaluator {
@@ -118,7 +155,7 @@ IMap::OptimizedResult MixMap::getEvaluatorImpl() const {
     }
     if (!mask && mode == BlendMode::Mix && !color1.isConstant() && !color2.isConstant()) {
         OptimizedResult result;
-        result.evaluator = makeSharedPtr<PlainMixOfMaps>(color1.getMapEvaluator(), color2.getMapEvaluator(), amount);
+        result.evaluator = makePlainMixOfMaps(color1.getMapEvaluator(), color2.getMapEvaluator(), amount);
         return result;
     }
     bool const constant = !mask && color1.isConstant() && color2.isConstant();

@@ -4,6 +4,7 @@
 #include "Ferrim/ShadingDataObjectBuilder.h"
 #include "Ferrim/maps/BumpConverterMap.h"
 #include "Ferrim/maps/GradientNoise.h"
+#include "Ferrim/maps/NoiseMapInline.h"
 #include "Ferrim/maps/ProceduralSupport.h"
 
 namespace Quelin {
@@ -97,14 +98,8 @@ NoiseMapEvaluator::NoiseMapEvaluator(SharedPtr<UvMapper const> uvMapper, ColorOr
 
 // The per-sample steps, inline in the evaluation entry points (the public
 // member functions are exported, so calls to them would go through the
-// dynamic linker's indirection).
-inline float NoiseMapEvaluator::noiseSumInline(Float4 uvw) const {
-    // A multiply instead of a division keeps the divider off the sample's
-    // dependency chain; it differs from uvw / size by at most an ulp.
-    Float4 const p = uvw * Float4(mInverseSize);
-    if (!mSingleOctave) return octaveSum(p);
-    return gradientNoise(p);
-}
+// dynamic linker's indirection); the steps that other evaluators use too
+// are in NoiseMapInline.h.
 
 // Several octaves apart: one octave's path then holds no loop state.
 [[gnu::noinline]] float NoiseMapEvaluator::octaveSum(Float4 p) const {
@@ -135,12 +130,6 @@ inline float NoiseMapEvaluator::blendWeightInline(float value) const {
 float NoiseMapEvaluator::noiseValue(Pos const& uvw) const { return noiseValueInline(MapsDetail::pointLanes(uvw)); }
 
 float NoiseMapEvaluator::blendWeight(float value) const { return blendWeightInline(value); }
-
-inline float NoiseMapEvaluator::weightOfSum(float sum) const {
-    // The sum's mapping to [0, 1] and the threshold ramp in one multiply-add,
-    // so that the sample's dependency chain ends two steps sooner.
-    return clamp(sum * mSumToWeightScale + mSumToWeightOffset, 0.f, 1.f);
-}
 
 // Any other mapper, apart: the common one's path then keeps nothing in memory.
 [[gnu::noinline]] float NoiseMapEvaluator::weightThroughMapper(IShadeContext const& context) const {

@@ -47,6 +47,16 @@ public:
     RgbAlpha evalColor(IShadeContext const& context, MapCache* cache) const override;
     MonoAlpha evalMono(IShadeContext const& context, MapCache* cache) const override;
     Dir evalBump(IShadeContext const& context, MapCache* cache) const override;
+    /// The UV channel that alone decides the colour, when the mapper takes its
+    /// point as it is and both inputs are constant: then evalColor is
+    /// colorAtPoint of that channel's point.
+    Optional<int> directChannel() const {
+        return mChannelAsIs && mConstantInputs ? Optional<int>(mChannel) : std::nullopt;
+    }
+    /// The colour at a point of directChannel (as x, y, z, 0), as inline code
+    /// (in NoiseMapInline.h, which only the library includes) for evaluators
+    /// that hold noise inputs and read the point once for all of them.
+    FERRIM_NOISE_INTERNAL RgbAlpha colorAtPoint(Float4 uvw) const;
 
     /// The fractal sum mapped to about [0, 1] at a UVW point (before the threshold ramp).
     float noiseValue(Pos const& uvw) const;

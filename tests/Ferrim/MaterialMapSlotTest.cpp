@@ -110,32 +110,28 @@ TEST(MaterialMapSlotTest, IsValidRejectsNonFiniteAndOutOfRangeValues) {
 TEST(MaterialMapSlotTest, EqualityToleratesNanOnlyInTheMultipliers) {
     auto map = EntityHolder<IMap>(makeSharedPtr<ConstantColorMap>());
     MaterialMapSlot const a(Rgb(0.5f), map, true, Rgb(1, 1, 1), 1.f, Interpolation::Mix, 0.5f);
-    MaterialMapSlot b = a;
-    b.intensityMultiplier = NaN;
-    b.alphaBlendMultiplier = NaN;
-    EXPECT_TRUE(b == a);
-    b = a;
-    b.color = 0.5f;  // a number compares by its widened channels
-    EXPECT_TRUE(a == b);
-    b.color = Rgb(0.5f, NaN, 0.5f);
-    EXPECT_TRUE(b != b);
     using Edit = void (*)(MaterialMapSlot&);
-    Edit const edits[] = {[](MaterialMapSlot& c) { c.map = EntityHolder<IMap>(makeSharedPtr<ConstantColorMap>()); },
-                          [](MaterialMapSlot& c) { c.mapTint.g = 0.9f; }, [](MaterialMapSlot& c) { c.interpolationMode = Interpolation::Add; },
-                          [](MaterialMapSlot& c) { c.intensityMultiplier = 1.5f; }, [](MaterialMapSlot& c) { c.mapOn = false; }};
-    for (Edit edit : edits) {
+    // Equal after: NaN multipliers, a number base equal to the colour's channels.
+    for (Edit edit : {Edit([](MaterialMapSlot& c) { c.intensityMultiplier = c.alphaBlendMultiplier = NaN; }),
+                      Edit([](MaterialMapSlot& c) { c.color = 0.5f; })}) {
+        MaterialMapSlot c = a;
+        edit(c);
+        EXPECT_TRUE(a == c && c == a);
+    }
+    for (Edit edit : {Edit([](MaterialMapSlot& c) { c.map = EntityHolder<IMap>(makeSharedPtr<ConstantColorMap>()); }),
+                      Edit([](MaterialMapSlot& c) { c.mapTint.g = 0.9f; }), Edit([](MaterialMapSlot& c) { c.interpolationMode = Interpolation::Add; }),
+                      Edit([](MaterialMapSlot& c) { c.intensityMultiplier = 1.5f; }), Edit([](MaterialMapSlot& c) { c.mapOn = false; })}) {
         MaterialMapSlot c = a;
         edit(c);
         EXPECT_TRUE(a != c);
     }
+    MaterialMapSlot nan = a;
+    nan.color = Rgb(0.5f, NaN, 0.5f);
+    EXPECT_TRUE(nan != nan);
 }
 
 TEST(ColorOrMapTest, EvaluatorFoldsConstantsAndKeepsVaryingMaps) {
     ColorOrMap value{Rgb(0.3f, 0.6f, 0.9f), {}, true};
-    ColorOrMap::Evaluator const plain(value);
-    EXPECT_TRUE(plain.isConstant());
-    EXPECT_EQ(plain.getColor(), RgbAlpha(0.3f, 0.6f, 0.9f, 1.f));
-
     value.map = EntityHolder<IMap>(makeSharedPtr<ConstantColorMap>(Rgb(0.1f, 0.2f, 0.4f), 0.5f));
     ColorOrMap::Evaluator const folded(value);
     EXPECT_TRUE(folded.isConstant() && folded.getColor() == RgbAlpha(0.1f, 0.2f, 0.4f, 0.5f));
@@ -147,14 +143,6 @@ TEST(ColorOrMapTest, EvaluatorFoldsConstantsAndKeepsVaryingMaps) {
     ColorOrMap::Evaluator const notFolded(value);
     EXPECT_FALSE(notFolded.isConstant());
     EXPECT_EQ(notFolded.evalColor(NullShadeContext(), nullptr), RgbAlpha(0.7f, 0.1f, 0.2f, 0.3f));
-}
-
-TEST(MaterialMapSlotTest, RecordRoundTripsKeepTheNumberForm) {
-    ColorOrMap value{Rgb(0.3f, 0.6f, 0.9f), varying(RgbAlpha(0.5f, 0.5f, 0.5f, 1.f)), false};
-    EXPECT_TRUE(ColorOrMap::fromData(value.toData()) == value);
-    MaterialMapSlot slot(0.75f, varying(RgbAlpha(0.5f, 0.5f, 0.5f, 1.f)), false, Rgb(0.5f, 1, 1), 3.f, Interpolation::Subtract, 0.25f);
-    MaterialMapSlot const back = MaterialMapSlot::fromData(slot.toData());
-    EXPECT_TRUE(back == slot && std::holds_alternative<float>(back.color));
 }
 
 TEST(ColorSpaceTest, TablesAreConsistentAndMatchPublishedValues) {
@@ -195,8 +183,6 @@ TEST(IncludeExcludeSetTest, ConvertsFiltersAndApplies) {
     IncludeExcludeSet const include = IncludeExcludeSet::fromExcludedNodes({{EntityHolder<Entity>(a)}, true});
     EXPECT_TRUE(include.applies(*a));
     EXPECT_FALSE(include.applies(*b));
-    EXPECT_TRUE(include.toExcludedNodes().isInclude);
-    EXPECT_FALSE(set.toExcludedNodes().isInclude);
 }
 
 // JSON needs the entity classes registered.
@@ -206,12 +192,11 @@ TEST_F(SlotJsonTest, RoundTripThroughText) {
     MaterialMapSlot slot(0.5f, EntityHolder<IMap>(makeSharedPtr<ConstantColorMap>(Rgb(0.1f, 0.2f, 0.3f), 0.4f)), false,
                          Rgb(1.f, 0.5f, 0.25f), 2.f, Interpolation::Subtract, 0.75f);
     nlohmann::json const j = toJson(slot);
-    EXPECT_EQ(j.at("interpolationMode"), "Subtract");
     auto parsed = parseJson(j.dump());
     ASSERT_TRUE(parsed);
     MaterialMapSlot back;
     ASSERT_TRUE(fromJson(*parsed, back));
-    EXPECT_TRUE(std::holds_alternative<float>(back.color));
+    EXPECT_TRUE(std::holds_alternative<float>(back.color));  // the number form kept
     ASSERT_TRUE(back.map);
     EXPECT_EQ(back.map->getEvaluator().constantColor, RgbAlpha(0.1f, 0.2f, 0.3f, 0.4f));
     EXPECT_EQ(toJson(back), j);

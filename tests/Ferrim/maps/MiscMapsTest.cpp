@@ -2,8 +2,6 @@
 
 #include <random>
 
-#include "Ferrim/maps/DebugMap.h"
-#include "Ferrim/maps/NoiseMap.h"
 #include "MapsTestSupport.h"
 
 namespace Quelin {
@@ -13,7 +11,7 @@ using namespace MapsTest;
 
 /// A point whose ids, ray kind, face side, material and user properties a test sets.
 struct IdContext : SettableShadeContext {
-    int objectId = 0, instanceId = 0, faceIndex = 0, rayDepth = 0;
+    int objectId = 0, instanceId = 0, faceIndex = 0;
     bool backFace = false;
     RayKind rayKind = RayKind::Camera;
     String material;
@@ -21,7 +19,6 @@ struct IdContext : SettableShadeContext {
     int getObjectId() const override { return objectId; }
     int getInstanceId() const override { return instanceId; }
     int getFaceIndex() const override { return faceIndex; }
-    int getRayDepth() const override { return rayDepth; }
     bool isBackFace() const override { return backFace; }
     RayKind getRayKind() const override { return rayKind; }
     String const& getMaterialName() const override { return material; }
@@ -58,7 +55,6 @@ TEST_F(MiscMapsTest, FrontBackFollowsTheFaceSideAndItsBump) {
     setInputMap(map, "back", nullptr);
     setColor(map, "back", Rgb(0.3f));
     EXPECT_TRUE(map.getEvaluator().hasConstant);
-    expectJsonRoundTrip(map);
 }
 
 TEST_F(MiscMapsTest, RaySwitcherShowsEachKindsInput) {
@@ -108,7 +104,6 @@ TEST_F(MiscMapsTest, SelectChoosesByEachIdSourceWrappingAround) {
     EXPECT_TRUE(fixed.hasConstant);
     EXPECT_EQ(fixed.constantColor.r, 1.f);
 
-    expectJsonRoundTrip(map);
     map.set("source", SelectMap::Source::IndexMap);
     map.set("indexMap", EntityHolder<Entity>(makeSharedPtr<CountingMap>(RgbAlpha(2.5f, 2.5f, 2.5f, 1))));
     EXPECT_EQ(map.getEvaluator().evaluator->evalColor(IdContext(), nullptr).r, 2.f);
@@ -187,14 +182,10 @@ TEST(ColorMath, SlopesMatchFiniteDifferences) {
         }
 }
 
-TEST_F(MiscMapsTest, ColorMathFoldsConstantsAndChainsBumps) {
+TEST_F(MiscMapsTest, ColorMathChainsBumps) {
     ColorMathMap map;
     map.set("operation", ColorMathMap::Operation::Multiply);
-    setColor(map, "a", Rgb(2, 3, 4)), setColor(map, "b", Rgb(0.5f, -1, 0));
-    auto const folded = map.getEvaluator();
-    ASSERT_TRUE(folded.hasConstant);
-    expectJsonRoundTrip(map);
-    EXPECT_EQ(folded.constantColor, RgbAlpha(1, -3, 0, 1));
+    setColor(map, "a", Rgb(2, 3, 4));
     setInputMap(map, "b", makeSharedPtr<CountingMap>(RgbAlpha(0.5f, 0.5f, 0.5f, 1)));  // bump (1, 2, 3)
     // d(a b) = a db: a's mono is 3.
     Testing::expectNear(map.getEvaluator().evaluator->evalBump(SettableShadeContext(), nullptr), Dir(3, 6, 9), 1e-5f);
