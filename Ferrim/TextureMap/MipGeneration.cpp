@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <type_traits>
 
 #include "QuelinLib/Half.h"
 
@@ -149,6 +150,58 @@ template <typename T> void box2x2ByChannels(int channels, Image const& src, Imag
     }
 }
 
+/// s / 2^k rounded to the nearest integer, ties to even (as the float path rounds).
+constexpr std::uint32_t roundShift(std::uint32_t s, int k) { return (s + (1u << (k - 1)) - 1 + ((s >> k) & 1)) >> k; }
+
+/// Levels 1 and 2 at once from an integer level 0 whose sides are multiples
+/// of 4: each level-2 texel's 4 x 4 block gives its four level-1 texels and
+/// itself as exact integer sums, rounded once each. Level 1 is never held in
+/// float; `carry` gets level 2's unrounded values for the levels below.
+template <typename T, int C>
+void box4x4Rows(Image const& src, Image& level1, Image& level2, Image& carry, int y0, int y1) {
+    auto const row = [](Image const& image, int y) { return image.getData() + std::int64_t(y) * image.getRowBytes(); };
+    int const width1 = level1.getWidth(), width2 = level2.getWidth();
+    // The exact sums of two level-1 rows (16 bits hold those of 8-bit texels);
+    // loops of the plain 2 x 2 shape, which vectorise.
+    using Sum = std::conditional_t<sizeof(T) == 1, std::uint16_t, std::uint32_t>;
+    Stack<Sum> sums(2 * std::size_t(width1) * C);
+    for (int y = y0; y < y1; ++y) {
+        for (int h = 0; h < 2; ++h) {
+            auto const* a = reinterpret_cast<T const*>(row(src, 4 * y + 2 * h));
+            auto const* b = reinterpret_cast<T const*>(row(src, 4 * y + 2 * h + 1));
+            auto* d = reinterpret_cast<T*>(const_cast<std::byte*>(row(level1, 2 * y + h)));
+            Sum* sum = sums.data() + std::size_t(h) * std::size_t(width1) * C;
+            for (int x = 0; x < width1; ++x)
+                for (int c = 0; c < C; ++c) {
+                    std::size_t const i = std::size_t(2 * x) * C + std::size_t(c), o = std::size_t(x) * C + std::size_t(c);
+                    Sum const v = Sum(Sum(a[i]) + a[i + C] + b[i] + b[i + C]);
+                    sum[o] = v;
+                    d[o] = T(Sum(v + 1 + ((v >> 2) & 1)) >> 2);
+                }
+        }
+        Sum const* s0 = sums.data();
+        Sum const* s1 = s0 + std::size_t(width1) * C;
+        auto* d = reinterpret_cast<T*>(const_cast<std::byte*>(row(level2, y)));
+        auto* f = reinterpret_cast<float*>(const_cast<std::byte*>(row(carry, y)));
+        for (int x = 0; x < width2; ++x)
+            for (int c = 0; c < C; ++c) {
+                std::size_t const i = std::size_t(2 * x) * C + std::size_t(c), o = std::size_t(x) * C + std::size_t(c);
+                std::uint32_t const v = std::uint32_t(s0[i]) + s0[i + C] + s1[i] + s1[i + C];
+                d[o] = T(roundShift(v, 4));
+                f[o] = float(v) * (1.f / 16.f);
+            }
+    }
+}
+
+template <typename T> void box4x4ByChannels(int channels, Image const& src, Image& l1, Image& l2, Image& carry, int y0, int y1) {
+    switch (channels) {
+    case 1: box4x4Rows<T, 1>(src, l1, l2, carry, y0, y1); break;
+    case 2: box4x4Rows<T, 2>(src, l1, l2, carry, y0, y1); break;
+    case 3: box4x4Rows<T, 3>(src, l1, l2, carry, y0, y1); break;
+    default: box4x4Rows<T, 4>(src, l1, l2, carry, y0, y1); break;
+    }
+}
+
 /// The float format with `format`'s channels (three for the shared-exponent ones).
 PixelFormat floatFormatOf(PixelFormat format) {
     switch (floatChannels(format)) {
@@ -231,7 +284,25 @@ Stack<Image> buildMipChain(Image const& level0, TaskScheduler* scheduler) {
     // it, not from that level rounded, so each is level 0's filtered value
     // rounded once and rounding errors do not add up down the chain.
     Image carry;
-    for (int i = 1; i < count; ++i) {
+    int i = 1;
+    Pixel const size = level0.getResolution();
+    ChannelType const type = getChannelType(format);
+    if ((type == ChannelType::UInt8 || type == ChannelType::UInt16) && size.x % 4 == 0 && size.y % 4 == 0) {
+        // The common case, an integer texture of even sides: levels 1 and 2 in
+        // one pass of exact sums, without a float copy of level 1.
+        Image l1 = Image::makeForOverwrite(Image::Descriptor(getLevelResolution(size, 1), format));
+        Image l2 = Image::makeForOverwrite(Image::Descriptor(getLevelResolution(size, 2), format));
+        carry = Image::makeForOverwrite(Image::Descriptor(l2.getResolution(), floatFormatOf(format)));
+        int const channels = getChannelCount(format);
+        s.parallelFor(0, l2.getHeight(), std::max(1, 16384 / l2.getWidth()), [&](std::int64_t y0, std::int64_t y1) {
+            if (type == ChannelType::UInt8) box4x4ByChannels<std::uint8_t>(channels, level0, l1, l2, carry, int(y0), int(y1));
+            else box4x4ByChannels<std::uint16_t>(channels, level0, l1, l2, carry, int(y0), int(y1));
+        });
+        levels.push_back(std::move(l1));
+        levels.push_back(std::move(l2));
+        i = 3;
+    }
+    for (; i < count; ++i) {
         Image rounded = Image::makeForOverwrite(Image::Descriptor(getLevelResolution(level0.getResolution(), i), format));
         carry = downsampleToFloat(i == 1 ? level0 : carry, &rounded, s);
         levels.push_back(std::move(rounded));

@@ -16,7 +16,8 @@
 // chain carries each level's float values to the next one, so every stored
 // level is its filtered value rounded once, and the rounding of one level
 // does not add to the next. The carry costs, while the chain is built, one
-// float copy of level 1 (as many bytes as an 8-bit level 0).
+// float copy of level 2 (a quarter of an 8-bit level 0's bytes; level 1 for
+// half textures and for sides that are not multiples of 4).
 #include "Ferrim/Export.h"
 #include "QuelinLib/TaskScheduler.h"
 #include "QuelinLibImage/Image.h"

@@ -6,6 +6,7 @@
 #include "Ferrim/TextureMap/MipMapManager.h"
 #include "TextureMapTestSupport.h"
 
+#include <bit>
 #include <cmath>
 
 using namespace Quelin;
@@ -125,6 +126,21 @@ TEST_F(TexelPrecisionTest, MemoryIsTheStoredBytesOfEveryLevelAndOffloadingKeepsT
         texture->requireLevel(0);
         for (int i = 0; i < texture->getLevelCount(); ++i) EXPECT_TRUE(sameBytes(texture->getLevel(i), before[std::size_t(i)])) << i;
         ASSERT_TRUE(MipMapManager::updateCache(false, std::nullopt, std::nullopt, mFolder / "store"));
+    }
+}
+
+TEST(HalfTexelTest, TheKernelsReadEveryHalfAsItsFloat) {
+    // All 65536 patterns, four per texel: zeros, subnormals, infinities, NaNs.
+    for (std::uint32_t bits = 0; bits < 65536; bits += 4) {
+        std::uint16_t const texel[4] = {std::uint16_t(bits), std::uint16_t(bits + 1), std::uint16_t(bits + 2), std::uint16_t(bits + 3)};
+        float got[4];
+        TextureSampling::Detail::texel<PixelFormat::RgbaHalf, TextureSampling::Conversion::None>(
+            reinterpret_cast<std::byte const*>(texel), {}).store(got);
+        for (int i = 0; i < 4; ++i) {
+            float const want = halfToFloat(texel[i]);
+            if (std::isnan(want)) EXPECT_TRUE(std::isnan(got[i])) << std::hex << texel[i];
+            else ASSERT_EQ(std::bit_cast<std::uint32_t>(got[i]), std::bit_cast<std::uint32_t>(want)) << std::hex << texel[i];
+        }
     }
 }
 
