@@ -41,6 +41,10 @@ constexpr FormatInfo FORMATS[PIXEL_FORMAT_COUNT] = {
     {"RgbaFloat",      4, ChannelType::Float,          16, true},
     {"Rgbe",           3, ChannelType::SharedExponent, 4,  false},
     {"MonoWithExp",    1, ChannelType::SharedExponent, 2,  false},
+    {"MonoHalf",       1, ChannelType::Half,           2,  false},
+    {"MonoAlphaHalf",  2, ChannelType::Half,           4,  true},
+    {"RgbHalf",        3, ChannelType::Half,           6,  false},
+    {"RgbaHalf",       4, ChannelType::Half,           8,  true},
 };
 // clang-format on
 
@@ -60,6 +64,11 @@ float channelToFloat(std::byte const* p, ChannelType type) {
         std::memcpy(&v, p, 2);
         return float(v) * (1.f / 65535.f);
     }
+    case ChannelType::Half: {
+        std::uint16_t h;
+        std::memcpy(&h, p, 2);
+        return halfToFloat(h);
+    }
     default: {
         float v;
         std::memcpy(&v, p, 4);
@@ -70,6 +79,12 @@ float channelToFloat(std::byte const* p, ChannelType type) {
 
 void floatToChannel(float value, std::byte* p, ChannelType type) {
     // Integer channels: clamp to [0, 1], round to nearest; NaN stores 0.
+    // Half: rounded to nearest, beyond its range infinite, NaN kept.
+    if (type == ChannelType::Half) {
+        std::uint16_t const h = floatToHalf(value);
+        std::memcpy(p, &h, 2);
+        return;
+    }
     float const unit = value > 0.f ? std::min(value, 1.f) : 0.f;
     switch (type) {
     case ChannelType::UInt8:
@@ -272,6 +287,10 @@ FileChannelType autoChannelType(ChannelType source, String const& ext) {
     if (ext == ".exr")
         return source == ChannelType::Float || source == ChannelType::SharedExponent ? FileChannelType::Float
                                                                                      : FileChannelType::Half;
+    // Halves stay where the writer stores them (OpenImageIO 2.4's TIFF writer
+    // widens them to float on its own).
+    if (source == ChannelType::Half && ext != ".png")
+        return FileChannelType::Half;
     if (source == ChannelType::UInt8)
         return FileChannelType::UInt8;
     if (source == ChannelType::UInt16 || ext == ".png")

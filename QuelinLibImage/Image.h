@@ -117,7 +117,7 @@ class Image {
 };
 
 /// Channel type of a written file. Auto keeps the image's depth: 8 and 16 bits
-/// stay (PNG) or become half (EXR); float becomes 16 bits (PNG) or stays (EXR).
+/// stay (PNG) or become half (EXR); float and half become 16 bits (PNG) or stay.
 enum class FileChannelType { Auto, UInt8, UInt16, Half, Float };
 
 struct ImageWriteOptions {

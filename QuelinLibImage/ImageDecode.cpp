@@ -1,7 +1,6 @@
 #include "QuelinLibImage/ImageDecode.h"
 #include "QuelinLibImage/OiioPixelFormats.h"
 
-#include "QuelinLib/Half.h"
 #include "QuelinLibImage/ImageLimits.h"
 
 #include <OpenImageIO/filesystem.h>
@@ -277,7 +276,7 @@ class Decoder {
             PixelFormat format;
             if (level == 0) {
                 checkSpec(spec);
-                format = mFormat == ImageFormat::Hdr ? PixelFormat::Rgbe : pixelFormatFor(spec.nchannels, spec.format);
+                format = mFormat == ImageFormat::Hdr ? PixelFormat::Rgbe : pixelFormatFor(spec);
             } else {
                 Pixel const finer = levels.back().getResolution();
                 // A level that is not smaller than the one before is not a mip chain.
@@ -341,7 +340,7 @@ class Decoder {
         declared.fileBytes = mFileBytes;
         if (auto ok = checkDeclaredImageSize(mName, declared); !ok)
             throw Exception(toOneLine(ok.error()));
-        PixelFormat const format = mFormat == ImageFormat::Hdr ? PixelFormat::Rgbe : pixelFormatFor(spec.nchannels, spec.format);
+        PixelFormat const format = mFormat == ImageFormat::Hdr ? PixelFormat::Rgbe : pixelFormatFor(spec);
         if (auto ok = checkImageSize(spec.width, spec.height, format, mName); !ok)
             throw Exception(ok.error());
     }
@@ -362,31 +361,15 @@ class Decoder {
         mRowsReported = 0;
         mProgress.addTotal(mRows);
         int const channels = getChannelCount(format);
-        OIIO::TypeDesc const type = typeDescOf(getChannelType(format));
-        bool const widenHalves = type == OIIO::TypeDesc::FLOAT && storesHalves(spec, channels);
-        // Half channels are read as they are stored into the upper half of the
-        // float pixels, then widened in place: the reader's own conversion is
-        // several times slower, and no second buffer is needed.
-        std::byte* const target = widenHalves ? image.getData() + image.getByteSize() / 2 : image.getData();
-        bool const ok = mInput->read_image(0, level, 0, channels, widenHalves ? OIIO::TypeDesc::HALF : type, target,
+        // Read in the format's own channel type: 8 bits, 16 bits and half stay as stored.
+        bool const ok = mInput->read_image(0, level, 0, channels, typeDescOf(getChannelType(format)), image.getData(),
                                            OIIO::AutoStride, OIIO::AutoStride, OIIO::AutoStride, &Decoder::onProgress,
                                            this);
         if (!ok)
             fail(mProgress.isCancelled() ? String("decoding cancelled") : "decoding failed: " + mInput->geterror());
         checkPendingError();
-        if (widenHalves)
-            convertHalvesToFloats(target, reinterpret_cast<float*>(image.getData()),
-                                  std::size_t(image.getByteSize()) / sizeof(float));
         mProgress.addDone(mRows - mRowsReported);
         return image;
-    }
-
-    /// Whether the first `channels` channels are all stored as halves.
-    static bool storesHalves(OIIO::ImageSpec const& spec, int channels) {
-        for (int c = 0; c < channels; ++c)
-            if (spec.channelformat(c) != OIIO::TypeDesc::HALF)
-                return false;
-        return true;
     }
 
     /// Radiance files decode to float; they are kept in their own shared-exponent

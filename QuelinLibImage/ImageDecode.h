@@ -32,7 +32,8 @@ Expected<void> checkImageSize(std::int64_t width, std::int64_t height, PixelForm
 /// Decodes the stream's image (the first subimage, its finest level) as
 /// `format`. The pixel format follows the file: 1 to 4 channels (grey, grey
 /// with alpha, RGB, RGBA; more channels keep the first four) with 8-bit,
-/// 16-bit or float channels (half and 32-bit integer channels become float);
+/// 16-bit, half or float channels as stored (32-bit integer channels, and
+/// channels of mixed types, become float);
 /// Radiance HDR files keep their shared-exponent pixels (`PixelRgbe`).
 /// Rows are top first. Progress counts scanlines.
 /// Every image the library reads comes through here. Before any pixel memory

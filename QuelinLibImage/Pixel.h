@@ -1,6 +1,7 @@
 #pragma once
 // Pixel types of images: mono, mono with alpha, RGB and RGBA with 8-bit,
-// 16-bit or float channels, and two shared-exponent encodings.
+// 16-bit, half or float channels, and two shared-exponent encodings.
+#include "QuelinLib/Half.h"
 #include "QuelinLib/Types.h"
 #include <cmath>
 #include <cstdint>
@@ -22,10 +23,15 @@ enum class PixelFormat : std::uint8_t {
     RgbaFloat,
     Rgbe,        ///< PixelRgbe: 8-bit RGB mantissas with a shared exponent
     MonoWithExp, ///< PixelMonoWithExp: 8-bit mantissa and exponent
+    // Half channels (IEEE binary16), as half files store them.
+    MonoHalf,
+    MonoAlphaHalf,
+    RgbHalf,
+    RgbaHalf,
 };
-inline constexpr int PIXEL_FORMAT_COUNT = 14;
+inline constexpr int PIXEL_FORMAT_COUNT = 18;
 
-enum class ChannelType : std::uint8_t { UInt8, UInt16, Float, SharedExponent };
+enum class ChannelType : std::uint8_t { UInt8, UInt16, Float, SharedExponent, Half };
 
 /// Channels of the decoded pixel: Rgbe has 3, MonoWithExp 1.
 int getChannelCount(PixelFormat format);
@@ -109,6 +115,10 @@ using PixelRgbF = PixelRgb<float>;
 using PixelRgba8 = PixelRgba<std::uint8_t>;
 using PixelRgba16 = PixelRgba<std::uint16_t>;
 using PixelRgbaF = PixelRgba<float>;
+using PixelMonoH = PixelMono<Half>;
+using PixelMonoWithAlphaH = PixelMonoWithAlpha<Half>;
+using PixelRgbH = PixelRgb<Half>;
+using PixelRgbaH = PixelRgba<Half>;
 
 /// The format of a pixel type, for checked typed access to images.
 template <typename P> struct PixelFormatOf;
@@ -128,10 +138,15 @@ QUELIN_PIXEL_FORMAT_OF(PixelRgba16, Rgba16);
 QUELIN_PIXEL_FORMAT_OF(PixelRgbaF, RgbaFloat);
 QUELIN_PIXEL_FORMAT_OF(PixelRgbe, Rgbe);
 QUELIN_PIXEL_FORMAT_OF(PixelMonoWithExp, MonoWithExp);
+QUELIN_PIXEL_FORMAT_OF(PixelMonoH, MonoHalf);
+QUELIN_PIXEL_FORMAT_OF(PixelMonoWithAlphaH, MonoAlphaHalf);
+QUELIN_PIXEL_FORMAT_OF(PixelRgbH, RgbHalf);
+QUELIN_PIXEL_FORMAT_OF(PixelRgbaH, RgbaHalf);
 #undef QUELIN_PIXEL_FORMAT_OF
 
 // Images store pixels tightly packed; the types must have no padding.
 static_assert(sizeof(PixelRgb8) == 3 && sizeof(PixelRgb16) == 6 && sizeof(PixelRgbF) == 12);
 static_assert(sizeof(PixelRgbe) == 4 && sizeof(PixelMonoWithExp) == 2 && sizeof(PixelMonoWithAlpha16) == 4);
+static_assert(sizeof(PixelRgbH) == 6 && sizeof(PixelRgbaH) == 8);
 
 } // namespace Quelin

@@ -1,7 +1,8 @@
 // The image-texture cache beside plain peers: mip-chain generation against a
 // memcpy of level 0 and against itself on one thread, offloading and reading
 // back a 64 MiB level against a plain write and read of the same bytes in the
-// same folder, and decoding through the cache against OpenImageIO's ImageBuf.
+// same folder, decoding through the cache against OpenImageIO's ImageBuf, and
+// the memory a half EXR texture holds against the same texels as float.
 #include <benchmark/benchmark.h>
 
 #include <OpenImageIO/imagebuf.h>
@@ -64,6 +65,21 @@ std::filesystem::path const& pngFile() {
         return path;
     }();
     return sPath;
+}
+
+/// The 8-bit texture's pixels as a half and as a float EXR: the same values
+/// (8-bit codes fit halves exactly), in two precisions.
+std::filesystem::path const& exrFile(FileChannelType type) {
+    static auto const write = [](FileChannelType channelType, char const* name) {
+        auto path = benchFolder() / name;
+        Image const pixels = level0().convertedTo(PixelFormat::RgbaFloat);
+        if (auto r = writeImage(pixels, path, {channelType, {}}); !r)
+            std::fprintf(stderr, "bench: %s\n", r.error().c_str());
+        return path;
+    };
+    static std::filesystem::path const sHalf = write(FileChannelType::Half, "texture4096_half.exr");
+    static std::filesystem::path const sFloat = write(FileChannelType::Float, "texture4096_float.exr");
+    return type == FileChannelType::Half ? sHalf : sFloat;
 }
 
 std::filesystem::path deskFile() { return std::filesystem::path(FERRIM_TESTDATA_DIR) / "exr" / "Desk.exr"; }
@@ -219,8 +235,46 @@ BENCHMARK(TextureCacheDecodeDeskOiio)->Unit(benchmark::kMillisecond)->UseRealTim
 BENCHMARK(TextureCacheDecodePng)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
 BENCHMARK(TextureCacheDecodePngOiio)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
 
+// --------------------------------------------------------------- memory
+
+/// Bytes held (all levels) by the last texture each of the two benchmarks loaded.
+struct HeldBytes {
+    std::int64_t half = 0, asFloat = 0;
+};
+HeldBytes& heldBytes() {
+    static HeldBytes sBytes;
+    return sBytes;
+}
+
+/// Loads the file through the cache (decode and mip chain) and keeps the
+/// bytes its texture holds.
+void runHeldBytes(benchmark::State& state, FileChannelType type, std::int64_t& held) {
+    auto const source = FileDataSource::make(exrFile(type));
+    ImageTextureCache::suspend();
+    struct Resume {
+        ~Resume() { ImageTextureCache::resume(); }
+    } const resume;
+    for (auto _ : state) {
+        SharedPtr<ImageTexture> texture = ImageTextureCache::getOrCreate(source);
+        if (!texture->hasPixels())
+            state.SkipWithError(texture->getError().c_str());
+        held = texture->getMemoryUsage();
+    }
+    state.counters["held_MiB"] = double(held) / double(1 << 20);
+}
+void TextureCacheHalfExrHeld(benchmark::State& state) { runHeldBytes(state, FileChannelType::Half, heldBytes().half); }
+void TextureCacheFloatExrHeld(benchmark::State& state) { runHeldBytes(state, FileChannelType::Float, heldBytes().asFloat); }
+BENCHMARK(TextureCacheHalfExrHeld)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(2);
+BENCHMARK(TextureCacheFloatExrHeld)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(2);
+
 } // namespace
 
+// Both figures are set only by benchmarks that ran.
+FERRIM_BENCH_RATIO("half_texture_memory_vs_float", "<= 0.55", [](FerrimBench::Results const&) -> std::optional<double> {
+    HeldBytes const& b = heldBytes();
+    if (b.half <= 0 || b.asFloat <= 0) return std::nullopt;
+    return double(b.half) / double(b.asFloat);
+});
 FERRIM_BENCH_RATIO("mip_chain_vs_memcpy", "<= 3",
                    FerrimBench::timeRatio("TextureCacheMipChain1Thread/real_time", "TextureCacheMemcpyLevel0/real_time"));
 FERRIM_BENCH_RATIO("mip_chain_threads_speedup", ">= 1.7",

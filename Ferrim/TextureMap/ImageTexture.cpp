@@ -9,6 +9,7 @@
 #include "QuelinLibImage/ImageDecode.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <limits>
 
@@ -21,20 +22,25 @@ FERRIM_REGISTER_ENTITY(MemoryDataSource);
 
 namespace {
 
-/// Pixel format of float texels with the channels of `format`, RGB when the
-/// conversion mixes channels.
-PixelFormat floatFormatFor(PixelFormat format, bool keepMono) {
+/// Pixel format of float (or half) texels with the channels of `format`, RGB
+/// when the conversion mixes channels.
+PixelFormat floatFormatFor(PixelFormat format, bool keepMono, bool half) {
     int const channels = getChannelCount(format);
     bool const alpha = channels == 2 || channels == 4;
-    if (keepMono && channels <= 2) return alpha ? PixelFormat::MonoAlphaFloat : PixelFormat::MonoFloat;
-    return alpha ? PixelFormat::RgbaFloat : PixelFormat::RgbFloat;
+    if (keepMono && channels <= 2)
+        return alpha ? (half ? PixelFormat::MonoAlphaHalf : PixelFormat::MonoAlphaFloat)
+                     : (half ? PixelFormat::MonoHalf : PixelFormat::MonoFloat);
+    return alpha ? (half ? PixelFormat::RgbaHalf : PixelFormat::RgbaFloat) : (half ? PixelFormat::RgbHalf : PixelFormat::RgbFloat);
 }
 
 /// `level` as float texels in linear light: 8-bit colour through `table` (or
 /// scaled when null), alpha scaled, then `processor` on the colour channels.
+/// Half levels stay half: converted in float, rounded back, with finite values
+/// beyond the half range held at its largest (65504) rather than made infinite.
 Image linearLevel(Image const& level, TextureSampling::Table8 const* table, ColorSpaces::Processor const* processor,
                   bool keepMono) {
-    PixelFormat const target = floatFormatFor(level.getFormat(), keepMono);
+    bool const half = getChannelType(level.getFormat()) == ChannelType::Half;
+    PixelFormat const target = floatFormatFor(level.getFormat(), keepMono, half);
     int const channels = getChannelCount(target);
     bool const hasAlpha = channels == 2 || channels == 4;
     Image out = Image::makeForOverwrite(Image::Descriptor(level.getResolution(), target));
@@ -45,15 +51,20 @@ Image linearLevel(Image const& level, TextureSampling::Table8 const* table, Colo
                           level.getFormat() != PixelFormat::MonoWithExp && sourceChannels == channels;
     parallelFor(0, level.getHeight(), 16, [&](std::int64_t y0, std::int64_t y1) {
         Stack<float> rgba(std::size_t(width) * 4);
+        Stack<float> halfRow(half ? std::size_t(width) * std::size_t(channels) : 0);
         for (int y = int(y0); y < int(y1); ++y) {
-            float* row = reinterpret_cast<float*>(out.getData() + std::int64_t(y) * out.getRowBytes());
+            std::byte* const outRow = out.getData() + std::int64_t(y) * out.getRowBytes();
+            float* row = half ? halfRow.data() : reinterpret_cast<float*>(outRow);
+            std::byte const* const src = level.getData() + std::int64_t(y) * level.getRowBytes();
             if (rawFloat) {
-                std::memcpy(row, level.getData() + std::int64_t(y) * level.getRowBytes(), std::size_t(out.getRowBytes()));
+                std::memcpy(row, src, std::size_t(out.getRowBytes()));
+            } else if (half && sourceChannels == channels) {
+                convertHalvesToFloats(src, row, std::size_t(width) * std::size_t(channels));
             } else if (eightBit && table && sourceChannels == channels) {
-                auto const* src = reinterpret_cast<std::uint8_t const*>(level.getData() + std::int64_t(y) * level.getRowBytes());
+                auto const* bytes = reinterpret_cast<std::uint8_t const*>(src);
                 for (int i = 0, n = width * channels; i < n; ++i) {
                     bool const isAlpha = hasAlpha && i % channels == channels - 1;
-                    row[i] = (*table)[std::size_t(src[i]) + (isAlpha ? 256 : 0)];
+                    row[i] = (*table)[std::size_t(bytes[i]) + (isAlpha ? 256 : 0)];
                 }
             } else {
                 for (int x = 0; x < width; ++x) {
@@ -64,18 +75,27 @@ Image linearLevel(Image const& level, TextureSampling::Table8 const* table, Colo
                     if (hasAlpha) p[channels - 1] = c.alpha;
                 }
             }
-            if (!processor) continue;
-            if (channels == 4) {
-                processor->applyRgba(row, std::size_t(width));
-            } else if (channels == 3) {
-                processor->applyRgb(row, std::size_t(width));
-            } else {
-                // Mono kept mono: the conversion is one curve for all channels.
-                for (int x = 0; x < width; ++x) rgba[std::size_t(x)] = row[std::size_t(x) * std::size_t(channels)];
-                Stack<float> rgb(std::size_t(width) * 3);
-                for (int x = 0; x < width; ++x) rgb[3 * std::size_t(x)] = rgb[3 * std::size_t(x) + 1] = rgb[3 * std::size_t(x) + 2] = rgba[std::size_t(x)];
-                processor->applyRgb(rgb.data(), std::size_t(width));
-                for (int x = 0; x < width; ++x) row[std::size_t(x) * std::size_t(channels)] = rgb[3 * std::size_t(x)];
+            if (processor) {
+                if (channels == 4) {
+                    processor->applyRgba(row, std::size_t(width));
+                } else if (channels == 3) {
+                    processor->applyRgb(row, std::size_t(width));
+                } else {
+                    // Mono kept mono: the conversion is one curve for all channels.
+                    for (int x = 0; x < width; ++x) rgba[std::size_t(x)] = row[std::size_t(x) * std::size_t(channels)];
+                    Stack<float> rgb(std::size_t(width) * 3);
+                    for (int x = 0; x < width; ++x) rgb[3 * std::size_t(x)] = rgb[3 * std::size_t(x) + 1] = rgb[3 * std::size_t(x) + 2] = rgba[std::size_t(x)];
+                    processor->applyRgb(rgb.data(), std::size_t(width));
+                    for (int x = 0; x < width; ++x) row[std::size_t(x) * std::size_t(channels)] = rgb[3 * std::size_t(x)];
+                }
+            }
+            if (half) {
+                constexpr float HALF_MAX = 65504.f;
+                auto* const h = reinterpret_cast<std::uint16_t*>(outRow);
+                for (std::size_t i = 0, n = halfRow.size(); i < n; ++i) {
+                    float const v = row[i];
+                    h[i] = floatToHalf(std::isfinite(v) ? std::clamp(v, -HALF_MAX, HALF_MAX) : v);
+                }
             }
         }
     });
@@ -271,7 +291,9 @@ Stack<Image> ImageTexture::toLinearLight(Stack<Image> levels, ImageColorTag cons
             return out;
         }
     }
-    // Anything else is converted once, here, to float texels; the chain is rebuilt from them.
+    // Anything else is converted once, here, to float texels (half ones stay
+    // half: the file's own precision, and half the memory of float); the
+    // chain is rebuilt from them.
     Stack<Image> out;
     out.push_back(linearLevel(levels.front(), nullptr, &*processor, processor->isPerChannel()));
     return out;

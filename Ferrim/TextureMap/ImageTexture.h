@@ -23,7 +23,8 @@ class FERRIM_EXPORT ImageTexture : Noncopyable {
     /// config's scene-linear space. An 8-bit file whose conversion is one
     /// curve for all channels keeps its texels and gets a table (see
     /// `getTexelTable`); any other conversion is applied here, to float texels
-    /// (mono files become RGB when the conversion mixes channels). The mip
+    /// (half texels stay half; mono files become RGB when the conversion mixes
+    /// channels). The mip
     /// levels are filtered in linear light. An unknown space is the texture's
     /// error. An empty `colorSpace` loads as the constructor above.
     ImageTexture(EntityHolder<IDataSource const> source, String colorSpace);

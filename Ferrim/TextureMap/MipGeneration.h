@@ -10,6 +10,14 @@
 // non-power-of-two sizes lose no row or column. Even sizes reduce to the usual
 // 2 x 2 average. Channels are accumulated in float; alpha is averaged like the
 // colour channels (straight alpha, as decoded).
+//
+// Levels keep the precision of level 0 (8 bits, 16 bits, half, float). Those
+// of 8-bit, 16-bit and half texels are built in float and rounded back: the
+// chain carries each level's float values to the next one, so every stored
+// level is its filtered value rounded once, and the rounding of one level
+// does not add to the next. The carry costs, while the chain is built, one
+// float copy of level 2 (a quarter of an 8-bit level 0's bytes; level 1 for
+// half textures and for sides that are not multiples of 4).
 #include "Ferrim/Export.h"
 #include "QuelinLib/TaskScheduler.h"
 #include "QuelinLibImage/Image.h"

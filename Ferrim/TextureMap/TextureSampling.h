@@ -25,7 +25,10 @@
 //   table, or one made for another exponent when the evaluator is built),
 //   8-bit alpha through the 256 entries i/255 that follow it;
 // - None: the stored value (integer channels scaled to [0, 1]);
-// - Power: sign(x) |x|^p (16-bit, float and shared-exponent texels).
+// - Power: sign(x) |x|^p (16-bit, half, float and shared-exponent texels).
+// Half texels are read as stored and widened to float per lookup: with F16C
+// in the build's target (-mf16c or -march) by the processor's conversion,
+// otherwise by a few SSE integer operations that give the same bits.
 // Alpha is never converted.
 #include <cstddef>
 #include <cstring>
@@ -35,6 +38,7 @@
 #include "QuelinLib/Exception.h"
 #include "QuelinLib/ColorMath.h"
 #include "QuelinLib/Float4.h"
+#include "QuelinLib/Half.h"
 #include "QuelinLibImage/Pixel.h"
 
 namespace Quelin {
@@ -101,10 +105,13 @@ namespace Detail {
 
 constexpr int channelsOf(PixelFormat f) {
     switch (f) {
-    case PixelFormat::Mono8: case PixelFormat::Mono16: case PixelFormat::MonoFloat: case PixelFormat::MonoWithExp: return 1;
-    case PixelFormat::MonoAlpha8: case PixelFormat::MonoAlpha16: case PixelFormat::MonoAlphaFloat: return 2;
-    case PixelFormat::Rgb8: case PixelFormat::Rgb16: case PixelFormat::RgbFloat: case PixelFormat::Rgbe: return 3;
-    case PixelFormat::Rgba8: case PixelFormat::Rgba16: case PixelFormat::RgbaFloat: return 4;
+    case PixelFormat::Mono8: case PixelFormat::Mono16: case PixelFormat::MonoFloat: case PixelFormat::MonoWithExp:
+    case PixelFormat::MonoHalf: return 1;
+    case PixelFormat::MonoAlpha8: case PixelFormat::MonoAlpha16: case PixelFormat::MonoAlphaFloat:
+    case PixelFormat::MonoAlphaHalf: return 2;
+    case PixelFormat::Rgb8: case PixelFormat::Rgb16: case PixelFormat::RgbFloat: case PixelFormat::Rgbe:
+    case PixelFormat::RgbHalf: return 3;
+    case PixelFormat::Rgba8: case PixelFormat::Rgba16: case PixelFormat::RgbaFloat: case PixelFormat::RgbaHalf: return 4;
     }
     return 0;
 }
@@ -116,6 +123,7 @@ constexpr int bytesOf(PixelFormat f) {
     case PixelFormat::Mono8: case PixelFormat::MonoAlpha8: case PixelFormat::Rgb8: case PixelFormat::Rgba8:
         return channelsOf(f);
     case PixelFormat::Mono16: case PixelFormat::MonoAlpha16: case PixelFormat::Rgb16: case PixelFormat::Rgba16:
+    case PixelFormat::MonoHalf: case PixelFormat::MonoAlphaHalf: case PixelFormat::RgbHalf: case PixelFormat::RgbaHalf:
         return 2 * channelsOf(f);
     default: return 4 * channelsOf(f);
     }
@@ -129,6 +137,38 @@ inline Float4 signedPower(Float4 x, float p) {
     Float4 const r = powApprox(abs(x), p) | sign;
     Float4 const alphaLane = asFloat4(Int4(0, 0, 0, -1));
     return select(alphaLane, x, r);
+}
+
+constexpr bool isHalfFormat(PixelFormat f) {
+    return f == PixelFormat::MonoHalf || f == PixelFormat::MonoAlphaHalf || f == PixelFormat::RgbHalf ||
+           f == PixelFormat::RgbaHalf;
+}
+
+/// Four halves as floats, exactly (infinities kept, NaNs quieted, as the
+/// processor's conversion does).
+inline Float4 halvesToFloat4(std::uint16_t const (&h)[4]) {
+#if QUELIN_FLOAT4_SSE && defined(__F16C__)
+    return _mm_cvtph_ps(_mm_loadl_epi64(reinterpret_cast<__m128i const*>(h)));
+#elif QUELIN_FLOAT4_SSE
+    // As QuelinLib/Half.cpp's portable routine, four lanes at once: exponent
+    // and mantissa moved to their float places, the special cases selected.
+    __m128i const bits = _mm_cvtepu16_epi32(_mm_loadl_epi64(reinterpret_cast<__m128i const*>(h)));
+    __m128i const shifted = _mm_slli_epi32(_mm_and_si128(bits, _mm_set1_epi32(0x7FFF)), 13);
+    __m128i const exponent = _mm_and_si128(shifted, _mm_set1_epi32(0x0F800000));
+    __m128i const normal = _mm_add_epi32(shifted, _mm_set1_epi32(0x38000000));
+    __m128i const quiet = _mm_and_si128(_mm_cmpgt_epi32(shifted, _mm_set1_epi32(0x0F800000)), _mm_set1_epi32(0x00400000));
+    __m128i const special = _mm_or_si128(_mm_or_si128(shifted, _mm_set1_epi32(0x7F800000)), quiet);
+    // Zero and subnormals: (2^-14 + m 2^-24) - 2^-14, exact and never a float subnormal.
+    __m128 const bias = _mm_castsi128_ps(_mm_set1_epi32(0x38800000));
+    __m128i const subnormal =
+        _mm_castps_si128(_mm_sub_ps(_mm_castsi128_ps(_mm_add_epi32(shifted, _mm_set1_epi32(0x38800000))), bias));
+    __m128i magnitude = _mm_blendv_epi8(normal, special, _mm_cmpeq_epi32(exponent, _mm_set1_epi32(0x0F800000)));
+    magnitude = _mm_blendv_epi8(magnitude, subnormal, _mm_cmpeq_epi32(exponent, _mm_setzero_si128()));
+    __m128i const sign = _mm_slli_epi32(_mm_and_si128(bits, _mm_set1_epi32(0x8000)), 16);
+    return _mm_castsi128_ps(_mm_or_si128(magnitude, sign));
+#else
+    return Float4(halfToFloat(h[0]), halfToFloat(h[1]), halfToFloat(h[2]), halfToFloat(h[3]));
+#endif
 }
 
 template <typename T> inline T loadAs(std::byte const* p) {
@@ -166,6 +206,14 @@ template <PixelFormat F, Conversion C> inline Float4 texel(std::byte const* p, T
         if constexpr (N == 1) raw = Float4(float(c[0]), float(c[0]), float(c[0]), 65535.f) * Float4(INV65535);
         if constexpr (N == 2) raw = Float4(float(c[0]), float(c[0]), float(c[0]), float(c[1])) * Float4(INV65535);
         if constexpr (N >= 3) raw = Float4(float(c[0]), float(c[1]), float(c[2]), float(c[3])) * Float4(INV65535);
+    } else if constexpr (isHalfFormat(F)) {
+        constexpr int N = channelsOf(F);
+        constexpr std::uint16_t ONE = 0x3C00;  // 1.0: the alpha of formats without one
+        std::uint16_t c[4] = {0, 0, 0, ONE};
+        std::memcpy(c, p, sizeof(std::uint16_t) * N);
+        if constexpr (N == 1) c[1] = c[2] = c[0];
+        if constexpr (N == 2) c[3] = c[1], c[1] = c[2] = c[0];
+        raw = halvesToFloat4(c);
     } else if constexpr (F == PixelFormat::MonoFloat) {
         float const m = loadAs<float>(p);
         raw = Float4(m, m, m, 1.f);
@@ -288,9 +336,10 @@ Float4 sampleBicubic(std::byte const* pixels, LevelShape const& l, float u, floa
     return sum;
 }
 
+/// Float and half texels: the ones that hold values beyond [0, 1].
 constexpr bool isFloatFormat(PixelFormat f) {
     return f == PixelFormat::MonoFloat || f == PixelFormat::MonoAlphaFloat || f == PixelFormat::RgbFloat ||
-           f == PixelFormat::RgbaFloat;
+           f == PixelFormat::RgbaFloat || isHalfFormat(f);
 }
 
 constexpr bool isEightBit(PixelFormat f) {
@@ -342,6 +391,10 @@ auto dispatch(PixelFormat format, Conversion conversion, InterpolationMode mode,
     case PixelFormat::RgbaFloat: return byConversion.template operator()<PixelFormat::RgbaFloat>();
     case PixelFormat::Rgbe: return byConversion.template operator()<PixelFormat::Rgbe>();
     case PixelFormat::MonoWithExp: return byConversion.template operator()<PixelFormat::MonoWithExp>();
+    case PixelFormat::MonoHalf: return byConversion.template operator()<PixelFormat::MonoHalf>();
+    case PixelFormat::MonoAlphaHalf: return byConversion.template operator()<PixelFormat::MonoAlphaHalf>();
+    case PixelFormat::RgbHalf: return byConversion.template operator()<PixelFormat::RgbHalf>();
+    case PixelFormat::RgbaHalf: return byConversion.template operator()<PixelFormat::RgbaHalf>();
     }
     Quelin::Detail::throwStopException("TextureMap/TextureSampling", __LINE__);
 }

@@ -62,8 +62,7 @@ Expected<SharedPtr<TiledImageFile>, String> TiledImageFile::open(Io::Path const&
                     " pixels (8 to 4096 a side are read)");
     if (first.nchannels < 1) return fail("the file has no channels");
     file->mFileChannels = first.nchannels;
-    int const channels = std::min(first.nchannels, 4);
-    file->mFormat = pixelFormatFor(channels, first.format);
+    file->mFormat = pixelFormatFor(first);  // 8 bits, 16 bits and half as stored
     file->mTileWidth = first.tile_width;
     file->mTileHeight = first.tile_height;
     file->mTileBytes = std::int64_t(first.tile_width) * first.tile_height * getPixelBytes(file->mFormat);

@@ -42,8 +42,8 @@ class FERRIM_EXPORT TiledImageFile : Noncopyable {
     /// Opens a tiled file and checks what its header declares before anything
     /// is allocated: a regular file, tiles of 8 to 4096 pixels a side, at most
     /// 32 levels of at most the decoder's largest image, 1 to 4 channels (more
-    /// keep the first four). Integer channels are held as stored (8 or 16
-    /// bits); half and others become float. Errors name the file.
+    /// keep the first four). Channels are held as stored (8 bits, 16
+    /// bits, half); other types become float. Errors name the file.
     static Expected<SharedPtr<TiledImageFile>, String> open(Io::Path const& path);
     ~TiledImageFile();
 

@@ -137,9 +137,11 @@ SharedPtr<Entity> textureFromArray(py::handle value) {
                               py::str(py::tuple(py::cast(Stack<py::ssize_t>(a.shape(), a.shape() + a.ndim())))).cast<String>());
     std::int64_t const width = a.shape(1), height = a.shape(0);
     // The decoder's own limits, checked before the copy is made.
-    // Formats in groups of three (8-bit, 16-bit, float) by channel layout; halves decode to floats.
+    // The texture keeps the array's type: 8 bits, 16 bits, half or float.
     int const layout = channels == 1 ? 0 : channels == 2 ? 1 : channels == 3 ? 2 : 3;
-    PixelFormat const decoded = PixelFormat(3 * layout + (kind->isFloat ? 2 : kind->bits == 16 ? 1 : 0));
+    PixelFormat const decoded = kind->isFloat && kind->bits == 16
+                                    ? PixelFormat(int(PixelFormat::MonoHalf) + layout)
+                                    : PixelFormat(3 * layout + (kind->isFloat ? 2 : kind->bits == 16 ? 1 : 0));
     if (auto ok = checkImageSize(width, height, decoded, "the array"); !ok)
         throw py::value_error(ok.error());
     std::size_t const bytes = std::size_t(a.nbytes());

@@ -56,6 +56,7 @@ def test_an_array_texture_shows_its_texels_as_a_file_would(rng, dtype, decode, t
     assert info["resolution"] == (10, 6) and info["error"] is None
     assert info["levels"] == 4  # 10 x 6, 5 x 3, 2 x 1, 1 x 1
     assert info["color_space"] == ("linear" if dtype in (np.float32, np.float16) else "gamma 2.2")
+    assert info["pixel_type"].endswith("Half") == (dtype == np.float16)  # halves held as halves
 
 
 @pytest.mark.parametrize("channels", [2, 4])

@@ -70,6 +70,7 @@ TEST_P(PixelFormatTest, GenericAccessRoundTripsWithinTheChannelPrecision) {
     float const tolerance = type == ChannelType::UInt8            ? 0.501f / 255.f
                             : type == ChannelType::UInt16         ? 0.501f / 65535.f
                             : type == ChannelType::SharedExponent ? 1.f / 128.f
+                            : type == ChannelType::Half           ? 1.f / 2048.f
                                                                   : 0.f;
     RgbAlpha const value(0.8f, 0.3f, 0.1f, 0.6f);
     image.setRgbAlpha(6, 3, value);

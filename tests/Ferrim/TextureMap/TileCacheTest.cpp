@@ -88,7 +88,7 @@ TEST_F(TileCacheTest, EveryStoredPrecisionGivesTheWholeFilesLookupsBitForBit) {
         PixelFormat held;
     } const cases[] = {{"rgba8.tif", PixelFormat::Rgba8, FileChannelType::UInt8, PixelFormat::Rgba8},
                        {"mono16.tif", PixelFormat::Mono16, FileChannelType::UInt16, PixelFormat::Mono16},
-                       {"half.exr", PixelFormat::RgbFloat, FileChannelType::Half, PixelFormat::RgbFloat}};
+                       {"half.exr", PixelFormat::RgbFloat, FileChannelType::Half, PixelFormat::RgbHalf}};
     for (Case const& c : cases) {
         SCOPED_TRACE(c.name);
         auto file = tiledFile(c.name, c.format, c.type);
