@@ -445,7 +445,7 @@ TEST_F(TextureMapFixture, AnisotropicFilteringOfAGrazingCheckerboardBeatsTriline
     }
     RecordProperty("trilinear", std::to_string(error[0]));
     RecordProperty("anisotropic", std::to_string(error[1]));
-    EXPECT_LT(error[1], 0.5 * error[0]);
+    EXPECT_LT(error[1], 0.15 * error[0]);  // about 0.06 when written
 }
 
 } // namespace
