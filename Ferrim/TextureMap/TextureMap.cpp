@@ -459,8 +459,9 @@ Float4 TextureMap::Evaluator::sampleAnisotropic(Evaluator const& e, float u, flo
 }
 
 namespace {
-/// The alpha bound of the whole path (only float texels reach above 1).
-inline Float4 boundAlphaOfTiles(Float4 c) {
+/// The alpha bound of the whole path, for the formats it bounds (`boundAlpha`).
+inline Float4 boundAlphaOfTiles(TiledImageFile const& file, Float4 c) {
+    if (!TextureSampling::Detail::isFloatFormat(file.getFormat())) return c;
     constexpr float INF = std::numeric_limits<float>::infinity();
     return min(c, Float4(INF, INF, INF, 1.f));
 }
@@ -468,14 +469,15 @@ inline Float4 boundAlphaOfTiles(Float4 c) {
 
 Float4 TextureMap::Evaluator::sampleTiled(Evaluator const& e, float u, float v, float du, float dv, bool filtered,
                                           Addressing addressing) {
-    return boundAlphaOfTiles(e.mTiledSampler.isotropic(*e.mTileCache, *e.mTiledFile, u, v, du < dv ? du : dv, filtered,
-                                                       addressing, e.mConversion));
+    return boundAlphaOfTiles(*e.mTiledFile, e.mTiledSampler.isotropic(*e.mTileCache, *e.mTiledFile, u, v, du < dv ? du : dv,
+                                                                      filtered, addressing, e.mConversion));
 }
 
 Float4 TextureMap::Evaluator::sampleTiledAnisotropic(Evaluator const& e, float u, float v, UvDerivatives const& d,
                                                      Addressing addressing) {
-    return boundAlphaOfTiles(e.mTiledSampler.anisotropic(*e.mTileCache, *e.mTiledFile, u, v,
-                                                         planProbes(d, e.mSettings.maxAnisotropy), addressing, e.mConversion));
+    return boundAlphaOfTiles(*e.mTiledFile, e.mTiledSampler.anisotropic(*e.mTileCache, *e.mTiledFile, u, v,
+                                                                        planProbes(d, e.mSettings.maxAnisotropy), addressing,
+                                                                        e.mConversion));
 }
 
 void TextureMap::Evaluator::setUpTiled(TiledImageFile& file, Conversion conversion) {
