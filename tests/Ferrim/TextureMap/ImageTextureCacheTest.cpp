@@ -168,13 +168,10 @@ TEST_F(ImageTextureCacheTest, AFileWithItsOwnMipChainKeepsItsLevels) {
     EXPECT_GT(std::abs(difference.r) + std::abs(difference.g) + std::abs(difference.b), 0.1f);
 }
 
-TEST_F(ImageTextureCacheTest, TileMemoryCapRefusesWhatIsNoSizeAndKeepsTheLastCap) {
+TEST_F(ImageTextureCacheTest, TileMemoryCapKeepsTheLastValidCapAndTilesAreReported) {
+    // The other refused values: FerrimTool.TiledTexturesRenderUnderAMemoryCapAndTileErrorsAreReported.
     ASSERT_TRUE(ImageTextureCache::setTileMemoryCap(0.5));
-    for (double bad : {std::nan(""), -1.0, 0.0, double(INFINITY), -double(INFINITY), 2e6}) {
-        auto const set = ImageTextureCache::setTileMemoryCap(bad);
-        ASSERT_FALSE(set) << bad;
-        EXPECT_NE(set.error().find("texture memory cap"), String::npos) << set.error();
-    }
+    ASSERT_FALSE(ImageTextureCache::setTileMemoryCap(std::nan("")));
     EXPECT_EQ(ImageTextureCache::getTileMemoryCap(), 0.5);
     EXPECT_EQ(ImageTextureCache::getTileCache().getCapacity(), 1 << 19);
     ASSERT_TRUE(ImageTextureCache::setTileMemoryCap(ImageTextureCache::DEFAULT_TILE_MEMORY_MIB));
