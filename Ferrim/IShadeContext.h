@@ -19,6 +19,12 @@ enum class ShadedKind : std::uint32_t { Surface = 0, Volume, Environment, Backgr
 /// Flags of `getUvw`.
 enum class UvwFlag : std::uint32_t { None = 0, NoWrap = 0x1 };
 
+/// How a channel's UVW moves from the shaded pixel to its neighbour along the
+/// image's x and along its y: the footprint's shape, not only its size.
+struct UvwDerivatives {
+    Dir dx, dy;
+};
+
 /// A named value the renderer attaches to an object (a user property).
 using UserPropertyValue = Variant<float, Rgb, String>;
 
@@ -47,6 +53,11 @@ public:
     virtual Matrix33 getBumpBase(int uvChannel) const = 0;
     virtual Pos getUvw(int uvChannel, std::uint32_t flags = 0) const = 0;
     virtual Dir getDUvw(int uvChannel) const = 0;
+    /// The channel's UVW derivatives along x and y, which anisotropic filtering
+    /// follows (`getDUvw` is the width of the box around them). Contexts that
+    /// know only the widths keep this default: the box's sides, (du, 0, 0)
+    /// along x and (0, dv, dw) along y.
+    virtual UvwDerivatives getUvwDerivatives(int uvChannel) const;
     /// Derivatives of the world position with respect to u and v of a channel.
     virtual Dir getDpDu(int uvChannel) const = 0;
     virtual Dir getDpDv(int uvChannel) const = 0;
@@ -161,6 +172,10 @@ public:
     Matrix33 getBumpBase(int uvChannel) const override { return mParent.getBumpBase(uvChannel); }
     Pos getUvw(int uvChannel, std::uint32_t flags = 0) const override { return mParent.getUvw(uvChannel, flags); }
     Dir getDUvw(int uvChannel) const override { return mParent.getDUvw(uvChannel); }
+    /// The parent's while this wrapper answers the parent's footprint; a
+    /// subclass that changes the footprint and says nothing of its shape
+    /// answers the box of its own footprint.
+    UvwDerivatives getUvwDerivatives(int uvChannel) const override;
     Dir getDpDu(int uvChannel) const override { return mParent.getDpDu(uvChannel); }
     Dir getDpDv(int uvChannel) const override { return mParent.getDpDv(uvChannel); }
     PrecisePos getPosition() const override { return mParent.getPosition(); }
@@ -242,6 +257,10 @@ public:
     BlurringShadeContext(IShadeContext const& parent, float blur) : OverridableShadeContext(parent), mBlur(blur) {}
     BlurringShadeContext(BlurringShadeContext const&) = delete;
     Dir getDUvw(int uvChannel) const override { return OverridableShadeContext::getDUvw(uvChannel) * mBlur; }
+    UvwDerivatives getUvwDerivatives(int uvChannel) const override {
+        UvwDerivatives const d = getParent().getUvwDerivatives(uvChannel);
+        return {d.dx * mBlur, d.dy * mBlur};
+    }
 
 private:
     float mBlur;

@@ -9,6 +9,17 @@ Pos unsetPos() { return Pos(unsetFloat(), unsetFloat(), unsetFloat()); }
 Dir unsetDir() { return Dir(unsetFloat(), unsetFloat(), unsetFloat()); }
 } // namespace
 
+UvwDerivatives IShadeContext::getUvwDerivatives(int uvChannel) const {
+    Dir const w = getDUvw(uvChannel);
+    return {Dir(w.x, 0.f, 0.f), Dir(0.f, w.y, w.z)};
+}
+
+UvwDerivatives OverridableShadeContext::getUvwDerivatives(int uvChannel) const {
+    Dir const own = getDUvw(uvChannel), parents = mParent.getDUvw(uvChannel);
+    if (own.x == parents.x && own.y == parents.y && own.z == parents.z) return mParent.getUvwDerivatives(uvChannel);
+    return IShadeContext::getUvwDerivatives(uvChannel);
+}
+
 Matrix33 NullShadeContext::getBumpBase(int) const {
     float const n = unsetFloat();
     return Matrix33(n, n, n, n, n, n, n, n, n);

@@ -1,9 +1,10 @@
-// `ferrim render [SCENE.json] [-o out.png] [--size WxH] [--samples N]`
+// `ferrim render [SCENE.json] [-o out.png] [--size WxH] [--samples N] [--texture-memory MiB]`
 #include <cstdio>
 #include <sstream>
 
 #include "Commands.h"
 #include "DisplayOutput.h"
+#include "Ferrim/TextureMap/ImageTextureCache.h"
 #include "QuelinLib/MessageText.h"
 #include "SwatchRenderer.h"
 
@@ -18,7 +19,16 @@ struct RenderOptions {
     String output;
     String size;
     int samples = 0;
+    Optional<double> textureMemoryMib;  ///< the tile cache's cap
 };
+
+/// The first tile that could not be read in any tiled texture: such texels
+/// render as 0, which the user must hear of.
+Optional<String> tileReadError() {
+    for (auto const& t : ImageTextureCache::getReadyTextures())
+        if (t->getTiledFile() && !t->getError().empty()) return t->getError();
+    return std::nullopt;
+}
 
 /// The largest render, whether its size is given or follows from the scene:
 /// the linear image alone takes 16 bytes per pixel.
@@ -58,6 +68,9 @@ std::pair<int, int> renderSize(RenderOptions const& o, Scene const& scene, Strin
 }
 
 void run(RenderOptions const& o) {
+    if (o.textureMemoryMib)
+        if (auto set = ImageTextureCache::setTileMemoryCap(*o.textureMemoryMib); !set)
+            throw CommandError{"--texture-memory: " + set.error()};
     String source = "demo scene";
     String text;
     Expected<Scene> scene;
@@ -88,6 +101,7 @@ void run(RenderOptions const& o) {
     LinearImage image = guardMemory(output, [&] { return renderScene(*scene, width, height, [&](double f) { bar.update(f); }); });
     bar.finish();
     if (auto r = guardMemory(output, [&] { return writeDisplayImage(image, pipeline, output); }); !r) throw CommandError{r.error()};
+    if (auto const error = tileReadError()) throw CommandError{*error + " (those texels are 0 in " + output + ")"};
     std::printf("wrote %s (%dx%d, %zu swatch%s)\n", Io::Path(output).string().c_str(), width, height,
                 scene->swatches.size(), scene->swatches.size() == 1 ? "" : "es");
     for (std::size_t i = 0; i < scene->swatches.size(); ++i)
@@ -104,6 +118,9 @@ void addRenderCommand(CLI::App& app) {
     cmd->add_option("-o,--output", o->output, "Output image (PNG, EXR, TIFF...); default ferrim-demo.png or SCENE.png");
     cmd->add_option("--size", o->size, "Image size as WIDTHxHEIGHT (each side up to 16384, 67108864 pixels in all); default 256 pixels per swatch");
     cmd->add_option("--samples", o->samples, "Samples per pixel (rounded to a square)")->check(CLI::Range(1, 256));
+    cmd->add_option_function<double>(
+        "--texture-memory", [o](double mib) { o->textureMemoryMib = mib; },
+        "Memory cap of the tiles of tiled, mip-mapped textures (ferrim maketx), in MiB; default 1024");
     cmd->callback([o] { run(*o); });
 }
 

@@ -11,11 +11,15 @@
 // al., "Feline: Fast Elliptical Lines for Anisotropic Texture Mapping",
 // SIGGRAPH 1999. Chosen over a true EWA sum over texels because the probes
 // reuse the mip chain's trilinear kernel: the cost grows with the anisotropy,
-// not with the footprint's texel count, and results stay continuous with the
-// isotropic path (one probe when the footprint is round).
+// not with the footprint's texel count (an EWA sum over a grazing footprint
+// reads hundreds of texels of a fine level), and results stay continuous with
+// the isotropic path (one probe when the footprint is round). OpenImageIO's
+// TextureSystem filters the same way in its default, anisotropic mode, so
+// renders match what users of that library expect.
 #include <algorithm>
 #include <cmath>
 
+#include "Ferrim/TextureMap/TextureSampling.h"
 #include "QuelinLib/Float4.h"
 
 namespace Quelin::TextureSampling {
@@ -104,6 +108,17 @@ inline AnisotropicProbes planProbes(UvDerivatives d, float maxAnisotropy = DEFAU
     }
     for (int i = 0; i < p.count; ++i) p.weights[i] /= sum;
     return p;
+}
+
+/// A probe's coordinate brought back into [0, 1] the way its axis addresses
+/// texels (probes of a footprint near a border step past it).
+inline float wrapProbe(float x, Address mode) {
+    if (mode == Address::Repeat) return x - std::floor(x);
+    if (mode == Address::Mirror) {
+        float const t = x - 2.f * std::floor(0.5f * x);  // [0, 2)
+        return t <= 1.f ? t : 2.f - t;
+    }
+    return x;  // the kernels clamp
 }
 
 /// The weighted sum of `probe(u, v, width)` over the planned probes.

@@ -2,6 +2,7 @@
 
 #include "Ferrim/ColorSpaces.h"
 #include "Ferrim/Ferrim.h"
+#include "Ferrim/TextureMap/ImageTextureCache.h"
 #include "Ferrim/TextureMap/ImageTextureCacheDetail.h"
 #include "Ferrim/TextureMap/MipGeneration.h"
 #include "QuelinLib/DebugLogger.h"
@@ -216,6 +217,10 @@ ImageTexture::ImageTexture(EntityHolder<IDataSource const> source, String colorS
         ImageFormat const format = getImageFormatFromContentType(contentType, mSource->getDisplayName());
         if (mName.empty())
             mName = generateUuidAsString();
+        if (auto const* file = dynamic_cast<FileDataSource const*>(mSource.get()); file && openTiled(file->getPhysicalPath())) {
+            MipChainAccess::setId(mMips, generateUuidAsString());
+            return;
+        }
         auto stream = mSource->openStream();
         if (!stream)
             throw Exception(stream.error());
@@ -245,7 +250,42 @@ ImageTexture::ImageTexture(EntityHolder<IDataSource const> source, String colorS
     MipChainAccess::setId(mMips, generateUuidAsString());
 }
 
-ImageTexture::~ImageTexture() = default;
+ImageTexture::~ImageTexture() {
+    if (mTiled) mTileCache->forget(*mTiled);
+}
+
+bool ImageTexture::openTiled(Io::Path const& path) {
+    // Plain files (not tiled, or unreadable: the decoder names the problem) take the whole-image road.
+    auto file = TiledImageFile::open(path);
+    if (!file) return false;
+    TiledImageFile const& f = **file;
+    // The map's level choice takes the last level as 1 x 1; a chain that
+    // stops short is completed by decoding.
+    TiledImageFile::Level const& last = f.getLevel(f.getLevelCount() - 1);
+    if (f.getLevelCount() < 2 || last.shape.width != 1 || last.shape.height != 1) return false;
+    if (!mRequestedColorSpace.empty()) {
+        String const space = mRequestedColorSpace == ColorSpaces::AUTO
+                                 ? ColorSpaces::spaceForFile(f.getColorSpaceTag(), f.getGammaTag(), f.getFormat())
+                                 : mRequestedColorSpace;
+        auto linear = ColorSpaces::sceneLinearSpace();
+        if (!linear) return false;  // the decode reports it
+        auto processor = ColorSpaces::makeConversion(space, *linear);
+        if (!processor || !processor->isNoOp()) return false;
+        mColorSpace = space;
+    }
+    // Writers put the coarsest level last: a file cut short loses that tile
+    // first. Read now (it stays cached), so that such a file is refused at
+    // load, by the decoder's error, rather than read as 0 tile by tile.
+    TileCache& cache = ImageTextureCache::getTileCache();
+    cache.sampleBilinear(**file, f.getLevelCount() - 1, 0.5f, 0.5f, {});
+    if (!f.getError().empty()) {
+        cache.forget(f);
+        return false;
+    }
+    mTiled = std::move(*file);
+    mTileCache = &cache;
+    return true;
+}
 
 Stack<Image> ImageTexture::toLinearLight(Stack<Image> levels, ImageColorTag const& tag) {
     PixelFormat const format = levels.front().getFormat();
@@ -300,6 +340,10 @@ Stack<Image> ImageTexture::toLinearLight(Stack<Image> levels, ImageColorTag cons
 }
 
 Image::Descriptor ImageTexture::getDescriptor() const {
+    if (mTiled) {
+        TextureSampling::LevelShape const& first = mTiled->getLevel(0).shape;
+        return Image::Descriptor(Pixel(first.width, first.height), mTiled->getFormat());
+    }
     return mMips.getLevelCount() > 0 ? mMips.getLevel(0).getDescriptor() : Image::Descriptor();
 }
 
@@ -311,8 +355,8 @@ void ImageTexture::requireLevel(int level) const {
     MipMapManager::readBack(*this, level);
 }
 
-std::int64_t ImageTexture::getMemoryUsage() const { return mMips.getMemoryUsage(); }
-std::int64_t ImageTexture::getTotalSize() const { return mMips.getTotalSize(); }
+std::int64_t ImageTexture::getMemoryUsage() const { return mTiled ? mTiled->getMemoryUsage() : mMips.getMemoryUsage(); }
+std::int64_t ImageTexture::getTotalSize() const { return mTiled ? mTiled->getTotalBytes() : mMips.getTotalSize(); }
 
 bool ImageTexture::isOffloadable() const {
     std::lock_guard lock(mMutex);
@@ -321,7 +365,7 @@ bool ImageTexture::isOffloadable() const {
 
 void ImageTexture::setOffloadable(bool offloadable) {
     std::lock_guard lock(mMutex);
-    MipChainAccess::setOffloadable(mMips, offloadable && hasPixels());
+    MipChainAccess::setOffloadable(mMips, offloadable && hasPixels() && !mTiled);
 }
 
 } // namespace Quelin

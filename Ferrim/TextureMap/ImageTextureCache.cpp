@@ -6,6 +6,8 @@
 #include "QuelinLib/TaskScheduler.h"
 #include "QuelinLib/Thread.h"
 #include <condition_variable>
+#include <cstdio>
+#include <mutex>
 #include <deque>
 #include <unordered_map>
 
@@ -249,6 +251,48 @@ Stack<SharedPtr<CacheRecord>> readyRecords() {
 }
 } // namespace
 
+namespace {
+struct TileSettings {
+    std::mutex mutex;
+    double capMib = DEFAULT_TILE_MEMORY_MIB;
+    TileCache* cache = nullptr;  ///< never destroyed: textures may outlive static destruction
+};
+TileSettings& tileSettings() {
+    static TileSettings* const sSettings = new TileSettings;
+    return *sSettings;
+}
+std::int64_t bytesOf(double mib) { return std::int64_t(mib * double(1 << 20)); }
+} // namespace
+
+TileCache& getTileCache() {
+    TileSettings& s = tileSettings();
+    std::lock_guard lock(s.mutex);
+    if (!s.cache) s.cache = new TileCache(bytesOf(s.capMib));
+    return *s.cache;
+}
+
+Expected<std::true_type, String> setTileMemoryCap(double mebibytes) {
+    // Written so that NaN fails too.
+    if (!(mebibytes > 0.0 && mebibytes <= MAX_TILE_MEMORY_MIB)) {
+        char text[160];
+        std::snprintf(text, sizeof text, "texture memory cap %g MiB: give a number above 0 and at most %.0f MiB", mebibytes,
+                      MAX_TILE_MEMORY_MIB);
+        return makeError(String(text));
+    }
+    TileSettings& s = tileSettings();
+    // Under the lock, so that concurrent calls leave the last one's cap.
+    std::lock_guard lock(s.mutex);
+    s.capMib = mebibytes;
+    if (s.cache) s.cache->setCapacity(bytesOf(mebibytes));
+    return std::true_type{};
+}
+
+double getTileMemoryCap() {
+    TileSettings& s = tileSettings();
+    std::lock_guard lock(s.mutex);
+    return s.capMib;
+}
+
 std::int64_t getMemoryUsage() {
     std::int64_t bytes = 0;
     for (auto const& record : readyRecords()) bytes += record->texture->getMemoryUsage();
@@ -284,6 +328,7 @@ bool isStarted() {
 }
 
 void start() {
+    getTileCache();
     MipMapManager::resetOffloadState();
     if (auto made = Io::createDirs(MipMapManager::getOffloadDirectory()); !made)
         logError("Offload folder not available:", made.error());

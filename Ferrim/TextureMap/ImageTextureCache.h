@@ -6,6 +6,7 @@
 #include "Ferrim/Export.h"
 #include "Ferrim/TextureMap/ImageTexture.h"
 #include <concepts>
+#include <type_traits>
 
 namespace Quelin::ImageTextureCache {
 
@@ -63,8 +64,25 @@ requires std::derived_from<Source, IDataSource> SharedPtr<ImageTexture> getOrCre
     return getOrCreateInColorSpace(EntityHolder<IDataSource const>(SharedPtr<IDataSource const>(source)), colorSpace);
 }
 
-/// Bytes held by all ready textures (pixels and resident mip levels).
+/// Bytes held by all ready textures (pixels and resident mip levels, the
+/// tiles of tiled files).
 FERRIM_EXPORT std::int64_t getMemoryUsage();
+
+/// The tile cache through which every texture of a tiled, mip-mapped file
+/// reads its tiles (see ImageTexture.h): one for the process, made by the
+/// cache's start (or the first tiled texture), never destroyed, its cap the
+/// setting below.
+FERRIM_EXPORT TileCache& getTileCache();
+inline constexpr double DEFAULT_TILE_MEMORY_MIB = 1024.0;
+/// 1 TiB: a larger cap is taken for a mistake.
+inline constexpr double MAX_TILE_MEMORY_MIB = 1048576.0;
+/// The memory the tiles of all tiled textures may hold, in MiB (2^20 bytes;
+/// fractions allowed). A cap smaller than the tiles held evicts at once. NaN,
+/// infinities, 0, negative values and values above MAX_TILE_MEMORY_MIB are
+/// refused with an error naming the value, and change nothing.
+FERRIM_EXPORT Expected<std::true_type, String> setTileMemoryCap(double mebibytes);
+/// The cap in MiB (DEFAULT_TILE_MEMORY_MIB until set).
+FERRIM_EXPORT double getTileMemoryCap();
 /// The loader finishes the texture it is building and then takes no more.
 FERRIM_EXPORT void suspend();
 /// Undoes `suspend`; does nothing in any other state.

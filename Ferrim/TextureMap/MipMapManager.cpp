@@ -572,6 +572,28 @@ String getStatsAndSaveReport() {
                << formatBytes(t.getTotalSize()) << " " << levelsText(t) << "\n";
     }
 
+    // Tiled files read on demand: what their tiles cost, in total and per file.
+    Stack<ImageTexture const*> tiled;
+    for (auto const& t : textures)
+        if (t->getTiledFile()) tiled.push_back(t.get());
+    TileStats tileTotal;
+    std::int64_t tilePeak = 0;
+    if (!tiled.empty()) {
+        TileCache const& cache = ImageTextureCache::getTileCache();
+        tileTotal = cache.getStats();
+        tilePeak = cache.getPeakMemoryUsage();
+        report << "Tiles read on demand: " << formatBytes(cache.getMemoryUsage()) << " held of a cap of "
+               << formatBytes(cache.getCapacity()) << ", peak " << formatBytes(tilePeak) << "; " << tileTotal.hits << " hits, "
+               << tileTotal.misses << " misses, " << formatBytes(tileTotal.bytesRead) << " read, "
+               << formatBytes(tileTotal.bytesReread) << " read again after eviction\n";
+        report << "[Name] [Hits] [Misses] [Read] [Read again] [Peak]\n";
+        for (std::size_t i = 0; i < std::min(HEAVIEST, tiled.size()); ++i) {
+            TileStats const st = tiled[i]->getTileStats();
+            report << tiled[i]->getName() << " " << st.hits << " " << st.misses << " " << formatBytes(st.bytesRead) << " "
+                   << formatBytes(st.bytesReread) << " " << formatBytes(tiled[i]->getPeakTileMemory()) << "\n";
+        }
+    }
+
     Stats const stats = getStats();
     std::ostringstream csv;
     csv << "Loaded mip maps size, Total mip maps size\n" << loaded << ", " << total << "\n";
@@ -580,6 +602,18 @@ String getStatsAndSaveReport() {
     for (auto const& t : textures)
         csv << csvField(t->getName()) << ", " << resolutionText(*t) << ", " << t->getMemoryUsage() << ", " << t->getTotalSize()
             << ", " << (t->getLevelCount() - t->getOffloadedCount()) << ", " << t->getLevelCount() << "\n";
+    if (!tiled.empty()) {
+        TileCache const& cache = ImageTextureCache::getTileCache();
+        csv << "Tile memory cap, Tile memory, Tile peak memory, Tile hits, Tile misses, Tile bytes read, Tile bytes read again\n"
+            << cache.getCapacity() << ", " << cache.getMemoryUsage() << ", " << tilePeak << ", " << tileTotal.hits << ", "
+            << tileTotal.misses << ", " << tileTotal.bytesRead << ", " << tileTotal.bytesReread << "\n";
+        csv << "Name, Tile hits, Tile misses, Tile bytes read, Tile bytes read again, Tile peak memory\n";
+        for (ImageTexture const* t : tiled) {
+            TileStats const st = t->getTileStats();
+            csv << csvField(t->getName()) << ", " << st.hits << ", " << st.misses << ", " << st.bytesRead << ", "
+                << st.bytesReread << ", " << t->getPeakTileMemory() << "\n";
+        }
+    }
 
     Io::Path const folder = getOffloadDirectory();
     Io::Path const path = folder / "textureStats.csv";

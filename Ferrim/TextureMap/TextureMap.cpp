@@ -23,7 +23,8 @@ namespace {
 constexpr StringView SOURCE = "maps/TextureMap";
 
 SharedPtr<TypeDefinition const> const& interpolationType() {
-    static auto const t = TypeDefinition::makeEnum("Zatho.InterpolationMode", {{0, "Bilinear"}, {1, "Bicubic"}, {2, "Nearest"}});
+    static auto const t = TypeDefinition::makeEnum("Zatho.InterpolationMode",
+                                                   {{0, "Bilinear"}, {1, "Bicubic"}, {2, "Nearest"}, {3, "Anisotropic"}});
     return t;
 }
 SharedPtr<TypeDefinition const> const& monoOutputType() {
@@ -56,6 +57,11 @@ SharedPtr<TypeDefinition const> const& environmentModeType() {
 
 MetadataPredicate whenSet(String property) {
     return {property, [property](GenericDataObject const& d) { return d.get<bool>(property); }};
+}
+
+MetadataPredicate whenAnisotropic() {
+    return {"interpolation == Anisotropic",
+            [](GenericDataObject const& d) { return d.get<InterpolationMode>("interpolation") == InterpolationMode::Anisotropic; }};
 }
 
 MetadataPredicate whenDome() {
@@ -91,7 +97,13 @@ SharedPtr<DataObjectDefinition const> const& TextureMap::Data::definition() {
         // to a default mapper.
         b.addUvMapper().setDefaultEntityFactory({});
         b.addEnum("interpolation", interpolationType(), int(InterpolationMode::Bilinear), "Filtering",
-                  "Lookup filter: bilinear, smooth bicubic (no overshoot) or nearest texel");
+                  "Lookup filter: bilinear, smooth bicubic (no overshoot), nearest texel, or anisotropic (probes "
+                  "along the long axis of footprints seen at a slant)");
+        b.addFloat("maxAnisotropy", TextureSampling::DEFAULT_MAX_ANISOTROPY, "Max anisotropy",
+                   "How many times longer than wide a footprint may be before anisotropic filtering blurs across it "
+                   "instead (1 to 64)")
+            .addValidator(makeSharedPtr<ClampValueToRangeValidator<float>>(1.f, float(TextureSampling::MAX_PROBES / 2)))
+            .setMetadata(Metadata::UI_ENABLED_IF, whenAnisotropic());
         b.addFloat("bumpStrength", 1.f, "Bump strength",
                    "Scale of the bump: the texture's value as a height in units of its placement");
         b.addBool("customGamma", false, "Custom gamma", "Override loaded texture image gamma.");
@@ -140,6 +152,7 @@ SharedPtr<DataObjectDefinition const> const& TextureMap::Data::definition() {
 TextureMap::Settings TextureMap::Settings::fromData(GenericDataObject const& d) {
     Settings s;
     s.interpolation = d.get<InterpolationMode>("interpolation");
+    s.maxAnisotropy = d.get<float>("maxAnisotropy");
     s.bumpStrength = d.get<float>("bumpStrength");
     if (d.get<bool>("customGamma")) s.customGamma = d.get<float>("gamma");
     s.colorSpace = d.get<String>("colorSpace");
@@ -203,9 +216,11 @@ Expected<TextureMap::TextureInfo, String> TextureMap::getTextureInfo() const {
     SharedPtr<Evaluator> const e = currentEvaluator();
     ImageTexture const& t = e->getTexture();
     Image::Descriptor const descriptor = t.getDescriptor();
+    // A tiled file's error comes after loading (a tile that could not be read):
+    // reported too, not hidden behind the pixels the other tiles have.
+    if (String const error = t.getError(); !error.empty()) return makeError(error);
     if (t.hasPixels() && t.getLevelCount() >= 1 && !descriptor.isEmpty())
         return TextureInfo{descriptor, t.getName(), e->getGamma(), t.getColorSpace()};
-    if (!t.getError().empty()) return makeError(t.getError());
     return makeError(t.getName() + ": the texture has no pixels");
 }
 
@@ -332,7 +347,8 @@ TextureMap::Evaluator::Evaluator(SharedPtr<ImageTexture const> texture, SharedPt
     auto const checkRange = [](int value, int count) {
         if (value < 0 || value >= count) Quelin::Detail::throwStopException(SOURCE, __LINE__);
     };
-    checkRange(int(settings.interpolation), 3);
+    checkRange(int(settings.interpolation), 4);
+    mAnisotropic = settings.interpolation == InterpolationMode::Anisotropic;
     checkRange(int(settings.monoOutput), 2);
     checkRange(int(settings.rgbOutput), 2);
     checkRange(int(settings.alphaSource), 3);
@@ -353,7 +369,7 @@ TextureMap::Evaluator::Evaluator(SharedPtr<ImageTexture const> texture, SharedPt
         mGamma = settings.customGamma.value_or(1.f);
         return;
     }
-    PixelFormat const format = t.getLevel(0).getFormat();
+    PixelFormat const format = t.getDescriptor().format;
     mGamma = settings.customGamma.value_or(defaultGamma(format));
     // The pixels are stored as decoded: the texture's own gamma is 1.
     constexpr float TEXTURE_GAMMA = 1.f;
@@ -381,6 +397,10 @@ TextureMap::Evaluator::Evaluator(SharedPtr<ImageTexture const> texture, SharedPt
         conversion = Conversion::Power;
         mConversion.power = mGamma / TEXTURE_GAMMA;
     }
+    if (TiledImageFile* const tiled = t.getTiledFile()) {
+        setUpTiled(*tiled, conversion);
+        return;
+    }
     int const n = t.getLevelCount();
     mLevels.reserve(std::size_t(n));
     for (int i = 0; i < n; ++i) {
@@ -397,10 +417,121 @@ TextureMap::Evaluator::Evaluator(SharedPtr<ImageTexture const> texture, SharedPt
                        []<PixelFormat F, Conversion C, InterpolationMode I>() -> SampleTexture {
                            return &Evaluator::sampleTexture<F, C, I>;
                        });
+    mSampleAnisotropic = dispatch(format, conversion, InterpolationMode::Bilinear,
+                                  []<PixelFormat F, Conversion C, InterpolationMode>() -> SampleAnisotropic {
+                                      return &Evaluator::sampleAnisotropic<F, C>;
+                                  });
     mTopLevel = n - 1;
     // The bump converter's smallest step is STEP_FRACTION times its scale: half a texel of level 0.
     Pixel const size = t.getLevel(0).getResolution();
     mBumpScale = 0.5f / (float(std::max(size.x, size.y)) * BumpConverterMap::STEP_FRACTION);
+}
+
+// ------------------------------------------------- anisotropic and tiled lookups
+
+// Each probe is the trilinear lookup of `sampleGeneral` with the bilinear
+// kernel, at a coordinate wrapped back into the texture; the tile cache's
+// probes do the same arithmetic, so tiled and whole results agree bit for bit.
+template <PixelFormat F, Conversion C>
+Float4 TextureMap::Evaluator::sampleAnisotropic(Evaluator const& e, float u, float v, UvDerivatives const& d,
+                                                Addressing addressing) {
+    MipMapManager::Detail::LookupGuard const guard;
+    auto const level = [&](int i, float pu, float pv) {
+        Level const& l = e.mLevels[std::size_t(i)];
+        if (l.likeFirst) [[likely]]
+            return sample<F, C, InterpolationMode::Bilinear>(e.residentPixels(i), l.shape, pu, pv, addressing, e.mConversion);
+        return l.sample(e.residentPixels(i), l.shape, pu, pv, addressing, e.mConversion);
+    };
+    AnisotropicProbes const probes = planProbes(d, e.mSettings.maxAnisotropy);
+    return boundAlpha<F>(filterAnisotropic(u, v, probes, [&](float pu, float pv, float width) {
+        pu = clamp01(wrapProbe(pu, addressing.u));
+        pv = clamp01(wrapProbe(pv, addressing.v));
+        float w = width;
+        if (!(w >= 1e-8f)) w = 1e-8f;  // NaN too
+        std::uint32_t const bits = std::bit_cast<std::uint32_t>(w);
+        int const whole = int(bits >> 23) - 127 + e.mTopLevel;
+        if (whole < 0) return level(0, pu, pv);
+        if (whole >= e.mTopLevel) return level(e.mTopLevel, pu, pv);
+        float const fraction = log2Approx(std::bit_cast<float>((bits & 0x007FFFFFu) | 0x3F800000u));
+        Float4 const finer = level(whole, pu, pv);
+        return finer + (level(whole + 1, pu, pv) - finer) * Float4(fraction);
+    }));
+}
+
+namespace {
+/// The alpha bound of the whole path, for the formats it bounds (`boundAlpha`).
+inline Float4 boundAlphaOfTiles(TiledImageFile const& file, Float4 c) {
+    if (!TextureSampling::Detail::isFloatFormat(file.getFormat())) return c;
+    constexpr float INF = std::numeric_limits<float>::infinity();
+    return min(c, Float4(INF, INF, INF, 1.f));
+}
+} // namespace
+
+Float4 TextureMap::Evaluator::sampleTiled(Evaluator const& e, float u, float v, float du, float dv, bool filtered,
+                                          Addressing addressing) {
+    return boundAlphaOfTiles(*e.mTiledFile, e.mTiledSampler.isotropic(*e.mTileCache, *e.mTiledFile, u, v, du < dv ? du : dv,
+                                                                      filtered, addressing, e.mConversion));
+}
+
+Float4 TextureMap::Evaluator::sampleTiledAnisotropic(Evaluator const& e, float u, float v, UvDerivatives const& d,
+                                                     Addressing addressing) {
+    return boundAlphaOfTiles(*e.mTiledFile, e.mTiledSampler.anisotropic(*e.mTileCache, *e.mTiledFile, u, v,
+                                                                        planProbes(d, e.mSettings.maxAnisotropy), addressing,
+                                                                        e.mConversion));
+}
+
+void TextureMap::Evaluator::setUpTiled(TiledImageFile& file, Conversion conversion) {
+    mTiledFile = &file;
+    mTileCache = mTexture->getTileCache();
+    mTiledSampler = TileCache::selectSampler(file.getFormat(), conversion, mSettings.interpolation);
+    // Shapes only: the pixels are the tiles'.
+    for (int i = 0; i < file.getLevelCount(); ++i)
+        mLevels.push_back({nullptr, file.getLevel(i).shape, nullptr, true});
+    mSample = &Evaluator::sampleTiled;
+    mSampleAnisotropic = &Evaluator::sampleTiledAnisotropic;
+    mTopLevel = file.getLevelCount() - 1;
+    LevelShape const& first = file.getLevel(0).shape;
+    mBumpScale = 0.5f / (float(std::max(first.width, first.height)) * BumpConverterMap::STEP_FRACTION);
+}
+
+[[gnu::noinline]] TextureMap::Evaluator::Found TextureMap::Evaluator::findSurfaceAnisotropic(IShadeContext const& context,
+                                                                                             float u, float v) const {
+    UvDerivatives d;
+    if (mUvMapper->getMappingMode() == UvMappingMode::UvChannel) {
+        // The channel's derivatives through the placement's linear part.
+        UvwDerivatives const source = context.getUvwDerivatives(mUvMapper->getChannel());
+        Dir const dx = mUvMapper->getTransform().transformDir(source.dx), dy = mUvMapper->getTransform().transformDir(source.dy);
+        d = {dx.x, dx.y, dy.x, dy.y};
+    } else {
+        Dir const footprint = mUvMapper->computeDUvw(context);
+        d = {footprint.x, 0.f, 0.f, footprint.y};
+    }
+    return findWrappedAnisotropic(u, v, d, mUvAddressing);
+}
+
+[[gnu::noinline]] TextureMap::Evaluator::Found TextureMap::Evaluator::findWrappedAnisotropic(float u, float v, UvDerivatives d,
+                                                                                             Addressing addressing) const {
+    if (!mSample) return {};
+    if (mSettings.cropEnabled) {
+        // As `findWrapped`: each axis's steps scale with the rectangle's side.
+        Vector2 const ll = mSettings.cropLowerLeft, ur = mSettings.cropUpperRight;
+        float const w = ur.x - ll.x, h = ur.y - ll.y;
+        float su = std::fabs(w), sv = std::fabs(h);
+        if (mSettings.cropMode == TransformationMode::Placement) {
+            if (!(u >= ll.x && u <= ur.x && v >= ll.y && v <= ur.y)) return {};
+            u = (u - ll.x) / w;
+            v = (v - ll.y) / h;
+            su = 1.f / su;
+            sv = 1.f / sv;
+        } else {
+            u = ll.x + u * w;
+            v = ll.y + v * h;
+        }
+        d = {d.dudx * su, d.dvdx * sv, d.dudy * su, d.dvdy * sv};
+        u = clamp01(u);
+        v = clamp01(v);
+    }
+    return {mSampleAnisotropic(*this, u, v, d, addressing), true};
 }
 
 
@@ -408,6 +539,8 @@ TextureMap::Evaluator::Evaluator(SharedPtr<ImageTexture const> texture, SharedPt
 inline TextureMap::Evaluator::Found TextureMap::Evaluator::findWrapped(float u, float v, float du, float dv,
                                                                        bool filtered, Addressing addressing) const {
     if (!mSample) return {};
+    if (mAnisotropic && filtered) [[unlikely]]
+        return findWrappedAnisotropic(u, v, {du, 0.f, 0.f, dv}, addressing);
     if (mSettings.cropEnabled) {
         Vector2 const ll = mSettings.cropLowerLeft, ur = mSettings.cropUpperRight;
         float const w = ur.x - ll.x, h = ur.y - ll.y;
@@ -499,6 +632,8 @@ inline TextureMap::Evaluator::Found TextureMap::Evaluator::findSurface(IShadeCon
     Pos const uvw = mUvMapper->computeUvw(context);
     float u = uvw.x, v = uvw.y;
     if (!wrap(u, v)) return {};
+    if (mAnisotropic && filtered) [[unlikely]]
+        return findSurfaceAnisotropic(context, u, v);
     Dir footprint;
     if (filtered) footprint = mFootprintChannel ? context.getDUvw(*mFootprintChannel) : mUvMapper->computeDUvw(context);
     return findWrapped(u, v, footprint.x, footprint.y, filtered, mUvAddressing);

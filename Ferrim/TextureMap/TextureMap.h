@@ -67,7 +67,7 @@ public:
     /// When lookups go by direction instead of through the UV mapper.
     enum class EnvironmentMode : int { Auto = 0, Environment = 1, Texture = 2 };
 
-    /// "imageSource", "uvMapper", "interpolation", "bumpStrength", "customGamma",
+    /// "imageSource", "uvMapper", "interpolation", "maxAnisotropy", "bumpStrength", "customGamma",
     /// "gamma", "colorSpace", "monoOutput", "rgbOutput", "alphaSource", "transformation_enabled",
     /// "transformation_mode", "transformation_lowerLeft",
     /// "transformation_upperRight", "enviroMode" (group "mapping", "mode",
@@ -89,6 +89,7 @@ public:
     /// record once.
     struct Settings {
         InterpolationMode interpolation = InterpolationMode::Bilinear;
+        float maxAnisotropy = TextureSampling::DEFAULT_MAX_ANISOTROPY;
         float bumpStrength = 1.f;
         Optional<float> customGamma;  ///< set: overrides the texture's default gamma
         String colorSpace;  ///< empty: the gamma rule; "auto" or a colour space of the config
@@ -183,6 +184,20 @@ private:
     /// What `sampleTexture` leaves to a routine of its own, so that the common
     /// lookup pays for none of its registers: filtered lookups and levels to
     /// read back.
+    /// Anisotropic lookups, whole or tiled: probes, filtering, the alpha bound.
+    using SampleAnisotropic = Float4 (*)(Evaluator const& e, float u, float v, TextureSampling::UvDerivatives const& d,
+                                         TextureSampling::Addressing addressing);
+    template <PixelFormat F, TextureSampling::Conversion C>
+    FERRIM_TEXTURE_INTERNAL static Float4 sampleAnisotropic(Evaluator const& e, float u, float v,
+                                                            TextureSampling::UvDerivatives const& d,
+                                                            TextureSampling::Addressing addressing);
+    FERRIM_TEXTURE_INTERNAL static Float4 sampleTiled(Evaluator const& e, float u, float v, float du, float dv, bool filtered,
+                                                      TextureSampling::Addressing addressing);
+    FERRIM_TEXTURE_INTERNAL static Float4 sampleTiledAnisotropic(Evaluator const& e, float u, float v,
+                                                                 TextureSampling::UvDerivatives const& d,
+                                                                 TextureSampling::Addressing addressing);
+    /// The lookup of a tiled texture: its levels' shapes, its sampler.
+    FERRIM_TEXTURE_INTERNAL void setUpTiled(TiledImageFile& file, TextureSampling::Conversion conversion);
     template <PixelFormat F, TextureSampling::Conversion C, InterpolationMode I>
     FERRIM_TEXTURE_INTERNAL FERRIM_TEXTURE_FLATTEN static Float4 sampleGeneral(Evaluator const& e, float u, float v,
                                                                                float du, float dv, bool filtered,
@@ -203,6 +218,10 @@ private:
                                                 bool filtered) const;
     FERRIM_TEXTURE_INTERNAL Found findWrapped(float u, float v, float du, float dv, bool filtered,
                                               TextureSampling::Addressing addressing) const;
+    /// Anisotropic filtered lookups: the surface's derivatives, then crop and filter.
+    FERRIM_TEXTURE_INTERNAL Found findSurfaceAnisotropic(IShadeContext const& context, float u, float v) const;
+    FERRIM_TEXTURE_INTERNAL Found findWrappedAnisotropic(float u, float v, TextureSampling::UvDerivatives d,
+                                                         TextureSampling::Addressing addressing) const;
     FERRIM_TEXTURE_INTERNAL bool wrap(float& u, float& v) const;
     FERRIM_TEXTURE_INTERNAL RgbAlpha colorOf(Found const& found) const;
     FERRIM_TEXTURE_INTERNAL MonoAlpha monoOf(Found const& found) const;
@@ -224,6 +243,11 @@ private:
     float mGamma = 1.f;
     Stack<Level> mLevels;   ///< empty when the texture has no pixels
     SampleTexture mSample = nullptr;  ///< null when the texture has no pixels
+    SampleAnisotropic mSampleAnisotropic = nullptr;  ///< set with mSample
+    bool mAnisotropic = false;  ///< filtered lookups probe the footprint
+    TiledImageFile* mTiledFile = nullptr;  ///< a tiled texture's file (kept by mTexture)
+    TileCache* mTileCache = nullptr;
+    TileCache::Sampler mTiledSampler{};
     int mTopLevel = 0;  ///< n - 1
     TextureSampling::TexelConversion mConversion;
     TextureSampling::Table8 mTable{};  ///< 8-bit table for exponents other than 2.2

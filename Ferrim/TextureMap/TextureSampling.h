@@ -44,7 +44,10 @@
 namespace Quelin {
 
 /// Lookup filter of the texture map; the values are those of its enumeration.
-enum class InterpolationMode : int { Bilinear = 0, Bicubic = 1, Nearest = 2 };
+/// Anisotropic filters filtered lookups by probes along the footprint's long
+/// axis (AnisotropicFilter.h); its level kernel, for unfiltered lookups and
+/// each probe, is Bilinear.
+enum class InterpolationMode : int { Bilinear = 0, Bicubic = 1, Nearest = 2, Anisotropic = 3 };
 
 namespace TextureSampling {
 
@@ -366,7 +369,8 @@ auto dispatch(PixelFormat format, Conversion conversion, InterpolationMode mode,
         switch (mode) {
         case InterpolationMode::Nearest: return visit.template operator()<F, C, InterpolationMode::Nearest>();
         case InterpolationMode::Bicubic: return visit.template operator()<F, C, InterpolationMode::Bicubic>();
-        case InterpolationMode::Bilinear: break;
+        case InterpolationMode::Bilinear:
+        case InterpolationMode::Anisotropic: break;
         }
         return visit.template operator()<F, C, InterpolationMode::Bilinear>();
     };

@@ -17,6 +17,9 @@ namespace {
 
 using TextureSampling::Addressing;
 using TextureSampling::Address;
+using TextureSampling::AnisotropicProbes;
+using TextureSampling::Conversion;
+using TextureSampling::TexelConversion;
 
 constexpr int MAX_LEVELS = 32;
 constexpr int MIN_TILE_SIDE = 8, MAX_TILE_SIDE = 4096;
@@ -66,6 +69,8 @@ Expected<SharedPtr<TiledImageFile>, String> TiledImageFile::open(Io::Path const&
     file->mTileWidth = first.tile_width;
     file->mTileHeight = first.tile_height;
     file->mTileBytes = std::int64_t(first.tile_width) * first.tile_height * getPixelBytes(file->mFormat);
+    file->mColorSpaceTag = first.get_string_attribute("oiio:ColorSpace");
+    file->mGammaTag = first.get_float_attribute("oiio:Gamma", 0.f);
 
     std::int64_t tiles = 0;
     for (int m = 0; input->seek_subimage(0, m); ++m) {
@@ -148,6 +153,7 @@ struct TileCache::Tile {
     std::uint64_t fileId = 0;
     std::int64_t index = 0;
     std::int64_t bytes = 0;
+    SharedPtr<TileUsage> usage;  ///< the file's
     std::unique_ptr<std::byte[]> pixels;
     std::atomic<int> state{Loading};
     std::atomic<int> pins{0};
@@ -226,7 +232,33 @@ bool TileCache::evictOne() {
     }
     if (!victim) return false;
     mMemory.fetch_sub(victim->bytes, std::memory_order_relaxed);
+    victim->usage->memory.fetch_sub(victim->bytes, std::memory_order_relaxed);
     return true;
+}
+
+void TileCache::forget(TiledImageFile const& file) {
+    Stack<std::unique_ptr<Tile>> freed;  // freed after the locks
+    {
+        std::lock_guard clock(mClockMutex);
+        for (std::size_t i = 0; i < mRing.size();) {
+            Tile* const t = mRing[i];
+            if (t->fileId != file.mId) {
+                ++i;
+                continue;
+            }
+            Shard& shard = shardOf(t->fileId, t->index);
+            std::lock_guard lock(shard.mutex);
+            auto found = shard.tiles.find(TileKey{t->fileId, t->index});
+            freed.push_back(std::move(found->second));
+            shard.tiles.erase(found);
+            mRing[i] = mRing.back();
+            mRing.pop_back();
+        }
+    }
+    for (auto const& t : freed) {
+        mMemory.fetch_sub(t->bytes, std::memory_order_relaxed);
+        t->usage->memory.fetch_sub(t->bytes, std::memory_order_relaxed);
+    }
 }
 
 void TileCache::makeRoom() {
@@ -248,6 +280,7 @@ TileCache::Tile* TileCache::acquire(TiledImageFile& file, int level, int tx, int
             it->second = std::make_unique<Tile>();
             it->second->fileId = key.fileId;
             it->second->index = key.index;
+            it->second->usage = file.mUsage;
             load = true;
         }
         tile = it->second.get();
@@ -273,6 +306,7 @@ TileCache::Tile* TileCache::acquire(TiledImageFile& file, int level, int tx, int
     }
     std::int64_t const bytes = file.mTileBytes;
     std::int64_t const now = mMemory.fetch_add(bytes, std::memory_order_relaxed) + bytes;
+    file.mUsage->add(bytes);
     makeRoom();
     std::int64_t peak = mPeak.load(std::memory_order_relaxed);
     while (now > peak && !mPeak.compare_exchange_weak(peak, now, std::memory_order_relaxed)) {
@@ -290,6 +324,7 @@ TileCache::Tile* TileCache::acquire(TiledImageFile& file, int level, int tx, int
         tile->pixels.reset();
         tile->bytes = 0;
         mMemory.fetch_sub(bytes, std::memory_order_relaxed);
+        file.mUsage->memory.fetch_sub(bytes, std::memory_order_relaxed);
     } else {
         file.mMisses.fetch_add(1, std::memory_order_relaxed);
         file.mBytesRead.fetch_add(bytes, std::memory_order_relaxed);
@@ -326,102 +361,167 @@ struct TileCache::Session : Noncopyable {
     ~Session() { release(); }
 };
 
-template <PixelFormat F>
-Float4 TileCache::bilinear(Session& session, TiledImageFile& file, int level, float u, float v, Addressing a) {
-    // Out of [0, 1] (NaN too) is the border.
-    u = u >= 0.f ? (u <= 1.f ? u : 1.f) : 0.f;
-    v = v >= 0.f ? (v <= 1.f ? v : 1.f) : 0.f;
-    level = level < 0 ? 0 : (level < file.getLevelCount() ? level : file.getLevelCount() - 1);
-    TiledImageFile::Level const& lv = file.mLevels[std::size_t(level)];
-    TextureSampling::LevelShape const& l = lv.shape;
-    // The taps and weights of the whole-level kernel.
-    auto const [x0, x1, y0, y1, fx, fy] = TextureSampling::Detail::bilinearTaps(l, u, v, a);
+/// The level kernels of TextureSampling.h over tiles: the same taps, weights
+/// and order of arithmetic, each texel found in its tile.
+struct TileCache::Kernels {
+    /// One level of one file as a lookup's kernel sees it.
+    struct LevelTiles {
+        TileCache& cache;
+        Session& session;
+        TiledImageFile& file;
+        int level;
+        TiledImageFile::Level const& lv;
 
-    // Room for this lookup's four tiles; earlier lookups' texels are consumed.
-    if (session.seen > Session::CAPACITY - 4) session.release();
-    constexpr int B = TextureSampling::Detail::bytesOf(F);
-    int const tw = file.mTileWidth, th = file.mTileHeight;
-    auto const tileOf = [&](int tx, int ty) -> std::byte const* {
-        std::int64_t const index = lv.firstTile + std::int64_t(ty) * lv.tilesX + tx;
-        for (int i = 0; i < session.seen; ++i)
-            if (session.held[i].index == index && session.held[i].file == &file) return session.held[i].pixels;
-        Tile* const tile = acquire(file, level, tx, ty);
-        if (tile) session.pinned[session.pins++] = tile;
-        std::byte const* const pixels = tile ? tile->pixels.get() : nullptr;
-        session.held[session.seen++] = {&file, index, pixels};
-        return pixels;
+        /// The pixels of tile (tx, ty), null when it could not be read.
+        std::byte const* tile(int tx, int ty) const {
+            std::int64_t const index = lv.firstTile + std::int64_t(ty) * lv.tilesX + tx;
+            for (int i = 0; i < session.seen; ++i)
+                if (session.held[i].index == index && session.held[i].file == &file) return session.held[i].pixels;
+            Tile* const t = cache.acquire(file, level, tx, ty);
+            if (t) session.pinned[session.pins++] = t;
+            std::byte const* const pixels = t ? t->pixels.get() : nullptr;
+            session.held[session.seen++] = {&file, index, pixels};
+            return pixels;
+        }
+        /// Texel (px, py) of the level, inside tile (tx, ty) whose pixels are `t`.
+        template <PixelFormat F, Conversion C>
+        Float4 texel(std::byte const* t, int px, int py, int tx, int ty, TexelConversion const& cv) const {
+            if (!t) return Float4();
+            return TextureSampling::Detail::texel<F, C>(t + std::int64_t(py - ty * file.mTileHeight) * lv.shape.rowBytes +
+                                                            std::int64_t(px - tx * file.mTileWidth) * TextureSampling::Detail::bytesOf(F),
+                                                        cv);
+        }
+        template <PixelFormat F, Conversion C> Float4 texel(int px, int py, TexelConversion const& cv) const {
+            int const tx = px / file.mTileWidth, ty = py / file.mTileHeight;
+            return texel<F, C>(tile(tx, ty), px, py, tx, ty, cv);
+        }
     };
-    auto const texelAt = [&](std::byte const* tile, int px, int py, int tx, int ty) -> Float4 {
-        if (!tile) return Float4();
-        return TextureSampling::Detail::texel<F, TextureSampling::Conversion::None>(
-            tile + std::int64_t(py - ty * th) * l.rowBytes + std::int64_t(px - tx * tw) * B, {});
-    };
-    // Mostly all four taps lie in one tile: one search for them.
-    int const tx0 = x0 / tw, tx1 = x1 / tw, ty0 = y0 / th, ty1 = y1 / th;
-    std::byte const* const t00 = tileOf(tx0, ty0);
-    std::byte const* const t01 = tx1 == tx0 ? t00 : tileOf(tx1, ty0);
-    std::byte const* const t10 = ty1 == ty0 ? t00 : tileOf(tx0, ty1);
-    std::byte const* const t11 = ty1 == ty0 ? t01 : (tx1 == tx0 ? t10 : tileOf(tx1, ty1));
-    return TextureSampling::Detail::blendBilinear(texelAt(t00, x0, y0, tx0, ty0), texelAt(t01, x1, y0, tx1, ty0),
-                                                  texelAt(t10, x0, y1, tx0, ty1), texelAt(t11, x1, y1, tx1, ty1), fx, fy);
-}
 
-template <PixelFormat F>
-Float4 TileCache::trilinear(Session& session, TiledImageFile& file, float u, float v, float width, Addressing a) {
-    int const top = file.getLevelCount() - 1;
-    float w = width;
-    if (!(w >= 1e-8f)) w = 1e-8f;  // NaN too
-    // The level choice of the texture map: L = log2(w) + (n - 1).
-    std::uint32_t const bits = std::bit_cast<std::uint32_t>(w);
-    int const whole = int(bits >> 23) - 127 + top;
-    if (whole < 0) return bilinear<F>(session, file, 0, u, v, a);
-    if (whole >= top) return bilinear<F>(session, file, top, u, v, a);
-    float const fraction = log2Approx(std::bit_cast<float>((bits & 0x007FFFFFu) | 0x3F800000u));
-    Float4 const finer = bilinear<F>(session, file, whole, u, v, a);
-    return finer + (bilinear<F>(session, file, whole + 1, u, v, a) - finer) * Float4(fraction);
-}
+    static LevelTiles levelOf(TileCache& cache, Session& session, TiledImageFile& file, int level) {
+        level = level < 0 ? 0 : (level < file.getLevelCount() ? level : file.getLevelCount() - 1);
+        // Room for this lookup's taps (four tiles at most); earlier lookups' texels are consumed.
+        if (session.seen > Session::CAPACITY - 4) session.release();
+        return {cache, session, file, level, file.mLevels[std::size_t(level)]};
+    }
 
-namespace {
-/// Runs `run.template operator()<F>()` for the file's held format, chosen once per lookup.
-template <typename Run> Float4 byFormat(PixelFormat format, Run&& run) {
-    return TextureSampling::dispatch(format, TextureSampling::Conversion::None, InterpolationMode::Bilinear,
-                                     [&]<PixelFormat F, TextureSampling::Conversion, InterpolationMode>() {
-                                         return run.template operator()<F>();
-                                     });
+    template <PixelFormat F, Conversion C>
+    static Float4 bilinear(LevelTiles const& t, float u, float v, Addressing a, TexelConversion const& cv) {
+        TextureSampling::LevelShape const& l = t.lv.shape;
+        auto const [x0, x1, y0, y1, fx, fy] = TextureSampling::Detail::bilinearTaps(l, u, v, a);
+        // Mostly all four taps lie in one tile: one search for them.
+        int const tx0 = x0 / t.file.mTileWidth, tx1 = x1 / t.file.mTileWidth;
+        int const ty0 = y0 / t.file.mTileHeight, ty1 = y1 / t.file.mTileHeight;
+        std::byte const* const t00 = t.tile(tx0, ty0);
+        std::byte const* const t01 = tx1 == tx0 ? t00 : t.tile(tx1, ty0);
+        std::byte const* const t10 = ty1 == ty0 ? t00 : t.tile(tx0, ty1);
+        std::byte const* const t11 = ty1 == ty0 ? t01 : (tx1 == tx0 ? t10 : t.tile(tx1, ty1));
+        return TextureSampling::Detail::blendBilinear(
+            t.template texel<F, C>(t00, x0, y0, tx0, ty0, cv), t.template texel<F, C>(t01, x1, y0, tx1, ty0, cv),
+            t.template texel<F, C>(t10, x0, y1, tx0, ty1, cv), t.template texel<F, C>(t11, x1, y1, tx1, ty1, cv), fx, fy);
+    }
+
+    template <PixelFormat F, Conversion C>
+    static Float4 nearest(LevelTiles const& t, float u, float v, TexelConversion const& cv) {
+        TextureSampling::LevelShape const& l = t.lv.shape;
+        int x = int(u * l.widthF), y = int((1.f - v) * l.heightF);
+        x = x < l.width ? x : l.width - 1;
+        y = y < l.height ? y : l.height - 1;
+        return t.template texel<F, C>(x, y, cv);
+    }
+
+    template <PixelFormat F, Conversion C>
+    static Float4 bicubic(LevelTiles const& t, float u, float v, Addressing a, TexelConversion const& cv) {
+        TextureSampling::LevelShape const& l = t.lv.shape;
+        float const x = u * l.widthF - 0.5f, y = (1.f - v) * l.heightF - 0.5f;
+        float const fx0 = std::floor(x), fy0 = std::floor(y);
+        int const x0 = int(fx0), y0 = int(fy0);
+        float wx[4], wy[4];
+        TextureSampling::Detail::bsplineWeights(x - fx0, wx);
+        TextureSampling::Detail::bsplineWeights(y - fy0, wy);
+        int xs[4], ys[4];
+        for (int k = 0; k < 4; ++k) {
+            xs[k] = TextureSampling::Detail::address(x0 - 1 + k, l.width, a.u);
+            ys[k] = TextureSampling::Detail::address(y0 - 1 + k, l.height, a.v);
+        }
+        Float4 sum;
+        for (int j = 0; j < 4; ++j) {
+            Float4 line = t.template texel<F, C>(xs[0], ys[j], cv) * Float4(wx[0]);
+            for (int i = 1; i < 4; ++i) line += t.template texel<F, C>(xs[i], ys[j], cv) * Float4(wx[i]);
+            sum += line * Float4(wy[j]);
+        }
+        return sum;
+    }
+
+    /// One level's kernel at (u, v), clamped into [0, 1] (NaN: 0) as the map's coordinates are.
+    template <PixelFormat F, Conversion C, InterpolationMode I>
+    static Float4 level(TileCache& cache, Session& session, TiledImageFile& file, int level, float u, float v, Addressing a,
+                        TexelConversion const& cv) {
+        u = u >= 0.f ? (u <= 1.f ? u : 1.f) : 0.f;
+        v = v >= 0.f ? (v <= 1.f ? v : 1.f) : 0.f;
+        LevelTiles const t = levelOf(cache, session, file, level);
+        if constexpr (I == InterpolationMode::Nearest) return nearest<F, C>(t, u, v, cv);
+        else if constexpr (I == InterpolationMode::Bicubic) return bicubic<F, C>(t, u, v, a, cv);
+        else return bilinear<F, C>(t, u, v, a, cv);
+    }
+
+    template <PixelFormat F, Conversion C, InterpolationMode I>
+    static Float4 trilinear(TileCache& cache, Session& session, TiledImageFile& file, float u, float v, float width,
+                            Addressing a, TexelConversion const& cv) {
+        int const top = file.getLevelCount() - 1;
+        float w = width;
+        if (!(w >= 1e-8f)) w = 1e-8f;  // NaN too
+        // The level choice of the texture map: L = log2(w) + (n - 1).
+        std::uint32_t const bits = std::bit_cast<std::uint32_t>(w);
+        int const whole = int(bits >> 23) - 127 + top;
+        if (whole < 0) return level<F, C, I>(cache, session, file, 0, u, v, a, cv);
+        if (whole >= top) return level<F, C, I>(cache, session, file, top, u, v, a, cv);
+        float const fraction = log2Approx(std::bit_cast<float>((bits & 0x007FFFFFu) | 0x3F800000u));
+        Float4 const finer = level<F, C, I>(cache, session, file, whole, u, v, a, cv);
+        return finer + (level<F, C, I>(cache, session, file, whole + 1, u, v, a, cv) - finer) * Float4(fraction);
+    }
+
+    template <PixelFormat F, Conversion C, InterpolationMode I>
+    static Float4 isotropic(TileCache& cache, TiledImageFile& file, float u, float v, float width, bool filtered, Addressing a,
+                            TexelConversion const& cv) {
+        Session session;
+        if (!filtered) return level<F, C, I>(cache, session, file, 0, u, v, a, cv);
+        return trilinear<F, C, I>(cache, session, file, u, v, width, a, cv);
+    }
+
+    template <PixelFormat F, Conversion C>
+    static Float4 anisotropic(TileCache& cache, TiledImageFile& file, float u, float v, AnisotropicProbes const& probes,
+                              Addressing a, TexelConversion const& cv) {
+        Session session;
+        return TextureSampling::filterAnisotropic(u, v, probes, [&](float pu, float pv, float width) {
+            return trilinear<F, C, InterpolationMode::Bilinear>(cache, session, file, TextureSampling::wrapProbe(pu, a.u),
+                                                                TextureSampling::wrapProbe(pv, a.v), width, a, cv);
+        });
+    }
+};
+
+TileCache::Sampler TileCache::selectSampler(PixelFormat format, Conversion conversion, InterpolationMode mode) {
+    return TextureSampling::dispatch(format, conversion, mode, []<PixelFormat F, Conversion C, InterpolationMode I>() {
+        return Sampler{&Kernels::isotropic<F, C, I>, &Kernels::anisotropic<F, C>};
+    });
 }
-} // namespace
 
 Float4 TileCache::sampleBilinear(TiledImageFile& file, int level, float u, float v, Addressing addressing) {
     Session session;
-    return byFormat(file.mFormat, [&]<PixelFormat F>() { return bilinear<F>(session, file, level, u, v, addressing); });
+    return TextureSampling::dispatch(file.mFormat, Conversion::None, InterpolationMode::Bilinear,
+                                     [&]<PixelFormat F, Conversion C, InterpolationMode I>() {
+                                         return Kernels::level<F, C, I>(*this, session, file, level, u, v, addressing, {});
+                                     });
 }
 
 Float4 TileCache::sampleTrilinear(TiledImageFile& file, float u, float v, float width, Addressing addressing) {
-    Session session;
-    return byFormat(file.mFormat, [&]<PixelFormat F>() { return trilinear<F>(session, file, u, v, width, addressing); });
+    return selectSampler(file.mFormat, Conversion::None, InterpolationMode::Bilinear)
+        .isotropic(*this, file, u, v, width, true, addressing, {});
 }
-
-namespace {
-/// A probe's coordinate brought back into [0, 1] the way its axis addresses texels.
-float wrapProbe(float x, Address mode) {
-    if (mode == Address::Repeat) return x - std::floor(x);
-    if (mode == Address::Mirror) {
-        float const t = x - 2.f * std::floor(0.5f * x);  // [0, 2)
-        return t <= 1.f ? t : 2.f - t;
-    }
-    return x;  // the kernel clamps
-}
-} // namespace
 
 Float4 TileCache::sampleAnisotropic(TiledImageFile& file, float u, float v, TextureSampling::UvDerivatives const& derivatives,
                                     float maxAnisotropy, Addressing addressing) {
-    TextureSampling::AnisotropicProbes const probes = TextureSampling::planProbes(derivatives, maxAnisotropy);
-    Session session;
-    return byFormat(file.mFormat, [&]<PixelFormat F>() {
-        return TextureSampling::filterAnisotropic(u, v, probes, [&](float pu, float pv, float width) {
-            return trilinear<F>(session, file, wrapProbe(pu, addressing.u), wrapProbe(pv, addressing.v), width, addressing);
-        });
-    });
+    return selectSampler(file.mFormat, Conversion::None, InterpolationMode::Bilinear)
+        .anisotropic(*this, file, u, v, TextureSampling::planProbes(derivatives, maxAnisotropy), addressing, {});
 }
 
 } // namespace Quelin

@@ -29,6 +29,18 @@ struct TileStats {
     std::int64_t bytesReread = 0; ///< of those, tiles read before and evicted since
 };
 
+/// The bytes one file's tiles hold in the cache now and at most so far. Shared
+/// by the file and its tiles, so a tile may outlive its file.
+struct TileUsage {
+    std::atomic<std::int64_t> memory{0}, peak{0};
+    void add(std::int64_t bytes) {
+        std::int64_t const now = memory.fetch_add(bytes, std::memory_order_relaxed) + bytes;
+        std::int64_t high = peak.load(std::memory_order_relaxed);
+        while (now > high && !peak.compare_exchange_weak(high, now, std::memory_order_relaxed)) {
+        }
+    }
+};
+
 /// One tiled file with its levels. Tiles are read with the codec library, by
 /// several threads at once (each reader has a handle of its own).
 class FERRIM_EXPORT TiledImageFile : Noncopyable {
@@ -57,6 +69,12 @@ class FERRIM_EXPORT TiledImageFile : Noncopyable {
     /// The whole file as decoded pixels, every level: what its tiles hold.
     std::int64_t getTotalBytes() const;
     TileStats getStats() const;
+    /// Bytes of this file's tiles in the cache now, and the most they held.
+    std::int64_t getMemoryUsage() const { return mUsage->memory.load(std::memory_order_relaxed); }
+    std::int64_t getPeakMemoryUsage() const { return mUsage->peak.load(std::memory_order_relaxed); }
+    /// What the file's header says of its colours ("oiio:ColorSpace", "oiio:Gamma").
+    String const& getColorSpaceTag() const { return mColorSpaceTag; }
+    float getGammaTag() const { return mGammaTag; }
     /// The first tile that could not be read, empty when none.
     String getError() const;
 
@@ -72,6 +90,9 @@ class FERRIM_EXPORT TiledImageFile : Noncopyable {
     int mTileWidth = 0, mTileHeight = 0, mFileChannels = 0;
     std::int64_t mTileBytes = 0;
     std::uint64_t mId = 0;
+    String mColorSpaceTag;
+    float mGammaTag = 0.f;
+    SharedPtr<TileUsage> mUsage = makeSharedPtr<TileUsage>();
     Stack<Level> mLevels;
     /// Whether each tile was ever read: a second read is a re-read.
     std::unique_ptr<std::atomic<bool>[]> mEverRead;
@@ -109,14 +130,33 @@ class FERRIM_EXPORT TileCache : Noncopyable {
     Float4 sampleAnisotropic(TiledImageFile& file, float u, float v, TextureSampling::UvDerivatives const& derivatives,
                              float maxAnisotropy, TextureSampling::Addressing addressing);
 
+    /// The texture map's lookups, specialised for a held format, a texel
+    /// conversion (TextureSampling.h) and a level kernel, picked once when an
+    /// evaluator is built. Each gives what the map's kernels give on the file
+    /// decoded whole, bit for bit, before the alpha bound.
+    struct Sampler {
+        /// Unfiltered: level 0; filtered: the two levels around
+        /// L = log2(width) + (n - 1), blended (`sampleTrilinear`'s choice).
+        Float4 (*isotropic)(TileCache& cache, TiledImageFile& file, float u, float v, float width, bool filtered,
+                            TextureSampling::Addressing addressing, TextureSampling::TexelConversion const& conversion);
+        /// The planned probes, each a bilinear trilinear lookup.
+        Float4 (*anisotropic)(TileCache& cache, TiledImageFile& file, float u, float v,
+                              TextureSampling::AnisotropicProbes const& probes, TextureSampling::Addressing addressing,
+                              TextureSampling::TexelConversion const& conversion);
+    };
+    /// Table8 applies to 8-bit formats only; Anisotropic takes the bilinear kernel.
+    static Sampler selectSampler(PixelFormat format, TextureSampling::Conversion conversion, InterpolationMode mode);
+
+    /// Frees the file's tiles (a texture that is released): their memory
+    /// returns to the cap at once. No lookup of the file may run.
+    void forget(TiledImageFile const& file);
+
   private:
     struct Tile;
     struct Shard;
     struct Session;
-    template <PixelFormat F>
-    Float4 bilinear(Session& session, TiledImageFile& file, int level, float u, float v, TextureSampling::Addressing a);
-    template <PixelFormat F>
-    Float4 trilinear(Session& session, TiledImageFile& file, float u, float v, float width, TextureSampling::Addressing a);
+    struct Kernels;
+    friend struct Kernels;
     /// The tile pinned, or null when it could not be read.
     Tile* acquire(TiledImageFile& file, int level, int tx, int ty);
     void makeRoom();

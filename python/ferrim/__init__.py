@@ -34,7 +34,10 @@ from ._ferrim import (  # noqa: F401  (re-exported API)
     is_started,
     operator_menu,
     render,
+    set_texture_memory,
     texture_from_array,
+    texture_memory,
+    texture_stats,
     type_info,
     types,
 )
@@ -42,7 +45,7 @@ from ._ferrim import (  # noqa: F401  (re-exported API)
 __all__ = [
     "ColorMappingContext", "Entity", "Error", "Exclude", "Lut", "Map", "Operator", "Pipeline", "PropertyError",
     "TextureError", "create", "from_dict", "from_json", "is_started", "operator_menu", "read_lut",
-    "render", "texture_from_array", "type_info", "types",
+    "render", "set_texture_memory", "texture_from_array", "texture_memory", "texture_stats", "type_info", "types",
 ]
 
 _atexit.register(_ferrim._shutdown)

@@ -107,6 +107,18 @@ def texture_from_array(array: "numpy.ndarray") -> Entity:  # noqa: F821
     """An image source holding the array (uint8, uint16, float16 or float32; (H, W) or
     (H, W, 1..4)), for a texture map's "imageSource": cached and mip-mapped as a file is."""
 
+def set_texture_memory(mib: float) -> None:
+    """The memory cap of the tiles of tiled, mip-mapped texture files, in MiB (default 1024).
+    ValueError for NaN, infinities, 0, negatives and more than 1048576."""
+
+def texture_memory() -> float:
+    """The tile memory cap in MiB."""
+
+def texture_stats() -> dict[str, Any]:
+    """"cap_mib", "memory", "peak_memory", "total_memory", "hits", "misses", "bytes_read",
+    "bytes_reread" and "textures" (per texture: "name", "tiled", "memory", "peak_memory", the
+    four counts and "error")."""
+
 def render(scene: Union[None, Map, dict[str, Any], PathLike] = None, *, width: Optional[int] = None,
            height: Optional[int] = None, samples: Optional[int] = None, shape: str = "sphere",
            display: bool = True) -> FloatArray:

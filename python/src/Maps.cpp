@@ -60,6 +60,7 @@ struct Footprints {
             Pos const a = posAt(dx->data, dx->channels, i), b = posAt(dy->data, dy->channels, i);
             Dir const w(std::abs(a.x) + std::abs(b.x), std::abs(a.y) + std::abs(b.y), std::abs(a.z) + std::abs(b.z));
             p.uvwFootprint = w;
+            p.uvwDerivatives = UvwDerivatives{Dir(a.x, a.y, a.z), Dir(b.x, b.y, b.z)};
             p.footprint = std::max({w.x, w.y, w.z});
         } else {
             p.footprint = perPoint ? static_cast<float const*>(perPoint->data())[i] : all;
@@ -171,6 +172,8 @@ py::array_t<float> evaluate(IMap const& map, Evaluation what, py::handle uvw, py
             }
         });
     }
+    // A tile of a tiled file that could not be read was read as 0: raised, not returned.
+    requireLoadedTextures(map);
     return out;
 }
 

@@ -17,6 +17,8 @@ struct ShadingPoint {
     float footprint = 0.f;
     /// Per-axis filter widths from UV derivatives; replace `footprint` for UVW lookups.
     Quelin::Optional<Quelin::Dir> uvwFootprint;
+    /// The UV derivatives themselves, for anisotropic filtering.
+    Quelin::Optional<Quelin::UvwDerivatives> uvwDerivatives;
     /// An environment ray's direction: the point is then shaded as background.
     Quelin::Optional<Quelin::Dir> direction;
 };
@@ -38,6 +40,9 @@ class PointShadeContext final : public Quelin::NullShadeContext {
     Quelin::Pos getUvw(int, std::uint32_t) const override { return mP.uvw; }
     Quelin::Dir getDUvw(int) const override {
         return mP.uvwFootprint ? *mP.uvwFootprint : Quelin::Dir(mP.footprint, mP.footprint, mP.footprint);
+    }
+    Quelin::UvwDerivatives getUvwDerivatives(int channel) const override {
+        return mP.uvwDerivatives ? *mP.uvwDerivatives : NullShadeContext::getUvwDerivatives(channel);
     }
     Quelin::Dir getDpDu(int) const override { return mDpDu; }
     Quelin::Dir getDpDv(int) const override { return mDpDv; }

@@ -3,8 +3,10 @@
 #include <bit>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 
 #include "Bindings.h"
+#include "Ferrim/TextureMap/ImageTextureCache.h"
 #include "Ferrim/TextureMap/TextureMap.h"
 #include "QuelinLib/DataSource.h"
 #include "QuelinLibImage/ImageDecode.h"
@@ -156,6 +158,56 @@ SharedPtr<Entity> textureFromArray(py::handle value) {
     return MemoryDataSource::make(std::move(file), "image/tiff");
 }
 
+void setTextureMemory(py::handle value) {
+    if (!PyFloat_Check(value.ptr()) && !PyLong_Check(value.ptr()))
+        throw py::type_error("set_texture_memory takes a number of MiB, not " +
+                             py::str(py::type::handle_of(value).attr("__name__")).cast<String>());
+    double mib = PyFloat_AsDouble(value.ptr());
+    if (mib == -1.0 && PyErr_Occurred()) {
+        // An int beyond a double's range: as infinite, refused below.
+        PyErr_Clear();
+        mib = std::numeric_limits<double>::infinity();
+    }
+    if (auto set = ImageTextureCache::setTileMemoryCap(mib); !set)
+        throw py::value_error(set.error());
+}
+
+py::dict tileStatsDict(TileStats const& s) {
+    py::dict d;
+    d["hits"] = s.hits;
+    d["misses"] = s.misses;
+    d["bytes_read"] = s.bytesRead;
+    d["bytes_reread"] = s.bytesReread;
+    return d;
+}
+
+py::dict textureStats() {
+    TileCache const& cache = ImageTextureCache::getTileCache();
+    py::dict d = tileStatsDict(cache.getStats());
+    d["cap_mib"] = ImageTextureCache::getTileMemoryCap();
+    d["memory"] = cache.getMemoryUsage();
+    d["peak_memory"] = cache.getPeakMemoryUsage();
+    d["total_memory"] = ImageTextureCache::getMemoryUsage();
+    py::list textures;
+    Stack<SharedPtr<ImageTexture>> ready;
+    {
+        py::gil_scoped_release release;
+        ready = ImageTextureCache::getReadyTextures();
+    }
+    for (auto const& t : ready) {
+        py::dict e = tileStatsDict(t->getTileStats());
+        e["name"] = t->getName();
+        e["tiled"] = t->getTiledFile() != nullptr;
+        e["memory"] = t->getMemoryUsage();
+        e["peak_memory"] = t->getPeakTileMemory();
+        String const error = t->getError();
+        e["error"] = error.empty() ? py::object(py::none()) : py::object(py::str(error));
+        textures.append(e);
+    }
+    d["textures"] = textures;
+    return d;
+}
+
 } // namespace
 
 void bindTextures(py::module_& m) {
@@ -174,6 +226,18 @@ array: uint8, uint16, float16 or float32 values, shape (H, W) or (H, W, C) with 
 mip-mapped as a file's is, and read as a file of that type would be: integer values are
 display-encoded (gamma 2.2) with straight alpha, float values linear and premultiplied.
 The array is copied; later changes to it are not seen.)");
+    m.def("set_texture_memory", &setTextureMemory, py::arg("mib"),
+          R"(Sets the memory the tiles of tiled, mip-mapped texture files (as `ferrim maketx` writes them) may
+hold, in MiB (fractions allowed; default 1024). Such files are read a tile at a time when a lookup
+first needs it; the least recently used tiles give way. ValueError for NaN, infinities, 0,
+negative values and more than 1048576 MiB (nothing changes); TypeError for non-numbers.)");
+    m.def("texture_memory", &ImageTextureCache::getTileMemoryCap, "The tile memory cap in MiB (see set_texture_memory).");
+    m.def("texture_stats", &textureStats,
+          R"(The textures' memory and tile statistics: "cap_mib", "memory" (bytes the tiles hold now),
+"peak_memory", "total_memory" (all textures' bytes, decoded ones included), "hits", "misses",
+"bytes_read", "bytes_reread" (read again after eviction), and "textures": one dict per loaded
+texture with "name", "tiled", "memory", "peak_memory", the four counts and "error" (None, or the
+texture's error text: for a tiled file, the first tile that could not be read).)");
 }
 
 } // namespace FerrimPython

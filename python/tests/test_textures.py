@@ -184,3 +184,37 @@ def test_the_version_is_the_headers():
     header = (CHECKOUT / "Ferrim" / "Version.h").read_text()
     parts = [re.search(rf"#define FERRIM_VERSION_{p} (\d+)", header).group(1) for p in ("MAJOR", "MINOR", "PATCH")]
     assert ferrim.__version__ == ".".join(parts)
+
+
+@pytest.mark.parametrize("mib", [float("nan"), -1, 0, float("inf"), 2e6, 10**400])
+def test_texture_memory_refuses_what_is_no_size_and_keeps_the_cap(mib):
+    before = ferrim.texture_memory()
+    with pytest.raises(ValueError, match="texture memory cap"):
+        ferrim.set_texture_memory(mib)
+    assert ferrim.texture_memory() == before
+    with pytest.raises(TypeError, match="number of MiB"):
+        ferrim.set_texture_memory("512")
+
+
+def test_a_tiled_file_reads_tiles_and_anisotropic_filtering_follows_the_derivatives(testdata):
+    source = ferrim.create("FileDataSource")
+    source["path"] = str(testdata / "exr" / "ColorCodedLevels.exr")
+    m = texture_map(source, interpolation="Bilinear")
+    uvw = np.tile(np.float32([0.3, 0.6, 0]), (4, 1))
+    # Long along u, short along v: trilinear takes the short side's level, anisotropic probes along u.
+    dx, dy = np.tile(np.float32([0.2, 0]), (4, 1)), np.tile(np.float32([0, 0.002]), (4, 1))
+    trilinear = m.eval_color(uvw, duvw_dx=dx, duvw_dy=dy)
+    m["interpolation"] = "Anisotropic"
+    assert m["maxAnisotropy"] == 16
+    anisotropic = m.eval_color(uvw, duvw_dx=dx, duvw_dy=dy)
+    assert not np.allclose(trilinear, anisotropic)
+    m["maxAnisotropy"] = 1  # a round footprint as wide as the long side: coarser still
+    assert not np.allclose(m.eval_color(uvw, duvw_dx=dx, duvw_dy=dy), anisotropic)
+    ferrim.set_texture_memory(0.5)
+    try:
+        stats = ferrim.texture_stats()
+        assert stats["cap_mib"] == 0.5 and stats["memory"] < 2**20
+        entry = next(t for t in stats["textures"] if t["name"].endswith("ColorCodedLevels.exr"))
+        assert entry["tiled"] and entry["misses"] > 0 and entry["bytes_read"] > 0 and entry["error"] is None
+    finally:
+        ferrim.set_texture_memory(1024)

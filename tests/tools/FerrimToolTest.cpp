@@ -95,6 +95,38 @@ TEST_F(FerrimTool, RendersDemoAndSceneFiles) {
     EXPECT_EQ(pngSize(out2), Quelin::Pixel(64, 32));
 }
 
+TEST_F(FerrimTool, TiledTexturesRenderUnderAMemoryCapAndTileErrorsAreReported) {
+    fs::path const tiled = mFolder / "images" / "wavy_tx.exr";
+    fs::path const scene = writeText("tiled.json", texturedScene(mFolder, "images/wavy_tx.exr"));
+    ToolRun const made = runTool("maketx " + (mFolder / "images" / "wavy.exr").string() + " -o " + tiled.string() + " --tile 16");
+    ASSERT_EQ(made.code, 0) << made.err;
+    fs::path const roomy = mFolder / "roomy.png", capped = mFolder / "capped.png";
+    ToolRun const a = runTool("render " + scene.string() + " -o " + roomy.string() + " --size 64x32 --samples 1");
+    ASSERT_EQ(a.code, 0) << a.err;
+    ToolRun const b = runTool("render " + scene.string() + " -o " + capped.string() + " --size 64x32 --samples 1 --texture-memory 0.01");
+    ASSERT_EQ(b.code, 0) << b.err;
+    auto const contents = [](fs::path const& p) {
+        std::ostringstream t;
+        t << std::ifstream(p, std::ios::binary).rdbuf();
+        return t.str();
+    };
+    EXPECT_EQ(contents(roomy), contents(capped)) << "a cap below one tile level changed the picture";
+
+    for (char const* bad : {"nan", "-1", "0", "inf", "2e6", "lots"})
+        expectOneLineError(runTool("render " + scene.string() + " --texture-memory " + bad), {"--texture-memory"}, bad);
+    // Cut short: refused at load. Bytes flipped before the coarsest level:
+    // those tiles fail when a lookup reads them, and the render says so.
+    std::string const bytes = contents(tiled);
+    std::string flipped = bytes;
+    for (std::size_t i = bytes.size() / 10; i < bytes.size() * 995 / 1000; i += 13) flipped[i] = char(flipped[i] ^ 0x5A);
+    for (auto const& [damaged, needle] : {std::pair{bytes.substr(0, bytes.size() * 95 / 100), "texture failed to load"},
+                                          std::pair{flipped, "Could not read a tile of"}}) {
+        std::ofstream(tiled, std::ios::binary | std::ios::trunc) << damaged;
+        expectOneLineError(runTool("render " + scene.string() + " -o " + (mFolder / "cut.png").string() + " --size 512x256 --samples 1"),
+                           {"wavy_tx.exr", needle}, needle);
+    }
+}
+
 TEST_F(FerrimTool, SkyReportsTheDataFilesAndWhatEachConfigurationReads) {
     SkyDataLocation const noDevelopment(mFolder); // keeps the workspace out of the child's search
     std::string const dir = sharedSkyDataFolder().string();

@@ -152,11 +152,40 @@ TEST_F(ImageTextureCacheTest, MemoryUsageFollowsLoadsAndReleases) {
 
 TEST_F(ImageTextureCacheTest, AFileWithItsOwnMipChainKeepsItsLevels) {
     // Each level of this file has its own colour: a filtered level would be a blend of level 0's.
-    auto const texture = ImageTextureCache::getOrCreate(FileDataSource::make(Io::Path(FERRIM_TESTDATA_DIR) / "exr" / "ColorCodedLevels.exr"));
+    Io::Path const path = Io::Path(FERRIM_TESTDATA_DIR) / "exr" / "ColorCodedLevels.exr";
+    auto const texture = ImageTextureCache::getOrCreate(FileDataSource::make(path));
     ASSERT_EQ(texture->getLevelCount(), 10);
-    Image const filtered = MipGeneration::downsample(texture->getLevel(0), TaskScheduler::getDefault());
-    Rgb const difference = texture->getLevel(1).getRgbAlpha(128, 128).rgb() - filtered.getRgbAlpha(128, 128).rgb();
+    // Tiled with its whole chain: read on demand, no level decoded.
+    ASSERT_NE(texture->getTiledFile(), nullptr);
+    EXPECT_EQ(texture->getTotalSize(), texture->getTiledFile()->getTotalBytes());
+    // One tile held: the coarsest level's, read to check the file when it loaded.
+    EXPECT_EQ(texture->getMemoryUsage(), texture->getTiledFile()->getTileBytes());
+    // Decoded whole (a memory source), the file's own levels are kept as well.
+    auto const whole = ImageTextureCache::getOrCreate(MemoryDataSource::make(readBytes(path), "image/x-exr"));
+    ASSERT_EQ(whole->getLevelCount(), 10);
+    Image const filtered = MipGeneration::downsample(whole->getLevel(0), TaskScheduler::getDefault());
+    Rgb const difference = whole->getLevel(1).getRgbAlpha(128, 128).rgb() - filtered.getRgbAlpha(128, 128).rgb();
     EXPECT_GT(std::abs(difference.r) + std::abs(difference.g) + std::abs(difference.b), 0.1f);
+}
+
+TEST_F(ImageTextureCacheTest, TileMemoryCapKeepsTheLastValidCapAndTilesAreReported) {
+    // The other refused values: FerrimTool.TiledTexturesRenderUnderAMemoryCapAndTileErrorsAreReported.
+    ASSERT_TRUE(ImageTextureCache::setTileMemoryCap(0.5));
+    ASSERT_FALSE(ImageTextureCache::setTileMemoryCap(std::nan("")));
+    EXPECT_EQ(ImageTextureCache::getTileMemoryCap(), 0.5);
+    EXPECT_EQ(ImageTextureCache::getTileCache().getCapacity(), 1 << 19);
+    ASSERT_TRUE(ImageTextureCache::setTileMemoryCap(ImageTextureCache::DEFAULT_TILE_MEMORY_MIB));
+
+    // A tiled texture's tiles show in the report, and leave the cache with the texture.
+    auto texture = ImageTextureCache::getOrCreate(FileDataSource::make(Io::Path(FERRIM_TESTDATA_DIR) / "exr" / "ColorCodedLevels.exr"));
+    ASSERT_NE(texture->getTiledFile(), nullptr);
+    EXPECT_GT(texture->getMemoryUsage(), 0);  // the coarsest tile, read when it loaded
+    String const report = MipMapManager::getStatsAndSaveReport();
+    EXPECT_THAT(report, ::testing::HasSubstr("Tiles read on demand: "));
+    EXPECT_THAT(report, ::testing::HasSubstr("\n" + texture->getName() + " 0 1 "));
+    std::int64_t const held = ImageTextureCache::getTileCache().getMemoryUsage();
+    texture.reset();
+    EXPECT_TRUE(waitUntil([&] { return ImageTextureCache::getTileCache().getMemoryUsage() < held; }));
 }
 
 TEST_F(ImageTextureCacheTest, SourcesThatCannotLoadGiveTheirErrorText) {
