@@ -81,14 +81,6 @@ TEST(GradientEvaluator, SortsStopsAndHoldsEndsWithoutExtrapolation) {
     EXPECT_EQ(empty.evalColor(SettableShadeContext(0.3f, 0.9f), nullptr), RgbAlpha(0, 0, 0, 1));
 }
 
-TEST(GradientEvaluator, UnknownTypeOrInterpolationStops) {
-    SettableShadeContext ctx(0.3f, 0.4f);
-    auto const type = makeGradient(static_cast<Type>(9), threeStops(Interp::Linear));
-    auto const interpolation = makeGradient(Type::Linear, threeStops(static_cast<Interp>(5)));
-    expectStop([&] { type.evalColor(ctx, nullptr); }, "maps/GradientMap", 269);
-    expectStop([&] { interpolation.evalColor(ctx, nullptr); }, "maps/GradientMap", 73);
-}
-
 class GradientMapTest : public LibraryFixture {};
 
 TEST_F(GradientMapTest, OutsideTheTileIsOpaqueBlack) {
