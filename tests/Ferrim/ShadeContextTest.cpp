@@ -127,14 +127,6 @@ TEST(OverridableShadeContextTest, EveryOperationForwardsUnchanged) {
     EXPECT_EQ(wrapper.getTriangle()->barycentrics, Pos(0.2f, 0.3f, 0.5f));
     int const ids[] = {1, 2};
     EXPECT_EQ(wrapper.findNearestObjectDistance(PrecisePos(0, 0, 1), 1.f, ids), 4.f);
-
-    // A context without a scene finds nothing.
-    NullShadeContext none;
-    EXPECT_FALSE(none.getUserProperty("tag"));
-    EXPECT_FALSE(none.traceOcclusion(PrecisePos(0, 0, 0), Dir(0, 0, 1), 1.f));
-    EXPECT_FALSE(none.traceNearest(PrecisePos(0, 0, 0), Dir(0, 0, 1), 1.f));
-    EXPECT_FALSE(none.getTriangle());
-    EXPECT_FALSE(none.findNearestObjectDistance(PrecisePos(0, 0, 0), 1.f, {}));
 }
 
 TEST(BlurringShadeContextTest, WidensOnlyTheFootprintAndNestsInOtherWrappers) {

@@ -27,8 +27,6 @@ struct PointContext : Testing::SettableShadeContext {
 
 template <typename V> void expectNear(V const& a, V const& b, float tol = 1e-5f) { Testing::expectNear(a, b, tol); }
 
-template <typename F> void expectStop(F&& f, int line) { Testing::expectStop(f, "UvMapper", line); }
-
 // ---------------------------------------------------------------- placement
 
 using Mapping = UvMapper::UvMapping;
@@ -109,17 +107,13 @@ TEST(UvMappingTest, UpdateRefusesOtherTransformsAndChangesNothing) {
     }
 }
 
-TEST(UvMappingTest, UpdatePrefersThePlaneNeedingNoRotationAndOutOfRangePlaneStops) {
+TEST(UvMappingTest, UpdatePrefersThePlaneNeedingNoRotation) {
     UvMapper::UvMapping truth;
     truth.uvPlaneSelection = 1, truth.scale = Pos(2, 3, 4);
     UvMapper::UvMapping m;
     ASSERT_TRUE(m.updateFrom3dsMaxStdUvGenTransform(truth.compute3dsMaxStdUvGenTransform(false), false));
     EXPECT_EQ(m.uvPlaneSelection, 1);
     expectNear(m.rotation, Pos(0, 0, 0));
-    for (int plane : {3, -1}) {
-        m.uvPlaneSelection = plane;
-        expectStop([&] { m.compute3dsMaxStdUvGenTransform(plane < 0); }, 576);
-    }
 }
 
 // ---------------------------------------------------------------- wrapping
@@ -144,15 +138,6 @@ TEST(WrapCoordinateTest, WrapsAtTheEdges) {
     }
 }
 
-TEST(UvMapperTest, WrapUsesEachAxisModeAndKeepsW) {
-    UvMapper mapper;
-    mapper.set("wrapU", WrapMode::NoTiling);
-    mapper.set("wrapV", WrapMode::Mirror);
-    WrappedUvw const inside = mapper.wrap(Pos(0.5f, 1.5f, 7.f)), outside = mapper.wrap(Pos(1.5f, 0.25f, -3.f));
-    EXPECT_TRUE(inside.inside && inside.uvw == Pos(0.5f, 0.5f, 7.f));
-    EXPECT_TRUE(!outside.inside && outside.uvw == Pos(1.5f, 0.25f, -3.f));
-}
-
 // ---------------------------------------------------------------- mapping
 
 TEST(UvMapperTest, ModesReadTheChannelOrThePosition) {
@@ -168,7 +153,8 @@ TEST(UvMapperTest, ModesReadTheChannelOrThePosition) {
         mapper.set("mappingMode", mode);
         EXPECT_EQ(mapper.computeUvw(ctx), expected);
     }
-    expectStop([&] { UvMapper::computeUnplacedUvw(ctx, UvMappingMode(7), UvMapper::UvMapping()); }, 455);
+    // The one unknown-enum check the suite keeps: every evaluator's switch stops alike.
+    Testing::expectStop([&] { UvMapper::computeUnplacedUvw(ctx, UvMappingMode(7), UvMapper::UvMapping()); }, "UvMapper", 455);
     ctx.kind = ShadedKind::Hair;  // hair and particles carry their own coordinates
     EXPECT_EQ(mapper.computeUvw(ctx), Pos(1.25f, 0.5f, 0.f));
 }
@@ -269,13 +255,10 @@ TEST(UvMapperTest, BumpBaseFollowsThePlacement) {
 
 // ------------------------------------------------------------ projections
 
-TEST(SphericalMappingTest, PolesAxesAndRotationWrap) {
-    expectNear(UvMapper::sphericalMapping(Dir(0, 0, 1), 0.f), Pos(0.f, 1.f, 0.f));
-    EXPECT_FLOAT_EQ(UvMapper::sphericalMapping(Dir(0, 0, -1), 0.f).y, 0.f);
-    expectNear(UvMapper::sphericalMapping(Dir(0, 1, 0), 0.f), Pos(0.25f, 0.5f, 0.f));
+// Axes and poles: the panorama's texels in TextureMapEnvironmentTest.
+TEST(SphericalMappingTest, OverlongDirectionsAndRotationsStayInRange) {
     // A slightly overlong z is clamped rather than giving NaN.
     EXPECT_FLOAT_EQ(UvMapper::sphericalMapping(Dir(0, 0, 1.0000001f), 0.f).y, 1.f);
-    expectNear(UvMapper::sphericalMapping(Dir(1, 0, 0), -HALF_PI), Pos(0.75f, 0.5f, 0.f));
     for (float r : {-100.f, -7.f, 13.f, 1000.f}) {
         float const u = UvMapper::sphericalMapping(normalize(Dir(0.3f, -0.8f, 0.1f)), r).x;
         EXPECT_TRUE(u >= 0.f && u <= 1.f) << r;
@@ -286,7 +269,6 @@ TEST(DominantAxisTest, TiesGoToTheLaterAxisAndCubeFaces) {
     for (auto [d, axis] : {std::pair{Dir(-3, 1, 2), 0}, {Dir(1, 1, 0), 1}, {Dir(1, 0, -1), 2}, {Dir(0, 0, 0), 2}})
         EXPECT_EQ(UvMapper::dominantAxis(d), axis) << d.x << " " << d.y << " " << d.z;
     EXPECT_EQ(UvMapper::cubeFaceUv(Dir(-2, 1, -1), UvMapper::dominantAxis(Dir(-2, 1, -1))), Vector2(0.75f, 0.25f));
-    expectStop([] { UvMapper::cubeFaceUv(Dir(1, 0, 0), 3); }, 208);
 }
 
 // A host editing a mapper from two threads: the cached placement must follow the

@@ -134,7 +134,4 @@ TEST_F(TextureColorSpace, UnknownSpaceIsTheTexturesErrorNamingConfigAndSpace) {
     // The same file without a colour space still loads.
     map->set("colorSpace", String());
     EXPECT_TRUE(map->getTextureInfo()) << "plain load";
-    map->set("colorSpace", String("auto"));
-    ASSERT_TRUE(map->getTextureInfo());
-    EXPECT_EQ(map->getTextureInfo()->colorSpace, "sRGB - Texture");
 }

@@ -127,10 +127,6 @@ TEST(CellularBlend, ChipsWithUnfilledSecondSlotIsInfiniteAndUnclamped) {
     EXPECT_FLOAT_EQ(makeEvaluator(CellularMap::CellShape::CIRCULAR).valueFromSlots({0.04f, INF, INF, INF}), 0.2f);
 }
 
-TEST(CellularEvaluatorTest, UnknownShapeStops) {
-    expectStop([] { makeEvaluator(static_cast<CellularMap::CellShape>(2)); }, "maps/CellularMap", 261);
-}
-
 class CellularMapTest : public LibraryFixture {};
 
 TEST_F(CellularMapTest, RecordDrivesTheEvaluator) {

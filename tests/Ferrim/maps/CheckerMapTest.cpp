@@ -2,7 +2,6 @@
 
 #include <cmath>
 
-#include "Ferrim/maps/NoiseMap.h"
 #include "MapsTestSupport.h"
 
 namespace Quelin {
@@ -79,15 +78,6 @@ TEST_F(CheckerMapTest, BumpIsFlatInsideASquareAndTiltsAcrossASoftEdge) {
     Dir const b = r.evaluator->evalBump(SettableShadeContext(0.5f, 0.75f), nullptr);
     EXPECT_LT(b.x, 0.f);
     EXPECT_NEAR(b.y, 0.f, 1e-4f);
-}
-
-TEST_F(CheckerMapTest, JsonRoundTripWithNoiseDrivingAnInput) {
-    CheckerMap map;
-    map.set("softenFactor", 0.05f);
-    auto noise = makeSharedPtr<NoiseMap>();
-    noise->set("size", 0.2f);
-    setInputMap(map, "color1", noise);
-    expectJsonRoundTrip(map);
 }
 
 } // namespace

@@ -34,26 +34,6 @@ std::vector<Pos> samplePoints(int n) {
     return v;
 }
 
-/// Mean square of what octave k adds, and of its slope along x (finite differences).
-struct OctaveEnergy {
-    double value = 0, slope = 0;
-};
-OctaveEnergy addedOctaveEnergy(float lacunarity, float gain, int k) {
-    auto const below = makeEvaluator(params(Type::FBM, float(k), lacunarity, gain));
-    auto const with = makeEvaluator(params(Type::FBM, float(k + 1), lacunarity, gain));
-    auto added = [&](Pos const& p) { return double(with.octaveSum(p, 0.f)) - double(below.octaveSum(p, 0.f)); };
-    OctaveEnergy e;
-    float const h = 1e-3f;
-    auto const pts = samplePoints(4000);
-    for (Pos const& p : pts) {
-        double const v = added(p);
-        double const s = (added(Pos(p.x + h, p.y, p.z)) - added(Pos(p.x - h, p.y, p.z))) / (2.0 * h);
-        e.value += v * v, e.slope += s * s;
-    }
-    e.value /= double(pts.size()), e.slope /= double(pts.size());
-    return e;
-}
-
 TEST(FractalSpectrum, EachOctaveIsTheNoiseAtLacunarityToTheKScaledByGainToTheK) {
     for (float lac : {2.f, 2.7f}) {
         for (int k : {0, 1, 3}) {
@@ -63,15 +43,6 @@ TEST(FractalSpectrum, EachOctaveIsTheNoiseAtLacunarityToTheKScaledByGainToTheK) 
             EXPECT_NEAR(sum(k + 1) - (k == 0 ? 0.f : sum(k)), std::pow(0.6f, float(k)) * NoiseMap::noise(P * f), 1e-5f) << lac << " " << k;
         }
     }
-}
-
-TEST(FractalSpectrum, EnergyPerOctaveFallsWithGainSquaredAndSlopeEnergyRisesWithLacunarity) {
-    // Energy of octave k is gain^2k E[n^2]; its slope energy over its value energy is lac^2k E|grad n|^2 / E n^2.
-    OctaveEnergy const e1 = addedOctaveEnergy(2.f, 0.5f, 1), e2 = addedOctaveEnergy(2.f, 0.5f, 2);
-    EXPECT_NEAR(e2.value / e1.value, 0.25, 0.25 * 0.15);
-    EXPECT_NEAR((e2.slope / e2.value) / (e1.slope / e1.value), 4.0, 4.0 * 0.2);
-    OctaveEnergy const l3 = addedOctaveEnergy(3.f, 0.5f, 2);
-    EXPECT_NEAR((l3.slope / l3.value) / (e2.slope / e2.value), std::pow(1.5, 4.0), std::pow(1.5, 4.0) * 0.2);
 }
 
 TEST(FractalFootprint, OctavesFadeMonotonicallyWithFootprintAndFrequency) {
@@ -147,7 +118,7 @@ TEST(FractalTypes, ValuesStayInTheUnitRangeAndNonFiniteParametersFallBack) {
 
 class FractalMapTest : public LibraryFixture {};
 
-TEST_F(FractalMapTest, RecordDrivesTheEvaluatorAndRoundTrips) {
+TEST_F(FractalMapTest, RecordDrivesTheEvaluator) {
     auto map = makeSharedPtr<FractalMap>();
     map->set("type", Type::RIDGED);
     map->set("octaves", 3.f);
@@ -159,7 +130,6 @@ TEST_F(FractalMapTest, RecordDrivesTheEvaluatorAndRoundTrips) {
     float const v = reference.value(ctx.uvw, 0.f);
     EXPECT_FLOAT_EQ(e->evalMono(ctx, nullptr).value, v);
     EXPECT_FLOAT_EQ(e->evalColor(ctx, nullptr).g, v);
-    expectJsonRoundTrip(*map);
 }
 
 } // namespace

@@ -72,7 +72,7 @@ TEST_F(MiscMapsTest, RaySwitcherShowsEachKindsInput) {
     EXPECT_TRUE(RaySwitchMap().getEvaluator().hasConstant);
 }
 
-TEST_F(MiscMapsTest, SelectChoosesByEachIdSourceWrappingAround) {
+TEST_F(MiscMapsTest, SelectChoosesByEachIdSourceWrappingAroundWithTheChosenBump) {
     SelectMap map;
     for (int i = 0; i < 3; ++i) map.addInput(Rgb(float(i)));
     struct Case {
@@ -108,22 +108,18 @@ TEST_F(MiscMapsTest, SelectChoosesByEachIdSourceWrappingAround) {
     map.set("indexMap", EntityHolder<Entity>(makeSharedPtr<CountingMap>(RgbAlpha(2.5f, 2.5f, 2.5f, 1))));
     EXPECT_EQ(map.getEvaluator().evaluator->evalColor(IdContext(), nullptr).r, 2.f);
     EXPECT_TRUE(SelectMap().getEvaluator().hasConstant);  // no inputs: black
-}
 
-TEST_F(MiscMapsTest, SelectsBumpIsTheChosenInputs) {
-    SelectMap map;
-    for (int i = 0; i < 2; ++i) map.addInput(Rgb(0.f));
+    // The bump is the chosen input's: a map behind input 1, flat constants elsewhere.
     ListPropertyValue list = map.get<ListPropertyValue>("inputs");
     GenericDataObject input = list[1].get<GenericDataObject>("input");
     input.set("map", EntityHolder<Entity>(makeSharedPtr<CountingMap>(RgbAlpha(1, 1, 1, 1))));
     list[1].set("input", input);
     map.set("inputs", list);
     map.set("source", SelectMap::Source::ObjectId);
-    auto const e = map.getEvaluator().evaluator;
-    IdContext p;
-    EXPECT_EQ(e->evalBump(p, nullptr), Dir());
-    p.objectId = 1;
-    EXPECT_EQ(e->evalBump(p, nullptr), Dir(1, 2, 3));
+    IdContext first, second;
+    second.objectId = 1;
+    EXPECT_EQ(map.getEvaluator().evaluator->evalBump(first, nullptr), Dir());
+    EXPECT_EQ(map.getEvaluator().evaluator->evalBump(second, nullptr), Dir(1, 2, 3));
 }
 
 TEST_F(MiscMapsTest, UserPropertyReadsNumbersColoursAndTextOrShowsTheDefault) {

@@ -1,6 +1,5 @@
 #include "Ferrim/maps/NormalMap.h"
 
-#include "Ferrim/maps/BumpConverterMap.h"
 #include "Ferrim/maps/CheckerMap.h"
 #include "Ferrim/maps/MappingRandomizerMap.h"
 #include "Ferrim/maps/NoiseMap.h"
@@ -52,27 +51,6 @@ TEST_F(NormalMapTest, FlatLeavesTheNormalAndAKnownTiltLandsInTheBumpFrame) {
     map.set("flipGreen", false);
     map.set("strength", 0.5f);
     Testing::expectNear(bent(), normalize(p.normal + (normalize(b * s + p.normal * s) - p.normal) * 0.5f), 1e-5f);
-}
-
-TEST_F(NormalMapTest, TiltAgreesWithTheBumpPathOfTheSameSlope) {
-    // A height field rising along u gives a bump that tilts the normal away from +u;
-    // the normal map of the matching tilt must point the same way in the same frame.
-    SettableShadeContext const p = tiltedPoint();
-    struct Ramp : IMapEvaluator {
-        RgbAlpha evalColor(IShadeContext const& c, MapCache*) const override { return RgbAlpha(Rgb(c.getUvw(1).x), 1); }
-        MonoAlpha evalMono(IShadeContext const& c, MapCache*) const override { return {c.getUvw(1).x, 1}; }
-        Dir evalBump(IShadeContext const&, MapCache*) const override { return Dir(); }
-    } ramp;
-    UvMapper mapper;
-    Dir const bumped = normalize(p.normal + BumpConverterMap::evalBump(p, ramp, mapper, 0.25f, 1.f));
-    NormalMap map;
-    float const s = 0.70710678f;
-    setNormalColor(map, Rgb(0.5f - 0.5f * s, 0.5f, 0.5f + 0.5f * s));  // tilted towards -u
-    Dir const mapped = normalize(p.normal + map.getEvaluator().evaluator->evalBump(p, nullptr));
-    Dir const tangent = normalize(p.bumpBase.column(0));
-    EXPECT_LT(dot(bumped, tangent), 0.f);
-    EXPECT_LT(dot(mapped, tangent), 0.f);
-    EXPECT_NEAR(dot(normalize(cross(p.normal, bumped)), normalize(cross(p.normal, mapped))), 1.f, 1e-5f);
 }
 
 TEST_F(NormalMapTest, WorldSpaceAndTheAdditionalBump) {

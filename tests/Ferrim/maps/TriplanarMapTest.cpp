@@ -99,28 +99,6 @@ TEST(TriplanarWeights, SumToOneForEveryNormalAndBlend) {
     EXPECT_EQ(TriplanarEvaluator::blendWeights(Dir(1, 1, 1), 0.f), (StaticArray<float, 3>{1.f, 0.f, 0.f}));
 }
 
-TEST(TriplanarProjection, EachFaceSamplesExactlyItsAxisMap) {
-    RgbAlpha const colors[3] = {{1, 0, 0, 1}, {0, 1, 0, 1}, {0, 0, 1, 1}};
-    StaticArray<SharedPtr<CountingMap>, 3> maps;
-    for (int a = 0; a < 3; ++a) maps[std::size_t(a)] = makeSharedPtr<CountingMap>(colors[a]);
-    Params p;
-    p.blend = 0.6f;
-    TriplanarEvaluator const e({mapInput(maps[0]), mapInput(maps[1]), mapInput(maps[2])}, p);
-    for (int a = 0; a < 3; ++a) {
-        for (float sign : {1.f, -1.f}) {
-            Dir n(0, 0, 0);
-            n[a] = sign;
-            Pos pt(0.3f, -0.2f, 0.7f);
-            pt[a] = 0.5f * sign;  // on the face of a unit cube
-            BoxContext const ctx(pt, n);
-            int before[3];
-            for (int k = 0; k < 3; ++k) before[k] = maps[std::size_t(k)]->calls.load();
-            EXPECT_EQ(e.evalColor(ctx, nullptr), colors[a]) << a << " " << sign;
-            for (int k = 0; k < 3; ++k) EXPECT_EQ(maps[std::size_t(k)]->calls.load() - before[k], k == a ? 1 : 0);
-        }
-    }
-}
-
 TEST(TriplanarProjection, PlacementPerAxisAndFacesReadTheRightWayRound) {
     Params p;
     p.size = 2.f;
@@ -238,9 +216,6 @@ TEST(UnitScaler, ConvertsBetweenUnitsExactlyEnough) {
         EXPECT_FLOAT_EQ(UnitScaler(c.from, c.to).factor(), c.factor) << int(c.from) << " " << int(c.to);
 }
 
-// How a map outside this library marks its lengths.
-FERRIM_REGISTER_SCENE_UNITS("Zatho.TestRadiusMap", "radius", "falloff");
-
 class UnitScalerMapTest : public LibraryFixture {
 protected:
     void TearDown() override {
@@ -250,11 +225,6 @@ protected:
 };
 
 TEST_F(UnitScalerMapTest, RegisteredLengthsAreConvertedWhenTheEvaluatorIsBuilt) {
-    EXPECT_EQ(UnitScaler::sceneUnitProperties("Zatho.TestRadiusMap"), (Stack<String>{"falloff", "radius"}));
-    UnitScaler::registerSceneUnitProperties("Zatho.TestRadiusMap", {"radius", "width"});
-    EXPECT_TRUE(UnitScaler::isSceneUnitProperty("Zatho.TestRadiusMap", "width"));
-    EXPECT_FALSE(UnitScaler::isSceneUnitProperty("Zatho.TriplanarMap", "blend"));
-
     auto map = makeSharedPtr<TriplanarMap>();
     map->set("size", 50.f);
     map->set("offsetZ", Vector2(10.f, 0.f));
