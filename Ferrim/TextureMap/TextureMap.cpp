@@ -9,6 +9,7 @@
 #include "Ferrim/ShadingDataObjectBuilder.h"
 #include "Ferrim/TextureMap/ImageTextureCache.h"
 #include "Ferrim/TextureMap/ImageTextureCacheDetail.h"
+#include "Ferrim/TextureMap/UdimTexture.h"
 #include "Ferrim/maps/BumpConverterMap.h"
 #include "Ferrim/maps/ProceduralSupport.h"
 
@@ -174,8 +175,11 @@ IMap::OptimizedResult TextureMap::getEvaluatorImpl() const {
     GenericDataObject const& d = getData();
     EntityHolder<IDataSource const> const source = d.get<EntityHolder<IDataSource>>("imageSource");
     Settings settings = Settings::fromData(d);
-    auto evaluator = makeSharedPtr<Evaluator>(ImageTextureCache::getOrCreateInColorSpace(source, settings.colorSpace),
-                                              MapsDetail::evaluatorUvMapper(d), settings);
+    // UDIM: a file pattern of tiles gets the tile set's evaluator.
+    SharedPtr<Evaluator> evaluator = UdimEvaluator::make(source, MapsDetail::evaluatorUvMapper(d), settings);
+    if (!evaluator)
+        evaluator = makeSharedPtr<Evaluator>(ImageTextureCache::getOrCreateInColorSpace(source, settings.colorSpace),
+                                             MapsDetail::evaluatorUvMapper(d), settings);
     {
         std::lock_guard lock(mEvaluatorMutex);
         mEvaluator = evaluator;
@@ -201,6 +205,7 @@ void TextureMap::onDataChanged(StringView) {
 
 Expected<TextureMap::TextureInfo, String> TextureMap::getTextureInfo() const {
     SharedPtr<Evaluator> const e = currentEvaluator();
+    if (auto const* udim = dynamic_cast<UdimEvaluator const*>(e.get())) return udim->getTextureInfo();  // UDIM
     ImageTexture const& t = e->getTexture();
     Image::Descriptor const descriptor = t.getDescriptor();
     if (t.hasPixels() && t.getLevelCount() >= 1 && !descriptor.isEmpty())

@@ -83,6 +83,7 @@ public:
         String name;   ///< the texture's display name (the file's path for files)
         float gamma;   ///< the gamma in effect (1 with a colour space)
         String colorSpace;  ///< the space the file was read in; empty for the gamma rule
+        int tileCount = 1;  ///< files of a UDIM set (see UdimTexture.h); the rest describes its first tile
     };
 
     /// Everything a lookup needs besides the texture and mapper, read from the
