@@ -595,6 +595,37 @@ MonoAlpha TextureMap::Evaluator::evalMono(IShadeContext const& context, MapCache
     return monoOf(findSurface(context));
 }
 
+// ---- batched lookups: while one point is filtered, the texels of a point
+// a few places ahead are on their way from memory.
+namespace {
+constexpr std::size_t BATCH_PREFETCH_DISTANCE = 8;
+}
+
+inline void TextureMap::Evaluator::prefetch(MapLookupPoint const& point, bool filtered) const {
+    // Only the common case is guessed: a channel read as it is, no crop.
+    if (!mFootprintChannel || mSettings.cropEnabled || mLevels.empty()) return;
+    float u = point.uvw.x, v = point.uvw.y;
+    if (!wrap(u, v)) return;
+    auto const ask = [&](int i) {
+        Level const& l = mLevels[std::size_t(i)];
+        std::byte const* const pixels = l.pixels->load(std::memory_order_relaxed);
+        if (!pixels) return;
+        // The texel row under the point and the next one: a bilinear footprint's two rows.
+        int const y = std::min(int((1.f - v) * l.shape.heightF - 0.5f), l.shape.height - 1);
+        std::byte const* const at = pixels + std::int64_t(y) * l.shape.rowBytes + std::int64_t(u * float(l.shape.rowBytes - 1));
+        __builtin_prefetch(at);
+        if (y + 1 < l.shape.height) __builtin_prefetch(at + l.shape.rowBytes);
+    };
+    if (!filtered) return ask(0);
+    float w = std::min(point.dUvw.x, point.dUvw.y);
+    if (!(w >= 1e-8f)) w = 1e-8f;
+    int const whole = int(std::bit_cast<std::uint32_t>(w) >> 23) - 127 + mTopLevel;
+    if (whole < 0) return ask(0);
+    if (whole >= mTopLevel) return ask(mTopLevel);
+    ask(whole);
+    ask(whole + 1);
+}
+
 void TextureMap::Evaluator::evalColors(IShadeContext const& context, std::span<MapLookupPoint const> points,
                                        std::span<RgbAlpha> colors, MapCache* cache) const {
     // Environment lookups go by direction, and the position mappings by
@@ -602,7 +633,14 @@ void TextureMap::Evaluator::evalColors(IShadeContext const& context, std::span<M
     if (usesEnvironment(context) || mUvMapper->getMappingMode() != UvMappingMode::UvChannel) [[unlikely]]
         return IMapEvaluator::evalColors(context, points, colors, cache);
     bool const filtered = context.wantsFilteredLookup();
-    for (std::size_t i = 0; i < points.size(); ++i) colors[i] = colorOf(findSurfaceAt(context, points[i], filtered));
+    // One guard for the batch: the lookups' own guards nest inside it at no cost.
+    MipMapManager::Detail::LookupGuard const guard;
+    std::size_t const n = points.size();
+    for (std::size_t i = 0; i < std::min(n, BATCH_PREFETCH_DISTANCE); ++i) prefetch(points[i], filtered);
+    for (std::size_t i = 0; i < n; ++i) {
+        if (i + BATCH_PREFETCH_DISTANCE < n) prefetch(points[i + BATCH_PREFETCH_DISTANCE], filtered);
+        colors[i] = colorOf(findSurfaceAt(context, points[i], filtered));
+    }
 }
 
 void TextureMap::Evaluator::evalMonos(IShadeContext const& context, std::span<MapLookupPoint const> points,
@@ -610,7 +648,13 @@ void TextureMap::Evaluator::evalMonos(IShadeContext const& context, std::span<Ma
     if (usesEnvironment(context) || mUvMapper->getMappingMode() != UvMappingMode::UvChannel) [[unlikely]]
         return IMapEvaluator::evalMonos(context, points, monos, cache);
     bool const filtered = context.wantsFilteredLookup();
-    for (std::size_t i = 0; i < points.size(); ++i) monos[i] = monoOf(findSurfaceAt(context, points[i], filtered));
+    MipMapManager::Detail::LookupGuard const guard;
+    std::size_t const n = points.size();
+    for (std::size_t i = 0; i < std::min(n, BATCH_PREFETCH_DISTANCE); ++i) prefetch(points[i], filtered);
+    for (std::size_t i = 0; i < n; ++i) {
+        if (i + BATCH_PREFETCH_DISTANCE < n) prefetch(points[i + BATCH_PREFETCH_DISTANCE], filtered);
+        monos[i] = monoOf(findSurfaceAt(context, points[i], filtered));
+    }
 }
 
 Dir TextureMap::Evaluator::evalBump(IShadeContext const& context, MapCache*) const {

@@ -202,6 +202,8 @@ private:
     /// `findSurface` of the context with its UVW and footprint replaced by `point`.
     FERRIM_TEXTURE_INTERNAL Found findSurfaceAt(IShadeContext const& context, MapLookupPoint const& point,
                                                 bool filtered) const;
+    /// Starts the memory reads of a batch point's texels (batched lookups).
+    FERRIM_TEXTURE_INTERNAL void prefetch(MapLookupPoint const& point, bool filtered) const;
     FERRIM_TEXTURE_INTERNAL Found findWrapped(float u, float v, float du, float dv, bool filtered,
                                               TextureSampling::Addressing addressing) const;
     FERRIM_TEXTURE_INTERNAL bool wrap(float& u, float& v) const;
