@@ -605,7 +605,8 @@ inline void TextureMap::Evaluator::prefetch(MapLookupPoint const& point, bool fi
     // Only the common case is guessed: a channel read as it is, no crop.
     if (!mFootprintChannel || mSettings.cropEnabled || mLevels.empty()) return;
     float u = point.uvw.x, v = point.uvw.y;
-    if (!wrap(u, v)) return;
+    // A NaN may survive some wrap modes; it reads nothing, so it needs nothing.
+    if (!wrap(u, v) || !(u >= 0.f && u <= 1.f && v >= 0.f && v <= 1.f)) return;
     auto const ask = [&](int i) {
         Level const& l = mLevels[std::size_t(i)];
         std::byte const* const pixels = l.pixels->load(std::memory_order_relaxed);
