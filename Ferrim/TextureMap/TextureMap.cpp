@@ -7,6 +7,7 @@
 
 #include "Ferrim/Ferrim.h"
 #include "Ferrim/ShadingDataObjectBuilder.h"
+#include "Ferrim/TextureMap/BatchSampling.h"
 #include "Ferrim/TextureMap/ImageTextureCache.h"
 #include "Ferrim/TextureMap/ImageTextureCacheDetail.h"
 #include "Ferrim/TextureMap/UdimTexture.h"
@@ -627,6 +628,52 @@ inline void TextureMap::Evaluator::prefetch(MapLookupPoint const& point, bool fi
     ask(whole + 1);
 }
 
+template <typename Emit>
+bool TextureMap::Evaluator::runBatch(std::span<MapLookupPoint const> points, bool filtered, Emit&& emit) const {
+    // The common case: a channel read as it is, no crop, bilinear, every level
+    // of level 0's format and resident (an offloaded one is read back by the
+    // one-point road).
+    std::size_t const levels = mLevels.size();
+    if (!mFootprintChannel || mSettings.cropEnabled || mSettings.interpolation != InterpolationMode::Bilinear ||
+        levels == 0 || levels > std::size_t(Batch::MAX_LEVELS))
+        return false;
+    Batch::Setup setup;
+    std::byte const* pixels[Batch::MAX_LEVELS];
+    std::int64_t rowBytes[Batch::MAX_LEVELS];
+    // Unfiltered lookups read level 0 only.
+    std::size_t const used = filtered ? levels : 1;
+    for (std::size_t i = 0; i < used; ++i) {
+        Level const& l = mLevels[i];
+        pixels[i] = l.pixels->load(std::memory_order_seq_cst);
+        if (!pixels[i] || !l.likeFirst) return false;
+        rowBytes[i] = l.shape.rowBytes;
+        setup.width[i] = l.shape.width;
+        setup.height[i] = l.shape.height;
+        setup.widthF[i] = l.shape.widthF;
+        setup.heightF[i] = l.shape.heightF;
+    }
+    setup.wrapU = WrapMode(mWrapPair >> 2);
+    setup.wrapV = WrapMode(mWrapPair & 3);
+    setup.addressing = mUvAddressing;
+    setup.filtered = filtered;
+    setup.topLevel = int(used) - 1;
+    // The conversion the constructor chose, from what it set.
+    PixelFormat const format = mTexture->getLevel(0).getFormat();
+    Conversion const conversion = TextureSampling::Detail::isEightBit(format)
+                                      ? (mConversion.table ? Conversion::Table8 : Conversion::None)
+                                      : (mConversion.power == 1.f ? Conversion::None : Conversion::Power);
+    Batch::Filter const filter = Batch::selectFilter(format, conversion, int(used));
+    if (!filter) return false;
+    Float4 colours[Batch::CHUNK];
+    bool inside[Batch::CHUNK];
+    for (std::size_t first = 0; first < points.size(); first += Batch::CHUNK) {
+        std::span<MapLookupPoint const> const chunk = points.subspan(first, std::min(Batch::CHUNK, points.size() - first));
+        filter(setup, chunk, pixels, rowBytes, mConversion, colours, inside);
+        for (std::size_t i = 0; i < chunk.size(); ++i) emit(first + i, inside[i], colours[i]);
+    }
+    return true;
+}
+
 void TextureMap::Evaluator::evalColors(IShadeContext const& context, std::span<MapLookupPoint const> points,
                                        std::span<RgbAlpha> colors, MapCache* cache) const {
     // Environment lookups go by direction, and the position mappings by
@@ -636,6 +683,8 @@ void TextureMap::Evaluator::evalColors(IShadeContext const& context, std::span<M
     bool const filtered = context.wantsFilteredLookup();
     // One guard for the batch: the lookups' own guards nest inside it at no cost.
     MipMapManager::Detail::LookupGuard const guard;
+    auto const emit = [&](std::size_t i, bool inside, Float4 c) { colors[i] = colorOf(Found{c, inside}); };
+    if (runBatch(points, filtered, emit)) return;
     std::size_t const n = points.size();
     for (std::size_t i = 0; i < std::min(n, BATCH_PREFETCH_DISTANCE); ++i) prefetch(points[i], filtered);
     for (std::size_t i = 0; i < n; ++i) {
@@ -650,6 +699,8 @@ void TextureMap::Evaluator::evalMonos(IShadeContext const& context, std::span<Ma
         return IMapEvaluator::evalMonos(context, points, monos, cache);
     bool const filtered = context.wantsFilteredLookup();
     MipMapManager::Detail::LookupGuard const guard;
+    auto const emit = [&](std::size_t i, bool inside, Float4 c) { monos[i] = monoOf(Found{c, inside}); };
+    if (runBatch(points, filtered, emit)) return;
     std::size_t const n = points.size();
     for (std::size_t i = 0; i < std::min(n, BATCH_PREFETCH_DISTANCE); ++i) prefetch(points[i], filtered);
     for (std::size_t i = 0; i < n; ++i) {

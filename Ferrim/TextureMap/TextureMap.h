@@ -204,6 +204,11 @@ private:
                                                 bool filtered) const;
     /// Starts the memory reads of a batch point's texels (batched lookups).
     FERRIM_TEXTURE_INTERNAL void prefetch(MapLookupPoint const& point, bool filtered) const;
+    /// Batched lookups of resident bilinear textures, eight points at a time
+    /// (BatchSampling.h): `emit(index, inside, colour)` per point; false when
+    /// the batch takes the one-point road.
+    template <typename Emit>
+    FERRIM_TEXTURE_INTERNAL bool runBatch(std::span<MapLookupPoint const> points, bool filtered, Emit&& emit) const;
     FERRIM_TEXTURE_INTERNAL Found findWrapped(float u, float v, float du, float dv, bool filtered,
                                               TextureSampling::Addressing addressing) const;
     FERRIM_TEXTURE_INTERNAL bool wrap(float& u, float& v) const;
