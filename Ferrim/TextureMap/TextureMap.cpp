@@ -668,6 +668,10 @@ bool TextureMap::Evaluator::runBatch(std::span<MapLookupPoint const> points, boo
     bool inside[Batch::CHUNK];
     for (std::size_t first = 0; first < points.size(); first += Batch::CHUNK) {
         std::span<MapLookupPoint const> const chunk = points.subspan(first, std::min(Batch::CHUNK, points.size() - first));
+        // The next chunk's points are read while this one is filtered.
+        std::size_t const next = first + Batch::CHUNK, nextEnd = std::min(points.size(), next + Batch::CHUNK);
+        for (std::size_t j = next; j < nextEnd; j += 64 / sizeof(MapLookupPoint))
+            Batch::prefetchLine(&points[j]);
         filter(setup, chunk, pixels, rowBytes, mConversion, colours, inside);
         for (std::size_t i = 0; i < chunk.size(); ++i) emit(first + i, inside[i], colours[i]);
     }
