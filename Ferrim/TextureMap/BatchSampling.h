@@ -8,6 +8,7 @@
 // with the one-point code. Per-sample code does arithmetic and loads only.
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <span>
 
@@ -58,6 +59,19 @@ FERRIM_EXPORT void prepareScalar(Setup const& setup, MapLookupPoint const* point
 /// Eight lanes at once; null when the library was built without AVX2.
 FERRIM_EXPORT Prepare avx2Prepare();
 
+/// Detail::texel; an 8-bit RGBA texel is read in one load and split in
+/// registers (the table entries are the same).
+template <PixelFormat F, Conversion C> QUELIN_TEXTURE_KERNEL Float4 texel(std::byte const* p, TexelConversion const& cv) {
+    if constexpr (F == PixelFormat::Rgba8 && C == Conversion::Table8) {
+        std::uint32_t w;
+        std::memcpy(&w, p, sizeof w);
+        float const* t = cv.table;
+        return Float4(t[w & 255u], t[(w >> 8) & 255u], t[(w >> 16) & 255u], t[256u + (w >> 24)]);
+    } else {
+        return Detail::texel<F, C>(p, cv);
+    }
+}
+
 /// The texels and blend of lane `i`, `pixels` being the resident levels: the
 /// same loads and operations as `sample` and the level blend of the one-point path.
 template <PixelFormat F, Conversion C>
@@ -69,8 +83,8 @@ QUELIN_TEXTURE_KERNEL Float4 blendLane(Block const& b, int i, std::byte const* c
         std::byte const* const r0 = p + std::int64_t(b.y0[set][i]) * rowBytes[level];
         std::byte const* const r1 = p + std::int64_t(b.y1[set][i]) * rowBytes[level];
         std::int64_t const x0 = std::int64_t(b.x0[set][i]) * B, x1 = std::int64_t(b.x1[set][i]) * B;
-        return Detail::blendBilinear(Detail::texel<F, C>(r0 + x0, cv), Detail::texel<F, C>(r0 + x1, cv),
-                                     Detail::texel<F, C>(r1 + x0, cv), Detail::texel<F, C>(r1 + x1, cv),
+        return Detail::blendBilinear(texel<F, C>(r0 + x0, cv), texel<F, C>(r0 + x1, cv),
+                                     texel<F, C>(r1 + x0, cv), texel<F, C>(r1 + x1, cv),
                                      b.fx[set][i], b.fy[set][i]);
     };
     int const level = b.level[i];
