@@ -96,7 +96,7 @@ QUELIN_TEXTURE_KERNEL Float4 blendLane(Block const& b, int i, std::byte const* c
 /// Starts the read of the cache line at `p`. GCC deletes a loop whose body
 /// only prefetches (it has no effect the compiler must keep); volatile
 /// assembly stays.
-inline void prefetchLine(void const* p) {
+QUELIN_TEXTURE_KERNEL void prefetchLine(void const* p) {
 #if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
     asm volatile("prefetcht0 (%0)" : : "r"(p));
 #else
@@ -106,7 +106,7 @@ inline void prefetchLine(void const* p) {
 
 /// Starts the reads of lane `i`'s texel rows.
 template <PixelFormat F>
-inline void prefetchLane(Block const& b, int i, std::byte const* const* pixels, std::int64_t const* rowBytes) {
+QUELIN_TEXTURE_KERNEL void prefetchLane(Block const& b, int i, std::byte const* const* pixels, std::int64_t const* rowBytes) {
     if (b.kind[i] == Outside) return;
     constexpr std::int64_t B = Detail::bytesOf(F);
     int const sets = b.kind[i] == TwoLevels ? 2 : 1;

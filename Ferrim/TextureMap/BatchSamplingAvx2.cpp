@@ -1,6 +1,8 @@
 // The batch set-up in eight lanes; built with AVX2 but without FMA (see
 // Ferrim/CMakeLists.txt): a fused multiply-add rounds once where the one-point
-// path rounds twice, and the lanes must give its bits.
+// path rounds twice, and the lanes must give its bits. What this file
+// instantiates from the headers is inlined or local to it: an out-of-line
+// copy built with AVX2 could otherwise stand in for the portable one.
 #include "Ferrim/TextureMap/BatchSampling.h"
 
 #if defined(__AVX2__)
