@@ -192,6 +192,73 @@ void TextureBilinearWindowOiio(benchmark::State& s) { runPeer(s, windowPoints(),
 void TextureTrilinearWindowOiio(benchmark::State& s) { runPeer(s, windowPoints(), TRILINEAR_FOOTPRINT); }
 void TextureBilinearWholeOiio(benchmark::State& s) { runPeer(s, wholePoints(), 0.f); }
 
+// ------------------------------------------------------- batched lookups
+
+// The batch entry against one call per point, both on our evaluator: 10^6
+// seeded points, a batch being what a shading point asks at once.
+constexpr std::size_t BATCH_POINT_COUNT = 1'000'000;
+constexpr std::size_t BATCH_SIZE = 64;
+
+std::vector<MapLookupPoint> makeBatchPoints(bool window, float footprint, unsigned seed) {
+    std::mt19937 rng(seed);
+    float const lo = window ? float(WINDOW_ORIGIN) / SIZE : 0.f;
+    float const hi = window ? float(WINDOW_ORIGIN + WINDOW) / SIZE : 1.f;
+    std::uniform_real_distribution<float> d(lo, hi);
+    std::vector<MapLookupPoint> p(BATCH_POINT_COUNT);
+    for (auto& q : p) q = {Pos(d(rng), d(rng), 0.f), Dir(footprint, footprint, 0.f)};
+    return p;
+}
+std::vector<MapLookupPoint> const& batchPoints(bool window, bool trilinear) {
+    static std::vector<MapLookupPoint> const sets[4] = {
+        makeBatchPoints(false, 0.f, 21), makeBatchPoints(false, TRILINEAR_FOOTPRINT, 22),
+        makeBatchPoints(true, 0.f, 23), makeBatchPoints(true, TRILINEAR_FOOTPRINT, 24)};
+    return sets[2 * int(window) + int(trilinear)];
+}
+
+void runSingle(benchmark::State& state, bool window, bool trilinear) {
+    IMapEvaluator const& e = *ourEvaluator();
+    std::vector<MapLookupPoint> const& points = batchPoints(window, trilinear);
+    BenchShadeContext context;
+    context.filtered = trilinear;
+    float sum = 0.f;
+    for (auto _ : state) {
+        for (MapLookupPoint const& p : points) {
+            context.uvw = p.uvw;
+            context.dUvw = p.dUvw;
+            sum += e.evalColor(context, nullptr).g;
+        }
+    }
+    benchmark::DoNotOptimize(sum);
+    state.SetItemsProcessed(std::int64_t(state.iterations()) * std::int64_t(points.size()));
+}
+
+void runBatched(benchmark::State& state, bool window, bool trilinear) {
+    IMapEvaluator const& e = *ourEvaluator();
+    std::vector<MapLookupPoint> const& points = batchPoints(window, trilinear);
+    BenchShadeContext context;
+    context.filtered = trilinear;
+    RgbAlpha colors[BATCH_SIZE];
+    float sum = 0.f;
+    for (auto _ : state) {
+        for (std::size_t i = 0; i < points.size(); i += BATCH_SIZE) {
+            std::size_t const n = std::min(BATCH_SIZE, points.size() - i);
+            e.evalColors(context, std::span(points).subspan(i, n), std::span(colors, n), nullptr);
+            sum += colors[0].g;
+        }
+    }
+    benchmark::DoNotOptimize(sum);
+    state.SetItemsProcessed(std::int64_t(state.iterations()) * std::int64_t(points.size()));
+}
+
+void TextureSingleBilinearWindow(benchmark::State& s) { runSingle(s, true, false); }
+void TextureBatchedBilinearWindow(benchmark::State& s) { runBatched(s, true, false); }
+void TextureSingleBilinearWhole(benchmark::State& s) { runSingle(s, false, false); }
+void TextureBatchedBilinearWhole(benchmark::State& s) { runBatched(s, false, false); }
+void TextureSingleTrilinearWindow(benchmark::State& s) { runSingle(s, true, true); }
+void TextureBatchedTrilinearWindow(benchmark::State& s) { runBatched(s, true, true); }
+void TextureSingleTrilinearWhole(benchmark::State& s) { runSingle(s, false, true); }
+void TextureBatchedTrilinearWhole(benchmark::State& s) { runBatched(s, false, true); }
+
 // Many short runs: the ratios take the fastest of each (see BenchRatios.h),
 // and on a shared machine short runs are likelier to miss a disturbance.
 constexpr int REPETITIONS = 15;
@@ -202,6 +269,17 @@ BENCHMARK(TextureTrilinearWindow)->Repetitions(REPETITIONS)->MinTime(RUN_SECONDS
 BENCHMARK(TextureTrilinearWindowOiio)->Repetitions(REPETITIONS)->MinTime(RUN_SECONDS);
 BENCHMARK(TextureBilinearWhole)->Repetitions(REPETITIONS)->MinTime(RUN_SECONDS);
 BENCHMARK(TextureBilinearWholeOiio)->Repetitions(REPETITIONS)->MinTime(RUN_SECONDS);
+// Each iteration is 10^6 lookups: fewer, longer runs.
+constexpr int BATCH_REPETITIONS = 5;
+constexpr double BATCH_SECONDS = 0.2;
+BENCHMARK(TextureSingleBilinearWindow)->Repetitions(BATCH_REPETITIONS)->MinTime(BATCH_SECONDS);
+BENCHMARK(TextureBatchedBilinearWindow)->Repetitions(BATCH_REPETITIONS)->MinTime(BATCH_SECONDS);
+BENCHMARK(TextureSingleBilinearWhole)->Repetitions(BATCH_REPETITIONS)->MinTime(BATCH_SECONDS);
+BENCHMARK(TextureBatchedBilinearWhole)->Repetitions(BATCH_REPETITIONS)->MinTime(BATCH_SECONDS);
+BENCHMARK(TextureSingleTrilinearWindow)->Repetitions(BATCH_REPETITIONS)->MinTime(BATCH_SECONDS);
+BENCHMARK(TextureBatchedTrilinearWindow)->Repetitions(BATCH_REPETITIONS)->MinTime(BATCH_SECONDS);
+BENCHMARK(TextureSingleTrilinearWhole)->Repetitions(BATCH_REPETITIONS)->MinTime(BATCH_SECONDS);
+BENCHMARK(TextureBatchedTrilinearWhole)->Repetitions(BATCH_REPETITIONS)->MinTime(BATCH_SECONDS);
 // One thread and all threads, both in real time: the speed-up is their ratio.
 // Twice the runs, half as long: the fastest run with all threads needs every
 // core undisturbed at once.
@@ -233,3 +311,11 @@ FERRIM_BENCH_RATIO("trilinear_threads_speedup", ">= 1.8",
                        if (!one || !all || *all <= 0) return std::nullopt;
                        return *one / *all;
                    });
+FERRIM_BENCH_RATIO("batched_bilinear_vs_single", "<= 0.5",
+                   FerrimBench::timeRatio("TextureBatchedBilinearWindow", "TextureSingleBilinearWindow"));
+FERRIM_BENCH_RATIO("batched_bilinear_whole_vs_single", "<= 0.5",
+                   FerrimBench::timeRatio("TextureBatchedBilinearWhole", "TextureSingleBilinearWhole"));
+FERRIM_BENCH_RATIO("batched_trilinear_vs_single", "<= 0.5",
+                   FerrimBench::timeRatio("TextureBatchedTrilinearWindow", "TextureSingleTrilinearWindow"));
+FERRIM_BENCH_RATIO("batched_trilinear_whole_vs_single", "<= 0.5",
+                   FerrimBench::timeRatio("TextureBatchedTrilinearWhole", "TextureSingleTrilinearWhole"));

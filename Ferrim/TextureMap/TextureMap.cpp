@@ -7,8 +7,10 @@
 
 #include "Ferrim/Ferrim.h"
 #include "Ferrim/ShadingDataObjectBuilder.h"
+#include "Ferrim/TextureMap/BatchSampling.h"
 #include "Ferrim/TextureMap/ImageTextureCache.h"
 #include "Ferrim/TextureMap/ImageTextureCacheDetail.h"
+#include "Ferrim/TextureMap/UdimTexture.h"
 #include "Ferrim/maps/BumpConverterMap.h"
 #include "Ferrim/maps/ProceduralSupport.h"
 
@@ -187,8 +189,11 @@ IMap::OptimizedResult TextureMap::getEvaluatorImpl() const {
     GenericDataObject const& d = getData();
     EntityHolder<IDataSource const> const source = d.get<EntityHolder<IDataSource>>("imageSource");
     Settings settings = Settings::fromData(d);
-    auto evaluator = makeSharedPtr<Evaluator>(ImageTextureCache::getOrCreateInColorSpace(source, settings.colorSpace),
-                                              MapsDetail::evaluatorUvMapper(d), settings);
+    // UDIM: a file pattern of tiles gets the tile set's evaluator.
+    SharedPtr<Evaluator> evaluator = UdimEvaluator::make(source, MapsDetail::evaluatorUvMapper(d), settings);
+    if (!evaluator)
+        evaluator = makeSharedPtr<Evaluator>(ImageTextureCache::getOrCreateInColorSpace(source, settings.colorSpace),
+                                             MapsDetail::evaluatorUvMapper(d), settings);
     {
         std::lock_guard lock(mEvaluatorMutex);
         mEvaluator = evaluator;
@@ -214,6 +219,7 @@ void TextureMap::onDataChanged(StringView) {
 
 Expected<TextureMap::TextureInfo, String> TextureMap::getTextureInfo() const {
     SharedPtr<Evaluator> const e = currentEvaluator();
+    if (auto const* udim = dynamic_cast<UdimEvaluator const*>(e.get())) return udim->getTextureInfo();  // UDIM
     ImageTexture const& t = e->getTexture();
     Image::Descriptor const descriptor = t.getDescriptor();
     // A tiled file's error comes after loading (a tile that could not be read):
@@ -725,6 +731,88 @@ MonoAlpha TextureMap::Evaluator::evalMono(IShadeContext const& context, MapCache
     return monoOf(findSurface(context));
 }
 
+// ---- batched lookups: while one point is filtered, the texels of a point
+// a few places ahead are on their way from memory.
+namespace {
+constexpr std::size_t BATCH_PREFETCH_DISTANCE = 8;
+}
+
+inline void TextureMap::Evaluator::prefetch(MapLookupPoint const& point, bool filtered) const {
+    // Only the common case is guessed: a channel read as it is, no crop.
+    if (!mFootprintChannel || mSettings.cropEnabled || mLevels.empty()) return;
+    float u = point.uvw.x, v = point.uvw.y;
+    // A NaN may survive some wrap modes; it reads nothing, so it needs nothing.
+    if (!wrap(u, v) || !(u >= 0.f && u <= 1.f && v >= 0.f && v <= 1.f)) return;
+    auto const ask = [&](int i) {
+        Level const& l = mLevels[std::size_t(i)];
+        std::byte const* const pixels = l.pixels->load(std::memory_order_relaxed);
+        if (!pixels) return;
+        // The texel row under the point and the next one: a bilinear footprint's two rows.
+        int const y = std::min(int((1.f - v) * l.shape.heightF - 0.5f), l.shape.height - 1);
+        std::byte const* const at = pixels + std::int64_t(y) * l.shape.rowBytes + std::int64_t(u * float(l.shape.rowBytes - 1));
+        __builtin_prefetch(at);
+        if (y + 1 < l.shape.height) __builtin_prefetch(at + l.shape.rowBytes);
+    };
+    if (!filtered) return ask(0);
+    float w = std::min(point.dUvw.x, point.dUvw.y);
+    if (!(w >= 1e-8f)) w = 1e-8f;
+    int const whole = int(std::bit_cast<std::uint32_t>(w) >> 23) - 127 + mTopLevel;
+    if (whole < 0) return ask(0);
+    if (whole >= mTopLevel) return ask(mTopLevel);
+    ask(whole);
+    ask(whole + 1);
+}
+
+template <typename Emit>
+bool TextureMap::Evaluator::runBatch(std::span<MapLookupPoint const> points, bool filtered, Emit&& emit) const {
+    // The common case: a channel read as it is, no crop, bilinear, every level
+    // of level 0's format and resident (an offloaded one is read back by the
+    // one-point road).
+    std::size_t const levels = mLevels.size();
+    if (!mFootprintChannel || mSettings.cropEnabled || mSettings.interpolation != InterpolationMode::Bilinear ||
+        levels == 0 || levels > std::size_t(Batch::MAX_LEVELS))
+        return false;
+    Batch::Setup setup;
+    std::byte const* pixels[Batch::MAX_LEVELS];
+    std::int64_t rowBytes[Batch::MAX_LEVELS];
+    // Unfiltered lookups read level 0 only.
+    std::size_t const used = filtered ? levels : 1;
+    for (std::size_t i = 0; i < used; ++i) {
+        Level const& l = mLevels[i];
+        pixels[i] = l.pixels->load(std::memory_order_seq_cst);
+        if (!pixels[i] || !l.likeFirst) return false;
+        rowBytes[i] = l.shape.rowBytes;
+        setup.width[i] = l.shape.width;
+        setup.height[i] = l.shape.height;
+        setup.widthF[i] = l.shape.widthF;
+        setup.heightF[i] = l.shape.heightF;
+    }
+    setup.wrapU = WrapMode(mWrapPair >> 2);
+    setup.wrapV = WrapMode(mWrapPair & 3);
+    setup.addressing = mUvAddressing;
+    setup.filtered = filtered;
+    setup.topLevel = int(used) - 1;
+    // The conversion the constructor chose, from what it set.
+    PixelFormat const format = mTexture->getLevel(0).getFormat();
+    Conversion const conversion = TextureSampling::Detail::isEightBit(format)
+                                      ? (mConversion.table ? Conversion::Table8 : Conversion::None)
+                                      : (mConversion.power == 1.f ? Conversion::None : Conversion::Power);
+    Batch::Filter const filter = Batch::selectFilter(format, conversion, int(used));
+    if (!filter) return false;
+    Float4 colours[Batch::CHUNK];
+    bool inside[Batch::CHUNK];
+    for (std::size_t first = 0; first < points.size(); first += Batch::CHUNK) {
+        std::span<MapLookupPoint const> const chunk = points.subspan(first, std::min(Batch::CHUNK, points.size() - first));
+        // The next chunk's points are read while this one is filtered.
+        std::size_t const next = first + Batch::CHUNK, nextEnd = std::min(points.size(), next + Batch::CHUNK);
+        for (std::size_t j = next; j < nextEnd; j += 64 / sizeof(MapLookupPoint))
+            Batch::prefetchLine(&points[j]);
+        filter(setup, chunk, pixels, rowBytes, mConversion, colours, inside);
+        for (std::size_t i = 0; i < chunk.size(); ++i) emit(first + i, inside[i], colours[i]);
+    }
+    return true;
+}
+
 void TextureMap::Evaluator::evalColors(IShadeContext const& context, std::span<MapLookupPoint const> points,
                                        std::span<RgbAlpha> colors, MapCache* cache) const {
     // Environment lookups go by direction, and the position mappings by
@@ -732,7 +820,16 @@ void TextureMap::Evaluator::evalColors(IShadeContext const& context, std::span<M
     if (usesEnvironment(context) || mUvMapper->getMappingMode() != UvMappingMode::UvChannel) [[unlikely]]
         return IMapEvaluator::evalColors(context, points, colors, cache);
     bool const filtered = context.wantsFilteredLookup();
-    for (std::size_t i = 0; i < points.size(); ++i) colors[i] = colorOf(findSurfaceAt(context, points[i], filtered));
+    // One guard for the batch: the lookups' own guards nest inside it at no cost.
+    MipMapManager::Detail::LookupGuard const guard;
+    auto const emit = [&](std::size_t i, bool inside, Float4 c) { colors[i] = colorOf(Found{c, inside}); };
+    if (runBatch(points, filtered, emit)) return;
+    std::size_t const n = points.size();
+    for (std::size_t i = 0; i < std::min(n, BATCH_PREFETCH_DISTANCE); ++i) prefetch(points[i], filtered);
+    for (std::size_t i = 0; i < n; ++i) {
+        if (i + BATCH_PREFETCH_DISTANCE < n) prefetch(points[i + BATCH_PREFETCH_DISTANCE], filtered);
+        colors[i] = colorOf(findSurfaceAt(context, points[i], filtered));
+    }
 }
 
 void TextureMap::Evaluator::evalMonos(IShadeContext const& context, std::span<MapLookupPoint const> points,
@@ -740,7 +837,15 @@ void TextureMap::Evaluator::evalMonos(IShadeContext const& context, std::span<Ma
     if (usesEnvironment(context) || mUvMapper->getMappingMode() != UvMappingMode::UvChannel) [[unlikely]]
         return IMapEvaluator::evalMonos(context, points, monos, cache);
     bool const filtered = context.wantsFilteredLookup();
-    for (std::size_t i = 0; i < points.size(); ++i) monos[i] = monoOf(findSurfaceAt(context, points[i], filtered));
+    MipMapManager::Detail::LookupGuard const guard;
+    auto const emit = [&](std::size_t i, bool inside, Float4 c) { monos[i] = monoOf(Found{c, inside}); };
+    if (runBatch(points, filtered, emit)) return;
+    std::size_t const n = points.size();
+    for (std::size_t i = 0; i < std::min(n, BATCH_PREFETCH_DISTANCE); ++i) prefetch(points[i], filtered);
+    for (std::size_t i = 0; i < n; ++i) {
+        if (i + BATCH_PREFETCH_DISTANCE < n) prefetch(points[i + BATCH_PREFETCH_DISTANCE], filtered);
+        monos[i] = monoOf(findSurfaceAt(context, points[i], filtered));
+    }
 }
 
 Dir TextureMap::Evaluator::evalBump(IShadeContext const& context, MapCache*) const {

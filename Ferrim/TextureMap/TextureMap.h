@@ -83,6 +83,7 @@ public:
         String name;   ///< the texture's display name (the file's path for files)
         float gamma;   ///< the gamma in effect (1 with a colour space)
         String colorSpace;  ///< the space the file was read in; empty for the gamma rule
+        int tileCount = 1;  ///< files of a UDIM set (see UdimTexture.h); the rest describes its first tile
     };
 
     /// Everything a lookup needs besides the texture and mapper, read from the
@@ -216,6 +217,13 @@ private:
     /// `findSurface` of the context with its UVW and footprint replaced by `point`.
     FERRIM_TEXTURE_INTERNAL Found findSurfaceAt(IShadeContext const& context, MapLookupPoint const& point,
                                                 bool filtered) const;
+    /// Starts the memory reads of a batch point's texels (batched lookups).
+    FERRIM_TEXTURE_INTERNAL void prefetch(MapLookupPoint const& point, bool filtered) const;
+    /// Batched lookups of resident bilinear textures, eight points at a time
+    /// (BatchSampling.h): `emit(index, inside, colour)` per point; false when
+    /// the batch takes the one-point road.
+    template <typename Emit>
+    FERRIM_TEXTURE_INTERNAL bool runBatch(std::span<MapLookupPoint const> points, bool filtered, Emit&& emit) const;
     FERRIM_TEXTURE_INTERNAL Found findWrapped(float u, float v, float du, float dv, bool filtered,
                                               TextureSampling::Addressing addressing) const;
     /// Anisotropic filtered lookups: the surface's derivatives, then crop and filter.

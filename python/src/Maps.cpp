@@ -126,6 +126,60 @@ void requireLoadedTextures(IMap const& map) {
     }
 }
 
+/// Whether the map's surface colour and value depend on nothing but the UVW
+/// and its footprint, so that points may share the rest of one shade context:
+/// texture maps reading a UV channel, not looking up by direction.
+bool readsOnlyUvw(IMap const& map, IMapEvaluator const& evaluator) {
+    auto const* texture = dynamic_cast<TextureMap const*>(&map);
+    auto const* e = dynamic_cast<TextureMap::Evaluator const*>(&evaluator);
+    return texture && e && e->getUvMapper().getMappingMode() == UvMappingMode::UvChannel &&
+           texture->get<GenericDataObject>("enviroMode").get<TextureMap::EnvironmentMode>("mode") !=
+               TextureMap::EnvironmentMode::Environment;
+}
+
+/// Points `begin` to `end` through the evaluator's batch entry, in runs of at
+/// most BATCH points that agree on filtering, each run with the shade context
+/// of its first point: equal bit for bit to one call per point.
+void evaluateBatched(IMapEvaluator const& evaluator, Evaluation what, FloatRows const& points, Footprints const& footprints,
+                     std::int64_t begin, std::int64_t end, float* target) {
+    constexpr std::size_t BATCH = 64;
+    MapLookupPoint lookups[BATCH];
+    RgbAlpha colors[BATCH];
+    MonoAlpha monos[BATCH];
+    ShadingPoint first;
+    std::size_t const channels = what == Evaluation::Color ? 4 : 2;
+    for (auto i = std::size_t(begin); i < std::size_t(end);) {
+        std::size_t n = 0;
+        bool runFiltered = false;
+        for (; n < BATCH && i + n < std::size_t(end); ++n) {
+            ShadingPoint p;
+            p.uvw = posAt(points.data, points.channels, i + n);
+            p.position = p.uvw;
+            footprints.apply(p, i + n);
+            // As PointShadeContext answers it.
+            Dir const w = p.uvwFootprint ? *p.uvwFootprint : Dir(0.f, 0.f, 0.f);
+            bool const filtered = p.footprint > 0.f || w.x > 0.f || w.y > 0.f || w.z > 0.f;
+            if (n == 0) {
+                first = p;
+                runFiltered = filtered;
+            } else if (filtered != runFiltered) {
+                break;
+            }
+            lookups[n] = {p.uvw, p.uvwFootprint ? *p.uvwFootprint : Dir(p.footprint, p.footprint, p.footprint)};
+        }
+        PointShadeContext const context(first);
+        float* o = target + i * channels;
+        if (what == Evaluation::Color) {
+            evaluator.evalColors(context, std::span<MapLookupPoint const>(lookups, n), std::span(colors, n), nullptr);
+            for (std::size_t k = 0; k < n; ++k, o += 4) o[0] = colors[k].r, o[1] = colors[k].g, o[2] = colors[k].b, o[3] = colors[k].alpha;
+        } else {
+            evaluator.evalMonos(context, std::span<MapLookupPoint const>(lookups, n), std::span(monos, n), nullptr);
+            for (std::size_t k = 0; k < n; ++k, o += 2) o[0] = monos[k].value, o[1] = monos[k].alpha;
+        }
+        i += n;
+    }
+}
+
 py::array_t<float> evaluate(IMap const& map, Evaluation what, py::handle uvw, py::handle position, py::handle normal,
                             py::handle footprint, py::handle duvwDx, py::handle duvwDy, py::handle direction) {
     FloatRows const points = requireFloatRows(uvw, "uvw", "(..., 2) or (..., 3)", {2, 3}, 0, false, true);
@@ -145,9 +199,11 @@ py::array_t<float> evaluate(IMap const& map, Evaluation what, py::handle uvw, py
     // Built once from the record; the evaluator is immutable and shared by the workers.
     SharedPtr<IMapEvaluator> const evaluator = map.getEvaluatorImpl().evaluator;
     requireLoadedTextures(map);
+    bool const batched = what != Evaluation::Bump && !positions && !normals && !directions && readsOnlyUvw(map, *evaluator);
     {
         py::gil_scoped_release release;
         parallelFor(0, std::int64_t(points.rows), 1024, [&](std::int64_t begin, std::int64_t end) {
+            if (batched) return evaluateBatched(*evaluator, what, points, footprints, begin, end, target);
             for (auto i = std::size_t(begin); i < std::size_t(end); ++i) {
                 ShadingPoint p;
                 p.uvw = posAt(points.data, points.channels, i);

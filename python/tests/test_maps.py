@@ -84,3 +84,26 @@ def test_renders_follow_the_scene_and_its_pipeline(tmp_path):
 def test_bad_scenes_are_refused_with_the_reason(scene, kwargs, error, message):
     with pytest.raises(error, match=message):
         ferrim.render(scene, **kwargs)
+
+
+@pytest.mark.parametrize("interpolation", ["Bilinear", "Bicubic"])
+@pytest.mark.parametrize("placed", [False, True])
+def test_batched_texture_lookups_equal_one_call_per_point(rng, interpolation, placed):
+    # Without positions, normals or directions a texture map's points go through
+    # its batch entry; given positions (the same points) they go one at a time.
+    m = ferrim.create("TextureMap")
+    m["imageSource"] = ferrim.texture_from_array((rng.random((37, 53, 4)) * 255).astype(np.uint8))
+    m["interpolation"] = interpolation
+    if placed:
+        m["uvMapper"] = ferrim.create("UvMapper")
+        m["uvMapper"].update({"scale": [2.0, 3.0, 1.0], "wrapU": "Mirror", "wrapV": "NoTiling"})
+    uvw = (rng.random((3000, 3), dtype=np.float32) * 1.4 - 0.2)
+    uvw[::97, 0] = np.nan
+    # Runs of filtered and unfiltered points, and footprints reaching every level.
+    footprint = np.where(rng.random(3000) < 0.3, 0, 10 ** rng.uniform(-4, 0.5, 3000)).astype(np.float32)
+    dx = rng.normal(size=(3000, 2)).astype(np.float32) * 0.01
+    dy = rng.normal(size=(3000, 2)).astype(np.float32) * 0.003
+    for kwargs in ({"footprint": footprint}, {"footprint": 0.0}, {"duvw_dx": dx, "duvw_dy": dy}):
+        for evaluate in (m.eval_color, m.eval_mono):
+            batched = evaluate(uvw, **kwargs)
+            assert np.array_equal(batched, evaluate(uvw, uvw, **kwargs), equal_nan=True)

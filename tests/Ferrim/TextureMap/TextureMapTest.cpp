@@ -223,6 +223,13 @@ TEST_F(TextureMapFixture, BatchedLookupsEqualSingleLookupsBitForBit) {
         points.push_back({Pos(x, 1.f - x, x), Dir(std::fabs(x), 0.01f, x)});
     Io::Path const bytes = write("bytes.png", randomImage(Pixel(16, 8), PixelFormat::Rgba8, 5));
     Io::Path const coords = write("coords.exr", coordinateImage(16, 8));
+    // Negative and huge texels, alphas above 1, one infinite and one NaN texel.
+    Io::Path const floats = write("floats.exr", imageOf(16, 8, PixelFormat::RgbaFloat, [](int x, int y) {
+        float const s = float((x * 7 + y * 13) % 11) - 4.f;
+        if (x == 3 && y == 2) return RgbAlpha(INFINITY, 1.f, -INFINITY, 2.f);
+        if (x == 9 && y == 5) return RgbAlpha(NAN, 0.5f, 0.5f, NAN);
+        return RgbAlpha(s * 1e3f, s * 0.37f, -s, 0.25f * float(y));
+    }));
     struct Case {
         char const* what;
         Io::Path const& path;
@@ -234,6 +241,23 @@ TEST_F(TextureMapFixture, BatchedLookupsEqualSingleLookupsBitForBit) {
     for (Case const& c : {
              Case{"8 bits, bilinear", bytes, none},
              Case{"8 bits, filtered through the levels", bytes, none, true},
+             Case{"8 bits, clamped and repeated axes, filtered", bytes,
+                  [](TextureMap& m) {
+                      mapperOf(m).set("wrapU", WrapMode::Clamp);
+                      mapperOf(m).set("wrapV", WrapMode::Repeat);
+                  },
+                  true},
+             Case{"float texels, untiled and clamped axes", floats,
+                  [](TextureMap& m) {
+                      mapperOf(m).set("wrapU", WrapMode::NoTiling);
+                      mapperOf(m).set("wrapV", WrapMode::Clamp);
+                  }},
+             Case{"float texels, repeated and untiled axes, filtered", floats,
+                  [](TextureMap& m) {
+                      mapperOf(m).set("wrapU", WrapMode::Repeat);
+                      mapperOf(m).set("wrapV", WrapMode::NoTiling);
+                  },
+                  true},
              Case{"nearest, mirrored and untiled axes", coords,
                   [](TextureMap& m) {
                       m.set("interpolation", InterpolationMode::Nearest);
