@@ -11,8 +11,9 @@
 // where s is the quarter of [1, 2) that m lies in (the top two mantissa bits)
 // and P_s a cubic in u = m - (1 + s/4 + 1/8) (within 1.3e-6 of m^e for the
 // display exponents; ColorProgram checks each table it makes).
-// Inputs below 2^-63 (zero, NaN, negative zero) give 0, and 1 gives 1
-// exactly (results are at most 1). The tables
+// Inputs below 2^-63 (zero, NaN, negative zero) give 0 (below 2^-48, or
+// 2^-11 narrow, with floored tables), and 1 gives 1 exactly (results are at
+// most 1). The tables
 // (UnitPowerTables, made by ColorProgram) lay out A, B, C and the
 // coefficients as four-float rows.
 //
