@@ -14,8 +14,8 @@
 // filmic), which get the fast ones here. The fast pow, log2 and exp2 are those
 // of the four-lane path (QuelinLib/WideMath.h); a power of values known to be
 // in [0, 1] (after the ACES transform, before a clamp to [0, 1]) comes from
-// small tables instead (UnitPower.h, within 2e-7 of the exact power and 1 for
-// 1), so the default pipeline stays within 1e-6 of single-colour mapping. A pixel whose input or result is not
+// small tables instead (UnitPower.h, within 1.5e-6 of the exact power and 1 for
+// 1), so the default pipeline stays within 2e-6 of single-colour mapping. A pixel whose input or result is not
 // finite (NaN, infinity) is mapped again by the chain itself, so such values
 // map as the chain maps them (a program that ends in a bounding step, such as
 // the default one, checks the input only).

@@ -17,7 +17,7 @@ enum class StepKind : int {
     Pow,             ///< max(c, 0)^p[0..2], the fast pow
     SignedPow,       ///< sign(c) |c|^p[0..2]
     PowFixed,        ///< Pow (p[0] == 0) or SignedPow (p[0] != 0) for one exponent, from the tables of table[0]
-    PowUnit,         ///< x^e on [0, 1] from the tables of table[0] (UnitPower.h); clamped to [0, 1] first when p[0] != 0, narrow form when p[1] != 0
+    PowUnit,         ///< x^e on [0, 1] from the tables of table[0] (UnitPower.h); clamped to [0, 1] first when p[0] != 0, mode p[1] (UNIT_POW_NARROW, UNIT_POW_FLOORED)
     AcesCurve,       ///< the ACES rational curve on each channel
     AcesTone,        ///< Affine p[0..11], AcesCurve, Affine p[12..23], Clamp p[24..25] in one pass
     AcesBlend,       ///< whole ACES output transform faded by p[0]: A in p[1..9], B in p[10..18]
@@ -47,9 +47,12 @@ constexpr int POW_TABLE_SIZE = 48 + 16 * (POW_DEGREE + 1);
 /// Tables of a PowUnit step (UnitPower.h): three exponent tables and
 /// UNIT_POW_DEGREE + 1 coefficient rows, four floats each; inputs below
 /// UNIT_POW_MIN map to 0.
-constexpr int UNIT_POW_DEGREE = 4;
+constexpr int UNIT_POW_DEGREE = 3;
 constexpr int UNIT_POW_TABLE_SIZE = 4 * (3 + UNIT_POW_DEGREE + 1);
 constexpr float UNIT_POW_MIN = 1.f / 9223372036854775808.f;  // 2^-63
+/// PowUnit modes (p[1]), bits: the narrow form; tables whose lowest row is 0.
+constexpr int UNIT_POW_NARROW = 1;
+constexpr int UNIT_POW_FLOORED = 2;
 
 /// Parameters of a Lut step: 3D table table[0] (size ints[0], four floats an
 /// entry, red fastest), optional 1D shaper table[1] (size ints[1], three floats

@@ -113,14 +113,21 @@ void powFixedStep(Step const& s, Planes const& pl) {
     }
 }
 
+template <int MODE> void powUnitLoop(UnitPower const& power, bool clamp, Planes const& pl) {
+    F const zero(0.f), one(1.f);
+    if (clamp) perChannel(pl, [&](F c, int) { return power.apply<MODE>(clampKeepNaN(c, zero, one)); });
+    else perChannel(pl, [&](F c, int) { return power.apply<MODE>(c); });
+}
+
 void powUnitStep(Step const& s, Planes const& pl) {
     UnitPower const power(s.table[0]);
-    F const zero(0.f), one(1.f);
-    bool const clamp = s.p[0] != 0.f, narrow = s.p[1] != 0.f;
-    if (clamp && narrow) perChannel(pl, [&](F c, int) { return power.narrow(clampKeepNaN(c, zero, one)); });
-    else if (clamp) perChannel(pl, [&](F c, int) { return power(clampKeepNaN(c, zero, one)); });
-    else if (narrow) perChannel(pl, [&](F c, int) { return power.narrow(c); });
-    else perChannel(pl, [&](F c, int) { return power(c); });
+    bool const clamp = s.p[0] != 0.f;
+    switch (int(s.p[1])) {
+    case 0: powUnitLoop<0>(power, clamp, pl); break;
+    case UNIT_POW_NARROW: powUnitLoop<UNIT_POW_NARROW>(power, clamp, pl); break;
+    case UNIT_POW_FLOORED: powUnitLoop<UNIT_POW_FLOORED>(power, clamp, pl); break;
+    default: powUnitLoop<UNIT_POW_NARROW | UNIT_POW_FLOORED>(power, clamp, pl); break;
+    }
 }
 
 void signedPowStep(Step const& s, Planes const& pl) {
