@@ -738,8 +738,9 @@ constexpr std::size_t BATCH_PREFETCH_DISTANCE = 8;
 }
 
 inline void TextureMap::Evaluator::prefetch(MapLookupPoint const& point, bool filtered) const {
-    // Only the common case is guessed: a channel read as it is, no crop.
-    if (!mFootprintChannel || mSettings.cropEnabled || mLevels.empty()) return;
+    // Only the common case is guessed: a channel read as it is, no crop, the
+    // texture decoded whole (a tiled one's texels are in the tile cache).
+    if (!mFootprintChannel || mSettings.cropEnabled || mLevels.empty() || mTiledFile) return;
     float u = point.uvw.x, v = point.uvw.y;
     // A NaN may survive some wrap modes; it reads nothing, so it needs nothing.
     if (!wrap(u, v) || !(u >= 0.f && u <= 1.f && v >= 0.f && v <= 1.f)) return;
@@ -767,10 +768,10 @@ template <typename Emit>
 bool TextureMap::Evaluator::runBatch(std::span<MapLookupPoint const> points, bool filtered, Emit&& emit) const {
     // The common case: a channel read as it is, no crop, bilinear, every level
     // of level 0's format and resident (an offloaded one is read back by the
-    // one-point road).
+    // one-point road), the texture decoded whole (not read by tiles).
     std::size_t const levels = mLevels.size();
     if (!mFootprintChannel || mSettings.cropEnabled || mSettings.interpolation != InterpolationMode::Bilinear ||
-        levels == 0 || levels > std::size_t(Batch::MAX_LEVELS))
+        levels == 0 || levels > std::size_t(Batch::MAX_LEVELS) || mTiledFile)
         return false;
     Batch::Setup setup;
     std::byte const* pixels[Batch::MAX_LEVELS];
