@@ -735,6 +735,9 @@ MonoAlpha TextureMap::Evaluator::evalMono(IShadeContext const& context, MapCache
 // a few places ahead are on their way from memory.
 namespace {
 constexpr std::size_t BATCH_PREFETCH_DISTANCE = 8;
+/// Below this many points (a triplanar map's three lookups) the batch's set-up
+/// and prefetching cost more than they save: the points go one by one.
+constexpr std::size_t SMALL_BATCH = 16;
 }
 
 inline void TextureMap::Evaluator::prefetch(MapLookupPoint const& point, bool filtered) const {
@@ -821,6 +824,10 @@ void TextureMap::Evaluator::evalColors(IShadeContext const& context, std::span<M
     if (usesEnvironment(context) || mUvMapper->getMappingMode() != UvMappingMode::UvChannel) [[unlikely]]
         return IMapEvaluator::evalColors(context, points, colors, cache);
     bool const filtered = context.wantsFilteredLookup();
+    if (points.size() < SMALL_BATCH) {
+        for (std::size_t i = 0; i < points.size(); ++i) colors[i] = colorOf(findSurfaceAt(context, points[i], filtered));
+        return;
+    }
     // One guard for the batch: the lookups' own guards nest inside it at no cost.
     MipMapManager::Detail::LookupGuard const guard;
     auto const emit = [&](std::size_t i, bool inside, Float4 c) { colors[i] = colorOf(Found{c, inside}); };
@@ -838,6 +845,10 @@ void TextureMap::Evaluator::evalMonos(IShadeContext const& context, std::span<Ma
     if (usesEnvironment(context) || mUvMapper->getMappingMode() != UvMappingMode::UvChannel) [[unlikely]]
         return IMapEvaluator::evalMonos(context, points, monos, cache);
     bool const filtered = context.wantsFilteredLookup();
+    if (points.size() < SMALL_BATCH) {
+        for (std::size_t i = 0; i < points.size(); ++i) monos[i] = monoOf(findSurfaceAt(context, points[i], filtered));
+        return;
+    }
     MipMapManager::Detail::LookupGuard const guard;
     auto const emit = [&](std::size_t i, bool inside, Float4 c) { monos[i] = monoOf(Found{c, inside}); };
     if (runBatch(points, filtered, emit)) return;
