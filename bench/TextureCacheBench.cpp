@@ -203,7 +203,7 @@ BENCHMARK(TextureCacheRawRead)->Unit(benchmark::kMillisecond)->UseManualTime()->
 /// the next request decodes again (pixels and mip chain). The loader is
 /// suspended so that every decode runs here; were it to take a request, its
 /// last reference could outlive this iteration and the next one would reuse it.
-void runCacheDecode(benchmark::State& state, std::filesystem::path const& path) {
+template <typename Use> void decodeEachIteration(benchmark::State& state, std::filesystem::path const& path, Use&& use) {
     auto const source = FileDataSource::make(path);
     ImageTextureCache::suspend();
     struct Resume {
@@ -213,8 +213,12 @@ void runCacheDecode(benchmark::State& state, std::filesystem::path const& path) 
         SharedPtr<ImageTexture> texture = ImageTextureCache::getOrCreate(source);
         if (!texture->hasPixels())
             state.SkipWithError(texture->getError().c_str());
-        benchmark::DoNotOptimize(texture.get());
+        use(*texture);
     }
+}
+
+void runCacheDecode(benchmark::State& state, std::filesystem::path const& path) {
+    decodeEachIteration(state, path, [](ImageTexture const& texture) { benchmark::DoNotOptimize(&texture); });
 }
 
 void runOiioDecode(benchmark::State& state, std::filesystem::path const& path) {
@@ -249,17 +253,7 @@ HeldBytes& heldBytes() {
 /// Loads the file through the cache (decode and mip chain) and keeps the
 /// bytes its texture holds.
 void runHeldBytes(benchmark::State& state, FileChannelType type, std::int64_t& held) {
-    auto const source = FileDataSource::make(exrFile(type));
-    ImageTextureCache::suspend();
-    struct Resume {
-        ~Resume() { ImageTextureCache::resume(); }
-    } const resume;
-    for (auto _ : state) {
-        SharedPtr<ImageTexture> texture = ImageTextureCache::getOrCreate(source);
-        if (!texture->hasPixels())
-            state.SkipWithError(texture->getError().c_str());
-        held = texture->getMemoryUsage();
-    }
+    decodeEachIteration(state, exrFile(type), [&](ImageTexture const& texture) { held = texture.getMemoryUsage(); });
     state.counters["held_MiB"] = double(held) / double(1 << 20);
 }
 void TextureCacheHalfExrHeld(benchmark::State& state) { runHeldBytes(state, FileChannelType::Half, heldBytes().half); }

@@ -817,47 +817,39 @@ bool TextureMap::Evaluator::runBatch(std::span<MapLookupPoint const> points, boo
     return true;
 }
 
+template <typename Put>
+void TextureMap::Evaluator::evalSurfaceBatch(IShadeContext const& context, std::span<MapLookupPoint const> points,
+                                             Put&& put) const {
+    bool const filtered = context.wantsFilteredLookup();
+    std::size_t const n = points.size();
+    if (n < SMALL_BATCH) {
+        for (std::size_t i = 0; i < n; ++i) put(i, findSurfaceAt(context, points[i], filtered));
+        return;
+    }
+    // One guard for the batch: the lookups' own guards nest inside it at no cost.
+    MipMapManager::Detail::LookupGuard const guard;
+    if (runBatch(points, filtered, [&](std::size_t i, bool inside, Float4 c) { put(i, Found{c, inside}); })) return;
+    for (std::size_t i = 0; i < std::min(n, BATCH_PREFETCH_DISTANCE); ++i) prefetch(points[i], filtered);
+    for (std::size_t i = 0; i < n; ++i) {
+        if (i + BATCH_PREFETCH_DISTANCE < n) prefetch(points[i + BATCH_PREFETCH_DISTANCE], filtered);
+        put(i, findSurfaceAt(context, points[i], filtered));
+    }
+}
+
 void TextureMap::Evaluator::evalColors(IShadeContext const& context, std::span<MapLookupPoint const> points,
                                        std::span<RgbAlpha> colors, MapCache* cache) const {
     // Environment lookups go by direction, and the position mappings by
     // position: neither reads the UVW, so they take the general road.
     if (usesEnvironment(context) || mUvMapper->getMappingMode() != UvMappingMode::UvChannel) [[unlikely]]
         return IMapEvaluator::evalColors(context, points, colors, cache);
-    bool const filtered = context.wantsFilteredLookup();
-    if (points.size() < SMALL_BATCH) {
-        for (std::size_t i = 0; i < points.size(); ++i) colors[i] = colorOf(findSurfaceAt(context, points[i], filtered));
-        return;
-    }
-    // One guard for the batch: the lookups' own guards nest inside it at no cost.
-    MipMapManager::Detail::LookupGuard const guard;
-    auto const emit = [&](std::size_t i, bool inside, Float4 c) { colors[i] = colorOf(Found{c, inside}); };
-    if (runBatch(points, filtered, emit)) return;
-    std::size_t const n = points.size();
-    for (std::size_t i = 0; i < std::min(n, BATCH_PREFETCH_DISTANCE); ++i) prefetch(points[i], filtered);
-    for (std::size_t i = 0; i < n; ++i) {
-        if (i + BATCH_PREFETCH_DISTANCE < n) prefetch(points[i + BATCH_PREFETCH_DISTANCE], filtered);
-        colors[i] = colorOf(findSurfaceAt(context, points[i], filtered));
-    }
+    evalSurfaceBatch(context, points, [&](std::size_t i, Found const& found) { colors[i] = colorOf(found); });
 }
 
 void TextureMap::Evaluator::evalMonos(IShadeContext const& context, std::span<MapLookupPoint const> points,
                                       std::span<MonoAlpha> monos, MapCache* cache) const {
     if (usesEnvironment(context) || mUvMapper->getMappingMode() != UvMappingMode::UvChannel) [[unlikely]]
         return IMapEvaluator::evalMonos(context, points, monos, cache);
-    bool const filtered = context.wantsFilteredLookup();
-    if (points.size() < SMALL_BATCH) {
-        for (std::size_t i = 0; i < points.size(); ++i) monos[i] = monoOf(findSurfaceAt(context, points[i], filtered));
-        return;
-    }
-    MipMapManager::Detail::LookupGuard const guard;
-    auto const emit = [&](std::size_t i, bool inside, Float4 c) { monos[i] = monoOf(Found{c, inside}); };
-    if (runBatch(points, filtered, emit)) return;
-    std::size_t const n = points.size();
-    for (std::size_t i = 0; i < std::min(n, BATCH_PREFETCH_DISTANCE); ++i) prefetch(points[i], filtered);
-    for (std::size_t i = 0; i < n; ++i) {
-        if (i + BATCH_PREFETCH_DISTANCE < n) prefetch(points[i + BATCH_PREFETCH_DISTANCE], filtered);
-        monos[i] = monoOf(findSurfaceAt(context, points[i], filtered));
-    }
+    evalSurfaceBatch(context, points, [&](std::size_t i, Found const& found) { monos[i] = monoOf(found); });
 }
 
 Dir TextureMap::Evaluator::evalBump(IShadeContext const& context, MapCache*) const {

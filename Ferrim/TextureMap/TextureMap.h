@@ -224,6 +224,10 @@ private:
     /// the batch takes the one-point road.
     template <typename Emit>
     FERRIM_TEXTURE_INTERNAL bool runBatch(std::span<MapLookupPoint const> points, bool filtered, Emit&& emit) const;
+    /// The surface lookups of `evalColors` and `evalMonos`: `put(i, found)` stores point i's result.
+    template <typename Put>
+    FERRIM_TEXTURE_INTERNAL void evalSurfaceBatch(IShadeContext const& context, std::span<MapLookupPoint const> points,
+                                                  Put&& put) const;
     FERRIM_TEXTURE_INTERNAL Found findWrapped(float u, float v, float du, float dv, bool filtered,
                                               TextureSampling::Addressing addressing) const;
     /// Anisotropic filtered lookups: the surface's derivatives, then crop and filter.
