@@ -7,10 +7,8 @@
 #include <thread>
 
 #include "Ferrim/TextureMap/ImageTextureCache.h"
-#include "Ferrim/TextureMap/MipGeneration.h"
 #include "Ferrim/TextureMap/MipMapManager.h"
 #include "QuelinLib/Json.h"
-#include "QuelinLibImage/ImageLevelsWrite.h"
 #include "TextureMapTestSupport.h"
 
 namespace Quelin {
@@ -351,13 +349,8 @@ protected:
     /// The map over the tiled file, and one over the same bytes in memory, which is decoded whole.
     std::pair<SharedPtr<TextureMap>, SharedPtr<TextureMap>> tiledAndWhole(String const& name, Image const& level0,
                                                                           FileChannelType type) {
-        Stack<Image> levels;
-        levels.push_back(level0.clone());
-        for (Image& level : MipGeneration::buildMipChain(level0)) levels.push_back(std::move(level));
         Io::Path const path = mFolder / name;
-        ImageWriteOptions options;
-        options.channelType = type;
-        EXPECT_TRUE(writeImageLevels(levels, path, options, 16));
+        writeTiledChain(level0, path, type);
         std::ifstream in(path, std::ios::binary);
         String bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
         auto whole = makeSharedPtr<TextureMap>();

@@ -6,7 +6,9 @@
 
 #include "Ferrim/Ferrim.h"
 #include "Ferrim/FerrimTestSupport.h"
+#include "Ferrim/TextureMap/MipGeneration.h"
 #include "Ferrim/TextureMap/TextureMap.h"
+#include "QuelinLibImage/ImageLevelsWrite.h"
 #include "QuelinLib/DataSource.h"
 #include "TestSupport/TempFolderTest.h"
 
@@ -82,5 +84,16 @@ protected:
     }
     static SharedPtr<IMapEvaluator> evaluatorOf(TextureMap const& map) { return map.getEvaluatorImpl().evaluator; }
 };
+
+/// Writes `level0` with its mip chain as a tiled file of 16-pixel tiles.
+inline void writeTiledChain(Image const& level0, Io::Path const& path, FileChannelType type) {
+    Stack<Image> levels;
+    levels.push_back(level0.clone());
+    for (Image& level : MipGeneration::buildMipChain(level0)) levels.push_back(std::move(level));
+    ImageWriteOptions options;
+    options.channelType = type;
+    auto const written = writeImageLevels(levels, path, options, 16);
+    EXPECT_TRUE(written) << (written ? String() : written.error());
+}
 
 } // namespace Quelin::TextureMapTest

@@ -5,10 +5,8 @@
 #include <fstream>
 #include <thread>
 
-#include "Ferrim/TextureMap/MipGeneration.h"
 #include "Ferrim/TextureMap/TileCache.h"
 #include "QuelinLibImage/ImageDecode.h"
-#include "QuelinLibImage/ImageLevelsWrite.h"
 #include "TextureMapTestSupport.h"
 
 using namespace Quelin;
@@ -50,14 +48,8 @@ protected:
                                                        float(x ^ y) / 64.f, float(y) / 70.f);
                                    })
                                  : randomImage({100, 70}, format, 7);
-        Stack<Image> levels;
-        levels.push_back(level0.clone());
-        for (Image& level : MipGeneration::buildMipChain(level0)) levels.push_back(std::move(level));
         Io::Path const path = mFolder / name;
-        ImageWriteOptions options;
-        options.channelType = type;
-        auto written = writeImageLevels(levels, path, options, 16);
-        EXPECT_TRUE(written) << (written ? String() : written.error());
+        writeTiledChain(level0, path, type);
         auto stream = Io::FileInputStream::open(path);
         EXPECT_TRUE(stream);
         TaskProgress progress;
