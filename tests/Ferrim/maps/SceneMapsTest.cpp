@@ -448,26 +448,6 @@ TEST(SceneMaps, NotANumberSettingsFallBackToTheDefaults) {
 // ---------------------------------------------------------------------------
 // Records
 
-TEST(SceneMaps, ObjectIdListsParseOrNameTheBadEntry) {
-    struct Case {
-        char const* text;
-        Stack<int> ids;
-        char const* error;
-    };
-    for (Case const& k : {Case{"", {}, nullptr}, Case{"3", {3}, nullptr}, Case{" 7, 3;3\t-2 ", {-2, 3, 7}, nullptr},
-                          Case{"3, x", {}, "\"x\""}, Case{"1.5", {}, "\"1.5\""},
-                          Case{"99999999999", {}, "\"99999999999\""}}) {
-        auto const parsed = SceneMapsDetail::parseObjectIds(k.text);
-        if (k.error) {
-            ASSERT_FALSE(parsed) << k.text;
-            EXPECT_NE(parsed.error().find(k.error), std::string::npos) << parsed.error();
-        } else {
-            ASSERT_TRUE(parsed) << k.text;
-            EXPECT_EQ(*parsed, k.ids);
-        }
-    }
-}
-
 class SceneMapRecords : public Quelin::Testing::LibraryFixture {};
 
 } // namespace
