@@ -8,7 +8,6 @@
 
 #include "Ferrim/TextureMap/ImageTextureCache.h"
 #include "Ferrim/TextureMap/MipMapManager.h"
-#include "QuelinLib/Json.h"
 #include "TextureMapTestSupport.h"
 
 namespace Quelin {
@@ -146,16 +145,6 @@ TEST_F(TextureMapFixture, EveryOutputChoice) {
     }
 }
 
-TEST_F(TextureMapFixture, NewMapHasNoMapperAndEvaluatesThroughADefaultOne) {
-    auto map = makeMap(write("coords.exr", coordinateImage(16, 16)));
-    EXPECT_FALSE(map->get<EntityHolder<UvMapper>>("uvMapper"));
-    SettableShadeContext const ctx(0.3f, 0.6f);
-    RgbAlpha const withNone = evaluatorOf(*map)->evalColor(ctx, nullptr);
-    EXPECT_NE(withNone, RgbAlpha(0, 0, 0, 0));
-    mapperOf(*map);
-    EXPECT_EQ(evaluatorOf(*map)->evalColor(ctx, nullptr), withNone);
-}
-
 TEST_F(TextureMapFixture, FailedTextureReportsItsErrorAndIsOutside) {
     Io::Path const missing = mFolder / "missing.png";
     auto map = makeMap(missing);
@@ -166,24 +155,6 @@ TEST_F(TextureMapFixture, FailedTextureReportsItsErrorAndIsOutside) {
     EXPECT_EQ(e->evalColor(SettableShadeContext(), nullptr), RgbAlpha(0, 0, 0, 0));
     EXPECT_EQ(e->evalMono(SettableShadeContext(), nullptr), MonoAlpha(0, 1));
     EXPECT_EQ(e->evalBump(SettableShadeContext(), nullptr), Dir());
-}
-
-TEST_F(TextureMapFixture, RecordLoadsFromJsonWithItsLabels) {
-    nlohmann::json const j = {
-        {String(JSON_CLASS_KEY), "Zatho.TextureMap"},
-        {"imageSource", {{String(JSON_CLASS_KEY), "Zatho.FileDataSource"}, {"path", "/nowhere.png"}}},
-        {"interpolation", "Nearest"}, {"monoOutput", "Alpha"}, {"rgbOutput", "Alpha"}, {"alphaSource", "RgbIntensity"},
-        {"transformation_mode", "Placement"}, {"enviroMode", {{"mapping", "MirrorBall"}, {"mode", "Environment"}}}};
-    auto loaded = entityFromJsonAs<TextureMap>(j);
-    ASSERT_TRUE(loaded.has_value()) << loaded.error();
-    TextureMap::Settings const s = TextureMap::Settings::fromData((*loaded)->getData());
-    EXPECT_EQ(std::tuple(s.interpolation, s.environmentMapping, s.cropMode, s.monoOutput, s.rgbOutput, s.alphaSource),
-              std::tuple(InterpolationMode::Nearest, EnvironmentMapping::MirrorBall, TextureMap::TransformationMode::Placement,
-                         TextureMap::MonoOutput::Alpha, TextureMap::RgbOutput::Alpha, TextureMap::AlphaSource::RgbIntensity));
-    // Negative gamma is refused, negative blur clamped.
-    EXPECT_FALSE((*loaded)->setValue("gamma", -1.f).has_value());
-    setEnviro(**loaded, "blur", -3.f);
-    EXPECT_EQ((*loaded)->get<GenericDataObject>("enviroMode").get<float>("blur"), 0.f);
 }
 
 TEST_F(TextureMapFixture, BumpOfARampAgainstFiniteDifferences) {
@@ -430,50 +401,6 @@ TEST_F(TiledTextureMapTest, AColourSpaceBeyondTheStoredTexelsDecodesWhole) {
     // Linear already: the tiles are read as stored.
     EXPECT_NE(l.getTiledFile(), nullptr);
     EXPECT_EQ(l.getColorSpace(), "Linear Rec.709 (sRGB)");
-}
-
-TEST_F(TextureMapFixture, AnisotropicFilteringOfAGrazingCheckerboardBeatsTrilinear) {
-    // 512 x 512 texels in checks of 4, seen from one unit above the plane
-    // through a camera 80 degrees from its normal, 0.004 radians a pixel.
-    constexpr int TEXELS = 512, CHECK = 4, SIZE = 40;
-    auto map = makeMap(write("checker.exr", imageOf(TEXELS, TEXELS, PixelFormat::MonoFloat, [](int x, int y) {
-                                 return RgbAlpha(Rgb(float(((x / CHECK) + (y / CHECK)) & 1)), 1.f);
-                             })));
-    mapperOf(*map).set("wrapU", WrapMode::Repeat);
-    mapperOf(*map).set("wrapV", WrapMode::Repeat);
-    float const fy = std::sin(80.f * float(M_PI) / 180.f), fz = -std::cos(80.f * float(M_PI) / 180.f);
-    auto const uvAt = [&](float x, float y) {
-        float const ax = (x - 0.5f * SIZE) * 0.004f, ay = (0.5f * SIZE - y) * 0.004f;
-        float const t = -1.f / (fz + ay * fy);
-        return Pos(0.25f + ax * t * 0.2f, 0.1f + (fy - ay * fz) * t * 0.2f, 0.f);
-    };
-    auto const checker = [&](Pos p) {
-        return float((long(std::floor(p.x * TEXELS / CHECK)) + long(std::floor((1.f - p.y) * TEXELS / CHECK))) & 1);
-    };
-    double error[2] = {0, 0};
-    for (int mode = 0; mode < 2; ++mode) {
-        map->set("interpolation", mode == 0 ? InterpolationMode::Bilinear : InterpolationMode::Anisotropic);
-        auto const e = evaluatorOf(*map);
-        for (int py = 0; py < SIZE; ++py)
-            for (int px = 0; px < SIZE; ++px) {
-                double reference = 0;
-                for (int j = 0; j < 16; ++j)
-                    for (int i = 0; i < 16; ++i) reference += checker(uvAt(float(px) + (float(i) + 0.5f) / 16.f, float(py) + (float(j) + 0.5f) / 16.f));
-                reference /= 256.0;
-                SlantedContext c;
-                c.filtered = true;
-                c.uvw = uvAt(float(px) + 0.5f, float(py) + 0.5f);
-                Pos const x1 = uvAt(float(px) + 1.5f, float(py) + 0.5f), y1 = uvAt(float(px) + 0.5f, float(py) + 1.5f);
-                c.d = {Dir(x1.x - c.uvw.x, x1.y - c.uvw.y, 0.f), Dir(y1.x - c.uvw.x, y1.y - c.uvw.y, 0.f)};
-                // The box around the two steps: what the isotropic filter sees.
-                c.dUvw = Dir(std::abs(c.d.dx.x) + std::abs(c.d.dy.x), std::abs(c.d.dx.y) + std::abs(c.d.dy.y), 0.f);
-                double const x = e->evalColor(c, nullptr).g - reference;
-                error[mode] += x * x;
-            }
-    }
-    RecordProperty("trilinear", std::to_string(error[0]));
-    RecordProperty("anisotropic", std::to_string(error[1]));
-    EXPECT_LT(error[1], 0.15 * error[0]);  // about 0.06 when written
 }
 
 } // namespace
