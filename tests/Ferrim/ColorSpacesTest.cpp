@@ -59,19 +59,6 @@ void expectErrorNaming(T const& result, std::initializer_list<String> needles) {
 
 } // namespace
 
-TEST(ColorSpaces, BuiltinConfigNamesTheSpacesDisplaysAndViews) {
-    ScopedOcio ocio(nullptr);
-    auto names = ColorSpaces::colorSpaceNames();
-    ASSERT_TRUE(names) << names.error();
-    for (char const* name : {"Linear Rec.709 (sRGB)", "sRGB - Texture", "Gamma 2.2 Rec.709 - Texture", "ACEScg",
-                             "ACES2065-1", "Raw"})
-        EXPECT_NE(std::find(names->begin(), names->end(), String(name)), names->end()) << name;
-    EXPECT_EQ(ColorSpaces::sceneLinearSpace().value_or(""), "Linear Rec.709 (sRGB)");
-    for (char const* display : {"sRGB - Display", "Gamma 2.2 Rec.709 - Display"})
-        for (char const* view : {"Standard", "Raw"})
-            EXPECT_TRUE(ColorSpaces::displayViewSpace(display, view)) << display << " / " << view;
-}
-
 TEST(ColorSpaces, ConversionsMatchOpenColorIOsOwnProcessor) {
     ScopedOcio ocio(nullptr);
     auto const reference = referenceConfig();
@@ -98,20 +85,6 @@ TEST(ColorSpaces, ConversionsMatchOpenColorIOsOwnProcessor) {
         expectSameAsReference(*ours, reference->getProcessor(group)->getDefaultCPUProcessor(),
                               String(c.display) + " " + c.looks);
     }
-}
-
-TEST(ColorSpaces, KnownCurvesAndSpaces) {
-    ScopedOcio ocio(nullptr);
-    auto srgb = ColorSpaces::makeConversion("sRGB - Texture", "Linear Rec.709 (sRGB)");
-    ASSERT_TRUE(srgb);
-    EXPECT_TRUE(srgb->isPerChannel());
-    EXPECT_FALSE(srgb->isNoOp());  // its values: ConversionsMatchOpenColorIOsOwnProcessor
-    auto acescg = ColorSpaces::makeConversion("ACEScg", "Linear Rec.709 (sRGB)");
-    ASSERT_TRUE(acescg);
-    EXPECT_FALSE(acescg->isPerChannel());
-    // Same white: equal channels stay equal.
-    for (int ch = 0; ch < 3; ++ch) EXPECT_NEAR(acescg->apply(Rgb(1.f))[ch], 1.f, 1e-4f);
-    EXPECT_TRUE(ColorSpaces::makeConversion("Raw", "Linear Rec.709 (sRGB)")->isNoOp());
 }
 
 TEST(ColorSpaces, AutoPicksTheFileTagThenTheChannelType) {
