@@ -86,18 +86,6 @@ TEST_F(TextureColorSpace, DecodedTexelsMatchOpenColorIO) {
     expectDecodedLikeOcio(write("mono.png", mono), mono, "auto", "sRGB - Texture");
 }
 
-TEST_F(TextureColorSpace, EmptyKeepsTheGammaRuleAndAutoReadsEightBitFilesAsSrgb) {
-    Image const bytes = randomImage(Pixel(8, 8), PixelFormat::Rgb8, 5);
-    Io::Path const png = write("noise.png", bytes);
-    TextureMap::Evaluator const plain = evaluator(png, "");
-    TextureMap::Evaluator const automatic = evaluator(png, "auto");
-    EXPECT_EQ(plain.getGamma(), 2.2f);
-    EXPECT_EQ(automatic.getTexture().getColorSpace(), "sRGB - Texture");  // its texels: DecodedTexelsMatchOpenColorIO
-    // Distinct textures: neither sees the other's texels.
-    EXPECT_NE(&plain.getTexture(), &automatic.getTexture());
-    for (int x = 0; x < 8; ++x) EXPECT_FLOAT_EQ(texel(plain, x, 3).r, float(std::pow(double(bytes.getRgbAlpha(x, 3).r), 2.2)));
-}
-
 TEST_F(TextureColorSpace, MipLevelsAreAveragedInLinearLight) {
     // Black and white columns: in linear light their mean is 0.5, which the
     // sRGB curve stores as code 188; averaging codes would give 128.
