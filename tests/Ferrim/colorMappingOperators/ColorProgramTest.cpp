@@ -253,16 +253,7 @@ TEST_P(ColorProgramIsa, RandomChainsMatchTheChain) {
 INSTANTIATE_TEST_SUITE_P(Widths, ColorProgramIsa, ::testing::ValuesIn(ALL_ISAS),
                          [](auto const& info) { return isaName(info.param); });
 
-// ---------------------------------------------------------------- the program's shape
-
-TEST(ColorProgramShape, DefaultMappingIsOneAcesPassAndThePowerAndCompilesAgainWhenPrepared) {
-    ColorMapping mapping;
-    EXPECT_EQ(mapping.getProgram().describe(), (Stack<String>{"aces", "pow"}));
-    ColorMappingContext context;
-    context.applyOperators = false;
-    mapping.setContext(context);
-    EXPECT_TRUE(mapping.getProgram().isIdentity());
-}
+// ---------------------------------------------------------------- frames
 
 TEST(ColorProgramShape, FramesRunTheProgramWithUnfoldedNonFinitePixels) {
     // A frame with a NaN and an infinity next to ordinary pixels, through
