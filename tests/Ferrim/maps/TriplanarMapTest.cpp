@@ -204,18 +204,6 @@ TEST(TriplanarBump, FlatTextureHasNoBumpAndSlopesFollowEachProjectionsFrame) {
     EXPECT_NEAR(bx.z, 0.f, 1e-4f);
 }
 
-TEST(UnitScaler, ConvertsBetweenUnitsExactlyEnough) {
-    using U = UnitScaler::Unit;
-    struct Case {
-        U from, to;
-        float factor;
-    };
-    for (Case const c : {Case{U::METER, U::METER, 1.f}, Case{U::MILLIMETER, U::METER, 0.001f}, Case{U::METER, U::CENTIMETER, 100.f},
-                         Case{U::INCH, U::CENTIMETER, 2.54f}, Case{U::FOOT, U::INCH, 12.f}, Case{U::FOOT, U::METER, 0.3048f},
-                         Case{U::CENTIMETER, U::INCH, 1.f / 2.54f}})
-        EXPECT_FLOAT_EQ(UnitScaler(c.from, c.to).factor(), c.factor) << int(c.from) << " " << int(c.to);
-}
-
 class UnitScalerMapTest : public LibraryFixture {
 protected:
     void TearDown() override {
