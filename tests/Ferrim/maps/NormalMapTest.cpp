@@ -97,27 +97,6 @@ TEST_F(MappingRandomizerTest, EachIdGetsItsOwnStableChangeWithinTheRanges) {
     EXPECT_GT(distinct, 190);
 }
 
-TEST_F(MappingRandomizerTest, TheInputSeesChangedCoordinatesAndFootprints) {
-    MappingRandomizerMap map;
-    auto const checker = makeSharedPtr<CheckerMap>();
-    map.set("map", EntityHolder<Entity>(checker));
-    EXPECT_EQ(dynamic_cast<MappingRandomizerEvaluator const*>(map.getEvaluator().evaluator.get()), nullptr);  // no change
-    for (auto const& [name, v] : {std::pair{"offsetU", 0.5f}, {"rotation", 90.f}}) map.set(name, v);
-    map.set("flipU", true);
-    auto const e = map.getEvaluator().evaluator;
-    ASSERT_NE(dynamic_cast<MappingRandomizerEvaluator const*>(e.get()), nullptr);
-    int changed = 0;
-    for (int id = 0; id < 40; ++id) {
-        IdPoint p;
-        p.objectId = id;
-        p.uvw = Pos(0.1f, 0.2f, 0.f);
-        changed += e->evalColor(p, nullptr) != checker->getEvaluator().evaluator->evalColor(p, nullptr);
-    }
-    EXPECT_GT(changed, 5);
-    map.set("map", EntityHolder<Entity>());
-    EXPECT_TRUE(map.getEvaluator().hasConstant);
-}
-
 TEST_F(MappingRandomizerTest, PerTileChangesDifferBetweenTilesAndTheBumpFrameFollows) {
     MappingRandomizerEvaluator::Settings s;
     s.perTile = true, s.rotation = PI;
