@@ -4,9 +4,7 @@
 
 #include "Ferrim/colorMappingOperators/Lut.h"
 
-#if FERRIM_HAVE_OCIO
 #include <OpenColorIO/OpenColorIO.h>
-#endif
 
 using namespace Quelin;
 
@@ -23,7 +21,6 @@ Stack<Rgb> probeColors() {
     return colors;
 }
 
-#if FERRIM_HAVE_OCIO
 namespace OCIO = OCIO_NAMESPACE;
 /// The independent reference: a raw-config file transform.
 Stack<Rgb> applyOcio(String const& path, LutInterpolation interpolation, Stack<Rgb> const& colors) {
@@ -41,7 +38,6 @@ Stack<Rgb> applyOcio(String const& path, LutInterpolation interpolation, Stack<R
     }
     return out;
 }
-#endif
 
 void expectNear(Rgb const& a, Rgb const& b, float tolerance, Rgb const& input) {
     for (int ch = 0; ch < 3; ++ch)
@@ -49,41 +45,6 @@ void expectNear(Rgb const& a, Rgb const& b, float tolerance, Rgb const& input) {
 }
 
 } // namespace
-
-TEST(LutReaders, Cube1DWithPerChannelDomain) {
-    auto lut = readCubeLut(testFile("iridas_1d.cube"));
-    ASSERT_TRUE(lut && lut->lut1d && !lut->lut3d);
-    EXPECT_EQ(lut->lut1d->size, 5);
-    EXPECT_EQ(lut->lut1d->domainMin, Rgb(-2.f, 1.f, 0.f));
-    EXPECT_EQ(lut->lut1d->domainMax, Rgb(2.f, 2.f, 1.f));
-    // Red over [-2, 2]: 0.5 lies half-way between entries 2 (0.4) and 3 (0.8);
-    // green below its domain [1, 2] takes the first entry.
-    Rgb const y = lut->apply(Rgb(0.5f), LutInterpolation::Trilinear);
-    EXPECT_NEAR(y.r, 0.6f, 1e-6f);
-    EXPECT_FLOAT_EQ(y.g, -2.f);
-}
-
-TEST(LutReaders, Cube3DTitleAndDomain) {
-    auto lut = readCubeLut(testFile("iridas_3d.cube"));
-    ASSERT_TRUE(lut && lut->lut3d);
-    EXPECT_EQ(lut->title, "A test 3D-LUT.");
-    EXPECT_EQ(lut->lut3d->size, 2);
-    EXPECT_EQ(lut->lut3d->domainMin, Rgb(0.f, 1.f, 0.f));
-    // Red fastest: the second entry of the file is (r=1, g=0, b=0).
-    EXPECT_EQ(lut->lut3d->entry(1, 0, 0), Rgb(2.f, 0.f, 0.f));
-    EXPECT_EQ(lut->lut3d->entry(0, 0, 1), Rgb(0.f, 0.f, 2.f));
-}
-
-TEST(LutReaders, Discreet3dlInfersDepthsAndOrder) {
-    auto lut = read3dlLut(testFile("discreet-3d-lut.3dl"));
-    ASSERT_TRUE(lut && lut->lut3d);
-    EXPECT_EQ(lut->lut3d->size, 17);
-    // Largest value 4095: 12-bit output. First line is black, second (blue fastest) is b = 1.
-    EXPECT_NEAR(lut->lut3d->entry(0, 0, 0).r, 17.f / 4095.f, 1e-7f);
-    EXPECT_NEAR(lut->lut3d->entry(0, 0, 1).b, 68.f / 4095.f, 1e-7f);
-    // The "0 64 ... 960 1023" mesh is the even lattice, so no shaper.
-    EXPECT_FALSE(lut->lut1d);
-}
 
 TEST(LutReaders, UnreadableFilesNameFileAndProblem) {
     String const path = testFile("error_truncated_file.3dl");
@@ -95,7 +56,6 @@ TEST(LutReaders, UnreadableFilesNameFileAndProblem) {
     EXPECT_NE(unknown.error().find(testFile("LICENSE")), String::npos) << unknown.error();
 }
 
-#if FERRIM_HAVE_OCIO
 struct OcioCase {
     char const* file;  ///< nullptr: the default LUT as written
     LutInterpolation interpolation;
@@ -118,7 +78,6 @@ INSTANTIATE_TEST_SUITE_P(SharedFiles, LutMatchesOcio,
                                            OcioCase{"discreet-3d-lut.3dl", LutInterpolation::Tetrahedral},
                                            OcioCase{nullptr, LutInterpolation::Trilinear},
                                            OcioCase{nullptr, LutInterpolation::Tetrahedral}));
-#endif
 
 TEST(LutDefault, FileRoundTripsAndLookIsGentle) {
     auto lut = readCubeLut(getDefaultLut());
