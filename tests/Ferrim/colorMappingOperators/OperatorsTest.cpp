@@ -153,6 +153,197 @@ TEST(OperatorChain, MapsFirstToLastAndUnmapsLastToFirst) {
     EXPECT_EQ(identity->map(Rgb(1.f), {}), Rgb(2.f));
 }
 
+// ---------------------------------------------------------------- what single operators do beyond the shared round trips
+
+template <typename T> SharedPtr<T> prepared(Function<void(T&)> const& setUp, ColorMappingContext const& c = {}) {
+    auto op = makeSharedPtr<T>();
+    setUp(*op);
+    op->prepareForApplication(c);
+    return op;
+}
+SharedPtr<FilmicOperator> filmic(float highlights, float shadows) {
+    return prepared<FilmicOperator>([&](FilmicOperator& o) { o.set("highlightCompression", highlights), o.set("richShadows", shadows); });
+}
+SharedPtr<AcesOtOperator> aces(float opacity) {
+    return prepared<AcesOtOperator>([&](AcesOtOperator& o) { o.set("opacity", opacity); });
+}
+
+TEST(FilmicOperator, FullStrengthIsTheCurveZeroIsNothingAndUnmapClampsItsInput) {
+    auto const full = filmic(1.f, 1.f);
+    for (float x : {1e-4f, 0.01f, 0.18f, 0.7f, 1.f, 3.f, 20.f}) {
+        float const shown = FilmicOperator::curve(Float4(x))[0];
+        EXPECT_FLOAT_EQ(full->map(Rgb(x), {}).r, shown);
+        float const back = full->unmap(Rgb(shown), NO_EXCLUDE).r;
+        EXPECT_NEAR(full->map(Rgb(back), {}).r, shown, 1e-6f * back + 1e-7f) << x;
+    }
+    auto const zero = filmic(0.f, 0.f);
+    Rgb const c(0.3f, 2.f, 0.01f);
+    EXPECT_EQ(zero->map(c, {}), c);
+    EXPECT_EQ(zero->unmap(c, NO_EXCLUDE), c);
+    // Display values above the cap are the cap; a channel at or below 0 comes from 0, the others are still undone.
+    auto const op = filmic(1.f, 0.3f);
+    EXPECT_EQ(op->unmap(Rgb(1.5f, 0.5f, 0.2f), NO_EXCLUDE), op->unmap(Rgb(1.f, 0.5f, 0.2f), NO_EXCLUDE));
+    for (Rgb const& d : {Rgb(0.f, 0.5f, 0.5f), Rgb(0.2f, -0.1f, 0.5f)}) {
+        Rgb const back = op->unmap(d, NO_EXCLUDE), again = op->map(back, {});
+        for (int ch = 0; ch < 3; ++ch) {
+            if (d[ch] <= 0.f) EXPECT_EQ(back[ch], 0.f);
+            else EXPECT_NEAR(again[ch], d[ch], 1e-6f);
+        }
+    }
+}
+
+TEST(FilmicOperator, SmallChangesKeepThePreparedState) {
+    auto op = filmic(0.9f, 0.5f);
+    Rgb const before = op->map(Rgb(0.25f), {});
+    op->set("richShadows", 0.50005f);
+    op->prepareForApplication({});
+    EXPECT_EQ(op->map(Rgb(0.25f), {}), before);
+    op->set("richShadows", 0.6f);
+    op->prepareForApplication({});
+    EXPECT_NE(op->map(Rgb(0.25f), {}), before);
+}
+
+TEST(AcesOtOperator, FullOpacityIsTheCurveAndUnmapsDisplayGreysUpToThePole) {
+    auto const op = aces(1.f);
+    for (float v : {0.01f, 0.18f, 1.f, 5.f}) expectNear(op->map(Rgb(v), {}), Rgb(AcesOtOperator::curve(v)), 1e-5f);
+    for (float v : {0.01f, 0.18f, 0.5f, 0.99f}) EXPECT_NEAR(op->map(op->unmap(Rgb(v), NO_EXCLUDE), {}).g, v, 3e-4f);
+    // A display value of exactly 1 is well defined (the pole is at 1.0165402).
+    Rgb const white = op->unmap(Rgb(1.f), NO_EXCLUDE);
+    EXPECT_TRUE(std::isfinite(white.r) && white.r > 10.f);
+    EXPECT_EQ(op->unmap(Rgb(1.f), NO_EXCLUDE), op->unmap(Rgb(3.f), NO_EXCLUDE));  // clamped first
+}
+
+TEST(AcesOtOperator, OpacityBlendsThroughTheUnmappingTable) {
+    auto const none = aces(0.f);
+    EXPECT_EQ(none->map(Rgb(0.3f, 4.f, 0.f), {}), Rgb(0.3f, 4.f, 0.f));
+    for (float v : {0.f, 0.1f, 0.37f, 0.8f, 1.f}) EXPECT_NEAR(none->unmap(Rgb(v), NO_EXCLUDE).r, v, 1e-6f);
+    EXPECT_FLOAT_EQ(none->unmap(Rgb(2.5f), NO_EXCLUDE).r, 1.f);
+    EXPECT_EQ(none->unmap(Rgb(-0.5f), NO_EXCLUDE).r, 0.f);
+    auto const& table = AcesOtOperator::unmappingTable();
+    auto const onNode = aces(7.f / 15.f);
+    // Half way between value rows at a fixed column: the mean of the two entries.
+    EXPECT_NEAR(onNode->unmap(Rgb(5.5f / 15.f), NO_EXCLUDE).r, 0.5f * (table[5 * 16 + 7] + table[6 * 16 + 7]), 1e-5f);
+    // On a node: the table entries, channel by channel, without the matrices.
+    expectNear(onNode->unmap(Rgb(5.f / 15.f, 0.f, 1.f), NO_EXCLUDE), Rgb(table[5 * 16 + 7], 0.f, table[15 * 16 + 7]), 1e-5f);
+    // The table is the reference; a grey round trip through it lands close.
+    auto const faded = aces(0.6f);
+    for (float v : {0.05f, 0.2f, 0.5f, 0.8f}) EXPECT_NEAR(faded->map(faded->unmap(Rgb(v), NO_EXCLUDE), {}).r, v, 0.02f) << v;
+}
+
+TEST(MonotoneCurve, PassesThroughPointsAndStaysMonotoneWithoutOvershoot) {
+    // Points that dip: the curve may not bend back.
+    auto const dip = MonotoneCurve::fromPoints({{0.f, 0.f}, {0.3f, 0.5f}, {0.5f, 0.4f}, {1.f, 1.f}});
+    EXPECT_NEAR(dip.evaluate(0.3f), 0.5f, 1e-4f);
+    EXPECT_NEAR(dip.evaluate(1.f), 1.f, 1e-6f);
+    float previous = dip.evaluate(-0.1f);
+    for (int i = 0; i <= 1000; ++i) {
+        float const y = dip.evaluate(-0.1f + 1.2f * float(i) / 1000.f);
+        EXPECT_GE(y, previous);
+        previous = y;
+    }
+    // A plain cubic spline overshoots above 1 after the steep rise; Fritsch-Carlson may not.
+    auto const steep = MonotoneCurve::fromPoints({{0.f, 0.f}, {0.1f, 0.9f}, {0.2f, 1.f}, {1.f, 1.f}});
+    for (int i = 0; i <= 100; ++i) EXPECT_LE(steep.evaluate(float(i) / 100.f), 1.f + 1e-6f);
+}
+
+TEST(MonotoneCurve, InverseUndoesEvaluateAndPicksMiddleOfFlats) {
+    auto const s = MonotoneCurve::fromPoints({{0.f, 0.f}, {0.25f, 0.15f}, {0.75f, 0.85f}, {1.f, 1.f}});
+    for (float x : {-0.2f, 0.f, 0.05f, 0.3f, 0.5f, 0.9f, 1.f, 1.7f}) EXPECT_NEAR(s.invert(s.evaluate(x)), x, 2e-4f) << x;
+    auto const flat = MonotoneCurve::fromPoints({{0.f, 0.f}, {0.4f, 0.5f}, {0.6f, 0.5f}, {1.f, 1.f}});
+    EXPECT_NEAR(flat.invert(0.5f), 0.5f, 1e-3f);
+    EXPECT_TRUE(MonotoneCurve::fromPoints({{0.3f, 0.3f}}).isIdentity());
+    EXPECT_FALSE(s.isIdentity());
+}
+
+TEST(CurvesOperator, DiagonalsAreNeutralAndMasterComesBeforeTheChannel) {
+    EXPECT_TRUE(prepared<CurvesOperator>([](auto&) {})->isNeutral());
+    auto op = prepared<CurvesOperator>([](CurvesOperator& o) {
+        o.set("curves_master", makeCurvePoints({{0.f, 0.f}, {0.5f, 0.25f}, {1.f, 1.f}}));
+        o.set("curves_red", makeCurvePoints({{0.f, 0.f}, {0.25f, 0.5f}, {1.f, 1.f}}));
+    });
+    expectNear(op->map(Rgb(0.5f), {}), Rgb(0.5f, 0.25f, 0.25f), 1e-3f);  // master 0.5 -> 0.25, red 0.25 -> 0.5
+}
+
+TEST(ToneCurveOperator, WorksInStopsAroundMiddleGreyAndCanKeepRatios) {
+    EXPECT_TRUE(prepared<ToneCurveOperator>([](auto&) {})->isNeutral());
+    // Highlights: four stops over grey come out two stops over.
+    auto points = makeCurvePoints({{-8.f, -8.f}, {0.f, 0.f}, {4.f, 2.f}});
+    auto op = prepared<ToneCurveOperator>([&](ToneCurveOperator& o) { o.set("toneCurve_points", points); });
+    EXPECT_NEAR(op->map(Rgb(0.18f), {}).g, 0.18f, 1e-4f);
+    EXPECT_NEAR(op->map(Rgb(0.18f * 16.f), {}).g, 0.18f * 4.f, 1e-3f);
+    EXPECT_EQ(op->map(Rgb(0.f, -1.f, 0.f), {}), Rgb(0.f, -1.f, 0.f));
+    op->set("toneCurve_preserveColor", true);
+    op->prepareForApplication({});
+    Rgb const c = op->map(Rgb(2.f, 1.f, 0.5f), {});
+    EXPECT_NEAR(c.g / c.r, 0.5f, 1e-5f);
+    EXPECT_NEAR(c.b / c.r, 0.25f, 1e-5f);
+}
+
+TEST(AdvancedFilmicOperator, ShoulderReachesWhiteAndContrastPivotsOnGrey) {
+    auto op = prepared<AdvancedFilmicOperator>([](AdvancedFilmicOperator& o) {
+        o.set("contrast", 1.f), o.set("toe", 0.f), o.set("shoulderStrength", 1.f), o.set("whitePoint", 10.f);
+        o.set("highlightDesaturation", 0.f);
+    });
+    EXPECT_NEAR(op->map(Rgb(10.f), {}).r, 1.f, 1e-5f);
+    op->set("shoulderStrength", 0.f);
+    op->set("contrast", 1.5f);
+    op->prepareForApplication({});
+    EXPECT_NEAR(op->map(Rgb(0.18f), {}).r, 0.18f, 1e-6f);
+    EXPECT_LT(op->map(Rgb(0.09f), {}).r, 0.09f);
+    op->set("contrast", 1.f);
+    op->prepareForApplication({});
+    EXPECT_TRUE(op->isNeutral());
+    // Desaturation touches highlights only and keeps their luminance.
+    op->set("highlightDesaturation", 0.8f);
+    op->prepareForApplication({});
+    Rgb const dark(0.2f, 0.05f, 0.01f), bright(1.5f, 0.6f, 0.3f);
+    EXPECT_EQ(op->map(dark, {}), dark);
+    Rgb const out = op->map(bright, {});
+    auto luma = [](Rgb c) { return 0.2126f * c.r + 0.7152f * c.g + 0.0722f * c.b; };
+    EXPECT_NEAR(luma(out), luma(bright), 1e-5f);
+    EXPECT_LT(out.r - out.b, bright.r - bright.b);
+}
+
+ColorMappingContext gamma22() {
+    ColorMappingContext c;
+    c.gamma = 2.2f;
+    return c;
+}
+
+TEST(LutOperator, NeutralUntilGivenAPathAndAppliesInDisplayEncoding) {
+    auto op = prepared<LutOperator>([](auto&) {}, gamma22());
+    EXPECT_TRUE(op->isNeutral());
+    EXPECT_TRUE(op->getLoadError().empty());
+    op->set("path", getDefaultLut());
+    op->prepareForApplication(gamma22());
+    ASSERT_FALSE(op->isNeutral()) << op->getLoadError();
+    auto power = [](Rgb c, float e) {
+        for (int ch = 0; ch < 3; ++ch) c[ch] = std::pow(std::max(c[ch], 0.f), e);
+        return c;
+    };
+    Rgb const in(0.2f, 0.4f, 0.05f), out = op->map(in, {});
+    expectNear(out, power(getDefaultLutData().apply(power(in, 1.f / 2.2f), LutInterpolation::Tetrahedral), 2.2f), 1e-5f);
+    // Half opacity lands half-way between the input and the full look.
+    op->set("lut_opacity", 0.5f);
+    op->prepareForApplication(gamma22());
+    expectNear(op->map(in, {}), (in + out) * 0.5f, 1e-5f);
+}
+
+TEST(LutOperator, UnreadableFileIsNeutralWithErrorKeptUntilFixed) {
+    String const bad = String(FERRIM_TESTDATA_DIR) + "/lut/error_truncated_file.3dl";
+    auto op = prepared<LutOperator>([&](LutOperator& o) { o.set("path", bad); }, gamma22());
+    EXPECT_TRUE(op->isNeutral());
+    EXPECT_NE(op->getLoadError().find(bad + ":375:"), String::npos) << op->getLoadError();
+    Rgb const c(0.3f, 0.5f, 0.7f);
+    EXPECT_EQ(op->map(c, {}), c);
+    EXPECT_EQ(op->unmap(c, {}), c);
+    // A readable file clears the error.
+    op->set("path", String(FERRIM_TESTDATA_DIR) + "/lut/discreet-3d-lut.3dl");
+    op->prepareForApplication(gamma22());
+    EXPECT_FALSE(op->isNeutral());
+    EXPECT_TRUE(op->getLoadError().empty());
+}
+
 // ---------------------------------------------------------------- every operator
 
 /// An operator set to a value that changes colours.
