@@ -28,12 +28,13 @@ EntityHolder<UnaryColorMappingOperator> makeOperator(StringView type, Setup cons
 
 String isaName(WideIsa isa) { return wideIsaName(isa) == "sse4.1" ? String("sse41") : String(wideIsaName(isa)); }
 
-/// Greys and channel combinations of zero, tiny, large and (unless
-/// `nonNegative`) negative values, uniform ones around [0, 1] (where LUTs
-/// interpolate), then non-finite ones.
+/// Greys and channel combinations of zero, tiny, large, huge (up to FLT_MAX)
+/// and (unless `nonNegative`) negative values, uniform ones around [0, 1]
+/// (where LUTs interpolate), then non-finite ones: every width must map the
+/// hostile floats as the chain does.
 Stack<Rgb> gridColours(bool nonNegative = false) {
-    Stack<float> pool = {0.f, 1e-30f, 3e-6f, 0.0123f, 0.18f, 0.5f, 0.999f, 1.f, 2.5f, 60.f, 1e4f};
-    if (!nonNegative) pool.insert(pool.end(), {-0.3f, -2.f});
+    Stack<float> pool = {0.f, 1e-30f, 3e-6f, 0.0123f, 0.18f, 0.5f, 0.999f, 1.f, 2.5f, 60.f, 1e4f, 1e19f, 1e38f, FLT_MAX};
+    if (!nonNegative) pool.insert(pool.end(), {-1e-30f, -0.3f, -2.f});
     Stack<Rgb> colours;
     std::mt19937 rng(7);
     std::uniform_int_distribution<std::size_t> pick(0, pool.size() - 1);
