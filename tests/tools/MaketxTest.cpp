@@ -65,9 +65,8 @@ float maxDifference(std::vector<float> const& a, std::vector<float> const& b) {
     return worst;
 }
 
-TEST_F(Maketx, FloatFileHoldsTheLibrarysChainInTilesAndMatchesTheCodecLibrarysMaker) {
-    std::string const input = (mFolder / "in.exr").string(), ours = (mFolder / "ours.exr").string(),
-                      theirs = (mFolder / "theirs.exr").string();
+TEST_F(Maketx, FloatFileHoldsTheLibrarysChainInTiles) {
+    std::string const input = (mFolder / "in.exr").string(), ours = (mFolder / "ours.exr").string();
     Image const level0 = pattern(96, 40);
     ASSERT_TRUE(writeImage(level0, input));
     ToolRun const r = runTool("maketx " + input + " -o " + ours + " --tile 32");
@@ -85,18 +84,6 @@ TEST_F(Maketx, FloatFileHoldsTheLibrarysChainInTilesAndMatchesTheCodecLibrarysMa
         EXPECT_EQ(levels[i].colorSpace, "Linear");
         auto const* p = reinterpret_cast<float const*>(expected.getData());
         EXPECT_EQ(levels[i].values, std::vector<float>(p, p + levels[i].values.size())) << "level " << i;
-    }
-
-    // The peer's default mip filter resamples bilinearly at half size, which
-    // from even sizes is the same 2 x 2 average: levels 1 to 3 here (96 x 40
-    // down to 12 x 5).
-    ASSERT_TRUE(OIIO::ImageBufAlgo::make_texture(OIIO::ImageBufAlgo::MakeTxTexture, input, theirs, OIIO::ImageSpec()))
-        << OIIO::geterror();
-    std::vector<Level> const peer = readLevels(theirs);
-    ASSERT_GE(peer.size(), 4u);
-    for (std::size_t i = 0; i < 4; ++i) {
-        ASSERT_EQ(peer[i].width, levels[i].width);
-        EXPECT_LE(maxDifference(peer[i].values, levels[i].values), 1e-5f) << "level " << i;
     }
 }
 
