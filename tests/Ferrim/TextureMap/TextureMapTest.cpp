@@ -331,16 +331,19 @@ protected:
 };
 
 TEST_F(TiledTextureMapTest, EveryFilterOverTilesEqualsTheWholeDecodeBitForBitUnderAnyCap) {
-    Image const noise = randomImage({100, 70}, PixelFormat::Rgba8, 5);
+    Image const noise = randomImage({100, 70}, PixelFormat::Rgba8, 5), mono16 = randomImage({100, 70}, PixelFormat::Mono16, 7);
     Image const floats = imageOf(100, 70, PixelFormat::RgbaFloat, [](int x, int y) {
         return RgbAlpha(float((x * 37 + y * 11) % 23) / 7.f - 1.f, std::sin(float(x * y)), float(x ^ y) / 64.f, float(y) / 35.f);
     });
     std::mt19937 rng(3);
     std::uniform_real_distribution<float> unit(0.f, 1.f);
-    for (auto const& [name, image, type] : {std::tuple{"rgba8.tif", &noise, FileChannelType::UInt8},
-                                            std::tuple{"half.exr", &floats, FileChannelType::Half}}) {
+    // Each stored precision: the tiles hold the file's own texels.
+    for (auto const& [name, image, type, held] : {std::tuple{"rgba8.tif", &noise, FileChannelType::UInt8, PixelFormat::Rgba8},
+                                                  std::tuple{"mono16.tif", &mono16, FileChannelType::UInt16, PixelFormat::Mono16},
+                                                  std::tuple{"half.exr", &floats, FileChannelType::Half, PixelFormat::RgbaHalf}}) {
         SCOPED_TRACE(name);
         auto [tiled, whole] = tiledAndWhole(name, *image, type);
+        ASSERT_EQ(static_cast<TextureMap::Evaluator const&>(*evaluatorOf(*tiled)).getTexture().getTiledFile()->getFormat(), held);
         for (InterpolationMode mode : {InterpolationMode::Bilinear, InterpolationMode::Bicubic, InterpolationMode::Nearest,
                                        InterpolationMode::Anisotropic}) {
             tiled->set("interpolation", mode);
