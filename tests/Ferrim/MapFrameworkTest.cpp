@@ -75,17 +75,6 @@ TEST(ConstantColorMapTest, FoldsToTheColourAndTheExactMean) {
     EXPECT_EQ(bits(bump.x) | bits(bump.y) | bits(bump.z), 0u);
 }
 
-TEST(UnsupportedMapTest, EachLookGivesItsConstant) {
-    UnsupportedMap map;
-    EXPECT_EQ(map.getEvaluator().constantColor, RgbAlpha(1, 0, 0, 1));  // red by default
-    map.set("look", UnsupportedMap::Look::White);
-    EXPECT_EQ(map.getEvaluator().constantMono.value, 1.f);
-    map.set("look", UnsupportedMap::Look::Invalid);
-    IMap::OptimizedResult const r = map.getEvaluator();
-    for (float v : {r.constantColor.r, r.constantColor.alpha, r.constantMono.value, r.evaluator->evalColor(NullShadeContext(), nullptr).g})
-        EXPECT_EQ(bits(v), 0xFFFFFFFFu);
-}
-
 TEST(DeduceUvChannelTest, FirstUvAwareInputReachedAnswersButNotTheMapItself) {
     EXPECT_EQ(TestOwnChannelMap(8).deduce(), 0);
     auto root = makeSharedPtr<TestCompositeMap>();
