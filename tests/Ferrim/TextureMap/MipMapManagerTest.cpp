@@ -5,11 +5,8 @@
 #include <fstream>
 #include <cmath>
 #include <cstdlib>
-#include <fcntl.h>
-#include <future>
 #include <gmock/gmock.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <thread>
 
 #include "Ferrim/TextureMap/ImageTextureCache.h"
@@ -201,23 +198,6 @@ TEST_F(OffloadTest, ACutOrAlteredLevelFileGivesTheEofErrorAndStaysCounted) {
     EXPECT_FALSE(budgetBytes(0));
     EXPECT_FALSE(budgetBytes(0));
     expectCounted();
-}
-
-TEST_F(OffloadTest, ALevelFileReplacedByAFifoIsRefusedWithoutBlocking) {
-    SharedPtr<ImageTexture> const texture = load("a.png");
-    ASSERT_TRUE(offloadAll());
-    Io::Path const level = levelFile(*texture, 6); // the first one read back
-    fs::remove(level);
-    ASSERT_EQ(::mkfifo(level.c_str(), 0600), 0);
-    auto reading = std::async(std::launch::async, [&] { return readAllBack(*texture); });
-    if (reading.wait_for(std::chrono::seconds(20)) != std::future_status::ready) {
-        int const fd = ::open(level.c_str(), O_WRONLY | O_NONBLOCK); // let the blocked reader go
-        if (fd >= 0) ::close(fd);
-        FAIL() << "reading the level back blocked";
-    }
-    String const error = reading.get();
-    EXPECT_NE(error.find("Ostrel_Mip_Map_6"), String::npos) << error;
-    expectSplit(*texture, 7, TOTAL);
 }
 
 TEST_F(OffloadTest, NonFiniteOrOutOfRangeBudgetsAreRefusedAndChangeNothing) {
