@@ -6,7 +6,6 @@
 #include "Ferrim/ColorMapping.h"
 #include "Ferrim/FerrimTestSupport.h"
 #include "Ferrim/colorMappingOperators/DisplayViewOperator.h"
-#include "TestSupport/TempFolderTest.h"
 
 using namespace Quelin;
 
@@ -21,7 +20,7 @@ EntityHolder<DisplayViewOperator> makeOperator(String input, String display, Str
     return op;
 }
 
-using DisplayViewOperatorTest = Testing::LibraryTempFolderTest;
+using DisplayViewOperatorTest = Testing::LibraryFixture;
 
 } // namespace
 
@@ -73,20 +72,6 @@ TEST_F(DisplayViewOperatorTest, UnknownNamesLeaveItNeutralWithTheError) {
     op->prepareForApplication(ColorMappingContext());
     EXPECT_TRUE(op->getError().empty());
     EXPECT_FALSE(op->isNeutral());
-}
-
-TEST_F(DisplayViewOperatorTest, SurvivesACtmFileInAPipeline) {
-    auto const op = makeOperator("ACES2065-1", "Gamma 2.2 Rec.709 - Display", "Standard");
-    String const path = (mFolder / "look.ctm").string();
-    ASSERT_TRUE(savePipelinePreset(path, EntityHolder<IColorMappingOperator const>(op)));
-    auto loaded = loadPipelinePreset(path);
-    ASSERT_TRUE(loaded) << loaded.error();
-    auto const back = loaded->pipeline.cast<DisplayViewOperator>();
-    ASSERT_TRUE(back);
-    EXPECT_EQ(back->get<String>("inputSpace"), "ACES2065-1");
-    EXPECT_EQ(back->get<String>("display"), "Gamma 2.2 Rec.709 - Display");
-    back->prepareForApplication(ColorMappingContext());
-    EXPECT_EQ(back->map(Rgb(0.2f, 0.1f, 0.05f), Pixel(0, 0)), op->map(Rgb(0.2f, 0.1f, 0.05f), Pixel(0, 0)));
 }
 
 TEST_F(DisplayViewOperatorTest, CompiledAloneOrAfterOtherStepsMapsEveryPieceWithNonFinitePixelsAndAlpha) {
