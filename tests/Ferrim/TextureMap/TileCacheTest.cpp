@@ -4,7 +4,6 @@
 // files refused by name.
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <thread>
 
 #include "Ferrim/TextureMap/TileCache.h"
