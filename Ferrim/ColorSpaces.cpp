@@ -1,6 +1,8 @@
 #include "Ferrim/ColorSpaces.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <sstream>
@@ -22,7 +24,127 @@ struct Processor::Impl {
     String id;
     bool noOp = false;
     bool perChannel = false;
+    std::optional<Stack<ProcessorStep>> steps;
 };
+
+namespace {
+
+bool floatDepths(OCIO::BitDepth in, OCIO::BitDepth out) {
+    auto plain = [](OCIO::BitDepth d) { return d == OCIO::BIT_DEPTH_UNKNOWN || d == OCIO::BIT_DEPTH_F32; };
+    return plain(in) && plain(out);
+}
+
+std::optional<ProcessorStep> describeMatrix(OCIO::MatrixTransform const& t) {
+    if (!floatDepths(t.getFileInputBitDepth(), t.getFileOutputBitDepth())) return {};
+    double m[16], offset[4];
+    t.getMatrix(m);
+    t.getOffset(offset);
+    // Alpha must not feed the colours.
+    if (m[3] != 0.0 || m[7] != 0.0 || m[11] != 0.0) return {};
+    ProcessorStep s;
+    s.kind = ProcessorStep::Kind::Matrix;
+    for (int r = 0; r < 3; ++r) {
+        for (int c = 0; c < 3; ++c) s.matrix[3 * r + c] = m[4 * r + c];
+        s.matrix[9 + r] = offset[r];
+    }
+    if (t.getDirection() == OCIO::TRANSFORM_DIR_INVERSE) return {};
+    return s;
+}
+
+std::optional<ProcessorStep> describeRange(OCIO::RangeTransform const& t) {
+    if (!floatDepths(t.getFileInputBitDepth(), t.getFileOutputBitDepth())) return {};
+    bool const inverse = t.getDirection() == OCIO::TRANSFORM_DIR_INVERSE;
+    // The inverse swaps what goes in and what comes out.
+    bool const hasMin = t.hasMinInValue() && t.hasMinOutValue(), hasMax = t.hasMaxInValue() && t.hasMaxOutValue();
+    if (hasMin != (t.hasMinInValue() || t.hasMinOutValue()) || hasMax != (t.hasMaxInValue() || t.hasMaxOutValue()))
+        return {};
+    double const minIn = inverse ? t.getMinOutValue() : t.getMinInValue();
+    double const minOut = inverse ? t.getMinInValue() : t.getMinOutValue();
+    double const maxIn = inverse ? t.getMaxOutValue() : t.getMaxInValue();
+    double const maxOut = inverse ? t.getMaxInValue() : t.getMaxOutValue();
+    ProcessorStep s;
+    s.kind = ProcessorStep::Kind::Range;
+    double const inf = std::numeric_limits<double>::infinity();
+    s.low = -inf, s.high = inf;
+    if (hasMin && hasMax) {
+        if (!(maxIn > minIn)) return {};
+        s.scale = (maxOut - minOut) / (maxIn - minIn);
+        s.offset = minOut - s.scale * minIn;
+    } else if (hasMin) {
+        s.offset = minOut - minIn;
+    } else if (hasMax) {
+        s.offset = maxOut - maxIn;
+    }
+    // Without clamping only the scale of both ends is left.
+    if (t.getStyle() == OCIO::RANGE_CLAMP || !(hasMin && hasMax)) {
+        if (hasMin) s.low = std::min(minOut, hasMax ? maxOut : inf);
+        if (hasMax) s.high = std::max(maxOut, hasMin ? minOut : -inf);
+    }
+    return s;
+}
+
+std::optional<ProcessorStep> describeExponent(OCIO::ExponentTransform const& t) {
+    double value[4];
+    t.getValue(value);
+    ProcessorStep s;
+    s.kind = ProcessorStep::Kind::Exponent;
+    s.encode = t.getDirection() == OCIO::TRANSFORM_DIR_INVERSE;
+    for (int ch = 0; ch < 3; ++ch) {
+        if (!(value[ch] > 0.0)) return {};
+        s.exponent[ch] = s.encode ? 1.0 / value[ch] : value[ch];
+    }
+    switch (t.getNegativeStyle()) {
+    case OCIO::NEGATIVE_CLAMP: s.negative = ProcessorStep::Negative::Clamp; break;
+    case OCIO::NEGATIVE_MIRROR: s.negative = ProcessorStep::Negative::Mirror; break;
+    case OCIO::NEGATIVE_PASS_THRU: s.negative = ProcessorStep::Negative::PassThrough; break;
+    default: return {};
+    }
+    return s;
+}
+
+std::optional<ProcessorStep> describeExponentWithLinear(OCIO::ExponentWithLinearTransform const& t) {
+    double gamma[4], offset[4];
+    t.getGamma(gamma);
+    t.getOffset(offset);
+    ProcessorStep s;
+    s.kind = ProcessorStep::Kind::ExponentWithLinear;
+    s.encode = t.getDirection() == OCIO::TRANSFORM_DIR_INVERSE;
+    for (int ch = 0; ch < 3; ++ch) {
+        s.exponent[ch] = gamma[ch];
+        s.linearOffset[ch] = offset[ch];
+    }
+    switch (t.getNegativeStyle()) {
+    case OCIO::NEGATIVE_LINEAR: s.negative = ProcessorStep::Negative::Linear; break;
+    case OCIO::NEGATIVE_MIRROR: s.negative = ProcessorStep::Negative::Mirror; break;
+    default: return {};
+    }
+    return s;
+}
+
+/// The optimized processor's transforms as plain steps, or nothing when one
+/// is of another kind.
+std::optional<Stack<ProcessorStep>> describe(OCIO::ConstProcessorRcPtr const& processor) {
+    try {
+        auto const group = processor->getOptimizedProcessor(OCIO::OPTIMIZATION_DEFAULT)->createGroupTransform();
+        Stack<ProcessorStep> steps;
+        for (int i = 0; i < group->getNumTransforms(); ++i) {
+            OCIO::ConstTransformRcPtr const t = group->getTransform(i);
+            std::optional<ProcessorStep> step;
+            if (auto m = OCIO::DynamicPtrCast<OCIO::MatrixTransform const>(t)) step = describeMatrix(*m);
+            else if (auto r = OCIO::DynamicPtrCast<OCIO::RangeTransform const>(t)) step = describeRange(*r);
+            else if (auto e = OCIO::DynamicPtrCast<OCIO::ExponentTransform const>(t)) step = describeExponent(*e);
+            else if (auto l = OCIO::DynamicPtrCast<OCIO::ExponentWithLinearTransform const>(t))
+                step = describeExponentWithLinear(*l);
+            if (!step) return {};
+            steps.push_back(*step);
+        }
+        return steps;
+    } catch (OCIO::Exception const&) {
+        return {};
+    }
+}
+
+} // namespace
 
 struct ProcessorAccess {
     static Processor make(OCIO::ConstProcessorRcPtr const& processor) {
@@ -33,6 +155,7 @@ struct ProcessorAccess {
         impl->id = processor->getCacheID();
         impl->noOp = processor->isNoOp();
         impl->perChannel = !processor->hasChannelCrosstalk();
+        impl->steps = describe(processor);
         Processor p;
         p.mImpl = std::move(impl);
         return p;
@@ -151,6 +274,11 @@ void Processor::applyPlanes(float* r, float* g, float* b, std::size_t count) con
     if (isNoOp() || count == 0) return;
     OCIO::PlanarImageDesc image(r, g, b, nullptr, long(count), 1);
     mImpl->cpu->apply(image);
+}
+
+std::optional<Stack<ProcessorStep>> Processor::steps() const {
+    if (!mImpl) return Stack<ProcessorStep>();
+    return mImpl->steps;
 }
 
 Rgb Processor::apply(Rgb color) const {

@@ -13,6 +13,7 @@
 // what it does not know. Processors are immutable and may be used by many
 // threads at once.
 #include <cstddef>
+#include <optional>
 
 #include "Ferrim/Export.h"
 #include "QuelinLib/Base.h"
@@ -34,6 +35,27 @@ FERRIM_EXPORT Expected<Stack<String>, String> colorSpaceNames();
 /// and renders are converted to.
 FERRIM_EXPORT Expected<String, String> sceneLinearSpace();
 
+/// One operation of a processor in plain terms, for code that compiles
+/// conversions into its own kernels. Only the kinds below are described.
+struct ProcessorStep {
+    enum class Kind {
+        Matrix,              ///< c = M c + t: rows of M in matrix[0..8], t in matrix[9..11]
+        Range,               ///< c * scale + offset, clamped to [low, high] (infinite where open)
+        ExponentWithLinear,  ///< the power with a linear segment (see Processor::steps)
+        Exponent,            ///< c^exponent
+    };
+    enum class Negative { Clamp, Mirror, PassThrough, Linear };
+    Kind kind = Kind::Matrix;
+    double matrix[12] = {};
+    double scale = 1.0, offset = 0.0, low = 0.0, high = 0.0;
+    double exponent[3] = {1.0, 1.0, 1.0};
+    /// ExponentWithLinear: the offset of the encoding, per channel.
+    double linearOffset[3] = {0.0, 0.0, 0.0};
+    /// Whether the curve runs from linear to encoded values (the display direction).
+    bool encode = false;
+    Negative negative = Negative::Clamp;
+};
+
 /// A conversion compiled by OpenColorIO for 32-bit float pixels.
 class FERRIM_EXPORT Processor {
 public:
@@ -52,6 +74,13 @@ public:
     /// Three planes of `count` values, in place.
     void applyPlanes(float* r, float* g, float* b, std::size_t count) const;
     Rgb apply(Rgb color) const;
+    /// OpenColorIO's optimized form of the conversion as plain steps, when it
+    /// consists only of matrices, ranges and exponents (with or without a
+    /// linear segment) of colour channels; nothing otherwise. An exponent of
+    /// value g (gamma) decodes as c^g and encodes as c^(1/g); one with a
+    /// linear segment and offset o as OpenColorIO's monitor curve: decoded,
+    /// ((c + o) / (1 + o))^g above o / (g - 1) and a straight line below.
+    std::optional<Stack<ProcessorStep>> steps() const;
 
 private:
     friend struct ProcessorAccess;

@@ -86,6 +86,7 @@ char const* kindName(StepKind kind) {
     case StepKind::SignedPow: return "signed pow";
     case StepKind::PowFixed: return "pow";
     case StepKind::PowUnit: return "pow";
+    case StepKind::PowLinear: return "pow linear";
     case StepKind::AcesCurve: return "aces curve";
     case StepKind::AcesTone: return "aces";
     case StepKind::AcesBlend: return "aces blend";
@@ -357,9 +358,12 @@ ColorProgram ColorProgram::compile(EntityHolder<IColorMappingOperator> const& la
         // encodings): the power from tables made here.
         // Whether finite input now gives bounded values: a clamp or the ACES
         // pass bounds them (its curve input is bounded too), and a power of at
-        // most 1 keeps them bounded. Then the result needs no second look.
-        bool const lowPower = (e.step.kind == StepKind::Pow || e.step.kind == StepKind::SignedPow) &&
-                              std::all_of(e.step.p, e.step.p + 3, [](float x) { return x > 0.f && x <= 1.f; });
+        // most 1 (or any power with a straight segment after a bound) keeps
+        // them bounded. Then the result needs no second look.
+        bool const afterBound = !program.mSteps.empty() && boundsToUnit(program.mSteps.back().step);
+        bool const lowPower = ((e.step.kind == StepKind::Pow || e.step.kind == StepKind::SignedPow) &&
+                               std::all_of(e.step.p, e.step.p + 3, [](float x) { return x > 0.f && x <= 1.f; })) ||
+                              (e.step.kind == StepKind::PowLinear && afterBound);
         if (e.step.kind == StepKind::AcesTone ||
             (e.step.kind == StepKind::Clamp && std::isfinite(e.step.p[0]) && std::isfinite(e.step.p[1])))
             program.mBoundedResult = true;
@@ -370,7 +374,6 @@ ColorProgram ColorProgram::compile(EntityHolder<IColorMappingOperator> const& la
         // A power of values in [0, 1]: after a step that bounds them there,
         // or followed by a clamp to [0, 1] (the power is monotone and keeps 0
         // and 1, so clamping first is the same; the sign no longer matters).
-        bool const afterBound = !program.mSteps.empty() && boundsToUnit(program.mSteps.back().step);
         auto const next = std::next(&e);
         bool const beforeClamp = next != folded.data() + folded.size() && !next->affine &&
                                  next->step.kind == StepKind::Clamp && next->step.p[0] == 0.f && next->step.p[1] == 1.f;
@@ -384,6 +387,12 @@ ColorProgram ColorProgram::compile(EntityHolder<IColorMappingOperator> const& la
                 e.keepAlive = std::move(unit);
                 program.mBoundedResult = true;
                 if (beforeClamp) next->step.kind = StepKind::Count;  // done here: dropped below
+            }
+        }
+        if (e.step.kind == StepKind::PowLinear) {
+            if (auto tables = powerTables(double(e.step.p[0]))) {
+                e.step.table[0] = tables->data();
+                e.keepAlive = std::move(tables);
             }
         }
         auto tables = e.step.kind != StepKind::PowUnit && oneExponent ? powerTables(double(e.step.p[0])) : nullptr;

@@ -17,6 +17,7 @@ enum class StepKind : int {
     Pow,             ///< max(c, 0)^p[0..2], the fast pow
     SignedPow,       ///< sign(c) |c|^p[0..2]
     PowFixed,        ///< Pow (p[0] == 0) or SignedPow (p[0] != 0) for one exponent, from the tables of table[0]
+    PowLinear,       ///< select(c > p[5], p[3] (p[1] c + p[2])^p[0] + p[4], p[6] c), on |c| with the sign kept when p[7] != 0; the power from PowFixed tables table[0] when set
     PowUnit,         ///< x^e on [0, 1] from the tables of table[0] (UnitPower.h); clamped to [0, 1] first when p[0] != 0, mode p[1] (UNIT_POW_NARROW, UNIT_POW_FLOORED)
     AcesCurve,       ///< the ACES rational curve on each channel
     AcesTone,        ///< Affine p[0..11], AcesCurve, Affine p[12..23], Clamp p[24..25] in one pass

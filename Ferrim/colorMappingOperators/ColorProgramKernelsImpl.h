@@ -113,6 +113,26 @@ void powFixedStep(Step const& s, Planes const& pl) {
     }
 }
 
+/// A power with a straight segment below its threshold (the monitor curves
+/// of colour-management configs), in either direction.
+void powLinearStep(Step const& s, Planes const& pl) {
+    float const* t = s.table[0];
+    F const e(s.p[0]), a(s.p[1]), b(s.p[2]), c(s.p[3]), d(s.p[4]), threshold(s.p[5]), slope(s.p[6]), zero(0.f);
+    auto curve = [&](F x, auto const& power) {
+        return select(x > threshold, madd(power(max(madd(x, a, b), zero)), c, d), x * slope);
+    };
+    auto run = [&](auto const& power) {
+        if (s.p[7] != 0.f)
+            perChannel(pl, [&](F x, int) {
+                F const y = curve(abs(x), power);
+                return select(x < zero, -y, y);
+            });
+        else perChannel(pl, [&](F x, int) { return curve(x, power); });
+    };
+    if (t) run([&](F x) { return powFixed(x, t); });
+    else run([&](F x) { return WideMath::powApprox(x, e); });
+}
+
 template <int MODE> void powUnitLoop(UnitPower const& power, bool clamp, Planes const& pl) {
     F const zero(0.f), one(1.f);
     if (clamp) perChannel(pl, [&](F c, int) { return power.apply<MODE>(clampKeepNaN(c, zero, one)); });
@@ -489,6 +509,7 @@ constexpr Table makeTable() {
     set(StepKind::Pow, powStep);
     set(StepKind::SignedPow, signedPowStep);
     set(StepKind::PowFixed, powFixedStep);
+    set(StepKind::PowLinear, powLinearStep);
     set(StepKind::PowUnit, powUnitStep);
     set(StepKind::AcesCurve, acesCurveStep);
     set(StepKind::AcesTone, acesToneStep);

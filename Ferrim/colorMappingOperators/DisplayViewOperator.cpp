@@ -2,6 +2,7 @@
 #include "Ferrim/colorMappingOperators/ColorProgram.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace Quelin {
 
@@ -95,8 +96,85 @@ void DisplayViewOperator::mapPacked(void const* self, float* pixels, int stride,
     else forward.applyRgb(pixels, count);
 }
 
+namespace {
+
+using Step = ColorSpaces::ProcessorStep;
+
+/// A power with a straight segment as a PowLinear step, with OpenColorIO's
+/// own parameters of the curve (its GammaOpUtils: the exponent and offset
+/// raised to at least 1 + 1e-6 and 1e-6, the segment meeting the power where
+/// value and slope agree).
+ColorProgramBuilder::Step powLinearStep(double gamma, double offset, bool encode, bool mirror) {
+    double const g = std::max(gamma, 1.0 + 1e-6), o = std::max(offset, 1e-6);
+    double const knee = o * g / ((g - 1.0) * (1.0 + o));  // the curve's input at the break, decoded
+    ColorProgramBuilder::Step s;
+    s.kind = ColorProgramBuilder::Kind::PowLinear;
+    double p[7];
+    if (encode)
+        p[0] = 1.0 / g, p[1] = 1.0, p[2] = 0.0, p[3] = 1.0 + o, p[4] = -o, p[5] = std::pow(knee, g),
+        p[6] = std::pow((g - 1.0) / o, g - 1.0) * std::pow((1.0 + o) / g, g);
+    else
+        p[0] = g, p[1] = 1.0 / (1.0 + o), p[2] = o / (1.0 + o), p[3] = 1.0, p[4] = 0.0, p[5] = o / (g - 1.0),
+        p[6] = (g - 1.0) / o * std::pow(knee, g);
+    for (int i = 0; i < 7; ++i) s.p[i] = float(p[i]);
+    s.p[7] = mirror ? 1.f : 0.f;
+    return s;
+}
+
+/// The program's steps for OpenColorIO's, or false when one has no step here
+/// (then nothing was appended).
+bool appendProcessorSteps(ColorProgramBuilder& builder, Stack<Step> const& steps) {
+    auto sameForColours = [](double const (&v)[3]) { return v[0] == v[1] && v[0] == v[2]; };
+    for (Step const& s : steps) {
+        if (s.kind == Step::Kind::Exponent && s.negative == Step::Negative::PassThrough) return false;
+        if (s.kind == Step::Kind::ExponentWithLinear && !(sameForColours(s.exponent) && sameForColours(s.linearOffset)))
+            return false;
+    }
+    for (Step const& s : steps) {
+        switch (s.kind) {
+        case Step::Kind::Matrix: {
+            double const* m = s.matrix;
+            builder.appendAffine(Matrix33(float(m[0]), float(m[1]), float(m[2]), float(m[3]), float(m[4]), float(m[5]),
+                                          float(m[6]), float(m[7]), float(m[8])),
+                                 Rgb(float(m[9]), float(m[10]), float(m[11])));
+            break;
+        }
+        case Step::Kind::Range: {
+            if (s.scale != 1.0 || s.offset != 0.0) {
+                float const k = float(s.scale);
+                builder.appendAffine(Matrix33(k, 0.f, 0.f, 0.f, k, 0.f, 0.f, 0.f, k), Rgb(float(s.offset)));
+            }
+            ColorProgramBuilder::Step clamp;
+            clamp.kind = ColorProgramBuilder::Kind::Clamp;
+            clamp.p[0] = float(s.low), clamp.p[1] = float(s.high);
+            if (std::isfinite(clamp.p[0]) || std::isfinite(clamp.p[1])) builder.append(clamp);
+            break;
+        }
+        case Step::Kind::Exponent: {
+            ColorProgramBuilder::Step power;
+            power.kind = s.negative == Step::Negative::Mirror ? ColorProgramBuilder::Kind::SignedPow
+                                                              : ColorProgramBuilder::Kind::Pow;
+            for (int ch = 0; ch < 3; ++ch) power.p[ch] = float(s.exponent[ch]);
+            builder.append(power);
+            break;
+        }
+        case Step::Kind::ExponentWithLinear:
+            builder.append(powLinearStep(s.exponent[0], s.linearOffset[0], s.encode, s.negative == Step::Negative::Mirror));
+            break;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
 void DisplayViewOperator::compileMapping(ColorProgramBuilder& builder) const {
-    if (!isNeutral()) builder.appendPlanesCallback(&mapPlanes, &mapPacked, this);
+    if (isNeutral()) return;
+    // OpenColorIO's operations as the program's own steps where they are
+    // matrices, ranges and powers: its CPU processor raises each value
+    // through the C library's powf, ten times the cost of the whole step here.
+    if (auto const steps = mForward.steps(); steps && appendProcessorSteps(builder, *steps)) return;
+    builder.appendPlanesCallback(&mapPlanes, &mapPacked, this);
 }
 
 } // namespace Quelin
