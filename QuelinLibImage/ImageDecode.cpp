@@ -236,6 +236,8 @@ class Decoder {
         mInput = OIIO::ImageInput::create(entry(format).pluginName);
         if (!mInput)
             fail("no " + String(entry(format).name) + " reader: " + OIIO::geterror());
+        // An error another reader of this thread left unread must not become this one's.
+        (void)mInput->geterror();
         OIIO::ImageSpec config;
         // Textures keep alpha as stored; the reader would otherwise premultiply.
         if (!options.associateAlpha)
@@ -270,8 +272,12 @@ class Decoder {
     Stack<Image> readLevels(bool allLevels) {
         Stack<Image> levels;
         for (int level = 0; allLevels || level == 0; ++level) {
-            if (!mInput->seek_subimage(0, level))
+            if (!mInput->seek_subimage(0, level)) {
+                // The end of the chain, not a fault: the error it left is dropped
+                // (OpenImageIO keeps errors per thread and would show it to a later reader).
+                (void)mInput->geterror();
                 break;
+            }
             OIIO::ImageSpec const& spec = mInput->spec();
             PixelFormat format;
             if (level == 0) {

@@ -90,6 +90,9 @@ Expected<SharedPtr<TiledImageFile>, String> TiledImageFile::open(Io::Path const&
         tiles += std::int64_t(level.tilesX) * level.tilesY;
         file->mLevels.push_back(level);
     }
+    // The seek past the last level left an error on the handle; OpenImageIO
+    // keeps such errors per thread and would hand this one to a later reader.
+    (void)input->geterror();
     file->mEverRead = std::make_unique<std::atomic<bool>[]>(std::size_t(tiles));
     file->mReader = std::make_unique<Reader>();
     file->mReader->idle.push_back(std::move(input));

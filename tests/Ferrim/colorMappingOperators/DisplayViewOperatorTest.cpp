@@ -6,6 +6,7 @@
 #include "Ferrim/ColorMapping.h"
 #include "Ferrim/FerrimTestSupport.h"
 #include "Ferrim/colorMappingOperators/DisplayViewOperator.h"
+#include "TestSupport/TempFolderTest.h"
 
 using namespace Quelin;
 
@@ -20,7 +21,7 @@ EntityHolder<DisplayViewOperator> makeOperator(String input, String display, Str
     return op;
 }
 
-using DisplayViewOperatorTest = Testing::LibraryFixture;
+using DisplayViewOperatorTest = Testing::LibraryTempFolderTest;
 
 } // namespace
 
