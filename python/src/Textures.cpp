@@ -32,7 +32,7 @@ py::dict textureInfo(IMap const& map) {
     auto const* e = dynamic_cast<TextureMap::Evaluator const*>(evaluator.get());
     d["name"] = e ? py::object(py::str(e->getTexture().getName())) : py::object(py::none());
     if (!info) {
-        for (char const* key : {"resolution", "pixel_type", "levels", "color_space", "gamma"}) d[key] = py::none();
+        for (char const* key : {"resolution", "pixel_type", "levels", "color_space", "gamma", "udim_tiles"}) d[key] = py::none();
         d["error"] = info.error();
         return d;
     }
@@ -41,11 +41,13 @@ py::dict textureInfo(IMap const& map) {
     d["resolution"] = py::make_tuple(desc.resolution.x, desc.resolution.y);
     d["pixel_type"] = getPixelFormatName(desc.format);
     d["levels"] = e ? e->getTexture().getLevelCount() : 0;
-    // Integer texels are display-encoded and decoded with a gamma; float ones are linear.
+    // The space the map's "colorSpace" read the file in; without one, the
+    // gamma rule: integer texels are decoded with a gamma, float ones are linear.
     char gamma[32];
     std::snprintf(gamma, sizeof gamma, "gamma %g", double(info->gamma));
-    d["color_space"] = info->gamma == 1.f ? String("linear") : String(gamma);
+    d["color_space"] = !info->colorSpace.empty() ? info->colorSpace : info->gamma == 1.f ? String("linear") : String(gamma);
     d["gamma"] = info->gamma;
+    d["udim_tiles"] = info->tileCount;
     d["error"] = py::none();
     return d;
 }
@@ -214,9 +216,11 @@ void bindTextures(py::module_& m) {
     auto map = py::reinterpret_borrow<py::class_<IMap, Entity, SharedPtr<IMap>>>(m.attr("Map"));
     map.def("info", &textureInfo,
             R"(What a texture map's image is, after waiting for it to load: a dict of "name", "resolution"
-(width, height), "pixel_type", "levels" (mip levels), "color_space" ("linear", or the gamma its
-texels are decoded with), "gamma" and "error" (None, or the texture's error text, the other
-entries then None). TypeError for maps without an image.)");
+(width, height), "pixel_type", "levels" (mip levels), "color_space" (the colour space of the map's
+"colorSpace" the file was read in; without one "linear", or the gamma its texels are decoded with),
+"gamma", "udim_tiles" (files of a UDIM set, 1 otherwise; the rest describes its first tile) and
+"error" (None, or the texture's error text, the other entries then None). TypeError for maps
+without an image.)");
     m.def(
         "texture_from_array", [](py::handle a) { return wrapEntity(textureFromArray(a)); }, py::arg("array"),
         R"(An image source holding a numpy array, for a texture map's "imageSource": no file is written.

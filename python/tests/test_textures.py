@@ -1,6 +1,7 @@
 """Image textures from Python: arrays as textures, failed textures as errors, footprints,
 derivatives and environment directions."""
 import re
+import shutil
 
 import numpy as np
 import pytest
@@ -218,3 +219,17 @@ def test_a_tiled_file_reads_tiles_and_anisotropic_filtering_follows_the_derivati
         assert entry["tiled"] and entry["misses"] > 0 and entry["bytes_read"] > 0 and entry["error"] is None
     finally:
         ferrim.set_texture_memory(1024)
+
+
+def test_info_names_the_colour_space_the_file_was_read_in_and_the_udim_tiles(testdata, tmp_path):
+    for tile in ("1001", "1012"):
+        shutil.copy(testdata / "png" / "basn2c08.png", tmp_path / f"paint.{tile}.png")
+    source = ferrim.create("FileDataSource")
+    source["path"] = str(tmp_path / "paint.<UDIM>.png")
+    info = texture_map(source, colorSpace="sRGB - Texture").info()
+    assert info["error"] is None and info["udim_tiles"] == 2
+    assert info["color_space"] == "sRGB - Texture" and info["gamma"] == 1
+    plain = ferrim.create("FileDataSource")
+    plain["path"] = str(testdata / "png" / "basn2c08.png")
+    info = texture_map(plain).info()
+    assert info["udim_tiles"] == 1 and info["color_space"] == "gamma 2.2"
