@@ -34,6 +34,13 @@ inline ToolRun runTool(std::string const& arguments) {
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, slurp(base + ".out"), slurp(base + ".err")};
 }
 
+/// `ferrim <arguments>`, expected to succeed.
+inline ToolRun runToolOk(std::string const& arguments) {
+    ToolRun r = runTool(arguments);
+    EXPECT_EQ(r.code, 0) << arguments << " -> " << r.err;
+    return r;
+}
+
 /// Exit code 1 and a single line on standard error, with the program's prefix,
 /// holding every needle.
 inline void expectOneLineError(ToolRun const& r, std::vector<std::string> const& needles, std::string const& what) {

@@ -16,6 +16,7 @@
 
 using namespace Quelin;
 using Quelin::Testing::runTool;
+using Quelin::Testing::runToolOk;
 namespace OCIO = OCIO_NAMESPACE;
 
 namespace {
@@ -87,8 +88,7 @@ TEST_F(TonemapColor, EmptyPipelineRoundTripsEightBitFilesExactly) {
         SCOPED_TRACE(name);
         std::string const in = path(name), out = path("out.png");
         writeRamp(in, OIIO::TypeDesc::UINT8);
-        auto r = runTool("tonemap " + quoted(in) + " -o " + quoted(out) + " --pipeline " + quoted(mEmpty));
-        ASSERT_EQ(r.code, 0) << r.err;
+        runToolOk("tonemap " + quoted(in) + " -o " + quoted(out) + " --pipeline " + quoted(mEmpty));
         Pixels const a = readBack(in), b = readBack(out);
         ASSERT_EQ(a.values.size(), b.values.size());
         for (std::size_t i = 0; i < a.values.size(); ++i)
@@ -115,9 +115,8 @@ TEST_F(TonemapColor, ConversionsMatchOpenColorIOAndTheTagsSayWhatWasApplied) {
                          Case{"ACES2065-1", "sRGB - Display", "out.exr", "sRGB"}}) {
         SCOPED_TRACE(c.inputSpace);
         std::string const out = path(c.output);
-        auto r = runTool("tonemap " + quoted(in) + " -o " + quoted(out) + " --pipeline " + quoted(mEmpty) +
-                         " --input-space " + quoted(c.inputSpace) + " --display " + quoted(c.display) + " --view Standard");
-        ASSERT_EQ(r.code, 0) << r.err;
+        runToolOk("tonemap " + quoted(in) + " -o " + quoted(out) + " --pipeline " + quoted(mEmpty) +
+                  " --input-space " + quoted(c.inputSpace) + " --display " + quoted(c.display) + " --view Standard");
         auto group = OCIO::GroupTransform::Create();
         auto toLinear = OCIO::ColorSpaceTransform::Create();
         toLinear->setSrc(c.inputSpace), toLinear->setDst("scene_linear");
@@ -156,7 +155,7 @@ TEST_F(TonemapColor, UnknownNamesGiveOneLineNamingConfigAndName) {
 
 TEST_F(TonemapColor, RenderTagsDisplayFilesWithTheirCurveAndRadianceFilesAsLinear) {
     std::string const png = path("r.png"), exr = path("r.exr");
-    for (std::string const& out : {png, exr}) ASSERT_EQ(runTool("render -o " + quoted(out) + " --size 16x16 --samples 1").code, 0);
+    for (std::string const& out : {png, exr}) runToolOk("render -o " + quoted(out) + " --size 16x16 --samples 1");
     Pixels const display = readBack(png), linear = readBack(exr);
     // The display chain encodes with a 2.2 power: a gAMA chunk, no sRGB chunk.
     EXPECT_EQ(display.spec.get_string_attribute("oiio:ColorSpace"), "Gamma2.2");
