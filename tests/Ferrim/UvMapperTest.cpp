@@ -107,15 +107,6 @@ TEST(UvMappingTest, UpdateRefusesOtherTransformsAndChangesNothing) {
     }
 }
 
-TEST(UvMappingTest, UpdatePrefersThePlaneNeedingNoRotation) {
-    UvMapper::UvMapping truth;
-    truth.uvPlaneSelection = 1, truth.scale = Pos(2, 3, 4);
-    UvMapper::UvMapping m;
-    ASSERT_TRUE(m.updateFrom3dsMaxStdUvGenTransform(truth.compute3dsMaxStdUvGenTransform(false), false));
-    EXPECT_EQ(m.uvPlaneSelection, 1);
-    expectNear(m.rotation, Pos(0, 0, 0));
-}
-
 // ---------------------------------------------------------------- wrapping
 
 struct WrapCase {
