@@ -77,9 +77,7 @@ TEST_F(FalloffMapTest, WorldAxesDistanceBlendAndTheCurve) {
 
 TEST_F(FalloffMapTest, EqualConstantInputsFoldAndBumpBlends) {
     FalloffMap map;
-    GenericDataObject c = map.get<GenericDataObject>("color2");
-    c.set("color", Rgb(0, 0, 0));
-    map.set("color2", c);
+    setInputColor(map, "color2", Rgb(0, 0, 0));
     EXPECT_TRUE(map.getEvaluator().hasConstant);
     setInputMap(map, "color2", makeSharedPtr<CountingMap>(RgbAlpha(1, 1, 1, 1)));
     Testing::expectNear(map.getEvaluator().evaluator->evalBump(pointAt(60.f), nullptr), Dir(0.5f, 1.f, 1.5f), 1e-5f);

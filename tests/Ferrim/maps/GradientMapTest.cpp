@@ -127,9 +127,7 @@ TEST_F(GradientMapTest, JsonRoundTripWithCellularStop) {
     map.set("type", Type::Radial);
     map.set("defaultInterpolation", Interp::EaseInOut);
     ListPropertyValue stops = std::get<ListPropertyValue>(map.getData().getValue("stops"));
-    GenericDataObject color = stops[1].get<GenericDataObject>("color");
-    color.set("map", EntityHolder<Entity>(makeSharedPtr<CellularMap>()));
-    stops[1].set("color", color);
+    setInputMap(stops[1], "color", makeSharedPtr<CellularMap>());
     map.set("stops", stops);
     expectJsonRoundTrip(map);
 }

@@ -82,11 +82,8 @@ class MixMapTest : public LibraryFixture {};
 
 SharedPtr<MixMap> makeMix(Rgb c1, Rgb c2, float amount, BlendMode mode = BlendMode::Mix) {
     auto m = makeSharedPtr<MixMap>();
-    for (auto const& [name, c] : {std::pair{"color1", c1}, {"color2", c2}}) {
-        GenericDataObject v = m->get<GenericDataObject>(name);
-        v.set("color", c);
-        m->set(name, v);
-    }
+    setInputColor(*m, "color1", c1);
+    setInputColor(*m, "color2", c2);
     m->set("amount", amount);
     m->set("blendMode", mode);
     return m;
@@ -138,9 +135,7 @@ TEST_F(MixMapTest, TwoMapsMixedByAFixedAmountMatchTheGeneralEvaluatorBitForBit) 
     auto noise = [](float size, Rgb const& c1, int channel) {
         auto n = makeSharedPtr<NoiseMap>();
         n->set("size", size);
-        GenericDataObject v = n->get<GenericDataObject>("color1");
-        v.set("color", c1);
-        n->set("color1", v);
+        setInputColor(*n, "color1", c1);
         n->get<EntityHolder<UvMapper>>("uvMapper")->set("uvwMapChannel", channel);
         return n;
     };
