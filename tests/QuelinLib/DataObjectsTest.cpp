@@ -143,10 +143,7 @@ TEST_F(DataObjectsTest, JsonRoundTripIsExact) {
 }
 
 TEST_F(DataObjectsTest, JsonErrorsNameThePropertyAndProblemAndKeepTheRecord) {
-    struct Case {
-        char const* json;
-        char const* needle;
-    };
+    struct Case { char const* json; char const* needle; };
     TestEntity e;
     e.set("size", 2.f);
     for (Case const& c : {Case{R"({"size": 5, "sizee": 1})", "sizee"},
@@ -222,9 +219,7 @@ TEST_F(DataObjectsTest, EntityNestingIsBoundedWhenReadAndWritten) {
 }
 
 TEST(Json, ParseErrorsAreOneLineWithThePosition) {
-    struct Case {
-        String text, needle;
-    };
+    struct Case { String text, needle; };
     String const deep = "{\"version\":\n" + String(200000, '[') + String(200000, ']') + "}";
     for (Case const& c : {Case{deep, "nested deeper than 256 levels at line 2"},
                           Case{"[1e400]", "number overflow"},

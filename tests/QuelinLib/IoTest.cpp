@@ -177,10 +177,7 @@ TEST_F(IoTest, TextFilesAreReadOnlyWhenRegularAndWithinTheLimit) {
     Io::Path const text = writeText("a.txt", "hello");
     EXPECT_EQ(Io::readTextFile(text, 5).value(), "hello");
 
-    struct Case {
-        Io::Path path;
-        String problem;
-    };
+    struct Case { Io::Path path; String problem; };
     // A device would be read forever and a folder cannot be read: both are
     // refused by what they are, before any byte is read.
     for (Case const& c : {Case{text, "larger than the limit of 4 bytes"},

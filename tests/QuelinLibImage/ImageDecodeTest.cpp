@@ -102,12 +102,7 @@ using DecodeRoundTripTest = Testing::TempFolderTest;
 
 // Lossless formats give back exactly what was written, from a file and from memory alike.
 TEST_F(DecodeRoundTripTest, LosslessFormatsFromFileAndMemory) {
-    struct Case {
-        char const* extension;
-        ImageFormat format;
-        PixelFormat pixels;
-        FileChannelType channelType;
-    };
+    struct Case { char const* extension; ImageFormat format; PixelFormat pixels; FileChannelType channelType; };
     for (Case const& c : {Case{"png", ImageFormat::Png, PixelFormat::Rgba8, FileChannelType::Auto},
                           Case{"png", ImageFormat::Png, PixelFormat::MonoAlpha16, FileChannelType::Auto},
                           Case{"exr", ImageFormat::Exr, PixelFormat::RgbaFloat, FileChannelType::Float},

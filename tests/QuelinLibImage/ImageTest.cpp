@@ -155,11 +155,7 @@ TEST_F(ImageFileTest, PngWritesTheDepthAndChannels) {
 }
 
 TEST_F(ImageFileTest, ExrChannelsAreFloatForFloatPixelsElseHalfUnlessAsked) {
-    struct Case {
-        PixelFormat format;
-        FileChannelType request;
-        std::map<String, int> channels;
-    };
+    struct Case { PixelFormat format; FileChannelType request; std::map<String, int> channels; };
     Io::Path const path = mFolder / "out.exr";
     for (Case const& c : {Case{PixelFormat::RgbFloat, FileChannelType::Auto, {{"B", 2}, {"G", 2}, {"R", 2}}},
                           Case{PixelFormat::MonoAlpha8, FileChannelType::Auto, {{"A", 1}, {"Y", 1}}},

@@ -14,10 +14,7 @@
 
 namespace Quelin::Testing {
 
-struct ToolRun {
-    int code;
-    std::string out, err;
-};
+struct ToolRun { int code; std::string out, err; };
 
 /// `ferrim <arguments>`, started in the root folder so that relative paths
 /// cannot resolve against the test's own.

@@ -162,10 +162,7 @@ TEST_F(FerrimTool, BadAndHostileInputsGiveOneLineNamingTheFile) {
 
     SkyDataLocation const noDevelopment(mFolder);
     std::string const skyData = "sky --data-dir " + sharedSkyDataFolder().string();
-    struct Case {
-        std::string args;
-        std::vector<std::string> needles;
-    };
+    struct Case { std::string args; std::vector<std::string> needles; };
     auto render = [&](char const* name, std::string const& text) { return "render " + writeText(name, text).string(); };
     for (Case const& c : {
              Case{"render " + (mFolder / "missing.json").string(), {"missing.json"}},

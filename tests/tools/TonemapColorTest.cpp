@@ -21,11 +21,7 @@ namespace OCIO = OCIO_NAMESPACE;
 
 namespace {
 
-struct Pixels {
-    int width = 0, height = 0, channels = 0;
-    std::vector<float> values;
-    OIIO::ImageSpec spec;
-};
+struct Pixels { int width = 0, height = 0, channels = 0; std::vector<float> values; OIIO::ImageSpec spec; };
 
 Pixels readBack(std::string const& path) {
     Pixels p;
@@ -104,12 +100,7 @@ TEST_F(TonemapColor, ConversionsMatchOpenColorIOAndTheTagsSayWhatWasApplied) {
     auto const config = OCIO::Config::CreateFromStream(text);
     std::string const in = path("in.exr");
     writeRamp(in, OIIO::TypeDesc::FLOAT);
-    struct Case {
-        char const* inputSpace;
-        char const* display;
-        char const* output;
-        char const* tag;
-    };
+    struct Case { char const* inputSpace; char const* display; char const* output; char const* tag; };
     for (Case const c : {Case{"ACEScg", "Gamma 2.2 Rec.709 - Display", "out.exr", "Gamma2.2"},
                          Case{"sRGB - Texture", "sRGB - Display", "out.tif", "sRGB"},
                          Case{"ACES2065-1", "sRGB - Display", "out.exr", "sRGB"}}) {

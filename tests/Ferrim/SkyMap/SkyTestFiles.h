@@ -108,10 +108,7 @@ class SparseFile {
     std::fstream mFile;
 };
 
-struct SkySlice {
-    int channelIndex[3];
-    int a, b;
-};
+struct SkySlice { int channelIndex[3]; int a, b; };
 
 inline void writeSkyFile(std::filesystem::path const& path, std::vector<SkySlice> const& slices) {
     SparseFile file(path, SKY_SIZE);

@@ -238,10 +238,7 @@ TEST_F(OffloadTest, BudgetsChangingWhileEightThreadsSampleGiveTheSingleThreadedR
     auto const evaluator = std::dynamic_pointer_cast<TextureMap::Evaluator const>(evaluatorOf(*map));
     ASSERT_TRUE(evaluator);
     ASSERT_TRUE(evaluator->getTexture().hasPixels());
-    struct Lookup {
-        float u, v, du;
-        RgbAlpha expected;
-    };
+    struct Lookup { float u, v, du; RgbAlpha expected; };
     std::mt19937 rng(5);
     std::uniform_real_distribution<float> unit(0.f, 1.f);
     Stack<Lookup> lookups(2048);

@@ -29,10 +29,7 @@ float numericBoxAverage(float u, float v, float w) {
 }
 
 TEST(CheckerHardEdges, SquaresAreHalfUnitsAndFloorNotTruncation) {
-    struct Case {
-        float u, v;
-        bool color2;
-    };
+    struct Case { float u, v; bool color2; };
     for (Case const c : {Case{0.25f, 0.25f, true}, Case{0.25f, 0.75f, false}, Case{0.75f, 0.75f, true},
                          Case{0.5f, 0.25f, false},  // an edge belongs to the square above it
                          Case{-0.25f, 0.25f, false}, Case{-0.25f, -0.25f, true}, Case{-1.25f, -3.75f, false},

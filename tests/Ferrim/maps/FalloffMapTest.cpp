@@ -39,10 +39,7 @@ struct BackFace : SettableShadeContext {
 
 TEST_F(FalloffMapTest, EachTypeAtKnownAngles) {
     using T = FalloffMap::Type;
-    struct Case {
-        T type;
-        float degrees, weight;
-    };
+    struct Case { T type; float degrees, weight; };
     for (Case const c : {Case{T::PerpendicularParallel, 0.f, 0.f}, Case{T::PerpendicularParallel, 60.f, 0.5f},
                          Case{T::PerpendicularParallel, 90.f, 1.f}, Case{T::PerpendicularParallel, 120.f, 0.5f},
                          Case{T::TowardsAway, 0.f, 0.f}, Case{T::TowardsAway, 90.f, 0.5f}, Case{T::TowardsAway, 180.f, 1.f},

@@ -121,10 +121,7 @@ TEST_F(MiscMapsTest, UserPropertyReadsNumbersColoursAndTextOrShowsTheDefault) {
     auto const e = map.getEvaluator().evaluator;
     IdContext p;
     EXPECT_EQ(e->evalColor(p, nullptr), RgbAlpha(0.25f, 0.25f, 0.25f, 1));
-    struct Case {
-        UserPropertyValue value;
-        RgbAlpha want;
-    };
+    struct Case { UserPropertyValue value; RgbAlpha want; };
     for (Case const& c : {Case{0.5f, {0.5f, 0.5f, 0.5f, 1}}, Case{Rgb(1, 2, 3), {1, 2, 3, 1}},
                           Case{String("0.1, 0.2 0.3"), {0.1f, 0.2f, 0.3f, 1}}, Case{String(" 7 "), {7, 7, 7, 1}},
                           Case{String("red"), {0.25f, 0.25f, 0.25f, 1}}, Case{String("1 2"), {0.25f, 0.25f, 0.25f, 1}},
@@ -139,10 +136,7 @@ TEST_F(MiscMapsTest, UserPropertyReadsNumbersColoursAndTextOrShowsTheDefault) {
 TEST(ColorMath, OperationsAndTheirConventions) {
     using Op = ColorMathMap::Operation;
     float const nan = std::numeric_limits<float>::quiet_NaN();
-    struct Case {
-        Op op;
-        float a, b, want;
-    };
+    struct Case { Op op; float a, b, want; };
     for (Case const c : {Case{Op::Add, 1.5f, -2.f, -0.5f}, Case{Op::Subtract, 1.f, 3.f, -2.f}, Case{Op::Multiply, -2.f, 3.f, -6.f},
                          Case{Op::Divide, 3.f, 2.f, 1.5f}, Case{Op::Divide, 3.f, 0.f, 0.f}, Case{Op::Minimum, 2.f, nan, 2.f},
                          Case{Op::Maximum, nan, -1.f, -1.f}, Case{Op::Power, 2.f, 3.f, 8.f}, Case{Op::Power, -2.f, 3.f, -8.f},

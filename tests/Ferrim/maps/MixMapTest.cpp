@@ -68,10 +68,7 @@ TEST(MixBlendModes, NanGivesNanExceptDarkenAndLightenWhichTakeTheOtherInput) {
 TEST(MixCurve, SmoothstepBetweenTheBoundsAndAStepWhenTheyMeet) {
     // 0.3 in [0.2, 0.6] is x = 0.25: 3x^2 - 2x^3.
     MapsDetail::AmountCurve const curve{true, 0.2f, 0.6f}, step{true, 0.5f, 0.5f}, off;
-    struct Case {
-        MapsDetail::AmountCurve const& c;
-        float x, want;
-    };
+    struct Case { MapsDetail::AmountCurve const& c; float x, want; };
     for (Case const k : {Case{curve, 0.1f, 0.f}, Case{curve, 0.4f, 0.5f}, Case{curve, 0.3f, 0.15625f}, Case{curve, 0.9f, 1.f},
                          Case{step, 0.49f, 0.f}, Case{step, 0.5f, 1.f}, Case{off, -2.f, 0.f}, Case{off, 7.f, 1.f},
                          Case{off, std::numeric_limits<float>::quiet_NaN(), 0.f}})

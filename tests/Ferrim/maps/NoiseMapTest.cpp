@@ -18,10 +18,7 @@ NoiseMapEvaluator makeEvaluator(float size, float levels, float minT = 0.f, floa
 
 TEST(NoiseFunction, ReferenceValuesIncludingNegativeCells) {
     // Improved noise with z-first hashing, the reference permutation and the 12-gradient lookup.
-    struct Case {
-        Pos p;
-        float n;
-    };
+    struct Case { Pos p; float n; };
     for (Case const c : {Case{Pos(0.375f, 1.625f, 2.125f), -0.394092292f}, Case{Pos(-3.25f, 10.5f, -0.75f), -0.133466244f},
                          Case{Pos(-123.4f, 57.3f, 200.9f), -0.133220464f}, Case{Pos(17.77f, -0.31f, -250.5f), 0.282722056f}})
         EXPECT_NEAR(NoiseMap::noise(c.p), c.n, 2e-6f) << c.p.x << " " << c.p.y << " " << c.p.z;
