@@ -109,11 +109,7 @@ TEST(UvMappingTest, UpdateRefusesOtherTransformsAndChangesNothing) {
 
 // ---------------------------------------------------------------- wrapping
 
-struct WrapCase {
-    WrapMode mode;
-    float x, expected;
-    bool inside;
-};
+struct WrapCase { WrapMode mode; float x, expected; bool inside; };
 float const NaN = std::numeric_limits<float>::quiet_NaN(), INF = std::numeric_limits<float>::infinity();
 TEST(WrapCoordinateTest, WrapsAtTheEdges) {
     for (WrapCase const c : {WrapCase{WrapMode::NoTiling, 1.f, 1.f, true}, WrapCase{WrapMode::NoTiling, -0.25f, -0.25f, false},
@@ -166,16 +162,21 @@ TEST(UvMapperTest, ScreenModeProjectsCameraAndEnvironmentPoints) {
     expectNear(mapper.computeUvw(ctx), Pos(0.5f, 0.5f, 0.f));
 }
 
-TEST(UvMapperTest, FootprintFollowsTheAbsoluteLinearPart) {
+TEST(UvMapperTest, FootprintAndBumpBaseFollowThePlacement) {
     UvMapper mapper;
     PointContext ctx;
     mapper.set("scale", Pos(2, 3, 1));
     expectNear(mapper.computeDUvw(ctx), Dir(0.02f, 0.06f, 0.f), 1e-6f);
-    mapper.set("rotation", Pos(0, 0, HALF_PI));
+    // A unit gradient over the placed u is twice as steep over the channel's u.
+    EXPECT_EQ(mapper.computeBumpBase(ctx), Matrix33::fromColumns(Dir(2, 0, 0), Dir(0, 3, 0), ctx.normal));
+    mapper.set("rotation", Pos(0, 0, HALF_PI));  // the footprint takes the absolute linear part
     expectNear(mapper.computeDUvw(ctx), Dir(0.04f, 0.03f, 0.f), 1e-6f);
     mapper.set("mappingMode", UvMappingMode::WorldXyz);
     mapper.set("rotation", Pos(0, 0, 0));
     expectNear(mapper.computeDUvw(ctx), Dir(1.f, 1.5f, 0.5f), 1e-6f);
+    mapper.set("uvPlaneSelection", 1);
+    // Plane YZ: placed u grows along world y, placed v along world z.
+    EXPECT_EQ(mapper.computeBumpBase(ctx), Matrix33::fromColumns(Dir(0, 2, 0), Dir(0, 0, 3), ctx.normal));
 }
 
 TEST(UvMapperTest, EditsAndLoadedRecordsReachTheTransformButNotSnapshots) {
@@ -230,18 +231,6 @@ TEST(UvMapperTest, DegenerateUvsGiveAFrameAroundTheNormal) {
         EXPECT_NEAR(length(f.column(0)), 1.f, 1e-6f);
         EXPECT_NEAR(dot(f.column(2), n), 1.f, 1e-6f);
     }
-}
-
-TEST(UvMapperTest, BumpBaseFollowsThePlacement) {
-    UvMapper mapper;
-    mapper.set("scale", Pos(2, 3, 1));
-    PointContext ctx;
-    // A unit gradient over the placed u is twice as steep over the channel's u.
-    EXPECT_EQ(mapper.computeBumpBase(ctx), Matrix33::fromColumns(Dir(2, 0, 0), Dir(0, 3, 0), ctx.normal));
-    mapper.set("mappingMode", UvMappingMode::WorldXyz);
-    mapper.set("uvPlaneSelection", 1);
-    // Plane YZ: placed u grows along world y, placed v along world z.
-    EXPECT_EQ(mapper.computeBumpBase(ctx), Matrix33::fromColumns(Dir(0, 2, 0), Dir(0, 0, 3), ctx.normal));
 }
 
 // ------------------------------------------------------------ projections
