@@ -3,13 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <filesystem>
-#include <fstream>
 
 #include "EmbreeStage.h"
-#include "QuelinLibImage/ImageDecode.h"
-#include "TestSupport/TempFolderTest.h"
-#include "TestSupport/ToolRun.h"
 
 namespace {
 
