@@ -7,6 +7,7 @@
 #include "Ferrim/SkyMap/SkyTestSupport.h"
 #include "Ferrim/Version.h"
 #include "QuelinLibImage/ImageDecode.h"
+#include "TestSupport/ScopedEnv.h"
 #include "TestSupport/TempFolderTest.h"
 #include "TestSupport/ToolRun.h"
 
@@ -251,12 +252,9 @@ TEST_F(FerrimTool, TonemapLutIsTheCtmHoldingIt) {
 
 TEST_F(FerrimTool, TexturesReportAndStatsFileOnlyWithOutOfCoreSettings) {
     std::string const image = (fs::path(FERRIM_TESTDATA_DIR) / "exr/GrayRampsHorizontal.exr").string();
-    char const* const oldTmp = std::getenv("TMPDIR");
-    std::string const savedTmp = oldTmp ? oldTmp : "";
-    ::setenv("TMPDIR", mFolder.c_str(), 1);  // the default offload folder is under it
+    Quelin::Testing::ScopedEnv const tmp("TMPDIR", mFolder.c_str());  // the default offload folder is under it
     ToolRun const plain = runToolOk("textures " + image);
     ToolRun const withFolder = runToolOk("textures " + image + " --folder " + (mFolder / "offload").string());
-    oldTmp ? ::setenv("TMPDIR", savedTmp.c_str(), 1) : ::unsetenv("TMPDIR");
 
     EXPECT_NE(plain.out.find("GrayRampsHorizontal.exr"), std::string::npos) << plain.out;
     EXPECT_EQ(plain.out.find("textureStats.csv"), std::string::npos) << plain.out;

@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "Ferrim/ColorSpaces.h"
+#include "TestSupport/ScopedEnv.h"
 #include "TestSupport/TempFolderTest.h"
 #include "TestSupport/ToolRun.h"
 
@@ -61,20 +62,14 @@ class TonemapColor : public Testing::TempFolderTest {
 protected:
     void SetUp() override {
         TempFolderTest::SetUp();
-        if (char const* old = std::getenv("OCIO")) mOld = old;
-        ::unsetenv("OCIO");
         mEmpty = path("empty.ctm");
         std::ofstream(mEmpty) << R"({"mimeType": "application/vnd.zatho.ostrel.color-mapping", "version": 1, "operators": []})";
-    }
-    void TearDown() override {
-        if (mOld) ::setenv("OCIO", mOld->c_str(), 1);
-        TempFolderTest::TearDown();
     }
     std::string path(char const* name) const { return (mFolder / name).string(); }
     static std::string quoted(std::string const& s) { return "'" + s + "'"; }
 
+    Testing::ScopedEnv const mOcio{"OCIO", nullptr};  // the built-in config unless a test sets one
     std::string mEmpty;
-    Optional<std::string> mOld;
 };
 
 } // namespace
@@ -140,7 +135,7 @@ TEST_F(TonemapColor, UnknownNamesGiveOneLineNamingConfigAndName) {
     Testing::expectOneLineError(runTool("tonemap " + quoted(in) + " -o " + quoted(out) + " --input-space 'sRGB - Txture'"),
                                 {"built-in config", "\"sRGB - Txture\""}, "unknown input space");
     std::string const missing = path("nowhere.ocio");
-    ::setenv("OCIO", missing.c_str(), 1);
+    mOcio.set(missing.c_str());
     Testing::expectOneLineError(runTool("tonemap " + quoted(in) + " -o " + quoted(out)), {missing}, "missing config");
 }
 

@@ -73,11 +73,10 @@ TEST_F(SkyDataFilesTest, TheDevelopmentWorkspaceComesFirstOnlyInADevelopmentEnvi
     writeText("installed/PrgSunModelData.dat", "x");
     writeText("resources/OstrelCommonInstallerResources/prgSkyModel/PrgSunModelData.dat", "x");
     SkyDataLocation const location(mFolder / "installed");
-    ::setenv("QUELIN_WORKSPACE_DIR", mFolder.c_str(), 1);
+    ScopedEnv const workspace("QUELIN_WORKSPACE_DIR", mFolder.c_str());
     EXPECT_EQ(locateSkyDataFile("PrgSunModelData.dat").value().string(), (mFolder / "installed/PrgSunModelData.dat").string());
     ::setenv("QUELIN_DEVELOPMENT", "1", 1);
     EXPECT_EQ(locateSkyDataFile("PrgSunModelData.dat").value().string(), (inWorkspace / "PrgSunModelData.dat").string());
-    ::unsetenv("QUELIN_WORKSPACE_DIR");
 }
 
 TEST(CloudsDataTest, SectionsLandInTheirImagesTablesAndVolume) {
