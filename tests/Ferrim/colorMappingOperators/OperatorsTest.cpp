@@ -308,38 +308,34 @@ ColorMappingContext gamma22() {
     return c;
 }
 
-TEST(LutOperator, NeutralUntilGivenAPathAndAppliesInDisplayEncoding) {
+TEST(LutOperator, NeutralUntilAFileReadsThenAppliesInDisplayEncodingAndKeepsLoadErrorsUntilFixed) {
     auto op = prepared<LutOperator>([](auto&) {}, gamma22());
     EXPECT_TRUE(op->isNeutral());
     EXPECT_TRUE(op->getLoadError().empty());
+    // An unreadable file: neutral both ways, with the error naming file and line.
+    String const bad = String(FERRIM_TESTDATA_DIR) + "/lut/error_truncated_file.3dl";
+    op->set("path", bad);
+    op->prepareForApplication(gamma22());
+    EXPECT_TRUE(op->isNeutral());
+    EXPECT_NE(op->getLoadError().find(bad + ":375:"), String::npos) << op->getLoadError();
+    Rgb const in(0.2f, 0.4f, 0.05f);
+    EXPECT_EQ(op->map(in, {}), in);
+    EXPECT_EQ(op->unmap(in, {}), in);
+    // A readable file clears the error and applies in the display encoding.
     op->set("path", getDefaultLut());
     op->prepareForApplication(gamma22());
     ASSERT_FALSE(op->isNeutral()) << op->getLoadError();
+    EXPECT_TRUE(op->getLoadError().empty());
     auto power = [](Rgb c, float e) {
         for (int ch = 0; ch < 3; ++ch) c[ch] = std::pow(std::max(c[ch], 0.f), e);
         return c;
     };
-    Rgb const in(0.2f, 0.4f, 0.05f), out = op->map(in, {});
+    Rgb const out = op->map(in, {});
     expectNear(out, power(getDefaultLutData().apply(power(in, 1.f / 2.2f), LutInterpolation::Tetrahedral), 2.2f), 1e-5f);
     // Half opacity lands half-way between the input and the full look.
     op->set("lut_opacity", 0.5f);
     op->prepareForApplication(gamma22());
     expectNear(op->map(in, {}), (in + out) * 0.5f, 1e-5f);
-}
-
-TEST(LutOperator, UnreadableFileIsNeutralWithErrorKeptUntilFixed) {
-    String const bad = String(FERRIM_TESTDATA_DIR) + "/lut/error_truncated_file.3dl";
-    auto op = prepared<LutOperator>([&](LutOperator& o) { o.set("path", bad); }, gamma22());
-    EXPECT_TRUE(op->isNeutral());
-    EXPECT_NE(op->getLoadError().find(bad + ":375:"), String::npos) << op->getLoadError();
-    Rgb const c(0.3f, 0.5f, 0.7f);
-    EXPECT_EQ(op->map(c, {}), c);
-    EXPECT_EQ(op->unmap(c, {}), c);
-    // A readable file clears the error.
-    op->set("path", String(FERRIM_TESTDATA_DIR) + "/lut/discreet-3d-lut.3dl");
-    op->prepareForApplication(gamma22());
-    EXPECT_FALSE(op->isNeutral());
-    EXPECT_TRUE(op->getLoadError().empty());
 }
 
 // ---------------------------------------------------------------- every operator
