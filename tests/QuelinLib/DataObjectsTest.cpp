@@ -244,6 +244,5 @@ TEST(Json, IntegerAndFloatConversionsStopAtTheTypesRange) {
     float const largest = std::numeric_limits<float>::max();
     // The shortest text of the largest float reads back as a double just above it.
     EXPECT_EQ(jsonToFloat(json::parse("3.4028235e+38")), largest);
-    for (json const& j : {json(3.4028237e38), json(1e39), json("1.5")})
-        EXPECT_EQ(jsonToFloat(j), std::nullopt) << j;
+    for (json const& j : {json(3.4028237e38), json(1e39), json("1.5")}) EXPECT_EQ(jsonToFloat(j), std::nullopt) << j;
 }

@@ -52,6 +52,5 @@ TEST(HalfTest, StoredHalfAndBufferConversionsMatchTheScalarOnes) {
     floatToHalf(buffer, halves, 3);
     float back[3];
     halfToFloat(halves, back, 3);
-    for (int i = 0; i < 3; ++i)
-        EXPECT_EQ(back[i], halfToFloat(floatToHalf(buffer[i]))) << i;
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(back[i], halfToFloat(floatToHalf(buffer[i]))) << i;
 }

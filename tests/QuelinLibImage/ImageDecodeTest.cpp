@@ -21,8 +21,7 @@ Image decode(Io::InputStream& stream, ImageFormat format) {
 
 Image decodeFile(Io::Path const& path, ImageFormat format) {
     auto stream = Io::FileInputStream::open(path);
-    if (!stream)
-        throw Exception(stream.error());
+    if (!stream) throw Exception(stream.error());
     return decode(**stream, format);
 }
 
@@ -139,8 +138,7 @@ TEST_F(DecodeRoundTripTest, RadianceFilesKeepSharedExponentPixels) {
             Rgb const got = decoded.getPixel<PixelRgbe>(x, y).toRgb();
             // Eight bits of mantissa shared by the three channels.
             float const tolerance = std::max({want.r, want.g, want.b}) / 128.f;
-            for (int ch = 0; ch < 3; ++ch)
-                EXPECT_NEAR(got[ch], want.rgb()[ch], tolerance) << x << "," << y;
+            for (int ch = 0; ch < 3; ++ch) EXPECT_NEAR(got[ch], want.rgb()[ch], tolerance) << x << "," << y;
         }
 }
 

@@ -48,8 +48,7 @@ std::map<String, int> exrChannelTypes(Stack<std::uint8_t> const& bytes) {
 Image makeImage(PixelFormat format) {
     Image image(Image::Descriptor(Pixel(5, 3), format));
     for (int y = 0; y < 3; ++y)
-        for (int x = 0; x < 5; ++x)
-            image.setRgbAlpha(x, y, RgbAlpha(x * 0.2f, y * 0.4f, 0.5f, 1.f - x * 0.1f));
+        for (int x = 0; x < 5; ++x) image.setRgbAlpha(x, y, RgbAlpha(x * 0.2f, y * 0.4f, 0.5f, 1.f - x * 0.1f));
     return image;
 }
 
@@ -78,8 +77,7 @@ TEST_P(PixelFormatTest, GenericAccessRoundTripsWithinTheChannelPrecision) {
     RgbAlpha const back = image.getRgbAlpha(6, 3);
     bool const mono = getChannelCount(format) == 1 || getChannelCount(format) == 2;
     Rgb const expected = mono ? Rgb(channelMean(0.8f, 0.3f, 0.1f)) : value.rgb();
-    for (int ch = 0; ch < 3; ++ch)
-        EXPECT_NEAR(back.rgb()[ch], expected[ch], tolerance) << ch;
+    for (int ch = 0; ch < 3; ++ch) EXPECT_NEAR(back.rgb()[ch], expected[ch], tolerance) << ch;
     EXPECT_NEAR(back.alpha, hasAlpha(format) ? 0.6f : 1.f, tolerance);
 }
 

@@ -233,8 +233,7 @@ TEST_F(FerrimTool, ProgressOnlyOnATerminalAndNeverWhenQuiet) {
     if (std::system("script -qec true /dev/null >/dev/null 2>&1") != 0)
         GTEST_SKIP() << "script(1) cannot open a pseudo-terminal here";
     EXPECT_NE(stderrOnTerminal(args).find("] 100%"), std::string::npos);
-    for (char const* quiet : {" --quiet", " -q"})
-        EXPECT_EQ(stderrOnTerminal(args + quiet), "") << quiet;
+    for (char const* quiet : {" --quiet", " -q"}) EXPECT_EQ(stderrOnTerminal(args + quiet), "") << quiet;
 }
 
 TEST_F(FerrimTool, TonemapLutIsTheCtmHoldingIt) {

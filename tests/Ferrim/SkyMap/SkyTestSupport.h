@@ -49,8 +49,7 @@ inline Io::Path const& sharedSkyDataFolder() {
 /// Whether `bytes` hold byteAt from `fileOffset` on.
 inline bool holdsBytesFrom(std::span<std::byte const> bytes, std::int64_t fileOffset) {
     for (std::size_t i = 0; i < bytes.size(); ++i)
-        if (std::to_integer<std::uint8_t>(bytes[i]) != SkyFiles::byteAt(fileOffset + std::int64_t(i)))
-            return false;
+        if (std::to_integer<std::uint8_t>(bytes[i]) != SkyFiles::byteAt(fileOffset + std::int64_t(i))) return false;
     return true;
 }
 
