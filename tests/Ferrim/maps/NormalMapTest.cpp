@@ -183,21 +183,16 @@ float stddevOf(IMapEvaluator const& e, int points) {
     return float(std::sqrt(squares / points - mean * mean));
 }
 
-TEST_F(MappingRandomizerTest, StochasticTilingChangesTheInputAndKeepsConstantsContrastAndRange) {
+TEST_F(MappingRandomizerTest, StochasticTilingKeepsConstantsContrastAndRange) {
     auto const noise = makeSharedPtr<NoiseMap>();
     noise->set("size", 0.2f);
     auto const input = noise->getEvaluator().evaluator;
     auto const map = stochasticMap(noise, 1);
     auto const e = map->getEvaluator().evaluator;
     ASSERT_NE(dynamic_cast<MappingRandomizerEvaluator const*>(e.get()), nullptr);
-    // It differs from the plain input. Its smoothness across patches is the
-    // weights test's, and with the seed the Python stochastic-tiling test's.
-    int differs = 0;
-    for (int i = 0; i < 200; ++i) {
-        SettableShadeContext const p(0.13f * float(i), 0.07f * float(i));
-        differs += std::fabs(e->evalMono(p, nullptr).value - input->evalMono(p, nullptr).value) > 0.05f;
-    }
-    EXPECT_GT(differs, 50);
+    // That it changes the input at all (two seeds differ), and its smoothness
+    // across patches, are the Python stochastic-tiling test's; the weights'
+    // continuity is WeightsSumToOneAndChangeContinuously...'s.
     // Contrast: the variance-preserving blend keeps the input's spread, a plain
     // blend of three uncorrelated lookups loses some of it.
     float const spread = stddevOf(*input, 4000), kept = stddevOf(*e, 4000);
