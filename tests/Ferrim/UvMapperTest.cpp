@@ -199,7 +199,7 @@ TEST(UvMapperTest, EditsAndLoadedRecordsReachTheTransformButNotSnapshots) {
 
 // --------------------------------------------------------------- frames
 
-TEST(UvMapperTest, BumpBaseSolvesTheTangentsAndFootprintIsTheUvwChangePerWorldUnit) {
+TEST(UvMapperTest, BumpBaseInEitherFormDegenerateUvsAndTheTriangleFootprint) {
     StaticArray<Pos, 3> const positions{Pos(0, 0, 0), Pos(2, 0, 0), Pos(0, 3, 0)};
     StaticArray<Pos, 3> const uvws{Pos(0, 0, 0), Pos(1, 0, 0), Pos(0, 1, 0)};
     Dir const n(0, 0, 1);
@@ -210,26 +210,23 @@ TEST(UvMapperTest, BumpBaseSolvesTheTangentsAndFootprintIsTheUvwChangePerWorldUn
     expectNear(UvMapper::computeTriangleDUvw(positions, uvws), Dir(0.5f, 1.f / 3.f, 0.f), 1e-6f);
     StaticArray<Pos, 3> const line{Pos(0, 0, 0), Pos(1, 0, 0), Pos(2, 0, 0)};
     EXPECT_EQ(UvMapper::computeTriangleDUvw(line, uvws), Dir());
-}
 
-TEST(UvMapperTest, GeneralizedBumpBaseAgreesOnARegularTriangle) {
+    // The generalized form agrees on a regular triangle.
     StaticArray<Pos, 3> const p{Pos(0, 0, 0), Pos(2, 0.5f, 0.3f), Pos(-0.4f, 3, 1)};
     StaticArray<Pos, 3> const t{Pos(0.1f, 0.2f, 0), Pos(0.9f, 0.4f, 0), Pos(0.3f, 1.1f, 0)};
-    Dir const n = normalize(cross(Dir(p[1] - p[0]), Dir(p[2] - p[0])));
+    Dir const tilted = normalize(cross(Dir(p[1] - p[0]), Dir(p[2] - p[0])));
     for (bool unit : {false, true}) {
-        Matrix33 const a = UvMapper::bumpBase(n, p, t, unit), b = UvMapper::generalizedBumpBase(n, p, t, unit);
+        Matrix33 const a = UvMapper::bumpBase(tilted, p, t, unit), b = UvMapper::generalizedBumpBase(tilted, p, t, unit);
         for (int i = 0; i < 9; ++i) EXPECT_NEAR(a.m[i / 3][i % 3], b.m[i / 3][i % 3], 1e-4f * (1.f + std::abs(a.m[i / 3][i % 3]))) << i;
     }
-}
 
-TEST(UvMapperTest, DegenerateUvsGiveAFrameAroundTheNormal) {
-    StaticArray<Pos, 3> const positions{Pos(0, 0, 0), Pos(1, 0, 0), Pos(0, 1, 0)};
+    // Degenerate UVs give both forms a frame around the normal.
     StaticArray<Pos, 3> const same{Pos(0.5f, 0.5f, 0), Pos(0.5f, 0.5f, 0), Pos(0.5f, 0.5f, 0)};
-    Dir const n = normalize(Dir(1, 2, 3));
-    for (Matrix33 const& f : {UvMapper::bumpBase(n, positions, same, false), UvMapper::generalizedBumpBase(n, positions, same, true)}) {
-        EXPECT_NEAR(std::abs(dot(f.column(0), n)) + std::abs(dot(f.column(1), n)) + std::abs(dot(f.column(0), f.column(1))), 0.f, 3e-6f);
+    Dir const m = normalize(Dir(1, 2, 3));
+    for (Matrix33 const& f : {UvMapper::bumpBase(m, positions, same, false), UvMapper::generalizedBumpBase(m, positions, same, true)}) {
+        EXPECT_NEAR(std::abs(dot(f.column(0), m)) + std::abs(dot(f.column(1), m)) + std::abs(dot(f.column(0), f.column(1))), 0.f, 3e-6f);
         EXPECT_NEAR(length(f.column(0)), 1.f, 1e-6f);
-        EXPECT_NEAR(dot(f.column(2), n), 1.f, 1e-6f);
+        EXPECT_NEAR(dot(f.column(2), m), 1.f, 1e-6f);
     }
 }
 
