@@ -42,20 +42,14 @@ String loadError(FileKind const& kind) {
 
 class SkyDataFilesTest : public TempFolderTest {};
 
-TEST_F(SkyDataFilesTest, MissingFilesGiveTheLocatingErrorAndEachKindsMessage) {
-    SkyDataLocation const location(mFolder); // empty
+TEST_F(SkyDataFilesTest, MissingFilesGiveEachKindsMessageAndWrongSizesAreRefusedNamingFileAndSizes) {
+    SkyDataLocation const location(mFolder); // empty until each kind's file is written below
     for (FileKind const& kind : FILE_KINDS) {
-        String const error = locateSkyDataFile(kind.name).error();
-        EXPECT_EQ(error.rfind(String("Could not find data file ") + kind.name + " (searched ", 0), 0u) << error;
-        EXPECT_NE(error.find(Io::pathToUtf8(mFolder)), String::npos) << error;
+        String const notFound = locateSkyDataFile(kind.name).error();
+        EXPECT_EQ(notFound.rfind(String("Could not find data file ") + kind.name + " (searched ", 0), 0u) << notFound;
+        EXPECT_NE(notFound.find(Io::pathToUtf8(mFolder)), String::npos) << notFound;
         EXPECT_EQ(loadError(kind), kind.notFound);
         EXPECT_FALSE(kind.available()) << kind.name;
-    }
-}
-
-TEST_F(SkyDataFilesTest, FilesOfTheWrongSizeAreRefusedNamingFileAndSizes) {
-    SkyDataLocation const location(mFolder);
-    for (FileKind const& kind : FILE_KINDS) {
         for (std::int64_t const size : {std::int64_t(0), kind.size - 1, kind.size + 4096}) {
             Files::SparseFile(mFolder / kind.name, size);
             EXPECT_TRUE(kind.available()) << kind.name;
