@@ -54,9 +54,33 @@ protected:
     }
 };
 
-// Repeat addressing, 8-bit files and the cap under the map's filters are
-// TiledTextureMapTest's.
-TEST_F(TileCacheTest, OneAndEightThreadsEvictingUnderATinyCapReadWhatAnUncappedCacheReads) {
+TEST_F(TileCacheTest, CapSmallerThanOneLevelChangesNoResultAndHoldsThePeak) {
+    auto file = tiledFile("capped.tif", PixelFormat::Rgba8, FileChannelType::UInt8);
+    ASSERT_TRUE(file);
+    Stack<Point> const trace = points(4000, 11);
+    Addressing const repeat{Address::Repeat, Address::Repeat};
+    TileCache roomy(std::int64_t(1) << 30);
+    Stack<Float4> expected;
+    for (Point const& p : trace) expected.push_back(roomy.sampleTrilinear(*file, p.u, p.v, p.width, repeat));
+
+    // Three tiles, where level 0 alone has 35.
+    std::int64_t const cap = 3 * file->getTileBytes();
+    TileCache capped(cap);
+    for (std::size_t i = 0; i < trace.size(); ++i)
+        ASSERT_TRUE(sameBits(capped.sampleTrilinear(*file, trace[i].u, trace[i].v, trace[i].width, repeat), expected[i])) << i;
+    // One lookup pins at most the four tiles around its point.
+    EXPECT_LE(capped.getPeakMemoryUsage(), cap + 4 * file->getTileBytes());
+    EXPECT_LE(capped.getMemoryUsage(), cap + 4 * file->getTileBytes());
+    TileStats const stats = capped.getStats();
+    EXPECT_GT(stats.bytesReread, 0);
+    EXPECT_EQ(stats.bytesRead, stats.misses * file->getTileBytes());
+    EXPECT_EQ(roomy.getStats().bytesRead, file->getTotalBytes() > 0 ? roomy.getStats().misses * file->getTileBytes() : 0);
+
+    capped.setCapacity(0);
+    EXPECT_EQ(capped.getMemoryUsage(), 0);
+}
+
+TEST_F(TileCacheTest, EightThreadsEvictingUnderATinyCapReadWhatOneThreadReads) {
     auto file = tiledFile("threads.exr", PixelFormat::RgbaFloat, FileChannelType::Half);
     ASSERT_TRUE(file);
     Stack<Point> const trace = points(3000, 5);
@@ -64,33 +88,22 @@ TEST_F(TileCacheTest, OneAndEightThreadsEvictingUnderATinyCapReadWhatAnUncappedC
     TileCache reference(std::int64_t(1) << 30);
     Stack<Float4> expected;
     for (Point const& p : trace) expected.push_back(reference.sampleTrilinear(*file, p.u, p.v, p.width, clamp));
-    auto const sameAsExpected = [&](TileCache& cache, std::size_t i) {
-        return sameBits(cache.sampleTrilinear(*file, trace[i].u, trace[i].v, trace[i].width, clamp), expected[i]);
-    };
-
-    // Two tiles, where level 0 alone has 35. Alone, a lookup pins at most the four tiles around its point.
-    std::int64_t const tile = file->getTileBytes(), cap = 2 * tile;
-    TileCache single(cap);
-    for (std::size_t i = 0; i < trace.size(); ++i) ASSERT_TRUE(sameAsExpected(single, i)) << i;
-    EXPECT_LE(single.getPeakMemoryUsage(), cap + 4 * tile);
-    TileStats const stats = single.getStats();
-    EXPECT_GT(stats.bytesReread, 0);
-    EXPECT_EQ(stats.bytesRead, stats.misses * tile);
-    single.setCapacity(0);
-    EXPECT_EQ(single.getMemoryUsage(), 0);
 
     constexpr int THREADS = 8;
+    std::int64_t const cap = 2 * file->getTileBytes();
     TileCache cache(cap);
     std::atomic<int> mismatches{0};
     Stack<std::thread> threads;
     for (int t = 0; t < THREADS; ++t)
         threads.emplace_back([&, t] {
             for (int round = 0; round < 3; ++round)
-                for (std::size_t i = std::size_t(t); i < trace.size(); i += 3) mismatches += !sameAsExpected(cache, i);
+                for (std::size_t i = std::size_t(t); i < trace.size(); i += 3)
+                    if (!sameBits(cache.sampleTrilinear(*file, trace[i].u, trace[i].v, trace[i].width, clamp), expected[i]))
+                        ++mismatches;
         });
     for (auto& thread : threads) thread.join();
     EXPECT_EQ(mismatches.load(), 0);
-    EXPECT_LE(cache.getPeakMemoryUsage(), cap + THREADS * 4 * tile);
+    EXPECT_LE(cache.getPeakMemoryUsage(), cap + THREADS * 4 * file->getTileBytes());
     EXPECT_GT(cache.getStats().bytesReread, 0);
 }
 
