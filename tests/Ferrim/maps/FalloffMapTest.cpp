@@ -80,7 +80,7 @@ TEST_F(FalloffMapTest, EqualConstantInputsFoldAndBumpBlends) {
     Testing::expectNear(map.getEvaluator().evaluator->evalBump(pointAt(60.f), nullptr), Dir(0.5f, 1.f, 1.5f), 1e-5f);
 }
 
-TEST_F(FalloffMapTest, FresnelMapMatchesTheEquationsOnBothFacesForIndicesAboveAndBelowOne) {
+TEST_F(FalloffMapTest, FresnelMapMatchesTheEquationsOnBothFacesAndPerChannelForMetals) {
     // Every degree, across Brewster's angle and (inside) the critical angle.
     for (float ior : {1.5f, 2.4f, 0.7f}) {
         FresnelMap map;
@@ -95,9 +95,7 @@ TEST_F(FalloffMapTest, FresnelMapMatchesTheEquationsOnBothFacesForIndicesAboveAn
             EXPECT_NEAR(e->evalColor(back, nullptr).g, reflectanceAtCosine(c, 1.0 / double(ior)), 1e-6) << ior << " " << degrees;
         }
     }
-}
-
-TEST_F(FalloffMapTest, FresnelMapReadsPerChannelMetals) {
+    // Metals: a complex index per channel.
     FresnelMap map;
     map.set("conductor", true);
     map.set("n", Rgb(0.18299f, 0.42415f, 1.3734f));
