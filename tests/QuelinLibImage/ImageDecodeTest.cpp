@@ -5,9 +5,11 @@
 #include <random>
 
 #include "QuelinLibImage/ImageLimits.h"
+#include "TestSupport/ErrorOf.h"
 #include "TestSupport/TempFolderTest.h"
 
 using namespace Quelin;
+using Quelin::Testing::errorOf;
 
 namespace {
 
@@ -23,16 +25,6 @@ Image decodeFile(Io::Path const& path, ImageFormat format) {
     auto stream = Io::FileInputStream::open(path);
     if (!stream) throw Exception(stream.error());
     return decode(**stream, format);
-}
-
-/// The text of the exception `f` throws, or "no error".
-template <typename F> String errorOf(F&& f) {
-    try {
-        f();
-    } catch (Exception const& e) {
-        return e.what();
-    }
-    return "no error";
 }
 
 TEST(ContentTypeTest, MapsMimeTypesAndExtensionsAndRefusesOthersNamingTheSource) {

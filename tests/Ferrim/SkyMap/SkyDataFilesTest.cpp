@@ -6,6 +6,7 @@
 #include "Ferrim/SkyMap/PrgSunModelData.h"
 #include "Ferrim/SkyMap/SkyMap.h"
 #include "SkyTestSupport.h"
+#include "TestSupport/ErrorOf.h"
 #include "TestSupport/TempFolderTest.h"
 
 using namespace Quelin;
@@ -31,15 +32,6 @@ FileKind const FILE_KINDS[] = {
      [] { CloudsData(); }, &SkyMap::areCloudsAvailable},
 };
 
-String loadError(FileKind const& kind) {
-    try {
-        kind.load();
-    } catch (Exception const& e) {
-        return e.what();
-    }
-    return "no error";
-}
-
 class SkyDataFilesTest : public TempFolderTest {};
 
 TEST_F(SkyDataFilesTest, MissingFilesGiveEachKindsMessageAndWrongSizesAreRefusedNamingFileAndSizes) {
@@ -48,12 +40,12 @@ TEST_F(SkyDataFilesTest, MissingFilesGiveEachKindsMessageAndWrongSizesAreRefused
         String const notFound = locateSkyDataFile(kind.name).error();
         EXPECT_EQ(notFound.rfind(String("Could not find data file ") + kind.name + " (searched ", 0), 0u) << notFound;
         EXPECT_NE(notFound.find(Io::pathToUtf8(mFolder)), String::npos) << notFound;
-        EXPECT_EQ(loadError(kind), kind.notFound);
+        EXPECT_EQ(errorOf(kind.load), kind.notFound);
         EXPECT_FALSE(kind.available()) << kind.name;
         for (std::int64_t const size : {std::int64_t(0), kind.size - 1, kind.size + 4096}) {
             Files::SparseFile(mFolder / kind.name, size);
             EXPECT_TRUE(kind.available()) << kind.name;
-            String const error = loadError(kind);
+            String const error = errorOf(kind.load);
             EXPECT_EQ(error.rfind("Could not load object from the stream. ", 0), 0u) << error;
             for (String const& part : {String(kind.name), std::to_string(size), std::to_string(kind.size)})
                 EXPECT_NE(error.find(part), String::npos) << error;

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "Ferrim/TextureMap/ImageTextureCache.h"
+#include "TestSupport/ErrorOf.h"
 #include "TextureMapTestSupport.h"
 
 using namespace Quelin;
@@ -97,16 +98,6 @@ class OffloadTest : public TextureMapFixture {
         EXPECT_EQ(ImageTextureCache::getMemoryUsage(), TOTAL - onDisk);
     }
 
-    /// The error of reading every level back, empty when it worked.
-    static String readAllBack(ImageTexture const& texture) {
-        try {
-            texture.requireLevel(0);
-            return String();
-        } catch (Exception const& e) {
-            return String(e.what());
-        }
-    }
-
     Io::Path levelFile(ImageTexture const& texture, int level) const {
         return mStore / ("Ostrel_Out_Of_Core_Texture_" + texture.getMipChain().getId()) / ("Ostrel_Mip_Map_" + std::to_string(level));
     }
@@ -181,7 +172,7 @@ TEST_F(OffloadTest, ACutOrAlteredLevelFileGivesTheEofErrorAndStaysCounted) {
         file.put('\x7f'); // one byte of 4096 + 8
     }
     for (auto const& [texture, level] : {std::pair{cut, 3}, {altered, 1}}) {
-        String const error = readAllBack(*texture);
+        String const error = Testing::errorOf([&] { texture->requireLevel(0); });  // every level back
         EXPECT_TRUE(error.starts_with("EOF while reading mip map data!")) << error;
         EXPECT_NE(error.find("Ostrel_Mip_Map_" + std::to_string(level)), String::npos) << error;
     }
