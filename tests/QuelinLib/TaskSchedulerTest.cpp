@@ -79,7 +79,7 @@ TEST_F(TaskSchedulerTest, BodyExceptionReachesTheCaller) {
     EXPECT_EQ(count, 100);
 }
 
-TEST_F(TaskSchedulerTest, NestedLoopsRunOnTheSameScheduler) {
+TEST_F(TaskSchedulerTest, NestedLoopsRunOnTheSameSchedulerAndTheThreadDefaultIsPerThread) {
     std::atomic<int> wrongScheduler{0};
     std::atomic<std::int64_t> count{0};
     auto check = [&] { wrongScheduler += &TaskScheduler::getDefault() != &mScheduler; };
@@ -92,9 +92,6 @@ TEST_F(TaskSchedulerTest, NestedLoopsRunOnTheSameScheduler) {
     });
     EXPECT_EQ(wrongScheduler, 0);
     EXPECT_EQ(count, 800);
-}
-
-TEST_F(TaskSchedulerTest, ThreadDefaultIsPerThread) {
     TaskScheduler* seenInside = nullptr;
     Thread worker([&] {
         TaskScheduler::setThreadDefault(&mScheduler);
