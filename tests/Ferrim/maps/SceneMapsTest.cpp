@@ -281,7 +281,7 @@ Dir rounded(RoundEdgesEvaluator::Settings const& s, SceneShadeContext const& c) 
     return RoundEdgesEvaluator(s).roundedNormal(c);
 }
 
-TEST(RoundEdgesMap, NormalTiltsTowardsTheBisectorOfACubesEdge) {
+TEST(RoundEdgesMap, NormalTiltsTowardsTheBisectorOfACubesEdgeAndModesChooseWhichEdgesRound) {
     RoundEdgesEvaluator::Settings s;
     s.radius = 0.1f, s.samples = 32;
     float previousTilt = -1.f;
@@ -302,11 +302,6 @@ TEST(RoundEdgesMap, NormalTiltsTowardsTheBisectorOfACubesEdge) {
         }
         previousTilt = tilt;
     }
-}
-
-TEST(RoundEdgesMap, ModesChooseWhichEdgesRound) {
-    RoundEdgesEvaluator::Settings s;
-    s.radius = 0.1f, s.samples = 32;
     // The floor (object 1) at the foot of a wall x = 1, the wall of the same object or another.
     auto creaseTilt = [&](RoundEdgesMap::Mode mode, int wallId) {
         SceneShadeContext c = pointAt(Dir(0.97f, 0, 0), Dir(0, 0, 1),
@@ -343,7 +338,7 @@ ShadedTriangle knownTriangle(float x, float y) {
     return {{Pos(0, 0, 0), Pos(4, 0, 0), Pos(0, 3, 0)}, Pos(1.f - b1 - b2, b1, b2)};
 }
 
-TEST(WireframeMap, DistanceToTheNearestEdgeOfAKnownTriangle) {
+TEST(WireframeMap, DistanceToTheNearestEdgeOfAKnownTriangleAndCoverageBoxFilteredOverTheFootprint) {
     // Edges y = 0, x = 0 and 3x + 4y = 12.
     for (auto [x, y] : {std::pair{1.f, 1.f}, {0.5f, 2.f}, {2.f, 0.25f}, {3.f, 0.5f}, {0.f, 1.f}, {1.2f, 0.9f}}) {
         float const expected = std::min({y, x, (12.f - 3.f * x - 4.f * y) / 5.f});
@@ -355,9 +350,7 @@ TEST(WireframeMap, DistanceToTheNearestEdgeOfAKnownTriangle) {
     EXPECT_EQ(WireframeEvaluator::edgeDistance({{Pos(0, 0, 0), Pos(1, 1, 0), Pos(2, 2, 0)}, Pos(0.3f, 0.3f, 0.4f)}), 0.f);
     float const inf = std::numeric_limits<float>::infinity();
     EXPECT_FALSE(WireframeEvaluator::edgeDistance({{Pos(0, 0, 0), Pos(inf, 0, 0), Pos(0, 3, 0)}, Pos(0.3f, 0.3f, 0.4f)}));
-}
-
-TEST(WireframeMap, CoverageIsTheLineBoxFilteredOverTheFootprint) {
+    // Coverage: the line box-filtered over the footprint.
     struct Case {
         WireframeMap::Units units;
         float width, footprint, y; // the point at (2, y): y is its distance to the nearest edge
