@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "Ferrim/ColorSpaces.h"
+#include "TestSupport/ScopedEnv.h"
 #include "TestSupport/TempFolderTest.h"
 
 #include <OpenColorIO/OpenColorIO.h>
@@ -42,13 +43,7 @@ void expectSameAsReference(ColorSpaces::Processor const& ours, OCIO::ConstCPUPro
     }
 }
 
-/// Sets $OCIO for one test and restores it.
-struct ScopedOcio {
-    static void put(char const* value) { value ? ::setenv("OCIO", value, 1) : ::unsetenv("OCIO"); }
-    explicit ScopedOcio(char const* value) : old(std::getenv("OCIO") ? Optional<String>(std::getenv("OCIO")) : std::nullopt) { put(value); }
-    ~ScopedOcio() { put(old ? old->c_str() : nullptr); }
-    Optional<String> old;
-};
+using Testing::ScopedEnv;
 
 /// A failed result whose error names every one of `needles`.
 template <typename T>
@@ -60,7 +55,7 @@ void expectErrorNaming(T const& result, std::initializer_list<String> needles) {
 } // namespace
 
 TEST(ColorSpaces, ConversionsMatchOpenColorIOsOwnProcessor) {
-    ScopedOcio ocio(nullptr);
+    ScopedEnv const ocio("OCIO", nullptr);
     auto const reference = referenceConfig();
     for (char const* from : {"sRGB - Texture", "Gamma 2.2 Rec.709 - Texture", "ACEScg", "ACES2065-1", "Raw"}) {
         auto ours = ColorSpaces::makeConversion(from, "Linear Rec.709 (sRGB)");
@@ -88,7 +83,7 @@ TEST(ColorSpaces, ConversionsMatchOpenColorIOsOwnProcessor) {
 }
 
 TEST(ColorSpaces, AutoPicksTheFileTagThenTheChannelType) {
-    ScopedOcio ocio(nullptr);
+    ScopedEnv const ocio("OCIO", nullptr);
     struct Case { char const* tag; float gamma; PixelFormat format; char const* expected; };
     for (Case const c : {Case{"", 0.f, PixelFormat::Rgb8, "sRGB - Texture"},
                          Case{"", 0.f, PixelFormat::Rgba16, "sRGB - Texture"},
@@ -107,7 +102,7 @@ class ColorSpacesConfigTest : public Testing::TempFolderTest {};
 
 TEST_F(ColorSpacesConfigTest, ErrorsNameTheConfigAndWhatItLacks) {
     {
-        ScopedOcio ocio(nullptr);
+        ScopedEnv const ocio("OCIO", nullptr);
         expectErrorNaming(ColorSpaces::makeConversion("sRGB - Txture", "Linear Rec.709 (sRGB)"),
                           {"built-in config", "\"sRGB - Txture\""});
         expectErrorNaming(ColorSpaces::makeDisplayView({"ACEScg", "sRGB - Display", "Filmic", ""}), {"\"Filmic\""});
@@ -115,7 +110,7 @@ TEST_F(ColorSpacesConfigTest, ErrorsNameTheConfigAndWhatItLacks) {
     }
     String const missing = (mFolder / "missing.ocio").string();
     {
-        ScopedOcio ocio(missing.c_str());
+        ScopedEnv const ocio("OCIO", missing.c_str());
         expectErrorNaming(ColorSpaces::makeConversion("sRGB - Texture", "Linear Rec.709 (sRGB)"), {missing});
     }
     // A config of the user's: its own spaces, errors naming its file.
@@ -125,7 +120,7 @@ TEST_F(ColorSpacesConfigTest, ErrorsNameTheConfigAndWhatItLacks) {
                           "colorspaces:\n  - !<ColorSpace>\n    name: lin\n"
                           "  - !<ColorSpace>\n    name: squared\n    to_scene_reference: !<ExponentTransform> {value: 2}\n";
     {
-        ScopedOcio ocio(own.c_str());
+        ScopedEnv const ocio("OCIO", own.c_str());
         auto squared = ColorSpaces::makeConversion("squared", "lin");
         ASSERT_TRUE(squared) << squared.error();
         EXPECT_NEAR(squared->apply(Rgb(0.5f)).r, 0.25f, 1e-6f);

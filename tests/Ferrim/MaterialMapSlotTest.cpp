@@ -15,11 +15,7 @@ MaterialMapSlot makeSlot(Interpolation mode, float base, EntityHolder<IMap> map,
 }
 
 // Expected: plain from evalColor and evalMono, working clamped below at 0, clamped to [0, 1].
-struct BlendCase {
-    char const* name;
-    Interpolation mode;
-    float base, map, alpha, k, plain, working, clamped;
-};
+struct BlendCase { char const* name; Interpolation mode; float base, map, alpha, k, plain, working, clamped; };
 
 TEST(MaterialMapSlotTest, ConstantAndVaryingMapsBlendAlike) {
     for (BlendCase const& c : {BlendCase{"OverrideIgnoresAlpha", Interpolation::Override, 0.2f, 0.5f, 0.5f, 1.f, 0.5f, 0.5f, 0.5f},

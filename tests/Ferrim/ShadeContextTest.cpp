@@ -18,10 +18,7 @@ public:
     String name = "brushed steel";
 
     Matrix33 getBumpBase(int c) const override { return Matrix33(1, 2, 3, 4, 5, 6, 7, 8, float(c)); }
-    Pos getUvw(int c, std::uint32_t flags = 0) const override {
-        lastFlags = flags;
-        return Pos(0.1f, 0.2f, float(c));
-    }
+    Pos getUvw(int c, std::uint32_t flags = 0) const override { return lastFlags = flags, Pos(0.1f, 0.2f, float(c)); }
     Dir getDUvw(int c) const override { return Dir(0.01f, 0.02f, float(c)); }
     Dir getDpDu(int c) const override { return Dir(1.5f, 0, float(c)); }
     Dir getDpDv(int c) const override { return Dir(0, 2.5f, float(c)); }
@@ -43,8 +40,7 @@ public:
     float getTime() const override { return 0.75f; }
     Pixel getPixel() const override { return Pixel(640, 360); }
     Vector2 unprojectPoint(Optional<PrecisePos> const& point, UnprojectPoint mode) const override {
-        lastPoint = point;
-        return mode == UnprojectPoint::Normalized ? Vector2(0.25f, 0.5f) : Vector2(320, 240);
+        return lastPoint = point, mode == UnprojectPoint::Normalized ? Vector2(0.25f, 0.5f) : Vector2(320, 240);
     }
     BoundingBox<Pos> getObjectBbox() const override { return {Pos(-1, -1, -1), Pos(1, 1, 1)}; }
     Vector2 generateRandom2() const override { return Vector2(0.3f, 0.7f); }
@@ -53,20 +49,11 @@ public:
     int getObjectId() const override { return 17; }
     int getInstanceId() const override { return 23; }
     Rgb getVertexColor(int channel) const override { return Rgb(0.5f, float(channel), 0.25f); }
-    Rgb colorUnMap(Rgb const& color, Flags<ColorMappingExclude> exclude) const override {
-        lastExclude = exclude;
-        return color * 2.f;
-    }
+    Rgb colorUnMap(Rgb const& color, Flags<ColorMappingExclude> exclude) const override { return lastExclude = exclude, color * 2.f; }
     String const& getMaterialName() const override { return name; }
-    Optional<UserPropertyValue> getUserProperty(StringView key) const override {
-        return UserPropertyValue(String(key) + "!");
-    }
-    Optional<float> traceOcclusion(PrecisePos const& o, Dir const& d, float maxDistance) const override {
-        return float(o.x) + d.y + maxDistance;
-    }
-    Optional<SceneHit> traceNearest(PrecisePos const& o, Dir const& d, float maxDistance) const override {
-        return SceneHit{float(o.y) + maxDistance, d, 5};
-    }
+    Optional<UserPropertyValue> getUserProperty(StringView key) const override { return UserPropertyValue(String(key) + "!"); }
+    Optional<float> traceOcclusion(PrecisePos const& o, Dir const& d, float max) const override { return float(o.x) + d.y + max; }
+    Optional<SceneHit> traceNearest(PrecisePos const& o, Dir const& d, float max) const override { return SceneHit{float(o.y) + max, d, 5}; }
     Optional<ShadedTriangle> getTriangle() const override {
         return ShadedTriangle{{Pos(0, 0, 0), Pos(1, 0, 0), Pos(0, 1, 0)}, Pos(0.2f, 0.3f, 0.5f)};
     }

@@ -107,22 +107,9 @@ TEST(UvMappingTest, UpdateRefusesOtherTransformsAndChangesNothing) {
     }
 }
 
-TEST(UvMappingTest, UpdatePrefersThePlaneNeedingNoRotation) {
-    UvMapper::UvMapping truth;
-    truth.uvPlaneSelection = 1, truth.scale = Pos(2, 3, 4);
-    UvMapper::UvMapping m;
-    ASSERT_TRUE(m.updateFrom3dsMaxStdUvGenTransform(truth.compute3dsMaxStdUvGenTransform(false), false));
-    EXPECT_EQ(m.uvPlaneSelection, 1);
-    expectNear(m.rotation, Pos(0, 0, 0));
-}
-
 // ---------------------------------------------------------------- wrapping
 
-struct WrapCase {
-    WrapMode mode;
-    float x, expected;
-    bool inside;
-};
+struct WrapCase { WrapMode mode; float x, expected; bool inside; };
 float const NaN = std::numeric_limits<float>::quiet_NaN(), INF = std::numeric_limits<float>::infinity();
 TEST(WrapCoordinateTest, WrapsAtTheEdges) {
     for (WrapCase const c : {WrapCase{WrapMode::NoTiling, 1.f, 1.f, true}, WrapCase{WrapMode::NoTiling, -0.25f, -0.25f, false},
@@ -175,16 +162,21 @@ TEST(UvMapperTest, ScreenModeProjectsCameraAndEnvironmentPoints) {
     expectNear(mapper.computeUvw(ctx), Pos(0.5f, 0.5f, 0.f));
 }
 
-TEST(UvMapperTest, FootprintFollowsTheAbsoluteLinearPart) {
+TEST(UvMapperTest, FootprintAndBumpBaseFollowThePlacement) {
     UvMapper mapper;
     PointContext ctx;
     mapper.set("scale", Pos(2, 3, 1));
     expectNear(mapper.computeDUvw(ctx), Dir(0.02f, 0.06f, 0.f), 1e-6f);
-    mapper.set("rotation", Pos(0, 0, HALF_PI));
+    // A unit gradient over the placed u is twice as steep over the channel's u.
+    EXPECT_EQ(mapper.computeBumpBase(ctx), Matrix33::fromColumns(Dir(2, 0, 0), Dir(0, 3, 0), ctx.normal));
+    mapper.set("rotation", Pos(0, 0, HALF_PI));  // the footprint takes the absolute linear part
     expectNear(mapper.computeDUvw(ctx), Dir(0.04f, 0.03f, 0.f), 1e-6f);
     mapper.set("mappingMode", UvMappingMode::WorldXyz);
     mapper.set("rotation", Pos(0, 0, 0));
     expectNear(mapper.computeDUvw(ctx), Dir(1.f, 1.5f, 0.5f), 1e-6f);
+    mapper.set("uvPlaneSelection", 1);
+    // Plane YZ: placed u grows along world y, placed v along world z.
+    EXPECT_EQ(mapper.computeBumpBase(ctx), Matrix33::fromColumns(Dir(0, 2, 0), Dir(0, 0, 3), ctx.normal));
 }
 
 TEST(UvMapperTest, EditsAndLoadedRecordsReachTheTransformButNotSnapshots) {
@@ -207,7 +199,7 @@ TEST(UvMapperTest, EditsAndLoadedRecordsReachTheTransformButNotSnapshots) {
 
 // --------------------------------------------------------------- frames
 
-TEST(UvMapperTest, BumpBaseSolvesTheTangentsAndFootprintIsTheUvwChangePerWorldUnit) {
+TEST(UvMapperTest, BumpBaseInEitherFormDegenerateUvsAndTheTriangleFootprint) {
     StaticArray<Pos, 3> const positions{Pos(0, 0, 0), Pos(2, 0, 0), Pos(0, 3, 0)};
     StaticArray<Pos, 3> const uvws{Pos(0, 0, 0), Pos(1, 0, 0), Pos(0, 1, 0)};
     Dir const n(0, 0, 1);
@@ -218,39 +210,24 @@ TEST(UvMapperTest, BumpBaseSolvesTheTangentsAndFootprintIsTheUvwChangePerWorldUn
     expectNear(UvMapper::computeTriangleDUvw(positions, uvws), Dir(0.5f, 1.f / 3.f, 0.f), 1e-6f);
     StaticArray<Pos, 3> const line{Pos(0, 0, 0), Pos(1, 0, 0), Pos(2, 0, 0)};
     EXPECT_EQ(UvMapper::computeTriangleDUvw(line, uvws), Dir());
-}
 
-TEST(UvMapperTest, GeneralizedBumpBaseAgreesOnARegularTriangle) {
+    // The generalized form agrees on a regular triangle.
     StaticArray<Pos, 3> const p{Pos(0, 0, 0), Pos(2, 0.5f, 0.3f), Pos(-0.4f, 3, 1)};
     StaticArray<Pos, 3> const t{Pos(0.1f, 0.2f, 0), Pos(0.9f, 0.4f, 0), Pos(0.3f, 1.1f, 0)};
-    Dir const n = normalize(cross(Dir(p[1] - p[0]), Dir(p[2] - p[0])));
+    Dir const tilted = normalize(cross(Dir(p[1] - p[0]), Dir(p[2] - p[0])));
     for (bool unit : {false, true}) {
-        Matrix33 const a = UvMapper::bumpBase(n, p, t, unit), b = UvMapper::generalizedBumpBase(n, p, t, unit);
+        Matrix33 const a = UvMapper::bumpBase(tilted, p, t, unit), b = UvMapper::generalizedBumpBase(tilted, p, t, unit);
         for (int i = 0; i < 9; ++i) EXPECT_NEAR(a.m[i / 3][i % 3], b.m[i / 3][i % 3], 1e-4f * (1.f + std::abs(a.m[i / 3][i % 3]))) << i;
     }
-}
 
-TEST(UvMapperTest, DegenerateUvsGiveAFrameAroundTheNormal) {
-    StaticArray<Pos, 3> const positions{Pos(0, 0, 0), Pos(1, 0, 0), Pos(0, 1, 0)};
+    // Degenerate UVs give both forms a frame around the normal.
     StaticArray<Pos, 3> const same{Pos(0.5f, 0.5f, 0), Pos(0.5f, 0.5f, 0), Pos(0.5f, 0.5f, 0)};
-    Dir const n = normalize(Dir(1, 2, 3));
-    for (Matrix33 const& f : {UvMapper::bumpBase(n, positions, same, false), UvMapper::generalizedBumpBase(n, positions, same, true)}) {
-        EXPECT_NEAR(std::abs(dot(f.column(0), n)) + std::abs(dot(f.column(1), n)) + std::abs(dot(f.column(0), f.column(1))), 0.f, 3e-6f);
+    Dir const m = normalize(Dir(1, 2, 3));
+    for (Matrix33 const& f : {UvMapper::bumpBase(m, positions, same, false), UvMapper::generalizedBumpBase(m, positions, same, true)}) {
+        EXPECT_NEAR(std::abs(dot(f.column(0), m)) + std::abs(dot(f.column(1), m)) + std::abs(dot(f.column(0), f.column(1))), 0.f, 3e-6f);
         EXPECT_NEAR(length(f.column(0)), 1.f, 1e-6f);
-        EXPECT_NEAR(dot(f.column(2), n), 1.f, 1e-6f);
+        EXPECT_NEAR(dot(f.column(2), m), 1.f, 1e-6f);
     }
-}
-
-TEST(UvMapperTest, BumpBaseFollowsThePlacement) {
-    UvMapper mapper;
-    mapper.set("scale", Pos(2, 3, 1));
-    PointContext ctx;
-    // A unit gradient over the placed u is twice as steep over the channel's u.
-    EXPECT_EQ(mapper.computeBumpBase(ctx), Matrix33::fromColumns(Dir(2, 0, 0), Dir(0, 3, 0), ctx.normal));
-    mapper.set("mappingMode", UvMappingMode::WorldXyz);
-    mapper.set("uvPlaneSelection", 1);
-    // Plane YZ: placed u grows along world y, placed v along world z.
-    EXPECT_EQ(mapper.computeBumpBase(ctx), Matrix33::fromColumns(Dir(0, 2, 0), Dir(0, 0, 3), ctx.normal));
 }
 
 // ------------------------------------------------------------ projections

@@ -143,10 +143,7 @@ TEST_F(DataObjectsTest, JsonRoundTripIsExact) {
 }
 
 TEST_F(DataObjectsTest, JsonErrorsNameThePropertyAndProblemAndKeepTheRecord) {
-    struct Case {
-        char const* json;
-        char const* needle;
-    };
+    struct Case { char const* json; char const* needle; };
     TestEntity e;
     e.set("size", 2.f);
     for (Case const& c : {Case{R"({"size": 5, "sizee": 1})", "sizee"},
@@ -222,9 +219,7 @@ TEST_F(DataObjectsTest, EntityNestingIsBoundedWhenReadAndWritten) {
 }
 
 TEST(Json, ParseErrorsAreOneLineWithThePosition) {
-    struct Case {
-        String text, needle;
-    };
+    struct Case { String text, needle; };
     String const deep = "{\"version\":\n" + String(200000, '[') + String(200000, ']') + "}";
     for (Case const& c : {Case{deep, "nested deeper than 256 levels at line 2"},
                           Case{"[1e400]", "number overflow"},
@@ -249,6 +244,5 @@ TEST(Json, IntegerAndFloatConversionsStopAtTheTypesRange) {
     float const largest = std::numeric_limits<float>::max();
     // The shortest text of the largest float reads back as a double just above it.
     EXPECT_EQ(jsonToFloat(json::parse("3.4028235e+38")), largest);
-    for (json const& j : {json(3.4028237e38), json(1e39), json("1.5")})
-        EXPECT_EQ(jsonToFloat(j), std::nullopt) << j;
+    for (json const& j : {json(3.4028237e38), json(1e39), json("1.5")}) EXPECT_EQ(jsonToFloat(j), std::nullopt) << j;
 }

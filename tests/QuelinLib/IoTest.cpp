@@ -6,6 +6,7 @@
 #include <numeric>
 #include <sys/stat.h>
 
+#include "TestSupport/ScopedEnv.h"
 #include "TestSupport/TempFolderTest.h"
 
 using namespace Quelin;
@@ -163,24 +164,17 @@ TEST_F(IoTest, RandomNamedFilesAreNewAndRemovable) {
 TEST_F(IoTest, SkyDataFolderFollowsTheEnvironmentElseTheExecutable) {
     Io::Path const exe = Io::StandardPaths::getExecutableFilePath();
     EXPECT_TRUE(exe.is_absolute() && Io::fileExists(exe)) << exe;
-    char const* const saved = std::getenv("FERRIM_SKY_DATA_DIR");
-    String const savedValue = saved ? saved : "";
-    ::setenv("FERRIM_SKY_DATA_DIR", Io::pathToUtf8(mFolder).c_str(), 1);
+    Testing::ScopedEnv const dataDir("FERRIM_SKY_DATA_DIR", Io::pathToUtf8(mFolder).c_str());
     EXPECT_EQ(Io::StandardPaths::prgSkyModelData(), mFolder);
-    ::unsetenv("FERRIM_SKY_DATA_DIR");
+    dataDir.set(nullptr);
     EXPECT_EQ(Io::StandardPaths::prgSkyModelData(), exe.parent_path());
-    if (saved)
-        ::setenv("FERRIM_SKY_DATA_DIR", savedValue.c_str(), 1);
 }
 
 TEST_F(IoTest, TextFilesAreReadOnlyWhenRegularAndWithinTheLimit) {
     Io::Path const text = writeText("a.txt", "hello");
     EXPECT_EQ(Io::readTextFile(text, 5).value(), "hello");
 
-    struct Case {
-        Io::Path path;
-        String problem;
-    };
+    struct Case { Io::Path path; String problem; };
     // A device would be read forever and a folder cannot be read: both are
     // refused by what they are, before any byte is read.
     for (Case const& c : {Case{text, "larger than the limit of 4 bytes"},

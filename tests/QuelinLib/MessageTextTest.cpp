@@ -5,9 +5,7 @@
 using namespace Quelin;
 
 TEST(MessageText, PrintableTextEscapesWhatATerminalWouldMisread) {
-    struct Case {
-        String in, out;
-    };
+    struct Case { String in, out; };
     for (Case const& c : {Case{"plain", "plain"},
                           Case{"caf\xc3\xa9 \xe2\x82\xac", "caf\xc3\xa9 \xe2\x82\xac"},  // valid UTF-8 stays
                           Case{"a\x01\x1b[2Jb", "a\\x01\\x1B[2Jb"},

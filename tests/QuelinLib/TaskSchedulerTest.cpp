@@ -16,22 +16,17 @@ class TaskSchedulerTest : public testing::Test {
 };
 
 TEST_F(TaskSchedulerTest, CoversEveryIndexOnceInRangesNoLargerThanTheGrain) {
-    struct Case {
-        std::int64_t begin, end, grain;
-    };
+    struct Case { std::int64_t begin, end, grain; };
     for (Case const c : {Case{0, 10007, 16}, Case{5, 25, 100}, Case{3, 3, 1}}) {
         Stack<std::atomic<int>> hits(std::size_t(c.end));
         std::atomic<int> calls{0}, tooBig{0};
         EXPECT_TRUE(mScheduler.parallelFor(c.begin, c.end, c.grain, [&](std::int64_t b, std::int64_t e) {
             ++calls;
-            if (e - b > c.grain)
-                ++tooBig;
-            for (std::int64_t i = b; i < e; ++i)
-                ++hits[i];
+            tooBig += e - b > c.grain;
+            for (std::int64_t i = b; i < e; ++i) ++hits[i];
         }));
         EXPECT_EQ(tooBig, 0) << "ranges bigger than the grain were not split";
-        for (std::int64_t i = 0; i < c.end; ++i)
-            ASSERT_EQ(hits[i], i >= c.begin ? 1 : 0) << i;
+        for (std::int64_t i = 0; i < c.end; ++i) ASSERT_EQ(hits[i], i >= c.begin ? 1 : 0) << i;
         // A range within the grain runs as one call, an empty one as none.
         if (c.end - c.begin <= c.grain) {
             EXPECT_EQ(calls, c.end > c.begin ? 1 : 0) << c.begin << ".." << c.end;
@@ -62,8 +57,7 @@ TEST_F(TaskSchedulerTest, CancelStopsTheLoop) {
         0, 100000, 1,
         [&](std::int64_t b, std::int64_t e) {
             processed += e - b;
-            if (processed > 100)
-                progress.cancel();
+            if (processed > 100) progress.cancel();
         },
         &progress);
     EXPECT_FALSE(finished);
@@ -75,19 +69,17 @@ TEST_F(TaskSchedulerTest, CancelStopsTheLoop) {
 }
 
 TEST_F(TaskSchedulerTest, BodyExceptionReachesTheCaller) {
-    EXPECT_THROW(mScheduler.parallelFor(0, 1000, 1,
-                                        [](std::int64_t b, std::int64_t) {
-                                            if (b == 500)
-                                                throw std::runtime_error("bad level");
-                                        }),
-                 std::runtime_error);
+    auto const failing = [](std::int64_t b, std::int64_t) {
+        if (b == 500) throw std::runtime_error("bad level");
+    };
+    EXPECT_THROW(mScheduler.parallelFor(0, 1000, 1, failing), std::runtime_error);
     // The scheduler is still fine afterwards.
     std::atomic<std::int64_t> count{0};
     EXPECT_TRUE(mScheduler.parallelFor(0, 100, 1, [&](std::int64_t b, std::int64_t e) { count += e - b; }));
     EXPECT_EQ(count, 100);
 }
 
-TEST_F(TaskSchedulerTest, NestedLoopsRunOnTheSameScheduler) {
+TEST_F(TaskSchedulerTest, NestedLoopsRunOnTheSameSchedulerAndTheThreadDefaultIsPerThread) {
     std::atomic<int> wrongScheduler{0};
     std::atomic<std::int64_t> count{0};
     auto check = [&] { wrongScheduler += &TaskScheduler::getDefault() != &mScheduler; };
@@ -100,9 +92,6 @@ TEST_F(TaskSchedulerTest, NestedLoopsRunOnTheSameScheduler) {
     });
     EXPECT_EQ(wrongScheduler, 0);
     EXPECT_EQ(count, 800);
-}
-
-TEST_F(TaskSchedulerTest, ThreadDefaultIsPerThread) {
     TaskScheduler* seenInside = nullptr;
     Thread worker([&] {
         TaskScheduler::setThreadDefault(&mScheduler);
@@ -114,17 +103,21 @@ TEST_F(TaskSchedulerTest, ThreadDefaultIsPerThread) {
     EXPECT_NE(&TaskScheduler::getDefault(), &mScheduler);
 }
 
+namespace {
+/// Runs f(t) on `count` threads of their own and waits for them.
+template <typename F> void onThreads(int count, F f) {
+    Stack<Thread> threads;
+    for (int t = 0; t < count; ++t) threads.emplace_back([&f, t] { f(t); });
+    for (auto& t : threads) t.join();
+}
+} // namespace
+
 TEST(TaskProgressTest, ConcurrentUpdatesAddUp) {
     TaskProgress progress;
     progress.addTotal(4000);
-    Stack<Thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&] {
-            for (int i = 0; i < 1000; ++i)
-                progress.addDone();
-        });
-    for (auto& t : threads)
-        t.join();
+    onThreads(4, [&](int) {
+        for (int i = 0; i < 1000; ++i) progress.addDone();
+    });
     EXPECT_EQ(progress.getDone(), 4000);
     EXPECT_FLOAT_EQ(TaskProgress().getFraction(), 0.f); // no total: no division by zero
 }
@@ -180,24 +173,17 @@ TEST_F(DebugLoggerTest, OnlyEnabledCategoriesWrite) {
 
 TEST_F(DebugLoggerTest, ConcurrentLinesStayWhole) {
     DebugLogger::enable("mip");
-    Stack<Thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([t] {
-            DebugLogger log("mip");
-            for (int i = 0; i < 200; ++i)
-                log("thread", t, "line", i);
-        });
-    for (auto& t : threads)
-        t.join();
+    onThreads(4, [](int t) {
+        DebugLogger log("mip");
+        for (int i = 0; i < 200; ++i) log("thread", t, "line", i);
+    });
     ASSERT_EQ(mLines.size(), 800u);
-    for (auto const& line : mLines)
-        ASSERT_TRUE(line.starts_with("mip|[mip] thread ")) << line;
+    for (auto const& line : mLines) ASSERT_TRUE(line.starts_with("mip|[mip] thread ")) << line;
 }
 
 TEST(LibTest, StartupIsCountedAndLastShutdownRunsFunctions) {
     // The shutdown functions below capture locals: only run from a stopped library.
-    if (Lib::getStartCount() != 0)
-        GTEST_SKIP() << "the library is started elsewhere";
+    if (Lib::getStartCount() != 0) GTEST_SKIP() << "the library is started elsewhere";
     Lib::startup();
     Lib::startup();
     Stack<int> order;

@@ -5,9 +5,11 @@
 #include <random>
 
 #include "QuelinLibImage/ImageLimits.h"
+#include "TestSupport/ErrorOf.h"
 #include "TestSupport/TempFolderTest.h"
 
 using namespace Quelin;
+using Quelin::Testing::errorOf;
 
 namespace {
 
@@ -21,19 +23,8 @@ Image decode(Io::InputStream& stream, ImageFormat format) {
 
 Image decodeFile(Io::Path const& path, ImageFormat format) {
     auto stream = Io::FileInputStream::open(path);
-    if (!stream)
-        throw Exception(stream.error());
+    if (!stream) throw Exception(stream.error());
     return decode(**stream, format);
-}
-
-/// The text of the exception `f` throws, or "no error".
-template <typename F> String errorOf(F&& f) {
-    try {
-        f();
-    } catch (Exception const& e) {
-        return e.what();
-    }
-    return "no error";
 }
 
 TEST(ContentTypeTest, MapsMimeTypesAndExtensionsAndRefusesOthersNamingTheSource) {
@@ -102,12 +93,7 @@ using DecodeRoundTripTest = Testing::TempFolderTest;
 
 // Lossless formats give back exactly what was written, from a file and from memory alike.
 TEST_F(DecodeRoundTripTest, LosslessFormatsFromFileAndMemory) {
-    struct Case {
-        char const* extension;
-        ImageFormat format;
-        PixelFormat pixels;
-        FileChannelType channelType;
-    };
+    struct Case { char const* extension; ImageFormat format; PixelFormat pixels; FileChannelType channelType; };
     for (Case const& c : {Case{"png", ImageFormat::Png, PixelFormat::Rgba8, FileChannelType::Auto},
                           Case{"png", ImageFormat::Png, PixelFormat::MonoAlpha16, FileChannelType::Auto},
                           Case{"exr", ImageFormat::Exr, PixelFormat::RgbaFloat, FileChannelType::Float},
@@ -144,8 +130,7 @@ TEST_F(DecodeRoundTripTest, RadianceFilesKeepSharedExponentPixels) {
             Rgb const got = decoded.getPixel<PixelRgbe>(x, y).toRgb();
             // Eight bits of mantissa shared by the three channels.
             float const tolerance = std::max({want.r, want.g, want.b}) / 128.f;
-            for (int ch = 0; ch < 3; ++ch)
-                EXPECT_NEAR(got[ch], want.rgb()[ch], tolerance) << x << "," << y;
+            for (int ch = 0; ch < 3; ++ch) EXPECT_NEAR(got[ch], want.rgb()[ch], tolerance) << x << "," << y;
         }
 }
 

@@ -48,8 +48,7 @@ std::map<String, int> exrChannelTypes(Stack<std::uint8_t> const& bytes) {
 Image makeImage(PixelFormat format) {
     Image image(Image::Descriptor(Pixel(5, 3), format));
     for (int y = 0; y < 3; ++y)
-        for (int x = 0; x < 5; ++x)
-            image.setRgbAlpha(x, y, RgbAlpha(x * 0.2f, y * 0.4f, 0.5f, 1.f - x * 0.1f));
+        for (int x = 0; x < 5; ++x) image.setRgbAlpha(x, y, RgbAlpha(x * 0.2f, y * 0.4f, 0.5f, 1.f - x * 0.1f));
     return image;
 }
 
@@ -78,15 +77,14 @@ TEST_P(PixelFormatTest, GenericAccessRoundTripsWithinTheChannelPrecision) {
     RgbAlpha const back = image.getRgbAlpha(6, 3);
     bool const mono = getChannelCount(format) == 1 || getChannelCount(format) == 2;
     Rgb const expected = mono ? Rgb(channelMean(0.8f, 0.3f, 0.1f)) : value.rgb();
-    for (int ch = 0; ch < 3; ++ch)
-        EXPECT_NEAR(back.rgb()[ch], expected[ch], tolerance) << ch;
+    for (int ch = 0; ch < 3; ++ch) EXPECT_NEAR(back.rgb()[ch], expected[ch], tolerance) << ch;
     EXPECT_NEAR(back.alpha, hasAlpha(format) ? 0.6f : 1.f, tolerance);
 }
 
 INSTANTIATE_TEST_SUITE_P(AllFormats, PixelFormatTest, testing::Range(0, PIXEL_FORMAT_COUNT),
                          [](auto const& info) { return String(getPixelFormatName(PixelFormat(info.param))); });
 
-TEST(ImageTest, TypedAccessSharesThePixels) {
+TEST(ImageTest, TypedAccessSharesThePixelsReleasedOnesComeBackZeroedAndClonesAreDeep) {
     Image image(Image::Descriptor(Pixel(4, 2), PixelFormat::Rgba16));
     image.getPixel<PixelRgba16>(3, 1) = {65535, 0, 32768, 65535};
     EXPECT_EQ(image.getRgbAlpha(3, 1), RgbAlpha(1.f, 0.f, 32768.f / 65535.f, 1.f));
@@ -94,17 +92,15 @@ TEST(ImageTest, TypedAccessSharesThePixels) {
     EXPECT_EQ(image.getRow<PixelRgba16>(0)[1], (PixelRgba16{0, 65535, 0, 0}));
     EXPECT_THROW(image.getRow<PixelRgba8>(0), StopException);
     EXPECT_THROW(image.getPixels<PixelRgbaF>(), StopException);
-}
-
-TEST(ImageTest, ReleasedPixelsComeBackZeroedAndClonesAreDeep) {
-    Image image(Image::Descriptor(Pixel(16, 16), PixelFormat::RgbFloat));
-    image.getPixel<PixelRgbF>(2, 2) = {1.f, 2.f, 3.f};
-    Image const copy = image.clone();
-    image.releasePixels();
-    EXPECT_EQ(image.getMemoryUsage(), 0);
-    EXPECT_THROW(image.getRow<PixelRgbF>(0), StopException);
-    image.allocatePixels();
-    EXPECT_EQ(image.getPixel<PixelRgbF>(2, 2), (PixelRgbF{0.f, 0.f, 0.f}));
+    // Released pixels come back zeroed; clones are deep.
+    Image floats(Image::Descriptor(Pixel(16, 16), PixelFormat::RgbFloat));
+    floats.getPixel<PixelRgbF>(2, 2) = {1.f, 2.f, 3.f};
+    Image const copy = floats.clone();
+    floats.releasePixels();
+    EXPECT_EQ(floats.getMemoryUsage(), 0);
+    EXPECT_THROW(floats.getRow<PixelRgbF>(0), StopException);
+    floats.allocatePixels();
+    EXPECT_EQ(floats.getPixel<PixelRgbF>(2, 2), (PixelRgbF{0.f, 0.f, 0.f}));
     EXPECT_EQ(copy.getPixel<PixelRgbF>(2, 2), (PixelRgbF{1.f, 2.f, 3.f}));
     EXPECT_THROW(Image(Image::Descriptor(Pixel(-1, 4), PixelFormat::Mono8)), Exception);
 }
@@ -155,11 +151,7 @@ TEST_F(ImageFileTest, PngWritesTheDepthAndChannels) {
 }
 
 TEST_F(ImageFileTest, ExrChannelsAreFloatForFloatPixelsElseHalfUnlessAsked) {
-    struct Case {
-        PixelFormat format;
-        FileChannelType request;
-        std::map<String, int> channels;
-    };
+    struct Case { PixelFormat format; FileChannelType request; std::map<String, int> channels; };
     Io::Path const path = mFolder / "out.exr";
     for (Case const& c : {Case{PixelFormat::RgbFloat, FileChannelType::Auto, {{"B", 2}, {"G", 2}, {"R", 2}}},
                           Case{PixelFormat::MonoAlpha8, FileChannelType::Auto, {{"A", 1}, {"Y", 1}}},

@@ -14,10 +14,7 @@
 
 namespace Quelin::Testing {
 
-struct ToolRun {
-    int code;
-    std::string out, err;
-};
+struct ToolRun { int code; std::string out, err; };
 
 /// `ferrim <arguments>`, started in the root folder so that relative paths
 /// cannot resolve against the test's own.
@@ -32,6 +29,13 @@ inline ToolRun runTool(std::string const& arguments) {
         return text.str();
     };
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, slurp(base + ".out"), slurp(base + ".err")};
+}
+
+/// `ferrim <arguments>`, expected to succeed.
+inline ToolRun runToolOk(std::string const& arguments) {
+    ToolRun r = runTool(arguments);
+    EXPECT_EQ(r.code, 0) << arguments << " -> " << r.err;
+    return r;
 }
 
 /// Exit code 1 and a single line on standard error, with the program's prefix,

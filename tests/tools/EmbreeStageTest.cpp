@@ -3,13 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <filesystem>
-#include <fstream>
 
 #include "EmbreeStage.h"
-#include "QuelinLibImage/ImageDecode.h"
-#include "TestSupport/TempFolderTest.h"
-#include "TestSupport/ToolRun.h"
 
 namespace {
 
@@ -92,7 +87,7 @@ TEST(EmbreeStage, NormalsFaceTheRaysOriginAndTheGroundAndBoxAnswerTheirIds) {
     EXPECT_NEAR(prop->normal.x, 1.f, 1e-6f);
 }
 
-TEST(EmbreeStage, NearestObjectDistancesMatchTheShapes) {
+TEST(EmbreeStage, NearestObjectDistancesMatchTheShapesAndTrianglesUnderSpherePointsHoldThePoint) {
     EmbreeStage const stage = makeStage(SwatchShape::Sphere);
     BoundingBox<Pos> const box = stage.getPropBox();
     for (Pos const p : {Pos(0, 3, 0), Pos(-1.5f, 0.5f, 1), Pos(2, 0, 0), Pos(0.3f, 0.2f, 0.1f)}) {
@@ -110,10 +105,6 @@ TEST(EmbreeStage, NearestObjectDistancesMatchTheShapes) {
         // Nothing within a search radius shorter than the nearest surface.
         EXPECT_FALSE(stage.findNearestObjectDistance(precise(p), 0.9f * *any, {}));
     }
-}
-
-TEST(EmbreeStage, TrianglesUnderSpherePointsHoldThePoint) {
-    EmbreeStage const stage = makeStage(SwatchShape::Sphere);
     for (Dir const n : {Dir(0, 0, 1), normalize(Dir(0.4f, 0.5f, 0.7f)), normalize(Dir(-0.8f, -0.1f, 0.3f))}) {
         Optional<ShadedTriangle> const t = stage.findTriangle(toPos(n), n, EmbreeStage::SWATCH);
         ASSERT_TRUE(t);

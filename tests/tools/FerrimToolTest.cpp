@@ -7,6 +7,7 @@
 #include "Ferrim/SkyMap/SkyTestSupport.h"
 #include "Ferrim/Version.h"
 #include "QuelinLibImage/ImageDecode.h"
+#include "TestSupport/ScopedEnv.h"
 #include "TestSupport/TempFolderTest.h"
 #include "TestSupport/ToolRun.h"
 
@@ -15,6 +16,7 @@ namespace {
 namespace fs = std::filesystem;
 using Quelin::Testing::expectOneLineError;
 using Quelin::Testing::runTool;
+using Quelin::Testing::runToolOk;
 using Quelin::Testing::sharedSkyDataFolder;
 using Quelin::Testing::SkyDataLocation;
 using Quelin::Testing::ToolRun;
@@ -78,33 +80,27 @@ Quelin::Pixel pngSize(fs::path const& p) {
 
 TEST_F(FerrimTool, RendersDemoAndSceneFiles) {
     fs::path const out = mFolder / "demo.png";
-    ToolRun const demo = runTool("render -o " + out.string() + " --size 96x64 --samples 1");
-    ASSERT_EQ(demo.code, 0) << demo.err;
+    ToolRun const demo = runToolOk("render -o " + out.string() + " --size 96x64 --samples 1");
     EXPECT_NE(demo.out.find(out.string()), std::string::npos);
     EXPECT_EQ(pngSize(out), Quelin::Pixel(96, 64));
 
     fs::path const scene = writeText("one.json", R"({"@class": "Zatho.ConstantColorMap", "color": [1, 0, 0]})");
     fs::path const out2 = mFolder / "one.png";
-    ToolRun const one = runTool("render " + scene.string() + " -o " + out2.string());
-    ASSERT_EQ(one.code, 0) << one.err;
+    runToolOk("render " + scene.string() + " -o " + out2.string());
     EXPECT_EQ(pngSize(out2), Quelin::Pixel(256, 256));
     // The tool runs in another folder: the texture is found beside the scene.
     fs::path const textured = writeText("textured.json", texturedScene(mFolder, "images/wavy.exr"));
-    ToolRun const r = runTool("render " + textured.string() + " -o " + out2.string() + " --size 64x32 --samples 1");
-    ASSERT_EQ(r.code, 0) << r.err;
+    runToolOk("render " + textured.string() + " -o " + out2.string() + " --size 64x32 --samples 1");
     EXPECT_EQ(pngSize(out2), Quelin::Pixel(64, 32));
 }
 
 TEST_F(FerrimTool, TiledTexturesRenderUnderAMemoryCapAndTileErrorsAreReported) {
     fs::path const tiled = mFolder / "images" / "wavy_tx.exr";
     fs::path const scene = writeText("tiled.json", texturedScene(mFolder, "images/wavy_tx.exr"));
-    ToolRun const made = runTool("maketx " + (mFolder / "images" / "wavy.exr").string() + " -o " + tiled.string() + " --tile 16");
-    ASSERT_EQ(made.code, 0) << made.err;
+    runToolOk("maketx " + (mFolder / "images" / "wavy.exr").string() + " -o " + tiled.string() + " --tile 16");
     fs::path const roomy = mFolder / "roomy.png", capped = mFolder / "capped.png";
-    ToolRun const a = runTool("render " + scene.string() + " -o " + roomy.string() + " --size 64x32 --samples 1");
-    ASSERT_EQ(a.code, 0) << a.err;
-    ToolRun const b = runTool("render " + scene.string() + " -o " + capped.string() + " --size 64x32 --samples 1 --texture-memory 0.01");
-    ASSERT_EQ(b.code, 0) << b.err;
+    runToolOk("render " + scene.string() + " -o " + roomy.string() + " --size 64x32 --samples 1");
+    runToolOk("render " + scene.string() + " -o " + capped.string() + " --size 64x32 --samples 1 --texture-memory 0.01");
     auto const contents = [](fs::path const& p) {
         std::ostringstream t;
         t << std::ifstream(p, std::ios::binary).rdbuf();
@@ -130,15 +126,13 @@ TEST_F(FerrimTool, TiledTexturesRenderUnderAMemoryCapAndTileErrorsAreReported) {
 TEST_F(FerrimTool, SkyReportsTheDataFilesAndWhatEachConfigurationReads) {
     SkyDataLocation const noDevelopment(mFolder); // keeps the workspace out of the child's search
     std::string const dir = sharedSkyDataFolder().string();
-    ToolRun const r = runTool("sky --data-dir " + dir + " --sky-config 0,0,0,2,7 --sky-config 0,0,0,2,7 --sun-config 2,7");
-    ASSERT_EQ(r.code, 0) << r.err;
+    ToolRun const r = runToolOk("sky --data-dir " + dir + " --sky-config 0,0,0,2,7 --sky-config 0,0,0,2,7 --sun-config 2,7");
     for (std::string const& line : {dir + "/PrgSkyModelData.dat", dir + "/PrgSunModelData.dat", dir + "/PrgCloudsModelData.dat",
                                     std::string("sky 0,0,0,2,7: 8666560 of 237076928 bytes read (3.66 %) in 15 reads"),
                                     std::string("sky 0,0,0,2,7: shared with the load above, nothing read"),
                                     std::string("sun 2,7: 3337536 of 36759360 bytes read (9.08 %) in 3 reads")})
         EXPECT_NE(r.out.find(line), std::string::npos) << line << "\n" << r.out;
-    ToolRun const missing = runTool("sky --data-dir " + mFolder.string());
-    EXPECT_EQ(missing.code, 0) << missing.err;
+    ToolRun const missing = runToolOk("sky --data-dir " + mFolder.string());
     EXPECT_NE(missing.out.find("not found: Could not find data file PrgSunModelData.dat (searched " + mFolder.string()),
               std::string::npos)
         << missing.out;
@@ -169,10 +163,7 @@ TEST_F(FerrimTool, BadAndHostileInputsGiveOneLineNamingTheFile) {
 
     SkyDataLocation const noDevelopment(mFolder);
     std::string const skyData = "sky --data-dir " + sharedSkyDataFolder().string();
-    struct Case {
-        std::string args;
-        std::vector<std::string> needles;
-    };
+    struct Case { std::string args; std::vector<std::string> needles; };
     auto render = [&](char const* name, std::string const& text) { return "render " + writeText(name, text).string(); };
     for (Case const& c : {
              Case{"render " + (mFolder / "missing.json").string(), {"missing.json"}},
@@ -213,29 +204,23 @@ TEST_F(FerrimTool, BadAndHostileInputsGiveOneLineNamingTheFile) {
 }
 
 TEST_F(FerrimTool, VersionGoesToStandardOutput) {
-    ToolRun const r = runTool("--version");
-    EXPECT_EQ(r.code, 0) << r.err;
+    ToolRun const r = runToolOk("--version");
     EXPECT_EQ(r.out, "ferrim " + std::string(Quelin::Ferrim::version()) + "\n");
     EXPECT_EQ(r.err, "");
 }
 
 TEST_F(FerrimTool, TypesTakeShortNamesDescribePropertiesAndListGroupTypes) {
-    ToolRun const shortName = runTool("types ConstantColorMap --json");
-    ASSERT_EQ(shortName.code, 0) << shortName.err;
-    auto const constant = nlohmann::json::parse(shortName.out);
+    auto const constant = nlohmann::json::parse(runToolOk("types ConstantColorMap --json").out);
     EXPECT_EQ(constant["name"], "Zatho.ConstantColorMap");
     auto const& properties = constant["properties"];
     auto const color = std::find_if(properties.begin(), properties.end(), [](auto const& p) { return p["name"] == "color"; });
     ASSERT_NE(color, properties.end());
     EXPECT_EQ((*color)["type"]["kind"], "color");
     EXPECT_TRUE((*color)["metadata"].contains("Zatho.Ui.Name"));
-    ToolRun const all = runTool("types");
-    ASSERT_EQ(all.code, 0) << all.err;
+    ToolRun const all = runToolOk("types");
     EXPECT_NE(all.out.find("\nZatho.TextureMapEnviroMode (group type of Zatho.TextureMap.enviroMode)\n"), std::string::npos);
     for (char const* name : {"TextureMapEnviroMode", "TextureMap.enviroMode", "enviroMode"}) {
-        ToolRun const group = runTool(std::string("types ") + name + " --json");
-        ASSERT_EQ(group.code, 0) << name << ": " << group.err;
-        auto const j = nlohmann::json::parse(group.out);
+        auto const j = nlohmann::json::parse(runToolOk(std::string("types ") + name + " --json").out);
         EXPECT_EQ(j["name"], "Zatho.TextureMapEnviroMode") << name;
         EXPECT_EQ(j["groupOf"], "Zatho.TextureMap.enviroMode") << name;
     }
@@ -244,14 +229,11 @@ TEST_F(FerrimTool, TypesTakeShortNamesDescribePropertiesAndListGroupTypes) {
 TEST_F(FerrimTool, ProgressOnlyOnATerminalAndNeverWhenQuiet) {
     fs::path const image = writeText("in.hdr", hdrText(2, 2, 4));
     std::string const args = "tonemap " + image.string() + " -o " + (mFolder / "o.png").string();
-    ToolRun const piped = runTool(args);
-    ASSERT_EQ(piped.code, 0) << piped.err;
-    EXPECT_EQ(piped.err, "");
+    EXPECT_EQ(runToolOk(args).err, "");
     if (std::system("script -qec true /dev/null >/dev/null 2>&1") != 0)
         GTEST_SKIP() << "script(1) cannot open a pseudo-terminal here";
     EXPECT_NE(stderrOnTerminal(args).find("] 100%"), std::string::npos);
-    for (char const* quiet : {" --quiet", " -q"})
-        EXPECT_EQ(stderrOnTerminal(args + quiet), "") << quiet;
+    for (char const* quiet : {" --quiet", " -q"}) EXPECT_EQ(stderrOnTerminal(args + quiet), "") << quiet;
 }
 
 TEST_F(FerrimTool, TonemapLutIsTheCtmHoldingIt) {
@@ -259,32 +241,23 @@ TEST_F(FerrimTool, TonemapLutIsTheCtmHoldingIt) {
     std::string const tonemap = "tonemap " + image.string() + " -o ";
     for (char const* lut : {"iridas_3d.cube", "discreet-3d-lut.3dl"}) {
         std::string const path = (fs::path(FERRIM_TESTDATA_DIR) / "lut" / lut).string();
-        ToolRun const viaCtm = runTool(tonemap + (mFolder / "ctm.exr").string() + " --pipeline " +
-                                       writeText("lut.ctm", lutPipeline(path)).string());
-        ASSERT_EQ(viaCtm.code, 0) << viaCtm.err;
-        ToolRun const direct = runTool(tonemap + (mFolder / "lut.exr").string() + " --lut " + path);
-        ASSERT_EQ(direct.code, 0) << direct.err;
+        runToolOk(tonemap + (mFolder / "ctm.exr").string() + " --pipeline " + writeText("lut.ctm", lutPipeline(path)).string());
+        runToolOk(tonemap + (mFolder / "lut.exr").string() + " --lut " + path);
         EXPECT_EQ(exrPixels(mFolder / "ctm.exr"), exrPixels(mFolder / "lut.exr")) << lut;
-        ToolRun const after = runTool(tonemap + (mFolder / "after.exr").string() + " --default --lut " + path);
-        ASSERT_EQ(after.code, 0) << after.err;
+        runToolOk(tonemap + (mFolder / "after.exr").string() + " --default --lut " + path);
         EXPECT_NE(exrPixels(mFolder / "after.exr"), exrPixels(mFolder / "lut.exr")) << lut;
     }
 }
 
 TEST_F(FerrimTool, TexturesReportAndStatsFileOnlyWithOutOfCoreSettings) {
     std::string const image = (fs::path(FERRIM_TESTDATA_DIR) / "exr/GrayRampsHorizontal.exr").string();
-    char const* const oldTmp = std::getenv("TMPDIR");
-    std::string const savedTmp = oldTmp ? oldTmp : "";
-    ::setenv("TMPDIR", mFolder.c_str(), 1);  // the default offload folder is under it
-    ToolRun const plain = runTool("textures " + image);
-    ToolRun const withFolder = runTool("textures " + image + " --folder " + (mFolder / "offload").string());
-    oldTmp ? ::setenv("TMPDIR", savedTmp.c_str(), 1) : ::unsetenv("TMPDIR");
+    Quelin::Testing::ScopedEnv const tmp("TMPDIR", mFolder.c_str());  // the default offload folder is under it
+    ToolRun const plain = runToolOk("textures " + image);
+    ToolRun const withFolder = runToolOk("textures " + image + " --folder " + (mFolder / "offload").string());
 
-    ASSERT_EQ(plain.code, 0) << plain.err;
     EXPECT_NE(plain.out.find("GrayRampsHorizontal.exr"), std::string::npos) << plain.out;
     EXPECT_EQ(plain.out.find("textureStats.csv"), std::string::npos) << plain.out;
     EXPECT_FALSE(fs::exists(mFolder / "OstrelRenderer" / "ImageTextureCache" / "textureStats.csv"));
-    ASSERT_EQ(withFolder.code, 0) << withFolder.err;
     EXPECT_NE(withFolder.out.find("textureStats.csv"), std::string::npos) << withFolder.out;
     EXPECT_TRUE(fs::exists(mFolder / "offload" / "textureStats.csv"));
 }

@@ -17,6 +17,7 @@ namespace {
 using namespace Quelin;
 using Quelin::Testing::expectOneLineError;
 using Quelin::Testing::runTool;
+using Quelin::Testing::runToolOk;
 using Quelin::Testing::ToolRun;
 
 using Maketx = Quelin::Testing::TempFolderTest;
@@ -69,8 +70,7 @@ TEST_F(Maketx, FloatFileHoldsTheLibrarysChainInTiles) {
     std::string const input = (mFolder / "in.exr").string(), ours = (mFolder / "ours.exr").string();
     Image const level0 = pattern(96, 40);
     ASSERT_TRUE(writeImage(level0, input));
-    ToolRun const r = runTool("maketx " + input + " -o " + ours + " --tile 32");
-    ASSERT_EQ(r.code, 0) << r.err;
+    runToolOk("maketx " + input + " -o " + ours + " --tile 32");
 
     std::vector<Level> const levels = readLevels(ours);
     ASSERT_EQ(int(levels.size()), MipGeneration::getLevelCount({96, 40}));
@@ -97,8 +97,7 @@ TEST_F(Maketx, EveryLevelEqualsTheCodecLibrarysMakerWithTheSameFilter) {
         for (std::string const filter : {"box", "triangle", "lanczos3"}) {
             std::string const ours = (mFolder / ("ours" + tag + filter + ".exr")).string(),
                               theirs = (mFolder / ("theirs" + tag + filter + ".exr")).string();
-            ToolRun const r = runTool("maketx " + input + " -o " + ours + " --filter " + filter);
-            ASSERT_EQ(r.code, 0) << r.err;
+            runToolOk("maketx " + input + " -o " + ours + " --filter " + filter);
             OIIO::ImageSpec config;
             config.attribute("maketx:filtername", filter);
             ASSERT_TRUE(OIIO::ImageBufAlgo::make_texture(OIIO::ImageBufAlgo::MakeTxTexture, input, theirs, config))
@@ -117,8 +116,8 @@ TEST_F(Maketx, EveryLevelEqualsTheCodecLibrarysMakerWithTheSameFilter) {
 TEST_F(Maketx, EightBitInputGivesRoundedLevelsOfTheFloatChainAndRecordsItsSpace) {
     std::string const input = std::string(FERRIM_TESTDATA_DIR) + "/png/basn2c08.png";
     std::string const tif = (mFolder / "out.tif").string(), exr = (mFolder / "out.exr").string();
-    ASSERT_EQ(runTool("maketx " + input + " -o " + tif + " --colorspace 'sRGB - Texture'").code, 0);
-    ASSERT_EQ(runTool("maketx " + input + " -o " + exr + " --colorspace ACEScg").code, 0);
+    runToolOk("maketx " + input + " -o " + tif + " --colorspace 'sRGB - Texture'");
+    runToolOk("maketx " + input + " -o " + exr + " --colorspace ACEScg");
 
     Io::Path const path = input;
     auto stream = Io::FileInputStream::open(path);

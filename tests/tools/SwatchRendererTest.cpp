@@ -10,6 +10,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using Quelin::Testing::runTool;
+using Quelin::Testing::runToolOk;
 using SwatchRender = Quelin::Testing::TempFolderTest;
 
 /// The green channel of every pixel of an 8-bit PNG, rows top first.
@@ -38,8 +39,7 @@ TEST_F(SwatchRender, AmbientOcclusionSeesTheGroundAndWireframeTheTriangles) {
         {"label": "ao", "shape": "sphere", "map": {"@class": "Zatho.AmbientOcclusionMap", "radius": 1.0}},
         {"label": "wire", "shape": "plane", "map": {"@class": "Zatho.WireframeMap", "width": 1.5, "units": "pixels"}}]})");
     fs::path const out = mFolder / "stage.png";
-    auto const r = runTool("render " + scene.string() + " -o " + out.string() + " --size 128x64");
-    ASSERT_EQ(r.code, 0) << r.err;
+    runToolOk("render " + scene.string() + " -o " + out.string() + " --size 128x64");
     Greens const g = readGreens(out);
     ASSERT_EQ(g.width, 128);
     // The sphere's top is open sky; its bottom sits on the ground.
@@ -60,8 +60,7 @@ TEST_F(SwatchRender, ScreenProjectedEnvironmentShowsItsImage) {
          "imageSource": {"@class": "Zatho.FileDataSource", "path": "images/wavy.exr"},
          "enviroMode": {"mapping": "Screen"}}}]})");
     fs::path const out = mFolder / "screen.png";
-    auto const r = runTool("render " + scene.string() + " -o " + out.string() + " --size 64x64");
-    ASSERT_EQ(r.code, 0) << r.err;
+    runToolOk("render " + scene.string() + " -o " + out.string() + " --size 64x64");
     Greens const g = readGreens(out);
     // Around the ball the backplate's wavy lines come and go.
     int lo = 255, hi = 0;

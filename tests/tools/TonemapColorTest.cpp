@@ -11,20 +11,18 @@
 #include <sstream>
 
 #include "Ferrim/ColorSpaces.h"
+#include "TestSupport/ScopedEnv.h"
 #include "TestSupport/TempFolderTest.h"
 #include "TestSupport/ToolRun.h"
 
 using namespace Quelin;
 using Quelin::Testing::runTool;
+using Quelin::Testing::runToolOk;
 namespace OCIO = OCIO_NAMESPACE;
 
 namespace {
 
-struct Pixels {
-    int width = 0, height = 0, channels = 0;
-    std::vector<float> values;
-    OIIO::ImageSpec spec;
-};
+struct Pixels { int width = 0, height = 0, channels = 0; std::vector<float> values; OIIO::ImageSpec spec; };
 
 Pixels readBack(std::string const& path) {
     Pixels p;
@@ -64,20 +62,14 @@ class TonemapColor : public Testing::TempFolderTest {
 protected:
     void SetUp() override {
         TempFolderTest::SetUp();
-        if (char const* old = std::getenv("OCIO")) mOld = old;
-        ::unsetenv("OCIO");
         mEmpty = path("empty.ctm");
         std::ofstream(mEmpty) << R"({"mimeType": "application/vnd.zatho.ostrel.color-mapping", "version": 1, "operators": []})";
-    }
-    void TearDown() override {
-        if (mOld) ::setenv("OCIO", mOld->c_str(), 1);
-        TempFolderTest::TearDown();
     }
     std::string path(char const* name) const { return (mFolder / name).string(); }
     static std::string quoted(std::string const& s) { return "'" + s + "'"; }
 
+    Testing::ScopedEnv const mOcio{"OCIO", nullptr};  // the built-in config unless a test sets one
     std::string mEmpty;
-    Optional<std::string> mOld;
 };
 
 } // namespace
@@ -87,8 +79,7 @@ TEST_F(TonemapColor, EmptyPipelineRoundTripsEightBitFilesExactly) {
         SCOPED_TRACE(name);
         std::string const in = path(name), out = path("out.png");
         writeRamp(in, OIIO::TypeDesc::UINT8);
-        auto r = runTool("tonemap " + quoted(in) + " -o " + quoted(out) + " --pipeline " + quoted(mEmpty));
-        ASSERT_EQ(r.code, 0) << r.err;
+        runToolOk("tonemap " + quoted(in) + " -o " + quoted(out) + " --pipeline " + quoted(mEmpty));
         Pixels const a = readBack(in), b = readBack(out);
         ASSERT_EQ(a.values.size(), b.values.size());
         for (std::size_t i = 0; i < a.values.size(); ++i)
@@ -104,20 +95,14 @@ TEST_F(TonemapColor, ConversionsMatchOpenColorIOAndTheTagsSayWhatWasApplied) {
     auto const config = OCIO::Config::CreateFromStream(text);
     std::string const in = path("in.exr");
     writeRamp(in, OIIO::TypeDesc::FLOAT);
-    struct Case {
-        char const* inputSpace;
-        char const* display;
-        char const* output;
-        char const* tag;
-    };
+    struct Case { char const* inputSpace; char const* display; char const* output; char const* tag; };
     for (Case const c : {Case{"ACEScg", "Gamma 2.2 Rec.709 - Display", "out.exr", "Gamma2.2"},
                          Case{"sRGB - Texture", "sRGB - Display", "out.tif", "sRGB"},
                          Case{"ACES2065-1", "sRGB - Display", "out.exr", "sRGB"}}) {
         SCOPED_TRACE(c.inputSpace);
         std::string const out = path(c.output);
-        auto r = runTool("tonemap " + quoted(in) + " -o " + quoted(out) + " --pipeline " + quoted(mEmpty) +
-                         " --input-space " + quoted(c.inputSpace) + " --display " + quoted(c.display) + " --view Standard");
-        ASSERT_EQ(r.code, 0) << r.err;
+        runToolOk("tonemap " + quoted(in) + " -o " + quoted(out) + " --pipeline " + quoted(mEmpty) +
+                  " --input-space " + quoted(c.inputSpace) + " --display " + quoted(c.display) + " --view Standard");
         auto group = OCIO::GroupTransform::Create();
         auto toLinear = OCIO::ColorSpaceTransform::Create();
         toLinear->setSrc(c.inputSpace), toLinear->setDst("scene_linear");
@@ -150,13 +135,13 @@ TEST_F(TonemapColor, UnknownNamesGiveOneLineNamingConfigAndName) {
     Testing::expectOneLineError(runTool("tonemap " + quoted(in) + " -o " + quoted(out) + " --input-space 'sRGB - Txture'"),
                                 {"built-in config", "\"sRGB - Txture\""}, "unknown input space");
     std::string const missing = path("nowhere.ocio");
-    ::setenv("OCIO", missing.c_str(), 1);
+    mOcio.set(missing.c_str());
     Testing::expectOneLineError(runTool("tonemap " + quoted(in) + " -o " + quoted(out)), {missing}, "missing config");
 }
 
 TEST_F(TonemapColor, RenderTagsDisplayFilesWithTheirCurveAndRadianceFilesAsLinear) {
     std::string const png = path("r.png"), exr = path("r.exr");
-    for (std::string const& out : {png, exr}) ASSERT_EQ(runTool("render -o " + quoted(out) + " --size 16x16 --samples 1").code, 0);
+    for (std::string const& out : {png, exr}) runToolOk("render -o " + quoted(out) + " --size 16x16 --samples 1");
     Pixels const display = readBack(png), linear = readBack(exr);
     // The display chain encodes with a 2.2 power: a gAMA chunk, no sRGB chunk.
     EXPECT_EQ(display.spec.get_string_attribute("oiio:ColorSpace"), "Gamma2.2");

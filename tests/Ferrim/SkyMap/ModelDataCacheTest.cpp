@@ -38,8 +38,7 @@ TEST(ModelDataCacheTest, ThreadsAskingForOneConfigurationShareOneSlice) {
             start.arrive_and_wait();
             result = cache.get({{0, 0, 0}, 2, 7}).value();
         });
-    for (auto& thread : threads)
-        thread.join();
+    for (auto& thread : threads) thread.join();
 
     EXPECT_EQ(std::count(results.begin(), results.end(), results[0]), THREADS);
     // Concurrent misses may each load, but the kept slice counts its own load only.
@@ -68,8 +67,7 @@ TEST(ModelDataCacheTest, AFailedLoadIsAnErrorLoggedInDevelopmentThatKeepsWhatWas
     SkyDataLocation const location(sharedSkyDataFolder());
     CountingLoader<PrgSunModelData> real;
     ModelDataCache<PrgSunModelData> cache(4, [&](PrgSunModelData::Configuration const& c) {
-        if (c.indexA == 5)
-            throw Exception("injected failure");
+        if (c.indexA == 5) throw Exception("injected failure");
         return real(c);
     });
     auto const kept = cache.get({0, 0}).value();

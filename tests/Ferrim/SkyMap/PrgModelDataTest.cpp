@@ -9,6 +9,7 @@
 #include "Ferrim/SkyMap/PrgSkyModelData.h"
 #include "Ferrim/SkyMap/PrgSunModelData.h"
 #include "SkyTestSupport.h"
+#include "TestSupport/ErrorOf.h"
 #include "TestSupport/TempFolderTest.h"
 
 using namespace Quelin;
@@ -111,12 +112,8 @@ TEST_F(PrgSkyModelDataFaults, AFileCutBeforeAPerPassScaleIsTheStreamError) {
         Files::SparseFile(path, 2 * Files::SKY_RECORD).writeSkyRecords(0, 2);
         std::filesystem::resize_file(path, std::uintmax_t(cut));
         RecordingStream stream(path, Files::SKY_SIZE); // the file shrank after its size was checked
-        try {
-            PrgSkyModelData const data({{0, 0, 0}, 0, 0}, stream);
-            ADD_FAILURE() << "a cut at " << cut << " was read";
-        } catch (Exception const& e) {
-            EXPECT_EQ(String(e.what()).rfind(message, 0), 0u) << e.what();
-        }
+        String const error = errorOf([&] { PrgSkyModelData const data({{0, 0, 0}, 0, 0}, stream); });
+        EXPECT_EQ(error.rfind(message, 0), 0u) << "a cut at " << cut << ": " << error;
     }
 }
 
@@ -132,12 +129,8 @@ TEST_F(PrgSkyModelDataFaults, ScalesThatAreNotNormalFloatsWithFiniteReciprocalsA
             file.write(reinterpret_cast<char const*>(&scale), sizeof scale);
         }
         RecordingStream stream(path);
-        try {
-            PrgSkyModelData const data({{0, 0, 0}, 0, 0}, stream);
-            ADD_FAILURE() << "a scale of " << scale << " was read";
-        } catch (Exception const& e) {
-            EXPECT_NE(String(e.what()).find("the scale at offset " + std::to_string(offset)), String::npos) << e.what();
-        }
+        String const error = errorOf([&] { PrgSkyModelData const data({{0, 0, 0}, 0, 0}, stream); });
+        EXPECT_NE(error.find("the scale at offset " + std::to_string(offset)), String::npos) << "a scale of " << scale << ": " << error;
     }
 }
 

@@ -6,6 +6,7 @@
 #include "Ferrim/SkyMap/PrgSunModelData.h"
 #include "Ferrim/SkyMap/SkyMap.h"
 #include "SkyTestSupport.h"
+#include "TestSupport/ErrorOf.h"
 #include "TestSupport/TempFolderTest.h"
 
 using namespace Quelin;
@@ -31,35 +32,20 @@ FileKind const FILE_KINDS[] = {
      [] { CloudsData(); }, &SkyMap::areCloudsAvailable},
 };
 
-String loadError(FileKind const& kind) {
-    try {
-        kind.load();
-    } catch (Exception const& e) {
-        return e.what();
-    }
-    return "no error";
-}
-
 class SkyDataFilesTest : public TempFolderTest {};
 
-TEST_F(SkyDataFilesTest, MissingFilesGiveTheLocatingErrorAndEachKindsMessage) {
-    SkyDataLocation const location(mFolder); // empty
+TEST_F(SkyDataFilesTest, MissingFilesGiveEachKindsMessageAndWrongSizesAreRefusedNamingFileAndSizes) {
+    SkyDataLocation const location(mFolder); // empty until each kind's file is written below
     for (FileKind const& kind : FILE_KINDS) {
-        String const error = locateSkyDataFile(kind.name).error();
-        EXPECT_EQ(error.rfind(String("Could not find data file ") + kind.name + " (searched ", 0), 0u) << error;
-        EXPECT_NE(error.find(Io::pathToUtf8(mFolder)), String::npos) << error;
-        EXPECT_EQ(loadError(kind), kind.notFound);
+        String const notFound = locateSkyDataFile(kind.name).error();
+        EXPECT_EQ(notFound.rfind(String("Could not find data file ") + kind.name + " (searched ", 0), 0u) << notFound;
+        EXPECT_NE(notFound.find(Io::pathToUtf8(mFolder)), String::npos) << notFound;
+        EXPECT_EQ(errorOf(kind.load), kind.notFound);
         EXPECT_FALSE(kind.available()) << kind.name;
-    }
-}
-
-TEST_F(SkyDataFilesTest, FilesOfTheWrongSizeAreRefusedNamingFileAndSizes) {
-    SkyDataLocation const location(mFolder);
-    for (FileKind const& kind : FILE_KINDS) {
         for (std::int64_t const size : {std::int64_t(0), kind.size - 1, kind.size + 4096}) {
             Files::SparseFile(mFolder / kind.name, size);
             EXPECT_TRUE(kind.available()) << kind.name;
-            String const error = loadError(kind);
+            String const error = errorOf(kind.load);
             EXPECT_EQ(error.rfind("Could not load object from the stream. ", 0), 0u) << error;
             for (String const& part : {String(kind.name), std::to_string(size), std::to_string(kind.size)})
                 EXPECT_NE(error.find(part), String::npos) << error;
@@ -73,11 +59,10 @@ TEST_F(SkyDataFilesTest, TheDevelopmentWorkspaceComesFirstOnlyInADevelopmentEnvi
     writeText("installed/PrgSunModelData.dat", "x");
     writeText("resources/OstrelCommonInstallerResources/prgSkyModel/PrgSunModelData.dat", "x");
     SkyDataLocation const location(mFolder / "installed");
-    ::setenv("QUELIN_WORKSPACE_DIR", mFolder.c_str(), 1);
+    ScopedEnv const workspace("QUELIN_WORKSPACE_DIR", mFolder.c_str());
     EXPECT_EQ(locateSkyDataFile("PrgSunModelData.dat").value().string(), (mFolder / "installed/PrgSunModelData.dat").string());
     ::setenv("QUELIN_DEVELOPMENT", "1", 1);
     EXPECT_EQ(locateSkyDataFile("PrgSunModelData.dat").value().string(), (inWorkspace / "PrgSunModelData.dat").string());
-    ::unsetenv("QUELIN_WORKSPACE_DIR");
 }
 
 TEST(CloudsDataTest, SectionsLandInTheirImagesTablesAndVolume) {

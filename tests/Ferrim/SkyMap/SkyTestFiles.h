@@ -51,8 +51,7 @@ inline std::int64_t skyRecordOffset(int channel, int two, int a, int b, int reco
 /// What a loaded record holds at float `k`: 9 passes of 968 bytes (275 halves,
 /// a scale, 205 halves divided by it) interleaved pass-fastest, then 118 halves.
 inline float expectedRecordValue(std::int64_t record, int k) {
-    if (k < 2475)
-        return halfToFloat(halfAt(record + (k % 9) * 968 + (k / 9) * 2));
+    if (k < 2475) return halfToFloat(halfAt(record + (k % 9) * 968 + (k / 9) * 2));
     if (k < 4320) {
         std::int64_t const pass = record + ((k - 2475) % 9) * 968;
         return float(double(halfToFloat(halfAt(pass + 558 + ((k - 2475) / 9) * 2))) / scaleAt(pass + 550));
@@ -72,14 +71,12 @@ class SparseFile {
         std::ofstream(path, std::ios::binary | std::ios::trunc).close();
         std::filesystem::resize_file(path, std::uintmax_t(size));
         mFile.open(path, std::ios::binary | std::ios::in | std::ios::out);
-        if (!mFile)
-            throw std::runtime_error("cannot write " + path.string());
+        if (!mFile) throw std::runtime_error("cannot write " + path.string());
     }
     /// `size` bytes of byteAt.
     void writeBytes(std::int64_t offset, std::int64_t size) {
         std::vector<std::uint8_t> bytes(static_cast<std::size_t>(size));
-        for (std::size_t i = 0; i < bytes.size(); ++i)
-            bytes[i] = byteAt(offset + std::int64_t(i));
+        for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = byteAt(offset + std::int64_t(i));
         write(offset, bytes);
     }
     /// `count` sky records of halfAt and scaleAt.
@@ -108,10 +105,7 @@ class SparseFile {
     std::fstream mFile;
 };
 
-struct SkySlice {
-    int channelIndex[3];
-    int a, b;
-};
+struct SkySlice { int channelIndex[3]; int a, b; };
 
 inline void writeSkyFile(std::filesystem::path const& path, std::vector<SkySlice> const& slices) {
     SparseFile file(path, SKY_SIZE);

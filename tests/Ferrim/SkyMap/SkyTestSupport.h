@@ -10,6 +10,7 @@
 
 #include "QuelinLib/Io.h"
 #include "SkyTestFiles.h"
+#include "TestSupport/ScopedEnv.h"
 
 namespace Quelin::Testing {
 
@@ -17,20 +18,11 @@ namespace Quelin::Testing {
 /// development workspace out of the search while it lives.
 class SkyDataLocation : Noncopyable {
   public:
-    explicit SkyDataLocation(Io::Path const& folder) {
-        if (char const* v = std::getenv("QUELIN_DEVELOPMENT"))
-            mDevelopment = v;
-        ::unsetenv("QUELIN_DEVELOPMENT");
-        Io::StandardPaths::setPrgSkyModelData(folder);
-    }
-    ~SkyDataLocation() {
-        Io::StandardPaths::setPrgSkyModelData({});
-        if (mDevelopment)
-            ::setenv("QUELIN_DEVELOPMENT", mDevelopment->c_str(), 1);
-    }
+    explicit SkyDataLocation(Io::Path const& folder) { Io::StandardPaths::setPrgSkyModelData(folder); }
+    ~SkyDataLocation() { Io::StandardPaths::setPrgSkyModelData({}); }
 
   private:
-    std::optional<String> mDevelopment;
+    ScopedEnv const mDevelopment{"QUELIN_DEVELOPMENT", nullptr};
 };
 
 /// The three data files with the slices the tests read, written once per run
@@ -57,8 +49,7 @@ inline Io::Path const& sharedSkyDataFolder() {
 /// Whether `bytes` hold byteAt from `fileOffset` on.
 inline bool holdsBytesFrom(std::span<std::byte const> bytes, std::int64_t fileOffset) {
     for (std::size_t i = 0; i < bytes.size(); ++i)
-        if (std::to_integer<std::uint8_t>(bytes[i]) != SkyFiles::byteAt(fileOffset + std::int64_t(i)))
-            return false;
+        if (std::to_integer<std::uint8_t>(bytes[i]) != SkyFiles::byteAt(fileOffset + std::int64_t(i))) return false;
     return true;
 }
 

@@ -36,10 +36,7 @@ void expectRefused(ImageTexture const& texture, String const& name) {
     EXPECT_NE(e.find(name), String::npos) << e;
 }
 
-struct FormatCase {
-    char const* extension;
-    PixelFormat format;
-};
+struct FormatCase { char const* extension; PixelFormat format; };
 FormatCase const FORMATS[] = {{"exr", PixelFormat::RgbaFloat}, {"hdr", PixelFormat::RgbFloat}, {"png", PixelFormat::Rgba8},
                               {"jpg", PixelFormat::Rgb8},      {"tif", PixelFormat::Rgba8},    {"tga", PixelFormat::Rgba8},
                               {"bmp", PixelFormat::Rgb8}};

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "Ferrim/TextureMap/ImageTextureCache.h"
+#include "TestSupport/ErrorOf.h"
 #include "TextureMapTestSupport.h"
 
 using namespace Quelin;
@@ -97,16 +98,6 @@ class OffloadTest : public TextureMapFixture {
         EXPECT_EQ(ImageTextureCache::getMemoryUsage(), TOTAL - onDisk);
     }
 
-    /// The error of reading every level back, empty when it worked.
-    static String readAllBack(ImageTexture const& texture) {
-        try {
-            texture.requireLevel(0);
-            return String();
-        } catch (Exception const& e) {
-            return String(e.what());
-        }
-    }
-
     Io::Path levelFile(ImageTexture const& texture, int level) const {
         return mStore / ("Ostrel_Out_Of_Core_Texture_" + texture.getMipChain().getId()) / ("Ostrel_Mip_Map_" + std::to_string(level));
     }
@@ -181,7 +172,7 @@ TEST_F(OffloadTest, ACutOrAlteredLevelFileGivesTheEofErrorAndStaysCounted) {
         file.put('\x7f'); // one byte of 4096 + 8
     }
     for (auto const& [texture, level] : {std::pair{cut, 3}, {altered, 1}}) {
-        String const error = readAllBack(*texture);
+        String const error = Testing::errorOf([&] { texture->requireLevel(0); });  // every level back
         EXPECT_TRUE(error.starts_with("EOF while reading mip map data!")) << error;
         EXPECT_NE(error.find("Ostrel_Mip_Map_" + std::to_string(level)), String::npos) << error;
     }
@@ -238,10 +229,7 @@ TEST_F(OffloadTest, BudgetsChangingWhileEightThreadsSampleGiveTheSingleThreadedR
     auto const evaluator = std::dynamic_pointer_cast<TextureMap::Evaluator const>(evaluatorOf(*map));
     ASSERT_TRUE(evaluator);
     ASSERT_TRUE(evaluator->getTexture().hasPixels());
-    struct Lookup {
-        float u, v, du;
-        RgbAlpha expected;
-    };
+    struct Lookup { float u, v, du; RgbAlpha expected; };
     std::mt19937 rng(5);
     std::uniform_real_distribution<float> unit(0.f, 1.f);
     Stack<Lookup> lookups(2048);

@@ -45,9 +45,7 @@ PixelFormat floatFormatWithChannels(int channels) {
 
 class TexelPrecisionTest : public TextureMapFixture {
 protected:
-    struct Pair {
-        SharedPtr<ImageTexture> stored, asFloat;
-    };
+    struct Pair { SharedPtr<ImageTexture> stored, asFloat; };
 
     /// The case's texels (noise: 200 x 120, so that the chain has odd and even
     /// sizes) written in its precision, and the same values written as float.

@@ -7,6 +7,7 @@
 
 #include "Ferrim/ColorSpaces.h"
 #include "Ferrim/TextureMap/ImageTextureCache.h"
+#include "TestSupport/ScopedEnv.h"
 #include "TextureMapTestSupport.h"
 
 using namespace Quelin;
@@ -23,15 +24,7 @@ OCIO::ConstCPUProcessorRcPtr reference(char const* from) {
 
 class TextureColorSpace : public TextureMapFixture {
 protected:
-    void SetUp() override {
-        TextureMapFixture::SetUp();
-        if (char const* old = std::getenv("OCIO")) mOldOcio = old;
-        ::unsetenv("OCIO");
-    }
-    void TearDown() override {
-        if (mOldOcio) ::setenv("OCIO", mOldOcio->c_str(), 1);
-        TextureMapFixture::TearDown();
-    }
+    Testing::ScopedEnv const mNoOcio{"OCIO", nullptr};  // the built-in config
 
     /// The texel (x, row) of level 0 as the evaluator decodes it.
     static RgbAlpha texel(TextureMap::Evaluator const& e, int x, int row) {
@@ -63,8 +56,6 @@ protected:
                 EXPECT_NEAR(got.alpha, stored.alpha, 1e-6f);
             }
     }
-
-    Optional<String> mOldOcio;
 };
 
 } // namespace

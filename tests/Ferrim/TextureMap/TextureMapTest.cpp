@@ -3,11 +3,8 @@
 #include <cmath>
 #include <fstream>
 #include <functional>
-#include <latch>
-#include <thread>
 
 #include "Ferrim/TextureMap/ImageTextureCache.h"
-#include "Ferrim/TextureMap/MipMapManager.h"
 #include "TextureMapTestSupport.h"
 
 namespace Quelin {
@@ -207,32 +204,16 @@ TEST_F(TextureMapFixture, BatchedLookupsEqualSingleLookupsBitForBit) {
         ShadedKind kind = ShadedKind::Surface;
     };
     auto const none = [](TextureMap&) {};
+    auto const wraps = [](WrapMode u, WrapMode v, InterpolationMode mode = InterpolationMode::Bilinear) {
+        return [=](TextureMap& m) { m.set("interpolation", mode), mapperOf(m).set("wrapU", u), mapperOf(m).set("wrapV", v); };
+    };
     for (Case const& c : {
              Case{"8 bits, bilinear", bytes, none},
              Case{"8 bits, filtered through the levels", bytes, none, true},
-             Case{"8 bits, clamped and repeated axes, filtered", bytes,
-                  [](TextureMap& m) {
-                      mapperOf(m).set("wrapU", WrapMode::Clamp);
-                      mapperOf(m).set("wrapV", WrapMode::Repeat);
-                  },
-                  true},
-             Case{"float texels, untiled and clamped axes", floats,
-                  [](TextureMap& m) {
-                      mapperOf(m).set("wrapU", WrapMode::NoTiling);
-                      mapperOf(m).set("wrapV", WrapMode::Clamp);
-                  }},
-             Case{"float texels, repeated and untiled axes, filtered", floats,
-                  [](TextureMap& m) {
-                      mapperOf(m).set("wrapU", WrapMode::Repeat);
-                      mapperOf(m).set("wrapV", WrapMode::NoTiling);
-                  },
-                  true},
-             Case{"nearest, mirrored and untiled axes", coords,
-                  [](TextureMap& m) {
-                      m.set("interpolation", InterpolationMode::Nearest);
-                      mapperOf(m).set("wrapU", WrapMode::Mirror);
-                      mapperOf(m).set("wrapV", WrapMode::NoTiling);
-                  }},
+             Case{"8 bits, clamped and repeated axes, filtered", bytes, wraps(WrapMode::Clamp, WrapMode::Repeat), true},
+             Case{"float texels, untiled and clamped axes", floats, wraps(WrapMode::NoTiling, WrapMode::Clamp)},
+             Case{"float texels, repeated and untiled axes, filtered", floats, wraps(WrapMode::Repeat, WrapMode::NoTiling), true},
+             Case{"nearest, mirrored and untiled axes", coords, wraps(WrapMode::Mirror, WrapMode::NoTiling, InterpolationMode::Nearest)},
              Case{"bicubic through a placed mapper, filtered", coords,
                   [](TextureMap& m) {
                       m.set("interpolation", InterpolationMode::Bicubic);
@@ -274,37 +255,6 @@ TEST_F(TextureMapFixture, BatchedLookupsEqualSingleLookupsBitForBit) {
             EXPECT_EQ(bitsOf(monos[i]), bitsOf(e->evalMono(at, nullptr))) << "point " << i;
         }
     }
-}
-
-TEST_F(TextureMapFixture, OffloadedLevelIsReadBackOnceForConcurrentLookups) {
-    auto map = makeMap(write("coords.exr", coordinateImage(64, 32)));
-    map->set("interpolation", InterpolationMode::Nearest);
-    auto const e = evaluatorOf(*map);
-    auto const& texture = static_cast<TextureMap::Evaluator const&>(*e).getTexture();
-    Io::Path const store = mFolder / "offload";
-    ASSERT_TRUE(MipMapManager::updateCache(true, std::nullopt, std::nullopt, store).has_value());
-    ASSERT_GT(texture.getOffloadedCount(), 0);
-
-    constexpr int THREADS = 8;
-    std::latch start(THREADS);
-    Stack<String> seen(THREADS);
-    Stack<std::thread> threads;
-    for (int i = 0; i < THREADS; ++i)
-        threads.emplace_back([&, i] {
-            SettableShadeContext ctx((float(i) + 0.5f) / 64.f, 0.99f);  // unfiltered: level 0
-            start.arrive_and_wait();
-            try {
-                RgbAlpha const c = e->evalColor(ctx, nullptr);
-                seen[std::size_t(i)] = std::to_string(int(c.r)) + "," + std::to_string(int(c.g));
-            } catch (std::exception const& x) {
-                seen[std::size_t(i)] = x.what();  // a second read of a removed level file fails
-            }
-        });
-    for (auto& t : threads) t.join();
-    for (int i = 0; i < THREADS; ++i) EXPECT_EQ(seen[std::size_t(i)], std::to_string(i) + ",0");
-    EXPECT_EQ(texture.getOffloadedCount(), 0);
-    EXPECT_EQ(MipMapManager::getOffloadedBytes(), 0);
-    (void)MipMapManager::updateCache(false, std::nullopt, std::nullopt, store);
 }
 
 // ------------------------------------------------ tiled files, anisotropic

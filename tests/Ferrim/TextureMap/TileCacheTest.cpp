@@ -16,9 +16,7 @@ using TextureSampling::Addressing;
 
 namespace {
 
-struct Point {
-    float u, v, width;
-};
+struct Point { float u, v, width; };
 
 /// Points over the whole level, borders and footprints of every level included.
 Stack<Point> points(int count, std::uint32_t seed) {

@@ -16,11 +16,7 @@ Image tileImage(int udim) {
 
 TEST(UdimNames, TileNamesFollowTheTokens) {
     // Tile (0, 2) and (1, 1) of each naming.
-    struct Case {
-        char const* pattern;
-        char const* tile02;
-        char const* tile11;
-    };
+    struct Case { char const* pattern; char const* tile02; char const* tile11; };
     for (Case const& c : {Case{"t.<UDIM>.exr", "t.1021.exr", "t.1012.exr"},
                           Case{"t.%(UDIM)d.exr", "t.1021.exr", "t.1012.exr"},
                           Case{"t_<u>_<v>.exr", "t_u0_v2.exr", "t_u1_v1.exr"},

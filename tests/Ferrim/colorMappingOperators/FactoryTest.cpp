@@ -20,10 +20,7 @@ TEST_F(ColorMappingOperatorFactoryTest, EachOperatorIsCreatedWithItsEncodings) {
     // Pipelines insert conversions from the encodings and hide the Hidden
     // group; all other operators are visible and linear in and out.
     using E = OperatorColorEncoding;
-    struct Special {
-        bool hidden;
-        E input, output;
-    };
+    struct Special { bool hidden; E input, output; };
     std::map<String, Special> const special = {
         {"Zatho.CurvesOperator", {false, E::Srgb, E::Srgb}},
         {"Zatho.DisplayViewOperator", {false, E::Linear, E::Srgb}},

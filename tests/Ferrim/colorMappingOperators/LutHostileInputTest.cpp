@@ -9,13 +9,7 @@
 using namespace Quelin;
 
 namespace {
-struct HostileCase {
-    char const* name;
-    bool is3dl;
-    String text;
-    int line;
-    char const* problem;
-};
+struct HostileCase { char const* name; bool is3dl; String text; int line; char const* problem; };
 
 String lattice3dl(int entries) {
     String s;

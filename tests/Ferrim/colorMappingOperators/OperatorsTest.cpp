@@ -166,7 +166,7 @@ SharedPtr<AcesOtOperator> aces(float opacity) {
     return prepared<AcesOtOperator>([&](AcesOtOperator& o) { o.set("opacity", opacity); });
 }
 
-TEST(FilmicOperator, FullStrengthIsTheCurveZeroIsNothingAndUnmapClampsItsInput) {
+TEST(FilmicOperator, FullStrengthIsTheCurveZeroIsNothingUnmapClampsAndSmallChangesKeepThePreparedState) {
     auto const full = filmic(1.f, 1.f);
     for (float x : {1e-4f, 0.01f, 0.18f, 0.7f, 1.f, 3.f, 20.f}) {
         float const shown = FilmicOperator::curve(Float4(x))[0];
@@ -188,20 +188,18 @@ TEST(FilmicOperator, FullStrengthIsTheCurveZeroIsNothingAndUnmapClampsItsInput) 
             else EXPECT_NEAR(again[ch], d[ch], 1e-6f);
         }
     }
+    // Changes below the preparation threshold keep the prepared state.
+    auto tuned = filmic(0.9f, 0.5f);
+    Rgb const before = tuned->map(Rgb(0.25f), {});
+    tuned->set("richShadows", 0.50005f);
+    tuned->prepareForApplication({});
+    EXPECT_EQ(tuned->map(Rgb(0.25f), {}), before);
+    tuned->set("richShadows", 0.6f);
+    tuned->prepareForApplication({});
+    EXPECT_NE(tuned->map(Rgb(0.25f), {}), before);
 }
 
-TEST(FilmicOperator, SmallChangesKeepThePreparedState) {
-    auto op = filmic(0.9f, 0.5f);
-    Rgb const before = op->map(Rgb(0.25f), {});
-    op->set("richShadows", 0.50005f);
-    op->prepareForApplication({});
-    EXPECT_EQ(op->map(Rgb(0.25f), {}), before);
-    op->set("richShadows", 0.6f);
-    op->prepareForApplication({});
-    EXPECT_NE(op->map(Rgb(0.25f), {}), before);
-}
-
-TEST(AcesOtOperator, FullOpacityIsTheCurveAndUnmapsDisplayGreysUpToThePole) {
+TEST(AcesOtOperator, FullOpacityIsTheCurveUpToThePoleAndOpacityBlendsThroughTheUnmappingTable) {
     auto const op = aces(1.f);
     for (float v : {0.01f, 0.18f, 1.f, 5.f}) expectNear(op->map(Rgb(v), {}), Rgb(AcesOtOperator::curve(v)), 1e-5f);
     for (float v : {0.01f, 0.18f, 0.5f, 0.99f}) EXPECT_NEAR(op->map(op->unmap(Rgb(v), NO_EXCLUDE), {}).g, v, 3e-4f);
@@ -209,9 +207,7 @@ TEST(AcesOtOperator, FullOpacityIsTheCurveAndUnmapsDisplayGreysUpToThePole) {
     Rgb const white = op->unmap(Rgb(1.f), NO_EXCLUDE);
     EXPECT_TRUE(std::isfinite(white.r) && white.r > 10.f);
     EXPECT_EQ(op->unmap(Rgb(1.f), NO_EXCLUDE), op->unmap(Rgb(3.f), NO_EXCLUDE));  // clamped first
-}
-
-TEST(AcesOtOperator, OpacityBlendsThroughTheUnmappingTable) {
+    // Lower opacities blend through the unmapping table.
     auto const none = aces(0.f);
     EXPECT_EQ(none->map(Rgb(0.3f, 4.f, 0.f), {}), Rgb(0.3f, 4.f, 0.f));
     for (float v : {0.f, 0.1f, 0.37f, 0.8f, 1.f}) EXPECT_NEAR(none->unmap(Rgb(v), NO_EXCLUDE).r, v, 1e-6f);
@@ -228,7 +224,7 @@ TEST(AcesOtOperator, OpacityBlendsThroughTheUnmappingTable) {
     for (float v : {0.05f, 0.2f, 0.5f, 0.8f}) EXPECT_NEAR(faded->map(faded->unmap(Rgb(v), NO_EXCLUDE), {}).r, v, 0.02f) << v;
 }
 
-TEST(MonotoneCurve, PassesThroughPointsAndStaysMonotoneWithoutOvershoot) {
+TEST(MonotoneCurve, PassesThroughPointsStaysMonotoneWithoutOvershootAndInvertsPickingMiddlesOfFlats) {
     // Points that dip: the curve may not bend back.
     auto const dip = MonotoneCurve::fromPoints({{0.f, 0.f}, {0.3f, 0.5f}, {0.5f, 0.4f}, {1.f, 1.f}});
     EXPECT_NEAR(dip.evaluate(0.3f), 0.5f, 1e-4f);
@@ -242,9 +238,7 @@ TEST(MonotoneCurve, PassesThroughPointsAndStaysMonotoneWithoutOvershoot) {
     // A plain cubic spline overshoots above 1 after the steep rise; Fritsch-Carlson may not.
     auto const steep = MonotoneCurve::fromPoints({{0.f, 0.f}, {0.1f, 0.9f}, {0.2f, 1.f}, {1.f, 1.f}});
     for (int i = 0; i <= 100; ++i) EXPECT_LE(steep.evaluate(float(i) / 100.f), 1.f + 1e-6f);
-}
-
-TEST(MonotoneCurve, InverseUndoesEvaluateAndPicksMiddleOfFlats) {
+    // The inverse undoes evaluate and picks the middle of a flat.
     auto const s = MonotoneCurve::fromPoints({{0.f, 0.f}, {0.25f, 0.15f}, {0.75f, 0.85f}, {1.f, 1.f}});
     for (float x : {-0.2f, 0.f, 0.05f, 0.3f, 0.5f, 0.9f, 1.f, 1.7f}) EXPECT_NEAR(s.invert(s.evaluate(x)), x, 2e-4f) << x;
     auto const flat = MonotoneCurve::fromPoints({{0.f, 0.f}, {0.4f, 0.5f}, {0.6f, 0.5f}, {1.f, 1.f}});
@@ -308,38 +302,34 @@ ColorMappingContext gamma22() {
     return c;
 }
 
-TEST(LutOperator, NeutralUntilGivenAPathAndAppliesInDisplayEncoding) {
+TEST(LutOperator, NeutralUntilAFileReadsThenAppliesInDisplayEncodingAndKeepsLoadErrorsUntilFixed) {
     auto op = prepared<LutOperator>([](auto&) {}, gamma22());
     EXPECT_TRUE(op->isNeutral());
     EXPECT_TRUE(op->getLoadError().empty());
+    // An unreadable file: neutral both ways, with the error naming file and line.
+    String const bad = String(FERRIM_TESTDATA_DIR) + "/lut/error_truncated_file.3dl";
+    op->set("path", bad);
+    op->prepareForApplication(gamma22());
+    EXPECT_TRUE(op->isNeutral());
+    EXPECT_NE(op->getLoadError().find(bad + ":375:"), String::npos) << op->getLoadError();
+    Rgb const in(0.2f, 0.4f, 0.05f);
+    EXPECT_EQ(op->map(in, {}), in);
+    EXPECT_EQ(op->unmap(in, {}), in);
+    // A readable file clears the error and applies in the display encoding.
     op->set("path", getDefaultLut());
     op->prepareForApplication(gamma22());
     ASSERT_FALSE(op->isNeutral()) << op->getLoadError();
+    EXPECT_TRUE(op->getLoadError().empty());
     auto power = [](Rgb c, float e) {
         for (int ch = 0; ch < 3; ++ch) c[ch] = std::pow(std::max(c[ch], 0.f), e);
         return c;
     };
-    Rgb const in(0.2f, 0.4f, 0.05f), out = op->map(in, {});
+    Rgb const out = op->map(in, {});
     expectNear(out, power(getDefaultLutData().apply(power(in, 1.f / 2.2f), LutInterpolation::Tetrahedral), 2.2f), 1e-5f);
     // Half opacity lands half-way between the input and the full look.
     op->set("lut_opacity", 0.5f);
     op->prepareForApplication(gamma22());
     expectNear(op->map(in, {}), (in + out) * 0.5f, 1e-5f);
-}
-
-TEST(LutOperator, UnreadableFileIsNeutralWithErrorKeptUntilFixed) {
-    String const bad = String(FERRIM_TESTDATA_DIR) + "/lut/error_truncated_file.3dl";
-    auto op = prepared<LutOperator>([&](LutOperator& o) { o.set("path", bad); }, gamma22());
-    EXPECT_TRUE(op->isNeutral());
-    EXPECT_NE(op->getLoadError().find(bad + ":375:"), String::npos) << op->getLoadError();
-    Rgb const c(0.3f, 0.5f, 0.7f);
-    EXPECT_EQ(op->map(c, {}), c);
-    EXPECT_EQ(op->unmap(c, {}), c);
-    // A readable file clears the error.
-    op->set("path", String(FERRIM_TESTDATA_DIR) + "/lut/discreet-3d-lut.3dl");
-    op->prepareForApplication(gamma22());
-    EXPECT_FALSE(op->isNeutral());
-    EXPECT_TRUE(op->getLoadError().empty());
 }
 
 // ---------------------------------------------------------------- every operator

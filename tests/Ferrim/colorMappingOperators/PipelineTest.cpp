@@ -1,8 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-
 #include "Ferrim/FerrimTestSupport.h"
 #include "Ferrim/colorMappingOperators/ColorMappingPipeline.h"
 #include "Ferrim/colorMappingOperators/ObsoleteOperator.h"
@@ -136,26 +133,4 @@ TEST_F(PipelineTest, LegacyOperatorsAreRemovedWithTheWarning) {
     loaded->pipeline->prepareForApplication(ColorMappingContext());
     EXPECT_NEAR(loaded->pipeline->map(Rgb(1.f), {}).r, 2.f, 1e-5f);
     EXPECT_TRUE(removeObsoleteOperatorsFromPipeline(loaded->pipeline).empty());
-}
-
-TEST_F(PipelineTest, PresetFilesRoundTripAndErrorsNameTheFile) {
-    auto const dir = std::filesystem::temp_directory_path() / "ferrim_pipeline_test";
-    std::filesystem::create_directories(dir);
-    String const path = (dir / "look.ctm").string();
-    auto const chain = exposureCurvesContrast();
-    ASSERT_TRUE(savePipelinePreset(path, chain));  // loading checks the type it writes
-    auto loaded = loadPipelinePreset(path);
-    ASSERT_TRUE(loaded) << loaded.error();
-    EXPECT_TRUE(loaded->warning.empty());
-    EXPECT_EQ(typesOf(loaded->pipeline), typesOf(chain));
-    auto const flat = [](auto const& p) { return convertPipelineToDataObjects(p, HiddenItemsTreatment::Skip); };
-    EXPECT_TRUE(areOperatorsDataSame(flat(loaded->pipeline), flat(chain)));
-    std::ofstream(dir / "broken.ctm") << "{\"mimeType\": 3";
-    auto broken = loadPipelinePreset((dir / "broken.ctm").string());
-    ASSERT_FALSE(broken);
-    EXPECT_NE(broken.error().find("broken.ctm: The color-mapping pipeline data is corrupted."), String::npos) << broken.error();
-    auto missing = loadPipelinePreset((dir / "missing.ctm").string());
-    ASSERT_FALSE(missing);
-    EXPECT_NE(missing.error().find("missing.ctm"), String::npos);
-    std::filesystem::remove_all(dir);
 }

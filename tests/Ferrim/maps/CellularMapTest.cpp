@@ -104,7 +104,7 @@ TEST(CellularDistances, FewerNeededSlotsKeepTheLeadingOnesExact) {
     }
 }
 
-TEST(CellularBlend, HalfTakesUpperBranchAndUpperBranchIsNotClamped) {
+TEST(CellularBlend, HalfTakesTheUpperBranchWhichIsNotClampedNorAreUnfilledSlots) {
     SettableShadeContext ctx;
     auto const e = makeEvaluator(CellularMap::CellShape::CIRCULAR);
     EXPECT_EQ(e.colorForValue(0.5f, ctx, nullptr), RgbAlpha(0.5f, 0.25f, 0.5f, 1.f));
@@ -115,16 +115,12 @@ TEST(CellularBlend, HalfTakesUpperBranchAndUpperBranchIsNotClamped) {
     // Negative values take the upper branch too: t = -1.5.
     EXPECT_EQ(e.colorForValue(-0.25f, ctx, nullptr), RgbAlpha(2.5f * 0.5f - 1.5f, 2.5f * 0.25f - 1.5f, 2.5f * 0.5f - 1.5f, 1.f));
     EXPECT_FLOAT_EQ(e.monoForValue(1.5f, ctx, nullptr).value, 2.f - Rgb(0.5f, 0.25f, 0.5f).mean());
-}
-
-TEST(CellularBlend, ChipsWithUnfilledSecondSlotIsInfiniteAndUnclamped) {
-    SettableShadeContext ctx;
+    // CHIPS with an unfilled second slot is infinite, and so is its colour; CIRCULAR leaves the unused slots out.
     auto const chips = makeEvaluator(CellularMap::CellShape::CHIPS);
     float const v = chips.valueFromSlots({0.04f, INF, INF, INF});
     EXPECT_EQ(v, INF);
     EXPECT_FALSE(std::isfinite(chips.colorForValue(v, ctx, nullptr).r));
-    // The same slots under CIRCULAR leave the unused infinite slots out.
-    EXPECT_FLOAT_EQ(makeEvaluator(CellularMap::CellShape::CIRCULAR).valueFromSlots({0.04f, INF, INF, INF}), 0.2f);
+    EXPECT_FLOAT_EQ(e.valueFromSlots({0.04f, INF, INF, INF}), 0.2f);
 }
 
 class CellularMapTest : public LibraryFixture {};

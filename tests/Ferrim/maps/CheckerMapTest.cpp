@@ -28,19 +28,14 @@ float numericBoxAverage(float u, float v, float w) {
     return float(0.5 + 0.5 * sum / (double(n) * n));
 }
 
-TEST(CheckerHardEdges, SquaresAreHalfUnitsAndFloorNotTruncation) {
-    struct Case {
-        float u, v;
-        bool color2;
-    };
+TEST(CheckerEdges, HardSquaresAreHalfUnitsByFloorAndSoftOnesTheExactBoxFilterWithTheEvenMixOnEdges) {
+    struct Case { float u, v; bool color2; };
     for (Case const c : {Case{0.25f, 0.25f, true}, Case{0.25f, 0.75f, false}, Case{0.75f, 0.75f, true},
                          Case{0.5f, 0.25f, false},  // an edge belongs to the square above it
                          Case{-0.25f, 0.25f, false}, Case{-0.25f, -0.25f, true}, Case{-1.25f, -3.75f, false},
                          Case{3e7f, 0.25f, true}})
         EXPECT_EQ(makeChecker(0.f).evalColor(SettableShadeContext(c.u, c.v), nullptr), c.color2 ? TWO : ONE) << c.u << ", " << c.v;
-}
-
-TEST(CheckerSoftEdges, ExactBoxFilterOfThePatternWithTheEvenMixOnEdges) {
+    // Soft edges: the exact box filter of the pattern.
     for (float w : {0.1f, 0.3f, 0.77f})
         for (float u : {0.25f, 0.48f, 0.5f, 0.61f, -0.33f})
             for (float v : {0.02f, 0.25f, -0.9f}) {

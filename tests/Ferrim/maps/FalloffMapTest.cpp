@@ -39,10 +39,7 @@ struct BackFace : SettableShadeContext {
 
 TEST_F(FalloffMapTest, EachTypeAtKnownAngles) {
     using T = FalloffMap::Type;
-    struct Case {
-        T type;
-        float degrees, weight;
-    };
+    struct Case { T type; float degrees, weight; };
     for (Case const c : {Case{T::PerpendicularParallel, 0.f, 0.f}, Case{T::PerpendicularParallel, 60.f, 0.5f},
                          Case{T::PerpendicularParallel, 90.f, 1.f}, Case{T::PerpendicularParallel, 120.f, 0.5f},
                          Case{T::TowardsAway, 0.f, 0.f}, Case{T::TowardsAway, 90.f, 0.5f}, Case{T::TowardsAway, 180.f, 1.f},
@@ -77,15 +74,13 @@ TEST_F(FalloffMapTest, WorldAxesDistanceBlendAndTheCurve) {
 
 TEST_F(FalloffMapTest, EqualConstantInputsFoldAndBumpBlends) {
     FalloffMap map;
-    GenericDataObject c = map.get<GenericDataObject>("color2");
-    c.set("color", Rgb(0, 0, 0));
-    map.set("color2", c);
+    setInputColor(map, "color2", Rgb(0, 0, 0));
     EXPECT_TRUE(map.getEvaluator().hasConstant);
     setInputMap(map, "color2", makeSharedPtr<CountingMap>(RgbAlpha(1, 1, 1, 1)));
     Testing::expectNear(map.getEvaluator().evaluator->evalBump(pointAt(60.f), nullptr), Dir(0.5f, 1.f, 1.5f), 1e-5f);
 }
 
-TEST_F(FalloffMapTest, FresnelMapMatchesTheEquationsOnBothFacesForIndicesAboveAndBelowOne) {
+TEST_F(FalloffMapTest, FresnelMapMatchesTheEquationsOnBothFacesAndPerChannelForMetals) {
     // Every degree, across Brewster's angle and (inside) the critical angle.
     for (float ior : {1.5f, 2.4f, 0.7f}) {
         FresnelMap map;
@@ -100,9 +95,7 @@ TEST_F(FalloffMapTest, FresnelMapMatchesTheEquationsOnBothFacesForIndicesAboveAn
             EXPECT_NEAR(e->evalColor(back, nullptr).g, reflectanceAtCosine(c, 1.0 / double(ior)), 1e-6) << ior << " " << degrees;
         }
     }
-}
-
-TEST_F(FalloffMapTest, FresnelMapReadsPerChannelMetals) {
+    // Metals: a complex index per channel.
     FresnelMap map;
     map.set("conductor", true);
     map.set("n", Rgb(0.18299f, 0.42415f, 1.3734f));

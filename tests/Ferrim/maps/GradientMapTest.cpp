@@ -26,11 +26,7 @@ GradientMap::Evaluator makeGradient(Type type, Stack<Stop> stops, SharedPtr<UvMa
 }
 
 TEST(GradientEvaluator, ParameterOfEveryTypeAtChosenPoints) {
-    struct Case {
-        Type type;
-        Pos uvw;
-        float t;
-    };
+    struct Case { Type type; Pos uvw; float t; };
     for (Case const c : {Case{Type::Box, Pos(0.75f, 0.1f, 0), 0.8f}, Case{Type::Box, Pos(0.5f, 0.5f, 0), 0.f},
                          Case{Type::Diagonal, Pos(0.75f, 0.25f, 0), 0.5f}, Case{Type::Linear, Pos(0.9f, 0.3f, 0), 0.3f},
                          Case{Type::Mapped, Pos(0.9f, 0.1f, 0), 0.3f}, Case{Type::Pong, Pos(0.25f, 0.5f, 0), 0.5f},
@@ -48,10 +44,7 @@ TEST(GradientEvaluator, ParameterOfEveryTypeAtChosenPoints) {
 }
 
 TEST(GradientEvaluator, EveryInterpolationAtAndBetweenStops) {
-    struct Case {
-        Interp interpolation;
-        float v, grey;
-    };
+    struct Case { Interp interpolation; float v, grey; };
     // Stops at 0 (0), 0.5 (0.5), 1 (1): between 0 and 0.5 the grey is 0.5 w(f).
     for (Case const c : {Case{Interp::Linear, 0.5f, 0.5f}, Case{Interp::Linear, 0.25f, 0.25f},
                          Case{Interp::Solid, 0.5f, 0.f},       // at a stop: still the left one
@@ -127,9 +120,7 @@ TEST_F(GradientMapTest, JsonRoundTripWithCellularStop) {
     map.set("type", Type::Radial);
     map.set("defaultInterpolation", Interp::EaseInOut);
     ListPropertyValue stops = std::get<ListPropertyValue>(map.getData().getValue("stops"));
-    GenericDataObject color = stops[1].get<GenericDataObject>("color");
-    color.set("map", EntityHolder<Entity>(makeSharedPtr<CellularMap>()));
-    stops[1].set("color", color);
+    setInputMap(stops[1], "color", makeSharedPtr<CellularMap>());
     map.set("stops", stops);
     expectJsonRoundTrip(map);
 }

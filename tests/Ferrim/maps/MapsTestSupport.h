@@ -53,11 +53,16 @@ inline ColorOrMap::Evaluator mapInput(SharedPtr<IMap> const& map) {
     return ColorOrMap::Evaluator(ColorOrMap{Rgb(0, 0, 0), EntityHolder<IMap>(map), true});
 }
 
-/// Sets a colour-or-map property of an entity to a map.
-inline void setInputMap(Entity& entity, StringView property, SharedPtr<IMap> const& map) {
-    GenericDataObject value = entity.get<GenericDataObject>(property);
+/// Sets a colour-or-map property of an entity (or of a list item) to a map, or to a colour.
+template <typename Owner> void setInputMap(Owner& owner, StringView property, SharedPtr<IMap> const& map) {
+    GenericDataObject value = owner.template get<GenericDataObject>(property);
     value.set("map", EntityHolder<Entity>(map));
-    entity.set(property, std::move(value));
+    owner.set(property, std::move(value));
+}
+template <typename Owner> void setInputColor(Owner& owner, StringView property, Rgb const& color) {
+    GenericDataObject value = owner.template get<GenericDataObject>(property);
+    value.set("color", color);
+    owner.set(property, std::move(value));
 }
 
 using Testing::expectStop;

@@ -31,16 +31,10 @@ struct IdContext : SettableShadeContext {
 
 class MiscMapsTest : public LibraryFixture {};
 
-void setColor(Entity& e, StringView property, Rgb const& c) {
-    GenericDataObject v = e.get<GenericDataObject>(property);
-    v.set("color", c);
-    e.set(property, std::move(v));
-}
-
 TEST_F(MiscMapsTest, FrontBackFollowsTheFaceSideAndItsBump) {
     FrontBackMap map;
-    setColor(map, "front", Rgb(1, 0, 0));
-    setColor(map, "back", Rgb(0, 0, 1));
+    setInputColor(map, "front", Rgb(1, 0, 0));
+    setInputColor(map, "back", Rgb(0, 0, 1));
     IdContext p;
     auto const e = map.getEvaluator().evaluator;
     EXPECT_EQ(e->evalColor(p, nullptr), RgbAlpha(1, 0, 0, 1));
@@ -51,16 +45,16 @@ TEST_F(MiscMapsTest, FrontBackFollowsTheFaceSideAndItsBump) {
     EXPECT_EQ(bumped->evalBump(p, nullptr), Dir(1, 2, 3));
     p.backFace = false;
     EXPECT_EQ(bumped->evalBump(p, nullptr), Dir());
-    setColor(map, "front", Rgb(0.3f));
+    setInputColor(map, "front", Rgb(0.3f));
     setInputMap(map, "back", nullptr);
-    setColor(map, "back", Rgb(0.3f));
+    setInputColor(map, "back", Rgb(0.3f));
     EXPECT_TRUE(map.getEvaluator().hasConstant);
 }
 
 TEST_F(MiscMapsTest, RaySwitcherShowsEachKindsInput) {
     RaySwitchMap map;
     StaticArray<char const*, 5> const names = {{"camera", "reflection", "refraction", "gi", "shadow"}};
-    for (std::size_t i = 0; i < names.size(); ++i) setColor(map, names[i], Rgb(float(i) / 10.f));
+    for (std::size_t i = 0; i < names.size(); ++i) setInputColor(map, names[i], Rgb(float(i) / 10.f));
     auto const e = map.getEvaluator().evaluator;
     IdContext p;
     for (RayKind kind : {RayKind::Camera, RayKind::Reflection, RayKind::Refraction, RayKind::Diffuse, RayKind::Shadow}) {
@@ -111,9 +105,7 @@ TEST_F(MiscMapsTest, SelectChoosesByEachIdSourceWrappingAroundWithTheChosenBump)
 
     // The bump is the chosen input's: a map behind input 1, flat constants elsewhere.
     ListPropertyValue list = map.get<ListPropertyValue>("inputs");
-    GenericDataObject input = list[1].get<GenericDataObject>("input");
-    input.set("map", EntityHolder<Entity>(makeSharedPtr<CountingMap>(RgbAlpha(1, 1, 1, 1))));
-    list[1].set("input", input);
+    setInputMap(list[1], "input", makeSharedPtr<CountingMap>(RgbAlpha(1, 1, 1, 1)));
     map.set("inputs", list);
     map.set("source", SelectMap::Source::ObjectId);
     IdContext first, second;
@@ -125,14 +117,11 @@ TEST_F(MiscMapsTest, SelectChoosesByEachIdSourceWrappingAroundWithTheChosenBump)
 TEST_F(MiscMapsTest, UserPropertyReadsNumbersColoursAndTextOrShowsTheDefault) {
     UserPropertyMap map;
     map.set("propertyName", String("tint"));
-    setColor(map, "default", Rgb(0.25f));
+    setInputColor(map, "default", Rgb(0.25f));
     auto const e = map.getEvaluator().evaluator;
     IdContext p;
     EXPECT_EQ(e->evalColor(p, nullptr), RgbAlpha(0.25f, 0.25f, 0.25f, 1));
-    struct Case {
-        UserPropertyValue value;
-        RgbAlpha want;
-    };
+    struct Case { UserPropertyValue value; RgbAlpha want; };
     for (Case const& c : {Case{0.5f, {0.5f, 0.5f, 0.5f, 1}}, Case{Rgb(1, 2, 3), {1, 2, 3, 1}},
                           Case{String("0.1, 0.2 0.3"), {0.1f, 0.2f, 0.3f, 1}}, Case{String(" 7 "), {7, 7, 7, 1}},
                           Case{String("red"), {0.25f, 0.25f, 0.25f, 1}}, Case{String("1 2"), {0.25f, 0.25f, 0.25f, 1}},
@@ -147,10 +136,7 @@ TEST_F(MiscMapsTest, UserPropertyReadsNumbersColoursAndTextOrShowsTheDefault) {
 TEST(ColorMath, OperationsAndTheirConventions) {
     using Op = ColorMathMap::Operation;
     float const nan = std::numeric_limits<float>::quiet_NaN();
-    struct Case {
-        Op op;
-        float a, b, want;
-    };
+    struct Case { Op op; float a, b, want; };
     for (Case const c : {Case{Op::Add, 1.5f, -2.f, -0.5f}, Case{Op::Subtract, 1.f, 3.f, -2.f}, Case{Op::Multiply, -2.f, 3.f, -6.f},
                          Case{Op::Divide, 3.f, 2.f, 1.5f}, Case{Op::Divide, 3.f, 0.f, 0.f}, Case{Op::Minimum, 2.f, nan, 2.f},
                          Case{Op::Maximum, nan, -1.f, -1.f}, Case{Op::Power, 2.f, 3.f, 8.f}, Case{Op::Power, -2.f, 3.f, -8.f},
@@ -181,7 +167,7 @@ TEST(ColorMath, SlopesMatchFiniteDifferences) {
 TEST_F(MiscMapsTest, ColorMathChainsBumps) {
     ColorMathMap map;
     map.set("operation", ColorMathMap::Operation::Multiply);
-    setColor(map, "a", Rgb(2, 3, 4));
+    setInputColor(map, "a", Rgb(2, 3, 4));
     setInputMap(map, "b", makeSharedPtr<CountingMap>(RgbAlpha(0.5f, 0.5f, 0.5f, 1)));  // bump (1, 2, 3)
     // d(a b) = a db: a's mono is 3.
     Testing::expectNear(map.getEvaluator().evaluator->evalBump(SettableShadeContext(), nullptr), Dir(3, 6, 9), 1e-5f);
@@ -196,8 +182,8 @@ TEST_F(MiscMapsTest, ConstantFoldingGivesTheUnfoldedValuesOnRandomPoints) {
         Rgb const a(d(rng), d(rng), d(rng)), b(d(rng), d(rng), d(rng));
         for (ColorMathMap* m : {&folded, &unfolded}) {
             m->set("operation", ColorMathMap::Operation(op));
-            setColor(*m, "a", a);
-            setColor(*m, "b", b);
+            setInputColor(*m, "a", a);
+            setInputColor(*m, "b", b);
         }
         setInputMap(unfolded, "a", makeSharedPtr<CountingMap>(RgbAlpha(a, 1.f)));
         auto const f = folded.getEvaluator(), u = unfolded.getEvaluator();

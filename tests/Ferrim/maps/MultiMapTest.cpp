@@ -15,9 +15,7 @@ class MultiMapTest : public LibraryFixture {};
 
 void setLayerMap(MultiMap& multi, std::size_t index, SharedPtr<IMap> const& map) {
     ListPropertyValue list = multi.get<ListPropertyValue>("layers");
-    GenericDataObject input = list[index].get<GenericDataObject>("input");
-    input.set("map", EntityHolder<Entity>(map));
-    list[index].set("input", input);
+    setInputMap(list[index], "input", map);
     multi.set("layers", list);
 }
 

@@ -16,26 +16,17 @@ NoiseMapEvaluator makeEvaluator(float size, float levels, float minT = 0.f, floa
                              minT, maxT);
 }
 
-TEST(NoiseFunction, ReferenceValuesIncludingNegativeCells) {
+TEST(NoiseFunction, ReferenceValuesZerosAtLatticePointsAndA256UnitPeriodIncludingNegativeCells) {
     // Improved noise with z-first hashing, the reference permutation and the 12-gradient lookup.
-    struct Case {
-        Pos p;
-        float n;
-    };
+    struct Case { Pos p; float n; };
     for (Case const c : {Case{Pos(0.375f, 1.625f, 2.125f), -0.394092292f}, Case{Pos(-3.25f, 10.5f, -0.75f), -0.133466244f},
                          Case{Pos(-123.4f, 57.3f, 200.9f), -0.133220464f}, Case{Pos(17.77f, -0.31f, -250.5f), 0.282722056f}})
         EXPECT_NEAR(NoiseMap::noise(c.p), c.n, 2e-6f) << c.p.x << " " << c.p.y << " " << c.p.z;
-}
-
-TEST(NoiseFunction, ZeroAtLatticePointsIncludingZeroAndNegatives) {
     for (float x : {-256.f, -2.f, -1.f, 0.f, 1.f, 7.f, 255.f})
         for (float y : {-3.f, 0.f, 4.f})
             for (float z : {-1.f, 0.f, 12.f}) EXPECT_EQ(NoiseMap::noise(Pos(x, y, z)), 0.f) << x << " " << y << " " << z;
     // A regular map is 0.5 there.
     EXPECT_EQ(makeEvaluator(0.5f, 1.f).noiseValue(Pos(1.5f, -0.5f, 0.f)), 0.5f);
-}
-
-TEST(NoiseFunction, RepeatsEvery256Units) {
     for (Pos p : {Pos(0.375f, 1.625f, 2.125f), Pos(-3.25f, 10.5f, -0.75f)}) {
         float const n = NoiseMap::noise(p);
         for (int axis = 0; axis < 3; ++axis)

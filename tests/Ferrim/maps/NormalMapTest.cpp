@@ -26,12 +26,6 @@ SettableShadeContext tiltedPoint() {
     return p;
 }
 
-void setNormalColor(NormalMap& map, Rgb const& c) {
-    GenericDataObject v = map.get<GenericDataObject>("normalMap");
-    v.set("color", c);
-    map.set("normalMap", v);
-}
-
 TEST_F(NormalMapTest, FlatLeavesTheNormalAndAKnownTiltLandsInTheBumpFrame) {
     NormalMap map;
     SettableShadeContext const p = tiltedPoint();
@@ -40,10 +34,10 @@ TEST_F(NormalMapTest, FlatLeavesTheNormalAndAKnownTiltLandsInTheBumpFrame) {
     // 45 degrees towards +u: n = (sin 45, 0, cos 45).
     float const s = 0.70710678f;
     Dir const t = normalize(p.bumpBase.column(0)), b = normalize(p.bumpBase.column(1));
-    setNormalColor(map, Rgb(0.5f + 0.5f * s, 0.5f, 0.5f + 0.5f * s));
+    setInputColor(map, "normalMap", Rgb(0.5f + 0.5f * s, 0.5f, 0.5f + 0.5f * s));
     Testing::expectNear(bent(), normalize(t * s + p.normal * s), 1e-5f);
     // Green tilts along +v, flipped green along -v.
-    setNormalColor(map, Rgb(0.5f, 0.5f + 0.5f * s, 0.5f + 0.5f * s));
+    setInputColor(map, "normalMap", Rgb(0.5f, 0.5f + 0.5f * s, 0.5f + 0.5f * s));
     Testing::expectNear(bent(), normalize(b * s + p.normal * s), 1e-5f);
     map.set("flipGreen", true);
     Testing::expectNear(bent(), normalize(-b * s + p.normal * s), 1e-5f);
@@ -56,16 +50,16 @@ TEST_F(NormalMapTest, FlatLeavesTheNormalAndAKnownTiltLandsInTheBumpFrame) {
 TEST_F(NormalMapTest, WorldSpaceAndTheAdditionalBump) {
     NormalMap map;
     map.set("space", NormalMap::Space::World);
-    setNormalColor(map, Rgb(1.f, 0.5f, 0.5f));  // world +x
+    setInputColor(map, "normalMap", Rgb(1.f, 0.5f, 0.5f));  // world +x
     SettableShadeContext const p = tiltedPoint();
     Testing::expectNear(normalize(p.normal + map.getEvaluator().evaluator->evalBump(p, nullptr)), Dir(1, 0, 0), 1e-5f);
     map.set("space", NormalMap::Space::Tangent);
-    setNormalColor(map, Rgb(0.5f, 0.5f, 1.f));
+    setInputColor(map, "normalMap", Rgb(0.5f, 0.5f, 1.f));
     map.set("bumpMap", EntityHolder<Entity>(makeSharedPtr<CountingMap>(RgbAlpha(1, 1, 1, 1))));
     map.set("bumpStrength", 0.5f);
     Testing::expectNear(map.getEvaluator().evaluator->evalBump(p, nullptr), Dir(0.5f, 1.f, 1.5f), 1e-5f);
     map.set("bumpMap", EntityHolder<Entity>());
-    setNormalColor(map, Rgb(std::numeric_limits<float>::quiet_NaN()));
+    setInputColor(map, "normalMap", Rgb(std::numeric_limits<float>::quiet_NaN()));
     Testing::expectNear(map.getEvaluator().evaluator->evalBump(p, nullptr), Dir(), 1e-6f);
 }
 
@@ -189,21 +183,16 @@ float stddevOf(IMapEvaluator const& e, int points) {
     return float(std::sqrt(squares / points - mean * mean));
 }
 
-TEST_F(MappingRandomizerTest, StochasticTilingChangesTheInputAndKeepsConstantsContrastAndRange) {
+TEST_F(MappingRandomizerTest, StochasticTilingKeepsConstantsContrastAndRange) {
     auto const noise = makeSharedPtr<NoiseMap>();
     noise->set("size", 0.2f);
     auto const input = noise->getEvaluator().evaluator;
     auto const map = stochasticMap(noise, 1);
     auto const e = map->getEvaluator().evaluator;
     ASSERT_NE(dynamic_cast<MappingRandomizerEvaluator const*>(e.get()), nullptr);
-    // It differs from the plain input. Its smoothness across patches is the
-    // weights test's, and with the seed the Python stochastic-tiling test's.
-    int differs = 0;
-    for (int i = 0; i < 200; ++i) {
-        SettableShadeContext const p(0.13f * float(i), 0.07f * float(i));
-        differs += std::fabs(e->evalMono(p, nullptr).value - input->evalMono(p, nullptr).value) > 0.05f;
-    }
-    EXPECT_GT(differs, 50);
+    // That it changes the input at all (two seeds differ), and its smoothness
+    // across patches, are the Python stochastic-tiling test's; the weights'
+    // continuity is WeightsSumToOneAndChangeContinuously...'s.
     // Contrast: the variance-preserving blend keeps the input's spread, a plain
     // blend of three uncorrelated lookups loses some of it.
     float const spread = stddevOf(*input, 4000), kept = stddevOf(*e, 4000);

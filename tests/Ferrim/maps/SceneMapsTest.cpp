@@ -90,8 +90,7 @@ public:
         return best;
     }
     Optional<float> traceOcclusion(PrecisePos const& origin, Dir const& direction, float maxDistance) const override {
-        auto const hit = traceNearest(origin, direction, maxDistance);
-        return hit ? Optional<float>(hit->distance) : std::nullopt;
+        return traceNearest(origin, direction, maxDistance).transform([](SceneHit const& h) { return h.distance; });
     }
     Optional<float> findNearestObjectDistance(PrecisePos const& point, float maxDistance,
                                               std::span<int const> ids) const override {
@@ -121,11 +120,7 @@ SceneShadeContext pointAt(Dir position, Dir normal, std::initializer_list<Shape>
     return c;
 }
 
-ColorOrMap::Evaluator constant(float v) {
-    ColorOrMap c;
-    c.color = Rgb(v);
-    return ColorOrMap::Evaluator(c);
-}
+ColorOrMap::Evaluator constant(float v) { return ColorOrMap::Evaluator(ColorOrMap{Rgb(v), {}, true}); }
 
 // ---------------------------------------------------------------------------
 // Ambient occlusion
@@ -201,12 +196,7 @@ TEST(AmbientOcclusionMap, BoundsItsWorkAndAnswersOpenWithoutAScene) {
     // A ceiling just above the point closes every direction of a long enough radius.
     SceneShadeContext c = pointAt(Dir(0, 0, 0), Dir(0, 0, 1), {plane(Dir(0, 0, 0.01f), Dir(0, 0, 1))});
     float const inf = std::numeric_limits<float>::infinity(), nan = std::numeric_limits<float>::quiet_NaN();
-    struct Case {
-        int samples;
-        float radius;
-        int rays;
-        float openness;
-    };
+    struct Case { int samples; float radius; int rays; float openness; };
     for (Case const& k : {Case{100000, 2.f, AmbientOcclusionEvaluator::MAX_SAMPLES, 0.f}, Case{-5, 2.f, 1, 0.f},
                           Case{8, 0.f, 0, 1.f}, Case{8, -1.f, 0, 1.f}, Case{8, inf, 8, 0.f}, Case{8, nan, 8, 0.f},
                           Case{8, 0.005f, 8, 1.f}}) {
@@ -265,11 +255,7 @@ TEST(CurvatureMap, FlatIsZeroEdgesAreConvexCreasesConcaveAndOutputsMapIt) {
     float const concave = CurvatureEvaluator(s).curvature(crease);
     EXPECT_LT(concave, -1.f);
 
-    struct Case {
-        CurvatureMap::Output output;
-        SceneShadeContext const* context;
-        float expected;
-    };
+    struct Case { CurvatureMap::Output output; SceneShadeContext const* context; float expected; };
     float const sc = s.scale;
     for (Case const& k : {Case{CurvatureMap::Output::Signed, &flat, 0.5f},
                           Case{CurvatureMap::Output::Signed, &edge, std::min(1.f, 0.5f + 0.5f * sc * convex)},
@@ -295,7 +281,7 @@ Dir rounded(RoundEdgesEvaluator::Settings const& s, SceneShadeContext const& c) 
     return RoundEdgesEvaluator(s).roundedNormal(c);
 }
 
-TEST(RoundEdgesMap, NormalTiltsTowardsTheBisectorOfACubesEdge) {
+TEST(RoundEdgesMap, NormalTiltsTowardsTheBisectorOfACubesEdgeAndModesChooseWhichEdgesRound) {
     RoundEdgesEvaluator::Settings s;
     s.radius = 0.1f, s.samples = 32;
     float previousTilt = -1.f;
@@ -316,11 +302,6 @@ TEST(RoundEdgesMap, NormalTiltsTowardsTheBisectorOfACubesEdge) {
         }
         previousTilt = tilt;
     }
-}
-
-TEST(RoundEdgesMap, ModesChooseWhichEdgesRound) {
-    RoundEdgesEvaluator::Settings s;
-    s.radius = 0.1f, s.samples = 32;
     // The floor (object 1) at the foot of a wall x = 1, the wall of the same object or another.
     auto creaseTilt = [&](RoundEdgesMap::Mode mode, int wallId) {
         SceneShadeContext c = pointAt(Dir(0.97f, 0, 0), Dir(0, 0, 1),
@@ -357,7 +338,7 @@ ShadedTriangle knownTriangle(float x, float y) {
     return {{Pos(0, 0, 0), Pos(4, 0, 0), Pos(0, 3, 0)}, Pos(1.f - b1 - b2, b1, b2)};
 }
 
-TEST(WireframeMap, DistanceToTheNearestEdgeOfAKnownTriangle) {
+TEST(WireframeMap, DistanceToTheNearestEdgeOfAKnownTriangleAndCoverageBoxFilteredOverTheFootprint) {
     // Edges y = 0, x = 0 and 3x + 4y = 12.
     for (auto [x, y] : {std::pair{1.f, 1.f}, {0.5f, 2.f}, {2.f, 0.25f}, {3.f, 0.5f}, {0.f, 1.f}, {1.2f, 0.9f}}) {
         float const expected = std::min({y, x, (12.f - 3.f * x - 4.f * y) / 5.f});
@@ -369,9 +350,7 @@ TEST(WireframeMap, DistanceToTheNearestEdgeOfAKnownTriangle) {
     EXPECT_EQ(WireframeEvaluator::edgeDistance({{Pos(0, 0, 0), Pos(1, 1, 0), Pos(2, 2, 0)}, Pos(0.3f, 0.3f, 0.4f)}), 0.f);
     float const inf = std::numeric_limits<float>::infinity();
     EXPECT_FALSE(WireframeEvaluator::edgeDistance({{Pos(0, 0, 0), Pos(inf, 0, 0), Pos(0, 3, 0)}, Pos(0.3f, 0.3f, 0.4f)}));
-}
-
-TEST(WireframeMap, CoverageIsTheLineBoxFilteredOverTheFootprint) {
+    // Coverage: the line box-filtered over the footprint.
     struct Case {
         WireframeMap::Units units;
         float width, footprint, y; // the point at (2, y): y is its distance to the nearest edge
