@@ -32,10 +32,20 @@ struct Setup {
     Addressing addressing;
     bool filtered = false;
     int topLevel = 0;  ///< levels - 1
-    alignas(32) float widthF[MAX_LEVELS] = {};
-    alignas(32) float heightF[MAX_LEVELS] = {};
-    alignas(32) int width[MAX_LEVELS] = {};
-    alignas(32) int height[MAX_LEVELS] = {};
+    // Levels up to topLevel are set by the caller. The eight-lane set-up reads
+    // the first WIDE_MAX_LEVELS entries whatever the chain: those start at zero,
+    // the rest is left unset (a set-up is made per batch).
+    alignas(32) float widthF[MAX_LEVELS];
+    alignas(32) float heightF[MAX_LEVELS];
+    alignas(32) int width[MAX_LEVELS];
+    alignas(32) int height[MAX_LEVELS];
+
+    Setup() {
+        std::fill_n(widthF, WIDE_MAX_LEVELS, 0.f);
+        std::fill_n(heightF, WIDE_MAX_LEVELS, 0.f);
+        std::fill_n(width, WIDE_MAX_LEVELS, 0);
+        std::fill_n(height, WIDE_MAX_LEVELS, 0);
+    }
 };
 
 /// How many levels a lane reads: none (outside a NoTiling axis), one, or two blended.

@@ -5,6 +5,8 @@
 // copy built with AVX2 could otherwise stand in for the portable one.
 #include "Ferrim/TextureMap/BatchSampling.h"
 
+#include <cstddef>
+
 #if defined(__AVX2__)
 #include <immintrin.h>
 #endif
@@ -101,16 +103,39 @@ QUELIN_AVX2_INLINE void taps(Setup const& s, Block& b, int set, I8 level, F8 u, 
     _mm256_store_ps(b.fy[set], _mm256_sub_ps(y, fy0));
 }
 
-/// One field of eight points: loaded one by one, as the points' own stores wrote them.
-template <typename Field> QUELIN_AVX2_INLINE F8 gatherPoints(MapLookupPoint const* p, Field field) {
-    return _mm256_setr_ps(field(p[0]), field(p[1]), field(p[2]), field(p[3]), field(p[4]), field(p[5]), field(p[6]),
-                          field(p[7]));
+/// The u and v (and with `footprints`, du and dv) of eight points, in lanes:
+/// each point's floats are read in two 16-byte loads and transposed.
+template <bool FOOTPRINTS>
+QUELIN_AVX2_INLINE void loadPoints(MapLookupPoint const* p, F8& u, F8& v, F8& du, F8& dv) {
+    static_assert(sizeof(MapLookupPoint) == 6 * sizeof(float) && offsetof(MapLookupPoint, dUvw) == 3 * sizeof(float));
+    float const* const f = reinterpret_cast<float const*>(p);
+    // Point i in the low half, point i + 4 in the high one: (u, v, w, du).
+    auto const pair = [&](int i, int at) {
+        return _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(f + 6 * i + at)), _mm_loadu_ps(f + 6 * (i + 4) + at), 1);
+    };
+    {
+        F8 const a0 = pair(0, 0), a1 = pair(1, 0), a2 = pair(2, 0), a3 = pair(3, 0);
+        F8 const uv01 = _mm256_unpacklo_ps(a0, a1), uv23 = _mm256_unpacklo_ps(a2, a3);  // u0 u1 v0 v1, u2 u3 v2 v3
+        u = _mm256_shuffle_ps(uv01, uv23, _MM_SHUFFLE(1, 0, 1, 0));
+        v = _mm256_shuffle_ps(uv01, uv23, _MM_SHUFFLE(3, 2, 3, 2));
+    }
+    if constexpr (FOOTPRINTS) {
+        // (w, du, dv, dw): the last point's last float is the batch's last.
+        F8 const b0 = pair(0, 2), b1 = pair(1, 2), b2 = pair(2, 2), b3 = pair(3, 2);
+        F8 const du01 = _mm256_unpacklo_ps(b0, b1), du23 = _mm256_unpacklo_ps(b2, b3);  // w0 w1 du0 du1, ...
+        F8 const dv01 = _mm256_unpackhi_ps(b0, b1), dv23 = _mm256_unpackhi_ps(b2, b3);  // dv0 dv1 dw0 dw1, ...
+        du = _mm256_shuffle_ps(du01, du23, _MM_SHUFFLE(3, 2, 3, 2));
+        dv = _mm256_shuffle_ps(dv01, dv23, _MM_SHUFFLE(1, 0, 1, 0));
+    }
 }
 
 QUELIN_AVX2_INLINE void prepareAvx2(Setup const& s, MapLookupPoint const* points, Block& b) {
     F8 inside = _mm256_castsi256_ps(_mm256_set1_epi32(-1));
-    F8 u = wrap(gatherPoints(points, [](MapLookupPoint const& p) { return p.uvw.x; }), s.wrapU, inside);
-    F8 v = wrap(gatherPoints(points, [](MapLookupPoint const& p) { return p.uvw.y; }), s.wrapV, inside);
+    F8 u, v, du, dv;
+    if (s.filtered) loadPoints<true>(points, u, v, du, dv);
+    else loadPoints<false>(points, u, v, du, dv);
+    u = wrap(u, s.wrapU, inside);
+    v = wrap(v, s.wrapV, inside);
     // Lanes outside take the taps of (0, 0), as the scalar set-up does.
     u = _mm256_and_ps(u, inside);
     v = _mm256_and_ps(v, inside);
@@ -119,8 +144,6 @@ QUELIN_AVX2_INLINE void prepareAvx2(Setup const& s, MapLookupPoint const* points
     I8 level = _mm256_setzero_si256();
     F8 fraction = splat(0.f);
     if (s.filtered) {
-        F8 const du = gatherPoints(points, [](MapLookupPoint const& p) { return p.dUvw.x; });
-        F8 const dv = gatherPoints(points, [](MapLookupPoint const& p) { return p.dUvw.y; });
         F8 w = _mm256_min_ps(du, dv);  // du < dv ? du : dv
         w = pick(_mm256_cmp_ps(w, splat(1e-8f), _CMP_GE_OQ), w, splat(1e-8f));
         I8 const bits = _mm256_castps_si256(w);
