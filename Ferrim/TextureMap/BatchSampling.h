@@ -52,7 +52,8 @@ struct Setup {
 enum Kind : std::int32_t { Outside = 0, OneLevel = 1, TwoLevels = 2 };
 
 /// What the set-up makes of eight points. Tap set 0 is on the finer level,
-/// set 1 on the next coarser one (two-level lanes only).
+/// set 1 on the next coarser one (read for two-level lanes only, and set by a
+/// filtered set-up only).
 struct Block {
     alignas(32) std::int32_t kind[LANES];
     alignas(32) std::int32_t level[LANES];  ///< the finer level

@@ -163,8 +163,7 @@ QUELIN_AVX2_INLINE void prepareAvx2(Setup const& s, MapLookupPoint const* points
     _mm256_store_si256(reinterpret_cast<I8*>(b.level), level);
     _mm256_store_ps(b.fraction, fraction);
     taps(s, b, 0, level, u, v);
-    I8 const next = _mm256_min_epi32(_mm256_add_epi32(level, splat(1)), splat(s.topLevel));
-    taps(s, b, 1, next, u, v);
+    if (s.filtered) taps(s, b, 1, _mm256_min_epi32(_mm256_add_epi32(level, splat(1)), splat(s.topLevel)), u, v);
 }
 
 
@@ -336,7 +335,13 @@ bool filterTable8(Setup const& setup, std::span<MapLookupPoint const> points, st
             for (int c = 0; c < 4; ++c) colour[c] = pick(two, lerpLanes(colour[c], coarse[c], fraction), colour[c]);
         }
         storeColours(colour, count, colours + first);
-        for (int i = 0; i < count; ++i) inside[first + std::size_t(i)] = b.kind[i] != Outside;
+        // The lanes' inside flags as eight bytes, 1 or 0.
+        I8 const in = _mm256_srli_epi32(_mm256_cmpgt_epi32(_mm256_load_si256(reinterpret_cast<I8 const*>(b.kind)),
+                                                           _mm256_setzero_si256()), 31);
+        __m128i const words = _mm_packs_epi32(_mm256_castsi256_si128(in), _mm256_extracti128_si256(in, 1));
+        std::uint64_t const flags = std::uint64_t(_mm_cvtsi128_si64(_mm_packus_epi16(words, words)));
+        static_assert(sizeof(bool) == 1);
+        std::memcpy(inside + first, &flags, std::size_t(count));
     }
     return true;
 }
