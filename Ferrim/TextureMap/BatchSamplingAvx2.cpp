@@ -210,16 +210,20 @@ QUELIN_AVX2_INLINE void tapAddresses(Block const& b, int set, I8 level, std::int
 }
 
 /// The texels at `at` in planes r, g, b, a: Detail::texel lane by lane (the
-/// colour bytes through the table, alpha through the entries after it).
+/// colour bytes through the table; alpha i is i * (1/255), as the table's
+/// alpha entries are made, computed on the whole plane).
 template <int CHANNELS>
 QUELIN_AVX2_INLINE void texelLanes(std::byte const* const* at, float const* table, F8 (&out)[4]) {
     if constexpr (CHANNELS == 4) {
         // One load per texel, split in registers: a quarter of the loads of one per byte.
         std::uint32_t w[LANES];
         for (int i = 0; i < LANES; ++i) std::memcpy(&w[i], at[i], sizeof w[i]);
-        auto const e = [&](int i, int c) { return table[c == 3 ? 256u + (w[i] >> 24) : (w[i] >> (8 * c)) & 255u]; };
-        for (int c = 0; c < 4; ++c)
+        auto const e = [&](int i, int c) { return table[(w[i] >> (8 * c)) & 255u]; };
+        for (int c = 0; c < 3; ++c)
             out[c] = _mm256_setr_ps(e(0, c), e(1, c), e(2, c), e(3, c), e(4, c), e(5, c), e(6, c), e(7, c));
+        I8 const texels = _mm256_setr_epi32(int(w[0]), int(w[1]), int(w[2]), int(w[3]), int(w[4]), int(w[5]),
+                                            int(w[6]), int(w[7]));
+        out[3] = _mm256_mul_ps(_mm256_cvtepi32_ps(_mm256_srli_epi32(texels, 24)), splat(1.f / 255.f));
     } else {
         // Three bytes: a four-byte load could pass the end of the level.
         auto const e = [&](int i, int c) { return table[std::to_integer<unsigned>(at[i][c])]; };
