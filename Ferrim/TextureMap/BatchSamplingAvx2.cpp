@@ -216,14 +216,19 @@ template <int CHANNELS>
 QUELIN_AVX2_INLINE void texelLanes(std::byte const* const* at, float const* table, F8 (&out)[4]) {
     if constexpr (CHANNELS == 4) {
         // One load per texel, split in registers: a quarter of the loads of one per byte.
-        std::uint32_t w[LANES];
-        for (int i = 0; i < LANES; ++i) std::memcpy(&w[i], at[i], sizeof w[i]);
-        auto const e = [&](int i, int c) { return table[(w[i] >> (8 * c)) & 255u]; };
-        for (int c = 0; c < 3; ++c)
-            out[c] = _mm256_setr_ps(e(0, c), e(1, c), e(2, c), e(3, c), e(4, c), e(5, c), e(6, c), e(7, c));
-        I8 const texels = _mm256_setr_epi32(int(w[0]), int(w[1]), int(w[2]), int(w[3]), int(w[4]), int(w[5]),
-                                            int(w[6]), int(w[7]));
-        out[3] = _mm256_mul_ps(_mm256_cvtepi32_ps(_mm256_srli_epi32(texels, 24)), splat(1.f / 255.f));
+        // Four lanes at a time: fewer texels held in registers at once.
+        __m128 half[2][3];
+        __m128i texels[2];
+        for (int h = 0; h < 2; ++h) {
+            std::uint32_t w[4];
+            for (int i = 0; i < 4; ++i) std::memcpy(&w[i], at[4 * h + i], sizeof w[i]);
+            auto const e = [&](int i, int c) { return table[(w[i] >> (8 * c)) & 255u]; };
+            for (int c = 0; c < 3; ++c) half[h][c] = _mm_setr_ps(e(0, c), e(1, c), e(2, c), e(3, c));
+            texels[h] = _mm_setr_epi32(int(w[0]), int(w[1]), int(w[2]), int(w[3]));
+        }
+        for (int c = 0; c < 3; ++c) out[c] = _mm256_set_m128(half[1][c], half[0][c]);
+        I8 const alpha = _mm256_srli_epi32(_mm256_set_m128i(texels[1], texels[0]), 24);
+        out[3] = _mm256_mul_ps(_mm256_cvtepi32_ps(alpha), splat(1.f / 255.f));
     } else {
         // Three bytes: a four-byte load could pass the end of the level.
         auto const e = [&](int i, int c) { return table[std::to_integer<unsigned>(at[i][c])]; };
