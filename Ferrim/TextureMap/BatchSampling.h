@@ -5,7 +5,10 @@
 // processor has AVX2, with the same float operations in the same order as the
 // one-point kernels of TextureSampling.h, so each point's result is bit for
 // bit the one-point lookup's. The texel loads and the blend then run per point
-// with the one-point code. Per-sample code does arithmetic and loads only.
+// with the one-point code, but for 8-bit texels through a table in the AVX2
+// build, whose texels are looked up into eight-lane planes and blended eight
+// points at a time (BatchSamplingAvx2.cpp). Per-sample code does arithmetic
+// and loads only.
 #include <algorithm>
 #include <cstdint>
 #include <cstring>

@@ -1,8 +1,9 @@
-// The batch set-up in eight lanes; built with AVX2 but without FMA (see
-// Ferrim/CMakeLists.txt): a fused multiply-add rounds once where the one-point
-// path rounds twice, and the lanes must give its bits. What this file
-// instantiates from the headers is inlined or local to it: an out-of-line
-// copy built with AVX2 could otherwise stand in for the portable one.
+// The batch set-up, and the filter of 8-bit texels through a table, in eight
+// lanes; built with AVX2 but without FMA (see Ferrim/CMakeLists.txt): a fused
+// multiply-add rounds once where the one-point path rounds twice, and the
+// lanes must give its bits. What this file instantiates from the headers is
+// inlined or local to it: an out-of-line copy built with AVX2 could otherwise
+// stand in for the portable one.
 #include "Ferrim/TextureMap/BatchSampling.h"
 
 #include <cstddef>
@@ -166,7 +167,6 @@ QUELIN_AVX2_INLINE void prepareAvx2(Setup const& s, MapLookupPoint const* points
     if (s.filtered) taps(s, b, 1, _mm256_min_epi32(_mm256_add_epi32(level, splat(1)), splat(s.topLevel)), u, v);
 }
 
-
 // ---- 8-bit texels through a table, eight points at a time: the texels of
 // each tap and channel are looked up into the lanes of one register, and the
 // blends run on whole registers with the one-point kernels' operations in
@@ -215,8 +215,8 @@ QUELIN_AVX2_INLINE void tapAddresses(Block const& b, int set, I8 level, std::int
 template <int CHANNELS>
 QUELIN_AVX2_INLINE void texelLanes(std::byte const* const* at, float const* table, F8 (&out)[4]) {
     if constexpr (CHANNELS == 4) {
-        // One load per texel, split in registers: a quarter of the loads of one per byte.
-        // Four lanes at a time: fewer texels held in registers at once.
+        // One load per texel, split in registers (a quarter of the loads of one
+        // per byte), four lanes at a time (fewer texels held in registers).
         __m128 half[2][3];
         __m128i texels[2];
         for (int h = 0; h < 2; ++h) {
