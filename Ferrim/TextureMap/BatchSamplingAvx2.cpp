@@ -316,9 +316,10 @@ bool filterTable8(Setup const& setup, std::span<MapLookupPoint const> points, st
             tapAddresses<BYTES>(b, 1, _mm256_min_epi32(_mm256_add_epi32(level, splat(1)), top), rowBytes32, pixels,
                                 addresses[k]);
     }
-    // The rows of the block two ahead are on their way while one is filtered
-    // (further ahead starts more reads than the processor keeps in flight).
-    constexpr std::size_t AHEAD = 2;
+    // The rows of the next block are on their way while one is filtered
+    // (further ahead starts more reads than the processor keeps in flight, and
+    // measured slower).
+    constexpr std::size_t AHEAD = 1;
     auto const ask = [&](std::size_t k) {
         for (int set = 0; set < (twoLevels[k] ? 2 : 1); ++set)
             for (int i = 0; i < LANES; ++i) {
