@@ -58,7 +58,7 @@ void prepareScalar(Setup const& s, MapLookupPoint const* points, Block& b) {
             }
         }
         taps(s, b, i, 0, b.level[i], u, v);
-        taps(s, b, i, 1, std::min(b.level[i] + 1, s.topLevel), u, v);
+        if (s.filtered) taps(s, b, i, 1, std::min(b.level[i] + 1, s.topLevel), u, v);
     }
 }
 

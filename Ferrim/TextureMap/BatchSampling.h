@@ -5,7 +5,10 @@
 // processor has AVX2, with the same float operations in the same order as the
 // one-point kernels of TextureSampling.h, so each point's result is bit for
 // bit the one-point lookup's. The texel loads and the blend then run per point
-// with the one-point code. Per-sample code does arithmetic and loads only.
+// with the one-point code, but for 8-bit texels through a table in the AVX2
+// build, whose texels are looked up into eight-lane planes and blended eight
+// points at a time (BatchSamplingAvx2.cpp). Per-sample code does arithmetic
+// and loads only.
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -32,17 +35,28 @@ struct Setup {
     Addressing addressing;
     bool filtered = false;
     int topLevel = 0;  ///< levels - 1
-    alignas(32) float widthF[MAX_LEVELS] = {};
-    alignas(32) float heightF[MAX_LEVELS] = {};
-    alignas(32) int width[MAX_LEVELS] = {};
-    alignas(32) int height[MAX_LEVELS] = {};
+    // Levels up to topLevel are set by the caller. The eight-lane set-up reads
+    // the first WIDE_MAX_LEVELS entries whatever the chain: those start at zero,
+    // the rest is left unset (a set-up is made per batch).
+    alignas(32) float widthF[MAX_LEVELS];
+    alignas(32) float heightF[MAX_LEVELS];
+    alignas(32) int width[MAX_LEVELS];
+    alignas(32) int height[MAX_LEVELS];
+
+    Setup() {
+        std::fill_n(widthF, WIDE_MAX_LEVELS, 0.f);
+        std::fill_n(heightF, WIDE_MAX_LEVELS, 0.f);
+        std::fill_n(width, WIDE_MAX_LEVELS, 0);
+        std::fill_n(height, WIDE_MAX_LEVELS, 0);
+    }
 };
 
 /// How many levels a lane reads: none (outside a NoTiling axis), one, or two blended.
 enum Kind : std::int32_t { Outside = 0, OneLevel = 1, TwoLevels = 2 };
 
 /// What the set-up makes of eight points. Tap set 0 is on the finer level,
-/// set 1 on the next coarser one (two-level lanes only).
+/// set 1 on the next coarser one (read for two-level lanes only, and set by a
+/// filtered set-up only).
 struct Block {
     alignas(32) std::int32_t kind[LANES];
     alignas(32) std::int32_t level[LANES];  ///< the finer level

@@ -803,7 +803,9 @@ bool TextureMap::Evaluator::runBatch(std::span<MapLookupPoint const> points, boo
                                       : (mConversion.power == 1.f ? Conversion::None : Conversion::Power);
     Batch::Filter const filter = Batch::selectFilter(format, conversion, int(used));
     if (!filter) return false;
-    Float4 colours[Batch::CHUNK];
+    // Storage the filter writes before anything reads it: not zeroed per call.
+    alignas(Float4) unsigned char colourBytes[sizeof(Float4) * Batch::CHUNK];
+    Float4* const colours = reinterpret_cast<Float4*>(colourBytes);
     bool inside[Batch::CHUNK];
     for (std::size_t first = 0; first < points.size(); first += Batch::CHUNK) {
         std::span<MapLookupPoint const> const chunk = points.subspan(first, std::min(Batch::CHUNK, points.size() - first));
@@ -842,7 +844,17 @@ void TextureMap::Evaluator::evalColors(IShadeContext const& context, std::span<M
     // position: neither reads the UVW, so they take the general road.
     if (usesEnvironment(context) || mUvMapper->getMappingMode() != UvMappingMode::UvChannel) [[unlikely]]
         return IMapEvaluator::evalColors(context, points, colors, cache);
-    evalSurfaceBatch(context, points, [&](std::size_t i, Found const& found) { colors[i] = colorOf(found); });
+    evalSurfaceBatch(context, points, [&](std::size_t i, Found const& found) {
+        // The image's own colour is copied whole: through colorOf's returned
+        // value it would be split into halves and shuffled back together.
+        if (found.inside && mColorOutput == ColorOutput::Image) [[likely]] {
+            float c[4];
+            found.colour.store(c);
+            std::memcpy(&colors[i], c, sizeof c);
+        } else {
+            colors[i] = colorOf(found);
+        }
+    });
 }
 
 void TextureMap::Evaluator::evalMonos(IShadeContext const& context, std::span<MapLookupPoint const> points,

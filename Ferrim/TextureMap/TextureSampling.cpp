@@ -6,7 +6,8 @@ namespace Quelin::TextureSampling {
 
 namespace {
 
-/// Alpha as the kernels without a table compute it: i times 1/255.
+/// Alpha as the kernels without a table compute it: i times 1/255 (the
+/// batch kernels compute it so too, see Table8).
 void fillAlpha(Table8& t) {
     for (int i = 0; i < 256; ++i) t[std::size_t(256 + i)] = float(i) * (1.f / 255.f);
 }

@@ -73,7 +73,9 @@ struct LevelShape {
 enum class Conversion : std::uint8_t { Table8, None, Power };
 
 /// The colour table of 8-bit texels (entries 0 to 255) and their alpha table
-/// (256 + i is i / 255): one base address for both.
+/// (256 + i is i / 255): one base address for both. Every table's alpha entry
+/// 256 + i is float(i) * (1.f / 255.f), bit for bit (the batch kernels compute
+/// alpha so instead of reading it).
 using Table8 = StaticArray<float, 512>;
 
 /// Per-evaluator parameters of the texel conversion.
