@@ -10,8 +10,10 @@
 // approximate least-recently-used order: the clock algorithm over all tiles,
 // whose mutex only misses take) passes over pinned tiles, so a tile is never
 // freed under a reader.
-// Memory is counted when a tile's buffer is allocated, before its read, so
-// the peak never exceeds the cap by more than the tiles running lookups pin.
+// Memory is counted when a tile's buffer is allocated, before its read, and
+// the cache evicts down to the cap at once: the peak is the cap plus one tile
+// per thread reading one. Only a cap smaller than the tiles running lookups
+// pin (four a level, sixteen for anisotropic probes) is exceeded by those.
 #include "Ferrim/Export.h"
 #include "Ferrim/TextureMap/AnisotropicFilter.h"
 #include "Ferrim/TextureMap/TextureSampling.h"
