@@ -3,9 +3,11 @@
 // Ferrim/ColorSpaces.h): scene values in "inputSpace" go through the looks
 // "looks" (comma-separated, optional) to the display "display" as its view
 // "view" shows it. OpenColorIO compiles the transform when the operator is
-// prepared and maps whole buckets (compiled programs call it once per chunk
-// of planes). Unmapping goes through the inverse transform where the config
-// can build one and leaves colours as they are where it cannot.
+// prepared. Compiled programs run its matrices, ranges and powers as their
+// own steps; a transform with other operations (LUTs, log curves) is mapped
+// by OpenColorIO's processor, a whole bucket or chunk of planes at a time.
+// Unmapping goes through the inverse transform where the config can build
+// one and leaves colours as they are where it cannot.
 //
 // A NaN channel maps as 0, infinities as +-1e30 (the displays of Ferrim's
 // config clip them: +inf to 1, -inf to 0).
