@@ -165,6 +165,21 @@ template <typename Visit> bool visitBatchFormat(PixelFormat format, Conversion c
     }
 }
 
+/// Block `b` of the points from `first` on: eight whole points, or the last
+/// few and harmless ones in the lanes beyond.
+template <typename PrepareFn>
+inline void prepareBlock(PrepareFn const& prepare, Setup const& setup, std::span<MapLookupPoint const> points,
+                         std::size_t first, Block& b) {
+    std::size_t const count = std::min<std::size_t>(LANES, points.size() - first);
+    if (count == LANES) {
+        prepare(setup, points.data() + first, b);
+    } else {
+        MapLookupPoint tail[LANES] = {};
+        std::copy_n(points.data() + first, count, tail);
+        prepare(setup, tail, b);
+    }
+}
+
 /// The filter loop over one build's prepare; instantiated in each build's file.
 template <PixelFormat F, Conversion C, Prepare P>
 void filterChunk(Setup const& setup, std::span<MapLookupPoint const> points, std::byte const* const* pixels,
@@ -175,18 +190,7 @@ void filterChunk(Setup const& setup, std::span<MapLookupPoint const> points, std
     // processor keeps in flight, a short one waits for each).
     constexpr std::size_t PREFETCH = 16;
     Block blocks[CHUNK / LANES];
-    for (std::size_t first = 0, k = 0; first < n; first += LANES, ++k) {
-        Block& b = blocks[k];
-        std::size_t const count = std::min<std::size_t>(LANES, n - first);
-        if (count == LANES) {
-            P(setup, points.data() + first, b);
-        } else {
-            // The last few points, and harmless ones in the lanes beyond.
-            MapLookupPoint tail[LANES] = {};
-            std::copy_n(points.data() + first, count, tail);
-            P(setup, tail, b);
-        }
-    }
+    for (std::size_t first = 0, k = 0; first < n; first += LANES, ++k) prepareBlock(P, setup, points.first(n), first, blocks[k]);
     auto const ask = [&](std::size_t j) { prefetchLane<F>(blocks[j / LANES], int(j % LANES), pixels, rowBytes); };
     for (std::size_t j = 0; j < std::min(n, PREFETCH); ++j) ask(j);
     for (std::size_t first = 0, k = 0; first < n; first += LANES, ++k) {

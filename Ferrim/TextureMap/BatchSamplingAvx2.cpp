@@ -298,16 +298,11 @@ bool filterTable8(Setup const& setup, std::span<MapLookupPoint const> points, st
     // Every block's set-up and texel addresses first, so that the texels of
     // the blocks ahead can be asked for while one is filtered.
     for (std::size_t k = 0; k < blockCount; ++k) {
-        std::size_t const first = k * LANES, count = std::min<std::size_t>(LANES, n - first);
         Block& b = blocks[k];
-        if (count == LANES) {
-            prepareAvx2(setup, points.data() + first, b);
-        } else {
-            // The last few points, and harmless ones in the lanes beyond.
-            MapLookupPoint tail[LANES] = {};
-            std::copy_n(points.data() + first, count, tail);
-            prepareAvx2(setup, tail, b);
-        }
+        // Through a lambda: its type is this file's own, so no instantiation
+        // built for AVX2 can stand in for the portable build's.
+        prepareBlock([](Setup const& s, MapLookupPoint const* p, Block& out) { prepareAvx2(s, p, out); }, setup,
+                     points.first(n), k * LANES, b);
         I8 const level = _mm256_load_si256(reinterpret_cast<I8 const*>(b.level));
         tapAddresses<BYTES>(b, 0, level, rowBytes32, pixels, addresses[k]);
         I8 const kind = _mm256_load_si256(reinterpret_cast<I8 const*>(b.kind));
