@@ -35,7 +35,8 @@ bool floatDepths(OCIO::BitDepth in, OCIO::BitDepth out) {
 }
 
 std::optional<ProcessorStep> describeMatrix(OCIO::MatrixTransform const& t) {
-    if (!floatDepths(t.getFileInputBitDepth(), t.getFileOutputBitDepth())) return {};
+    if (!floatDepths(t.getFileInputBitDepth(), t.getFileOutputBitDepth()) || t.getDirection() == OCIO::TRANSFORM_DIR_INVERSE)
+        return {};
     double m[16], offset[4];
     t.getMatrix(m);
     t.getOffset(offset);
@@ -47,7 +48,6 @@ std::optional<ProcessorStep> describeMatrix(OCIO::MatrixTransform const& t) {
         for (int c = 0; c < 3; ++c) s.matrix[3 * r + c] = m[4 * r + c];
         s.matrix[9 + r] = offset[r];
     }
-    if (t.getDirection() == OCIO::TRANSFORM_DIR_INVERSE) return {};
     return s;
 }
 

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <random>
+#include <string>
 #include <thread>
 
 #include "BenchRatios.h"
@@ -250,15 +251,6 @@ void runBatched(benchmark::State& state, bool window, bool trilinear) {
     state.SetItemsProcessed(std::int64_t(state.iterations()) * std::int64_t(points.size()));
 }
 
-void TextureSingleBilinearWindow(benchmark::State& s) { runSingle(s, true, false); }
-void TextureBatchedBilinearWindow(benchmark::State& s) { runBatched(s, true, false); }
-void TextureSingleBilinearWhole(benchmark::State& s) { runSingle(s, false, false); }
-void TextureBatchedBilinearWhole(benchmark::State& s) { runBatched(s, false, false); }
-void TextureSingleTrilinearWindow(benchmark::State& s) { runSingle(s, true, true); }
-void TextureBatchedTrilinearWindow(benchmark::State& s) { runBatched(s, true, true); }
-void TextureSingleTrilinearWhole(benchmark::State& s) { runSingle(s, false, true); }
-void TextureBatchedTrilinearWhole(benchmark::State& s) { runBatched(s, false, true); }
-
 // Many short runs: the ratios take the fastest of each (see BenchRatios.h),
 // and on a shared machine short runs are likelier to miss a disturbance.
 constexpr int REPETITIONS = 15;
@@ -269,17 +261,22 @@ BENCHMARK(TextureTrilinearWindow)->Repetitions(REPETITIONS)->MinTime(RUN_SECONDS
 BENCHMARK(TextureTrilinearWindowOiio)->Repetitions(REPETITIONS)->MinTime(RUN_SECONDS);
 BENCHMARK(TextureBilinearWhole)->Repetitions(REPETITIONS)->MinTime(RUN_SECONDS);
 BENCHMARK(TextureBilinearWholeOiio)->Repetitions(REPETITIONS)->MinTime(RUN_SECONDS);
-// Each iteration is 10^6 lookups: fewer, longer runs.
+// Each iteration is 10^6 lookups: fewer, longer runs. Named
+// Texture{Single,Batched}{Bilinear,Trilinear}{Window,Whole}.
 constexpr int BATCH_REPETITIONS = 5;
 constexpr double BATCH_SECONDS = 0.2;
-BENCHMARK(TextureSingleBilinearWindow)->Repetitions(BATCH_REPETITIONS)->MinTime(BATCH_SECONDS);
-BENCHMARK(TextureBatchedBilinearWindow)->Repetitions(BATCH_REPETITIONS)->MinTime(BATCH_SECONDS);
-BENCHMARK(TextureSingleBilinearWhole)->Repetitions(BATCH_REPETITIONS)->MinTime(BATCH_SECONDS);
-BENCHMARK(TextureBatchedBilinearWhole)->Repetitions(BATCH_REPETITIONS)->MinTime(BATCH_SECONDS);
-BENCHMARK(TextureSingleTrilinearWindow)->Repetitions(BATCH_REPETITIONS)->MinTime(BATCH_SECONDS);
-BENCHMARK(TextureBatchedTrilinearWindow)->Repetitions(BATCH_REPETITIONS)->MinTime(BATCH_SECONDS);
-BENCHMARK(TextureSingleTrilinearWhole)->Repetitions(BATCH_REPETITIONS)->MinTime(BATCH_SECONDS);
-BENCHMARK(TextureBatchedTrilinearWhole)->Repetitions(BATCH_REPETITIONS)->MinTime(BATCH_SECONDS);
+bool const sBatchRegistered = [] {
+    for (bool trilinear : {false, true})
+        for (bool window : {true, false})
+            for (bool batched : {false, true}) {
+                std::string const name = std::string("Texture") + (batched ? "Batched" : "Single") +
+                                         (trilinear ? "Trilinear" : "Bilinear") + (window ? "Window" : "Whole");
+                benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& s) {
+                    batched ? runBatched(s, window, trilinear) : runSingle(s, window, trilinear);
+                })->Repetitions(BATCH_REPETITIONS)->MinTime(BATCH_SECONDS);
+            }
+    return true;
+}();
 // One thread and all threads, both in real time: the speed-up is their ratio.
 // Twice the runs, half as long: the fastest run with all threads needs every
 // core undisturbed at once.
