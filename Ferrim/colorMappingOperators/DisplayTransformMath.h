@@ -33,12 +33,17 @@ constexpr float PBR_D = 1.f - PBR_KS;  ///< 1 - Ks
 /// product of the formula comes near overflowing.
 constexpr float PBR_INPUT_MAX = 1152921504606846976.f;  // 2^60
 
-template <typename F> inline void pbrNeutral(F& r, F& g, F& b) {
+/// The bounded input less the offset f (the first half of pbrNeutral).
+template <typename F> inline void pbrNeutralOffset(F& r, F& g, F& b) {
     F const zero(0.f), top(PBR_INPUT_MAX);
     r = min(max(r, zero), top), g = min(max(g, zero), top), b = min(max(b, zero), top);
     F const x = min(r, min(g, b));
     F const offset = select(x < F(2.f * PBR_F90), x - F(1.f / (4.f * PBR_F90)) * x * x, F(PBR_F90));
     r = r - offset, g = g - offset, b = b - offset;
+}
+
+/// The highlight compression of offset colours (the second half).
+template <typename F> inline void pbrNeutralCompress(F& r, F& g, F& b) {
     F const peak = max(r, max(g, b));
     F const newPeak = F(1.f) - F(PBR_D * PBR_D) / (peak + F(PBR_D - PBR_KS));
     F const scale = newPeak / peak;
@@ -52,6 +57,11 @@ template <typename F> inline void pbrNeutral(F& r, F& g, F& b) {
     r = select(below, r, compress(r));
     g = select(below, g, compress(g));
     b = select(below, b, compress(b));
+}
+
+template <typename F> inline void pbrNeutral(F& r, F& g, F& b) {
+    pbrNeutralOffset(r, g, b);
+    pbrNeutralCompress(r, g, b);
 }
 
 /// The published analytical inverse, for display values in [0, 1]
@@ -115,7 +125,7 @@ constexpr float AGX_LOG2[7] = {0.584962501f, 0.961820821f,  -0.320613035f, 0.141
 /// 0, negative values and NaN take the bottom of the encoding, +inf its top.
 /// The encoding's scale and offset are folded into the log2 polynomial:
 /// u = (E - 127 + log2 m - MIN_EV) / range = E / range + Q(m - 1.5).
-template <typename F> inline F agxEncode(F y) {
+template <typename F> inline F agxLogEncode(F y) {
     constexpr float SCALE = 1.f / (AGX_MAX_EV - AGX_MIN_EV);
     // 2^AGX_MIN_EV: below it the encoding is clamped anyway. max keeps its
     // second operand for NaN; +inf has the largest exponent, so its u is far above 1.
@@ -125,9 +135,10 @@ template <typename F> inline F agxEncode(F y) {
     F q(AGX_LOG2[6] * SCALE);
     for (int k = 5; k >= 1; --k) q = madd(q, t, F(AGX_LOG2[k] * SCALE));
     q = madd(q, t, F((AGX_LOG2[0] - 127.f - AGX_MIN_EV) * SCALE));
-    F const u = madd(convertToFloat(bits.shiftRight(23)), F(SCALE), q);
-    return agxSigmoid(min(max(u, F(0.f)), F(1.f)));
+    return madd(convertToFloat(bits.shiftRight(23)), F(SCALE), q);
 }
+
+template <typename F> inline F agxEncode(F y) { return agxSigmoid(min(max(agxLogEncode(y), F(0.f)), F(1.f))); }
 
 /// `power(x)` is x^2.2 for x >= 0 (a fixed-exponent power where one is at hand).
 template <typename F, typename Power> inline void agx(F& r, F& g, F& b, Power const& power) {
