@@ -99,6 +99,7 @@ char const* kindName(StepKind kind) {
     case StepKind::Curves: return "curves";
     case StepKind::ToneCurve: return "tone curve";
     case StepKind::Lut: return "lut";
+    case StepKind::PbrOffset: return "pbr neutral offset";
     case StepKind::PbrNeutral: return "pbr neutral";
     case StepKind::Agx: return "agx";
     case StepKind::Callback: return "callback";
@@ -213,9 +214,10 @@ SharedPtr<StaticArray<float, ColorKernels::UNIT_POW_TABLE_SIZE> const> unitPower
 /// Whether a step leaves every finite value within [0, 1].
 bool boundsToUnit(ColorKernels::Step const& s) {
     switch (s.kind) {
-    case StepKind::AcesTone: return s.p[24] >= 0.f && s.p[25] <= 1.f;
+    case StepKind::AcesTone: return s.p[12] >= 0.f && s.p[13] <= 1.f;
     case StepKind::Clamp: return s.p[0] >= 0.f && s.p[1] <= 1.f;
-    case StepKind::PowUnit: return true;
+    case StepKind::PowUnit:
+    case StepKind::PbrNeutral: return true;  // its offset bounded the input first
     default: return false;
     }
 }
@@ -317,27 +319,24 @@ ColorProgram ColorProgram::compile(EntityHolder<IColorMappingOperator> const& la
         }
         folded.push_back(std::move(e));
     }
-    // Matrix, ACES curve, matrix, clamp: one pass (the unfaded ACES transform
-    // with whatever folded into its input matrix).
-    for (std::size_t i = 0; i + 3 < folded.size(); ++i) {
-        auto& a = folded[i];
-        if (!(a.affine && folded[i + 1].step.kind == StepKind::AcesCurve && folded[i + 2].affine &&
-              folded[i + 3].step.kind == StepKind::Clamp))
+    // ACES curve, matrix, clamp: one step (the unfaded ACES transform after
+    // its input matrix, which stays an affine step with whatever folded into it).
+    for (std::size_t i = 0; i + 2 < folded.size(); ++i) {
+        auto& curve = folded[i];
+        if (!(curve.step.kind == StepKind::AcesCurve && !curve.affine && folded[i + 1].affine &&
+              folded[i + 2].step.kind == StepKind::Clamp && !folded[i + 2].affine))
             continue;
         ColorProgramBuilder::Step tone;
         tone.kind = StepKind::AcesTone;
-        for (int m = 0; m < 2; ++m) {
-            Affine const& src = folded[i + 2 * std::size_t(m)].matrix;
-            for (int r = 0; r < 3; ++r) {
-                for (int c = 0; c < 3; ++c) tone.p[12 * m + 3 * r + c] = float(src[r][c]);
-                tone.p[12 * m + 9 + r] = float(src[r][3]);
-            }
+        Affine const& out = folded[i + 1].matrix;
+        for (int r = 0; r < 3; ++r) {
+            for (int c = 0; c < 3; ++c) tone.p[3 * r + c] = float(out[r][c]);
+            tone.p[9 + r] = float(out[r][3]);
         }
-        tone.p[24] = folded[i + 3].step.p[0];
-        tone.p[25] = folded[i + 3].step.p[1];
-        a.affine = false;
-        a.step = tone;
-        folded.erase(folded.begin() + std::ptrdiff_t(i) + 1, folded.begin() + std::ptrdiff_t(i) + 4);
+        tone.p[12] = folded[i + 2].step.p[0];
+        tone.p[13] = folded[i + 2].step.p[1];
+        curve.step = tone;
+        folded.erase(folded.begin() + std::ptrdiff_t(i) + 1, folded.begin() + std::ptrdiff_t(i) + 3);
     }
     for (auto& e : folded) {
         if (!e.affine && e.step.kind == StepKind::Count) continue;  // a clamp a power before it took on
@@ -356,15 +355,16 @@ ColorProgram ColorProgram::compile(EntityHolder<IColorMappingOperator> const& la
         }
         // One positive exponent for all three channels (the display
         // encodings): the power from tables made here.
-        // Whether finite input now gives bounded values: a clamp or the ACES
-        // pass bounds them (its curve input is bounded too), and a power of at
+        // Whether finite input now gives bounded values: a clamp, the ACES
+        // pass (its curve input is bounded too) or PBR Neutral's compression
+        // bounds them, and a power of at
         // most 1 (or any power with a straight segment after a bound) keeps
         // them bounded. Then the result needs no second look.
         bool const afterBound = !program.mSteps.empty() && boundsToUnit(program.mSteps.back().step);
         bool const lowPower = ((e.step.kind == StepKind::Pow || e.step.kind == StepKind::SignedPow) &&
                                std::all_of(e.step.p, e.step.p + 3, [](float x) { return x > 0.f && x <= 1.f; })) ||
                               (e.step.kind == StepKind::PowLinear && afterBound);
-        if (e.step.kind == StepKind::AcesTone ||
+        if (e.step.kind == StepKind::AcesTone || e.step.kind == StepKind::PbrNeutral ||
             (e.step.kind == StepKind::Clamp && std::isfinite(e.step.p[0]) && std::isfinite(e.step.p[1])))
             program.mBoundedResult = true;
         else if (!lowPower)
@@ -412,6 +412,8 @@ ColorProgram ColorProgram::compile(EntityHolder<IColorMappingOperator> const& la
         program.mSteps.push_back(std::move(bound));
     }
     program.mPacked = program.mSteps.size() == 1 && program.mSteps[0].step.packedCallback;
+    // A leading matrix (or the like) is applied as the pixels are read: one pass less.
+    program.mFirstOnLoad = !program.mSteps.empty() && ColorKernels::loadsStep(program.mSteps[0].step.kind);
     return program;
 }
 
@@ -496,7 +498,7 @@ void ColorProgram::mapFloats(float* data, int stride, std::size_t count, Pixel o
         // prefetcher keeps up, and the explicit one made whole frames 12 % slower.
         ColorKernels::Planes const planes{r, g, b, xs, ys, n, (n + lanes - 1) / lanes * lanes};
         float* const src = data + start * std::size_t(stride);
-        bool suspicious = mKernels->load(src, stride, planes);
+        bool suspicious = mKernels->load(src, stride, planes, mFirstOnLoad ? &mSteps[0].step : nullptr);
         if (mNeedsPixel) {
             Pixel p = position(start);
             for (int k = 0; k < planes.padded; ++k) {
@@ -504,7 +506,7 @@ void ColorProgram::mapFloats(float* data, int stride, std::size_t count, Pixel o
                 if (++p.x == origin.x + extent.x) p.x = origin.x, ++p.y;
             }
         }
-        for (auto const& s : mSteps) s.run(s.step, planes);
+        for (std::size_t i = mFirstOnLoad ? 1 : 0; i < mSteps.size(); ++i) mSteps[i].run(mSteps[i].step, planes);
         suspicious = suspicious || (!mBoundedResult && mKernels->anyNonFinite(planes));
         if (suspicious) {
             // Non-finite input or result: the chain itself decides, as it

@@ -104,6 +104,8 @@ private:
     bool mNeedsPixel = false;
     /// The program is one step that maps packed pixels itself.
     bool mPacked = false;
+    /// The kernels' load applies the first step (ColorKernels::loadsStep).
+    bool mFirstOnLoad = false;
     /// Finite input gives finite results (the program ends in a bounding
     /// step): only the input is checked for values the chain must map.
     bool mBoundedResult = false;

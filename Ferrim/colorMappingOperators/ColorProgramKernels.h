@@ -20,7 +20,7 @@ enum class StepKind : int {
     PowLinear,       ///< select(c > p[5], p[3] (p[1] c + p[2])^p[0] + p[4], p[6] c), on |c| with the sign kept when p[7] != 0; the power from PowFixed tables table[0] when set
     PowUnit,         ///< x^e on [0, 1] from the tables of table[0] (UnitPower.h); clamped to [0, 1] first when p[0] != 0, mode p[1] (UNIT_POW_NARROW, UNIT_POW_FLOORED)
     AcesCurve,       ///< the ACES rational curve on each channel
-    AcesTone,        ///< Affine p[0..11], AcesCurve, Affine p[12..23], Clamp p[24..25] in one pass
+    AcesTone,        ///< AcesCurve, Affine p[0..11], Clamp p[12..13] in one step (the input matrix is the affine step before it)
     AcesBlend,       ///< whole ACES output transform faded by p[0]: A in p[1..9], B in p[10..18]
     Reinhard,        ///< max(0, (p[0] c + 1) c / (c + 1))
     Filmic,          ///< H p[0], S p[1]
@@ -31,7 +31,8 @@ enum class StepKind : int {
     Curves,          ///< per channel k: table[k], xMin p[5k], xMax p[5k+1], scale p[5k+2], slopes p[5k+3..4]; size ints[0]
     ToneCurve,       ///< table[0] as Curves' p[0..4], grey p[5], 1/grey p[6], preserve colour p[7] != 0; size ints[0]
     Lut,             ///< see LutStep below
-    PbrNeutral,      ///< Khronos PBR Neutral (DisplayTransformMath.h)
+    PbrOffset,       ///< Khronos PBR Neutral's bound and offset (DisplayTransformMath::pbrNeutralOffset)
+    PbrNeutral,      ///< its highlight compression after PbrOffset (DisplayTransformMath::pbrNeutralCompress)
     Agx,             ///< AgX's log2 encoding and sigmoid on each channel (DisplayTransformMath::agxEncode)
     Callback,        ///< the operator's own single-colour mapping, pixel by pixel
     Count
@@ -96,13 +97,20 @@ struct Table {
     int lanes;
     StepFn steps[int(StepKind::Count)];
     /// Packed pixels of `stride` floats (3: RGB, 4: RGB and alpha) into the
-    /// planes; true when some input channel is not finite.
-    bool (*load)(float const* src, int stride, Planes const& planes);
+    /// planes, through the step `first` when it is not null (the program's
+    /// first step, applied as the pixels are read; see loadsStep); true when
+    /// some input channel is not finite.
+    bool (*load)(float const* src, int stride, Planes const& planes, Step const* first);
     /// The planes back into the pixels; the fourth float of stride 4 is kept.
     void (*store)(Planes const& planes, float* dst, int stride);
     /// True when some plane value is not finite.
     bool (*anyNonFinite)(Planes const& planes);
 };
+
+/// Whether the kernels' load can apply a step of this kind: steps of the
+/// three channels of one pixel with short chains, where the pass of their own
+/// would cost more than the step itself.
+constexpr bool loadsStep(StepKind kind) { return kind == StepKind::Affine || kind == StepKind::PbrOffset; }
 
 /// Null where the build has no such kernels (another processor family).
 /// Each ISA file defines its function with one of the two macros below.

@@ -51,15 +51,18 @@ void scaleStep(Step const& s, Planes const& pl) {
     perChannel(pl, [&](F c, int ch) { return c * k[ch]; });
 }
 
+/// c = m c + offset, m row by row in m[0..8], the offset in m[9..11].
+void affine(F const* m, F& r, F& g, F& b) {
+    F const nr = madd(m[0], r, madd(m[1], g, madd(m[2], b, m[9])));
+    F const ng = madd(m[3], r, madd(m[4], g, madd(m[5], b, m[10])));
+    F const nb = madd(m[6], r, madd(m[7], g, madd(m[8], b, m[11])));
+    r = nr, g = ng, b = nb;
+}
+
 void affineStep(Step const& s, Planes const& pl) {
     F m[12];
     for (int i = 0; i < 12; ++i) m[i] = F(s.p[i]);
-    forEachVector(pl, [&](F& r, F& g, F& b, int) {
-        F const nr = madd(m[0], r, madd(m[1], g, madd(m[2], b, m[9])));
-        F const ng = madd(m[3], r, madd(m[4], g, madd(m[5], b, m[10])));
-        F const nb = madd(m[6], r, madd(m[7], g, madd(m[8], b, m[11])));
-        r = nr, g = ng, b = nb;
-    });
+    forEachVector(pl, [&](F& r, F& g, F& b, int) { affine(m, r, g, b); });
 }
 
 void clampStep(Step const& s, Planes const& pl) {
@@ -168,26 +171,18 @@ void acesCurveStep(Step const&, Planes const& pl) {
     perChannel(pl, [](F c, int) { return acesCurve(c); });
 }
 
-/// The unfaded transform with its input matrix folded with what came before,
-/// in three passes (matrix, curve, matrix and clamp): the processor keeps only
-/// so many operations in flight, and short chains let it overlap more
-/// vectors than one pass with the whole chain did (6 % faster here).
+/// The unfaded transform after its input matrix (the affine step before it,
+/// with whatever folded into it): curve, output matrix and clamp. The curve
+/// has a pass of its own: the processor keeps only so many operations in
+/// flight, and short chains let it overlap more vectors.
 void acesToneStep(Step const& s, Planes const& pl) {
-    F a[12], bm[12];
-    for (int i = 0; i < 12; ++i) a[i] = F(s.p[i]), bm[i] = F(s.p[12 + i]);
-    F const lo(s.p[24]), hi(s.p[25]);
-    forEachVector(pl, [&](F& r, F& g, F& b, int) {
-        F const x = madd(a[0], r, madd(a[1], g, madd(a[2], b, a[9])));
-        F const y = madd(a[3], r, madd(a[4], g, madd(a[5], b, a[10])));
-        F const z = madd(a[6], r, madd(a[7], g, madd(a[8], b, a[11])));
-        r = x, g = y, b = z;
-    });
+    F m[12];
+    for (int i = 0; i < 12; ++i) m[i] = F(s.p[i]);
+    F const lo(s.p[12]), hi(s.p[13]);
     perChannel(pl, [](F c, int) { return acesCurve(c); });
     forEachVector(pl, [&](F& r, F& g, F& b, int) {
-        F const x = r, y = g, z = b;
-        r = clampKeepNaN(madd(bm[0], x, madd(bm[1], y, madd(bm[2], z, bm[9]))), lo, hi);
-        g = clampKeepNaN(madd(bm[3], x, madd(bm[4], y, madd(bm[5], z, bm[10]))), lo, hi);
-        b = clampKeepNaN(madd(bm[6], x, madd(bm[7], y, madd(bm[8], z, bm[11]))), lo, hi);
+        affine(m, r, g, b);
+        r = clampKeepNaN(r, lo, hi), g = clampKeepNaN(g, lo, hi), b = clampKeepNaN(b, lo, hi);
     });
 }
 
@@ -440,9 +435,13 @@ void lutStep(Step const& s, Planes const& pl) {
 
 // ------------------------------------------------------------------ display transforms
 
-// Two passes, for the reason given at agxStep below.
-void pbrNeutralStep(Step const&, Planes const& pl) {
+// Two steps, for the reason given at agxStep below; the first is usually
+// applied as the pixels are loaded.
+void pbrOffsetStep(Step const&, Planes const& pl) {
     forEachVector(pl, [](F& r, F& g, F& b, int) { DisplayTransformMath::pbrNeutralOffset(r, g, b); });
+}
+
+void pbrNeutralStep(Step const&, Planes const& pl) {
     forEachVector(pl, [](F& r, F& g, F& b, int) { DisplayTransformMath::pbrNeutralCompress(r, g, b); });
 }
 
@@ -470,26 +469,41 @@ void callbackStep(Step const& s, Planes const& pl) {
 F nonFiniteProbe(F r, F g, F b) { return madd(r, F(0.f), madd(g, F(0.f), b * F(0.f))); }
 bool isNaNLane(F probe) { return anyLane(isNaN(probe)); }
 
-bool loadPlanes(float const* src, int stride, Planes const& pl) {
+template <typename Transform> bool loadPlanesThrough(float const* src, int stride, Planes const& pl, Transform const& transform) {
     F probe(0.f);
     int i = 0;
     if (stride == 3) {
         for (; i + L <= pl.count; i += L) {
             F r, g, b;
             loadRgbPlanes(src + 3 * i, r, g, b);
-            r.store(pl.r + i), g.store(pl.g + i), b.store(pl.b + i);
             probe = probe + nonFiniteProbe(r, g, b);
+            transform(r, g, b);
+            r.store(pl.r + i), g.store(pl.g + i), b.store(pl.b + i);
         }
     }
+    int const scalarFrom = i;
     for (; i < pl.count; ++i) {
         float const* p = src + std::size_t(stride) * std::size_t(i);
         pl.r[i] = p[0], pl.g[i] = p[1], pl.b[i] = p[2];
     }
     for (int k = pl.count; k < pl.padded; ++k) pl.r[k] = pl.g[k] = pl.b[k] = 0.f;
     // The scalar remainder (and stride 4) are probed here as whole vectors.
-    for (int k = (stride == 3 ? (pl.count / L) * L : 0); k < pl.padded; k += L)
-        probe = probe + nonFiniteProbe(F::load(pl.r + k), F::load(pl.g + k), F::load(pl.b + k));
+    for (int k = scalarFrom; k < pl.padded; k += L) {
+        F r = F::load(pl.r + k), g = F::load(pl.g + k), b = F::load(pl.b + k);
+        probe = probe + nonFiniteProbe(r, g, b);
+        transform(r, g, b);
+        r.store(pl.r + k), g.store(pl.g + k), b.store(pl.b + k);
+    }
     return isNaNLane(probe);
+}
+
+bool loadPlanes(float const* src, int stride, Planes const& pl, Step const* first) {
+    if (!first) return loadPlanesThrough(src, stride, pl, [](F&, F&, F&) {});
+    if (first->kind == StepKind::PbrOffset)
+        return loadPlanesThrough(src, stride, pl, [](F& r, F& g, F& b) { DisplayTransformMath::pbrNeutralOffset(r, g, b); });
+    F m[12];
+    for (int k = 0; k < 12; ++k) m[k] = F(first->p[k]);
+    return loadPlanesThrough(src, stride, pl, [&](F& r, F& g, F& b) { affine(m, r, g, b); });
 }
 
 void storePlanes(Planes const& pl, float* dst, int stride) {
@@ -534,6 +548,7 @@ constexpr Table makeTable() {
     set(StepKind::Curves, curvesStep);
     set(StepKind::ToneCurve, toneCurveStep);
     set(StepKind::Lut, lutStep);
+    set(StepKind::PbrOffset, pbrOffsetStep);
     set(StepKind::PbrNeutral, pbrNeutralStep);
     set(StepKind::Agx, agxStep);
     set(StepKind::Callback, callbackStep);

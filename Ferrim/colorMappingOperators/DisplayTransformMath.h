@@ -46,13 +46,10 @@ template <typename F> inline void pbrNeutralOffset(F& r, F& g, F& b) {
 template <typename F> inline void pbrNeutralCompress(F& r, F& g, F& b) {
     F const peak = max(r, max(g, b));
     F const newPeak = F(1.f) - F(PBR_D * PBR_D) / (peak + F(PBR_D - PBR_KS));
-    F const scale = newPeak / peak;
-    // Weight of the blend toward grey at the new peak: 1 - g of the published formula.
-    F const w = F(1.f) - F(1.f) / madd(F(PBR_KD), peak - newPeak, F(1.f));
-    auto compress = [&](F c) {
-        F const s = c * scale;
-        return madd(newPeak - s, w, s);
-    };
+    // The published blend c p_n / p g + p_n (1 - g) with one division less:
+    // p_n (1 + (c - p) g / p). With p at most 2^60, p / g is at most 2^118.
+    F const t = F(1.f) / (peak * madd(F(PBR_KD), peak - newPeak, F(1.f)));
+    auto compress = [&](F c) { return newPeak * madd(c - peak, t, F(1.f)); };
     auto const below = peak < F(PBR_KS);
     r = select(below, r, compress(r));
     g = select(below, g, compress(g));

@@ -44,6 +44,8 @@ Rgb PbrNeutralOperator::unmapImpl(Rgb const& color, Flags<ColorMappingExclude> e
 void PbrNeutralOperator::compileMapping(ColorProgramBuilder& builder) const {
     if (isNeutral()) return;
     ColorProgramBuilder::Step s;
+    s.kind = ColorProgramBuilder::Kind::PbrOffset;
+    builder.append(s);
     s.kind = ColorProgramBuilder::Kind::PbrNeutral;
     builder.append(s);
 }
