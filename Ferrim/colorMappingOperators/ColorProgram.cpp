@@ -10,9 +10,7 @@ namespace {
 
 using ColorKernels::StepKind;
 
-/// Pixels per chunk: three planes of it (3 KiB) and the pixels stay in the
-/// first-level cache while every step passes over them.
-constexpr int CHUNK = 256;
+constexpr int CHUNK = ColorKernels::CHUNK_PIXELS;
 
 ColorKernels::Table const* kernelsFor(WideIsa isa) {
     switch (isa) {
@@ -494,8 +492,6 @@ void ColorProgram::mapFloats(float* data, int stride, std::size_t count, Pixel o
     };
     for (std::size_t start = 0; start < count; start += CHUNK) {
         int const n = int(std::min<std::size_t>(CHUNK, count - start));
-        // No software prefetch of the next chunk: the processor's own stream
-        // prefetcher keeps up, and the explicit one made whole frames 12 % slower.
         ColorKernels::Planes const planes{r, g, b, xs, ys, n, (n + lanes - 1) / lanes * lanes};
         float* const src = data + start * std::size_t(stride);
         bool suspicious = mKernels->load(src, stride, planes, mFirstOnLoad ? &mSteps[0].step : nullptr);

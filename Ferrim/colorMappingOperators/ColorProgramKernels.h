@@ -78,6 +78,10 @@ struct Step {
     void const* owner = nullptr;
 };
 
+/// Pixels per chunk: three planes of it (3 KiB) and the pixels stay in the
+/// first-level cache while every step passes over them.
+constexpr int CHUNK_PIXELS = 256;
+
 /// One chunk of a bucket as colour planes. Planes hold `padded` floats (the
 /// count rounded up to whole vectors; the padding is finite).
 struct Planes {
