@@ -3,7 +3,8 @@
 // buckets: neutral operators left out, runs of operators that are affine in
 // linear light folded into one matrix, and the remaining steps run one after
 // the other over chunks of the bucket held as colour planes, with the widest
-// vector kernels the processor has (chosen when the program is compiled).
+// vector kernels the processor has (chosen when the program is compiled). A
+// leading matrix (or PBR Neutral's offset) is applied as the chunk is read.
 //
 // Accuracy against the operator-by-operator path (the chain's own `map`):
 // each channel within 2e-6 of the larger of |value|, the input's largest

@@ -99,8 +99,8 @@ TEST(OutOfRange, EveryOperatorAndTheDefaultPipelineMapEveryFloatAsDocumented) {
                 Rgb const back = k.chain->unmap(in, {});
                 for (int ch = 0; ch < 3; ++ch) {
                     ASSERT_FALSE(std::isnan(out[ch]) || std::isnan(back[ch])) << ch;
-                    if (k.output != Output::Unbounded) ASSERT_TRUE(std::isfinite(out[ch])) << ch;
-                    if (k.output == Output::Display) ASSERT_TRUE(out[ch] >= 0.f && out[ch] <= 1.f) << out[ch];
+                    if (k.output != Output::Unbounded) { ASSERT_TRUE(std::isfinite(out[ch])) << ch; }
+                    if (k.output == Output::Display) { ASSERT_TRUE(out[ch] >= 0.f && out[ch] <= 1.f) << out[ch]; }
                 }
                 // A NaN channel reads as 0 in every operator.
                 if (std::isnan(v)) {
@@ -110,7 +110,7 @@ TEST(OutOfRange, EveryOperatorAndTheDefaultPipelineMapEveryFloatAsDocumented) {
                 }
             }
             Rgb const grey = k.chain->map(Rgb(v), Pixel(3, 4));
-            if (k.negativeAsZero && v < 0.f) EXPECT_EQ(grey, atZero);
+            if (k.negativeAsZero && v < 0.f) { EXPECT_EQ(grey, atZero); }
             // Past where the curves saturate, huge values and +inf are their limit.
             if (k.output != Output::Unbounded && v >= 1e19f) {
                 for (int ch = 0; ch < 3; ++ch) EXPECT_TRUE(same(grey[ch], atMax[ch], 1e-6f)) << grey[ch] << " vs " << atMax[ch];
@@ -142,7 +142,7 @@ TEST(OutOfRange, TheWideRangeTestImageMapsToDisplayValuesWithHugeValuesWhite) {
             ++huge;
             ASSERT_EQ(frame[i].rgb(), Rgb(1.f)) << i;
         }
-        if (std::max({in.r, in.g, in.b}) <= 0.f) ASSERT_EQ(frame[i].rgb(), Rgb(0.f)) << i;
+        if (std::max({in.r, in.g, in.b}) <= 0.f) { ASSERT_EQ(frame[i].rgb(), Rgb(0.f)) << i; }
     }
     EXPECT_GT(huge, 1000);
 }
