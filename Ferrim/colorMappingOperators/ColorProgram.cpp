@@ -378,6 +378,15 @@ ColorProgram ColorProgram::compile(EntityHolder<IColorMappingOperator> const& la
         if (oneExponent && (afterBound || beforeClamp)) {
             int mode = 0;
             if (auto unit = unitPowerTables(double(e.step.p[0]), mode)) {
+                // After the ACES pass, whose clamp from 0 never sees NaN (its
+                // curve reads NaN as 0), that clamp raises small values to the
+                // power's floor instead of the power: one step less.
+                auto* before = afterBound ? &program.mSteps.back().step : nullptr;
+                if ((mode & ColorKernels::UNIT_POW_FLOORED) && before && before->kind == StepKind::AcesTone &&
+                    before->p[12] == 0.f) {
+                    before->p[12] = ColorKernels::unitPowFloor(mode);
+                    mode |= ColorKernels::UNIT_POW_RAISED;
+                }
                 e.step.kind = StepKind::PowUnit;
                 e.step.p[1] = float(mode);
                 e.step.p[0] = afterBound ? 0.f : 1.f;

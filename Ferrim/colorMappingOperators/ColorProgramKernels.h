@@ -52,9 +52,14 @@ constexpr int POW_TABLE_SIZE = 48 + 16 * (POW_DEGREE + 1);
 constexpr int UNIT_POW_DEGREE = 3;
 constexpr int UNIT_POW_TABLE_SIZE = 4 * (3 + UNIT_POW_DEGREE + 1);
 constexpr float UNIT_POW_MIN = 1.f / 9223372036854775808.f;  // 2^-63
-/// PowUnit modes (p[1]), bits: the narrow form; tables whose lowest row is 0.
+/// PowUnit modes (p[1]), bits: the narrow form; tables whose lowest row is 0;
+/// with those, input that the step before raised to the floor already
+/// (unitPowFloor), so that the power does not.
 constexpr int UNIT_POW_NARROW = 1;
 constexpr int UNIT_POW_FLOORED = 2;
+constexpr int UNIT_POW_RAISED = 4;
+/// The least input a floored PowUnit step of `mode` reads; below it, 0.
+constexpr float unitPowFloor(int mode) { return (mode & UNIT_POW_NARROW) ? 1.f / 32768.f : UNIT_POW_MIN; }
 
 /// Parameters of a Lut step: 3D table table[0] (size ints[0], four floats an
 /// entry, red fastest), optional 1D shaper table[1] (size ints[1], three floats

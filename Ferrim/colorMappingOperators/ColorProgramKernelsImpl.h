@@ -137,19 +137,30 @@ void powLinearStep(Step const& s, Planes const& pl) {
 }
 
 template <int MODE> void powUnitLoop(UnitPower const& power, bool clamp, Planes const& pl) {
-    F const zero(0.f), one(1.f);
-    if (clamp) perChannel(pl, [&](F c, int) { return power.apply<MODE>(clampKeepNaN(c, zero, one)); });
-    else perChannel(pl, [&](F c, int) { return power.apply<MODE>(c); });
+    F const one(1.f);
+    if (clamp && (MODE & UNIT_POW_FLOORED)) {
+        // Clamped to the floor instead of 0: the power's own floor is this
+        // clamp's (NaN to the floor, as there).
+        F const floor(unitPowFloor(MODE));
+        perChannel(pl, [&](F c, int) { return power.apply<MODE | UNIT_POW_RAISED>(min(max(c, floor), one)); });
+    } else if (clamp) {
+        perChannel(pl, [&](F c, int) { return power.apply<MODE>(clampKeepNaN(c, F(0.f), one)); });
+    } else {
+        perChannel(pl, [&](F c, int) { return power.apply<MODE>(c); });
+    }
 }
 
 void powUnitStep(Step const& s, Planes const& pl) {
     UnitPower const power(s.table[0]);
     bool const clamp = s.p[0] != 0.f;
+    constexpr int N = UNIT_POW_NARROW, FL = UNIT_POW_FLOORED, R = UNIT_POW_RAISED;
     switch (int(s.p[1])) {
     case 0: powUnitLoop<0>(power, clamp, pl); break;
-    case UNIT_POW_NARROW: powUnitLoop<UNIT_POW_NARROW>(power, clamp, pl); break;
-    case UNIT_POW_FLOORED: powUnitLoop<UNIT_POW_FLOORED>(power, clamp, pl); break;
-    default: powUnitLoop<UNIT_POW_NARROW | UNIT_POW_FLOORED>(power, clamp, pl); break;
+    case N: powUnitLoop<N>(power, clamp, pl); break;
+    case FL: powUnitLoop<FL>(power, clamp, pl); break;
+    case N | FL: powUnitLoop<N | FL>(power, clamp, pl); break;
+    case FL | R: powUnitLoop<FL | R>(power, false, pl); break;
+    default: powUnitLoop<N | FL | R>(power, false, pl); break;
     }
 }
 

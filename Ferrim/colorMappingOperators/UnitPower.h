@@ -73,8 +73,9 @@ struct UnitPower {
         using F = Wide::Float;
         using I = Wide::Int;
         constexpr bool NARROW = (MODE & UNIT_POW_NARROW) != 0, FLOORED = (MODE & UNIT_POW_FLOORED) != 0;
-        constexpr float LOWEST = NARROW ? 1.f / 32768.f : UNIT_POW_MIN;
-        F const in = FLOORED ? max(x, F(LOWEST)) : x;  // NaN to the floor as well
+        constexpr bool RAISED = (MODE & UNIT_POW_RAISED) != 0;
+        constexpr float LOWEST = unitPowFloor(MODE);
+        F const in = FLOORED && !RAISED ? max(x, F(LOWEST)) : x;  // NaN to the floor as well
         I const bits = bitsToInt(in);
         I const e = bits.shiftRight(23);
         F const scale = (NARROW ? F(a3) : a(e.shiftRight(4))) * b(e.shiftRight(2)) * c(e);
