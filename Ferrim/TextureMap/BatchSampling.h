@@ -28,6 +28,17 @@ constexpr int MAX_LEVELS = 32;
 /// Levels the eight-lane set-up reads its shapes from registers for (sides up to 32768).
 constexpr int WIDE_MAX_LEVELS = 16;
 
+/// The texel addressing of a wrap mode (no tiling reads as clamped).
+inline Address addressOf(WrapMode mode) {
+    switch (mode) {
+    case WrapMode::NoTiling:
+    case WrapMode::Clamp: return Address::Clamp;
+    case WrapMode::Repeat: return Address::Repeat;
+    case WrapMode::Mirror: return Address::Mirror;
+    }
+    Quelin::Detail::throwStopException("UvMapper", __LINE__);
+}
+
 /// What the lanes of a batch share: the wrap modes, the filtering and the
 /// shapes of the levels.
 struct Setup {

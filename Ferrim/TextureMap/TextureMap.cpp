@@ -239,16 +239,6 @@ float TextureMap::defaultGamma(PixelFormat format) {
 
 namespace {
 
-Address addressOf(WrapMode mode) {
-    switch (mode) {
-    case WrapMode::NoTiling:
-    case WrapMode::Clamp: return Address::Clamp;
-    case WrapMode::Repeat: return Address::Repeat;
-    case WrapMode::Mirror: return Address::Mirror;
-    }
-    Quelin::Detail::throwStopException("UvMapper", __LINE__);
-}
-
 bool isEnvironmentKind(ShadedKind kind) { return kind == ShadedKind::Environment || kind == ShadedKind::Background; }
 
 /// NaN gives 0.
@@ -364,7 +354,7 @@ TextureMap::Evaluator::Evaluator(SharedPtr<ImageTexture const> texture, SharedPt
     if (mUvMapper->getMappingMode() == UvMappingMode::UvChannel && mUvMapper->getTransform() == AffineTm::identity())
         mFootprintChannel = mUvMapper->getChannel();
     WrapMode const wrapU = mUvMapper->getMapping().wrapU, wrapV = mUvMapper->getMapping().wrapV;
-    mUvAddressing = {addressOf(wrapU), addressOf(wrapV)};  // stops on an unknown mode
+    mUvAddressing = {Batch::addressOf(wrapU), Batch::addressOf(wrapV)};  // stops on an unknown mode
     mWrapPair = 4 * int(wrapU) + int(wrapV);
     if (settings.rgbOutput == RgbOutput::Alpha) mColorOutput = ColorOutput::AlphaAsGrey;
     else if (settings.alphaSource == AlphaSource::RgbIntensity) mColorOutput = ColorOutput::AlphaFromMean;

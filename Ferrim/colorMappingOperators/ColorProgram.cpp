@@ -355,9 +355,9 @@ ColorProgram ColorProgram::compile(EntityHolder<IColorMappingOperator> const& la
         // encodings): the power from tables made here.
         // Whether finite input now gives bounded values: a clamp, the ACES
         // pass (its curve input is bounded too) or PBR Neutral's compression
-        // bounds them, and a power of at
-        // most 1 (or any power with a straight segment after a bound) keeps
-        // them bounded. Then the result needs no second look.
+        // bounds them, and a power of at most 1 (or any power with a straight
+        // segment after a bound) keeps them bounded. Then the result needs no
+        // second look.
         bool const afterBound = !program.mSteps.empty() && boundsToUnit(program.mSteps.back().step);
         bool const lowPower = ((e.step.kind == StepKind::Pow || e.step.kind == StepKind::SignedPow) &&
                                std::all_of(e.step.p, e.step.p + 3, [](float x) { return x > 0.f && x <= 1.f; })) ||

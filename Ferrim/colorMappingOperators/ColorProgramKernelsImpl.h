@@ -382,8 +382,8 @@ void lutStep(Step const& s, Planes const& pl) {
     // Indices are kept as the bits of floats.
     alignas(64) float cellOf[CHUNK_PIXELS], fraction[3][CHUNK_PIXELS];
     alignas(64) float cornerOf[4][CHUNK_PIXELS], weightOf[4][CHUNK_PIXELS];
-    forEachVector(pl, [&](F& r, F& g, F& b, int i) {
-        F c[3] = {r, g, b};
+    for (int i = 0; i < pl.padded; i += L) {  // reads the planes only
+        F c[3] = {F::load(pl.r + i), F::load(pl.g + i), F::load(pl.b + i)};
         if (inSrgb)
             for (F& x : c) x = WideMath::powApprox(max(x, zero), encode);
         if (shaper) {
@@ -405,7 +405,7 @@ void lutStep(Step const& s, Planes const& pl) {
         }
         // Entry index in floats; exact in single precision up to 256^3 entries.
         bitsToFloat(truncateToInt(madd(madd(i0[2], nf, i0[1]), nf, i0[0])).shiftLeft(2)).store(cellOf + i);
-    });
+    }
     if (tetrahedral) {
         for (int i = 0; i < pl.padded; i += L) {
             // The tetrahedron along the cell's diagonal: corners 000, the axis

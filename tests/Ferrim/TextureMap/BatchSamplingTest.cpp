@@ -11,6 +11,13 @@
 namespace Quelin::TextureSampling::Batch {
 namespace {
 
+/// Wrap pair 4 u + v (u, v as WrapMode), addressed as the texture map does.
+void setWrapPair(Setup& setup, int pair) {
+    setup.wrapU = WrapMode(pair >> 2);
+    setup.wrapV = WrapMode(pair & 3);
+    setup.addressing = {addressOf(setup.wrapU), addressOf(setup.wrapV)};
+}
+
 // The eight-lane set-up against the lane-by-lane one, field by field and bit
 // for bit, over every pair of wrap modes, both filterings and chains whose
 // levels are odd-sized, with coordinates and footprints on and past every edge.
@@ -39,10 +46,7 @@ TEST(BatchSampling, WideSetUpEqualsScalarSetUpBitForBit) {
         }
         for (int pair = 0; pair < 16; ++pair)
             for (bool filtered : {false, true}) {
-                setup.wrapU = WrapMode(pair >> 2);
-                setup.wrapV = WrapMode(pair & 3);
-                setup.addressing = {setup.wrapU == WrapMode::Repeat ? Address::Repeat : Address::Clamp,
-                                    setup.wrapV == WrapMode::Mirror ? Address::Mirror : Address::Clamp};
+                setWrapPair(setup, pair);
                 setup.filtered = filtered;
                 for (std::size_t first = 0; first + LANES <= points.size(); first += LANES) {
                     Block a, b;
@@ -100,10 +104,7 @@ TEST(BatchSampling, WideFiltersEqualPortableFiltersBitForBit) {
         }
         for (int pair = 0; pair < 16; ++pair)
             for (bool filtered : {false, true}) {
-                setup.wrapU = WrapMode(pair >> 2);
-                setup.wrapV = WrapMode(pair & 3);
-                setup.addressing = {setup.wrapU == WrapMode::Repeat ? Address::Repeat : Address::Clamp,
-                                    setup.wrapV == WrapMode::Repeat ? Address::Repeat : Address::Clamp};
+                setWrapPair(setup, pair);
                 setup.filtered = filtered;
                 setup.topLevel = filtered ? 5 : 0;
                 Filter const wide = selectFilter(F, Conversion::Table8, setup.topLevel + 1);
